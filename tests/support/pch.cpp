@@ -1,0 +1,1 @@
+// Compiled once for its precompiled header.
