@@ -1,0 +1,80 @@
+#pragma once
+
+#include "platform/File.h"
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+// One name in a folder, as readdir gives it.
+struct IOEntry {
+    std::string name;
+    std::uint32_t type = 0; // a DT_ constant of readdir(3); DT_UNKNOWN is resolved with lstat before it is handed out
+};
+
+// Small operations on paths. All throw IOError with the failing call and its path unless they say otherwise.
+namespace IO {
+
+AlignedBuffer allocateAligned(std::size_t bytes);
+
+// Creates a folder and its missing parents (mode 0755); existing ones are fine. A link in the place of a folder that
+// has to be created is not followed.
+void mkdirs(const std::string& path);
+
+// Writes a new file: temporary name in the same folder, fsync, rename that never replaces, fsync of the folder.
+// Throws IOError("create", path, EEXIST) when the name is taken.
+void writeFileNew(const std::string& path, std::string_view bytes);
+// The same, replacing an existing file atomically: a reader and a crash see the old bytes or the new ones.
+void writeFileDurably(const std::string& path, std::string_view bytes);
+
+// Never replaces: throws IOError("rename", to, EEXIST). See design of the fallback in the implementation.
+void renameNoReplace(const std::string& from, const std::string& to);
+void rename(const std::string& from, const std::string& to);
+void unlink(const std::string& path);
+
+// fsync of a folder: names created, renamed or removed in it are on the medium.
+void syncFolder(const std::string& path);
+// syncfs on the file system that holds `path`: all data and names written before it are on the medium.
+// Hold the object from before the first write, so that an error of any file written meanwhile is seen.
+class FileSystemSync {
+public:
+    explicit FileSystemSync(const std::string& folder);
+    ~FileSystemSync();
+    FileSystemSync(const FileSystemSync&) = delete;
+    FileSystemSync& operator=(const FileSystemSync&) = delete;
+    void sync(); // throws IOError("syncfs", …); a failure is final
+
+private:
+    std::string path_;
+    int fd_ = -1;
+};
+
+bool exists(const std::string& path);        // lstat succeeds
+bool isFolder(const std::string& path);      // follows links
+bool isWritable(const std::string& path);    // access(2) W_OK
+FileFacts stat(const std::string& path);     // follows links
+FileFacts lstat(const std::string& path);
+std::string realPath(const std::string& path); // throws IOError("realpath", …)
+
+// Names of a folder in directory order, without "." and "..".
+std::vector<IOEntry> list(const std::string& folder);
+
+// Reads a whole small file; throws IOError("read", path, EFBIG) when it is longer than `limit`.
+std::string readFile(const std::string& path, std::int64_t limit);
+
+// "ext4", "xfs", "btrfs", "exfat", "msdos" (every FAT), "ntfs", … as the mount table says; "?" when unknown.
+std::string filesystemType(const std::string& path);
+
+// Free bytes for an ordinary user, and the size of the file system.
+struct Capacity {
+    std::int64_t total = 0;
+    std::int64_t free = 0;
+};
+Capacity capacity(const std::string& path);
+
+} // namespace IO
+
+} // namespace velmora
