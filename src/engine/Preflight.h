@@ -1,0 +1,56 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "platform/IO.h"
+#include "records/OffloadPlan.h"
+#include "records/SpaceNeed.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+struct OffloadOptions;
+
+// Everything that happens before the first byte moves. Each check refuses with a stable code and one sentence, in a
+// fixed order, and nothing has been created on any disk when one does.
+namespace Preflight {
+
+struct Inputs {
+    std::string source;
+    std::vector<std::string> destRoots;
+    std::optional<std::string> cardName; // none: derived from the source
+    std::optional<std::string> date;     // none: today
+};
+
+// Bytes that the job will add to the card's own, told from the finished scan.
+using ExtraOf = std::function<SpaceExtra(const SourceScan&)>;
+// The capacity of the file system at a path (which need not exist yet); none when it cannot be told. Tests put
+// their own here.
+using FreeSpace = std::function<std::optional<IO::Capacity>(const std::string&)>;
+
+struct Space {
+    std::vector<std::string> warnings;
+    std::vector<SpaceLine> lines;
+};
+
+struct Result {
+    OffloadPlan plan;
+    Space space;
+};
+
+Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra = {},
+               const FreeSpace& freeSpace = {}, const IsCancelled& isCancelled = {});
+
+// The demand of one run: its bytes, and what file systems and this program's records add to them.
+std::int64_t demand(const SourceScan& scan);
+
+// Compares the demand with the free space below every card folder. Throws the first shortage as `noSpace`.
+Space checkSpace(std::int64_t demand, const std::vector<std::string>& cardPaths, const SpaceExtra& extra,
+                 const FreeSpace& freeSpace = {});
+
+} // namespace Preflight
+
+} // namespace velmora

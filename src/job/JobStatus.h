@@ -1,0 +1,64 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "records/ProgressSnapshot.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+// How one job stands: the one record that front ends read. A plain value; `OffloadJob::status()` hands out copies.
+struct JobStatus {
+    // In the order in which a job moves through them, never backwards. The last three are final.
+    enum class Phase {
+        waiting,
+        copying,
+        flushing,
+        verifying,
+        reporting,
+        analyzing,
+        proxies,
+        finishingVerification,
+        done,
+        failed,
+        cancelled,
+    };
+
+    Phase phase = Phase::waiting;
+    std::optional<ProgressSnapshot> copy; // the engine's numbers
+    std::int64_t clipIndex = 0;           // clip now in work, of `clipCount`
+    std::int64_t clipCount = 0;
+    std::string clipName;
+    double clipFraction = 0; // 0 … 1 within the clip
+    std::int64_t proxiesDone = 0;
+    std::int64_t proxiesFailed = 0;
+    bool safeToEject = false;
+    bool safeToFormat = false;
+    std::optional<std::string> warning;
+    std::optional<bool> copySucceeded; // none until the copy stage has ended
+    std::optional<std::string> error;
+    std::optional<PreflightCode> errorCode;
+    std::optional<std::string> note;
+    bool paused = false;                  // a pause is asked for
+    bool pauseHeld = false;               // the job stands
+    std::optional<std::string> pauseStep; // what the job finishes before it stands
+    double pausedTotal = 0;               // seconds
+    bool verifyInProxy = false;
+    std::int64_t verifyDone = 0; // bytes
+    std::int64_t verifyTotal = 0;
+    std::vector<std::int64_t> verifyDoneByDest;
+    std::vector<std::int64_t> verifyTotalByDest;
+    std::int64_t contentWarnings = 0;
+
+    bool isFinished() const noexcept { return isFinished(phase); }
+    static bool isFinished(Phase phase) noexcept { return phase >= Phase::done; }
+};
+
+// "waiting", "copying" …: the name of the case, for scripts.
+std::string_view name(JobStatus::Phase phase) noexcept;
+
+} // namespace velmora
