@@ -33,6 +33,8 @@ if(VELMORA_SANITIZE)
   add_link_options(-fsanitize=${VELMORA_SANITIZE})
 endif()
 
+# What one folder finds, its neighbours and the tests may link.
+set(CMAKE_FIND_PACKAGE_TARGETS_GLOBAL ON)
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 
