@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace velmora {
+
+// Tells whether a read-back can come off the disk. Data that is still in the page cache proves nothing about the disk.
+// No function throws; none has state but `blind`, which is found out once per process. Any thread may call them.
+namespace CacheProbe {
+
+struct Pages {
+    std::int64_t resident = 0;
+    std::int64_t total = 0;
+};
+
+std::optional<Pages> residentPages(const std::string& path); // empty: cannot tell
+bool evict(const std::string& path);                         // true when every stretch of the file was given up
+// Nothing of the file is in memory, if need be after driving it out. False also when that cannot be told.
+bool readsFromDisk(const std::string& path);
+// The system does not show what is in its cache.
+bool blind();
+// Why this card folder cannot be verified by data that an outside program reads; empty: no obstacle. Writes and removes
+// a small file in its _REPORT folder.
+std::optional<std::string> problem(const std::string& cardPath);
+
+} // namespace CacheProbe
+
+} // namespace velmora

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+// Where did a defect arise that shows on several disks? The card is asked again, and these are the words for what it
+// says, and for reads that gave two answers.
+namespace CardVerdict {
+
+// At most so many blocks of a file are described, and at most so often is the card read for it.
+inline constexpr std::size_t maxBlocksPerFile = 3;
+
+// `card` is what the card gives now, absent when it could not be read; `disks` are the hashes that the disks gave.
+std::string_view text(std::optional<std::uint64_t> card, std::uint64_t recorded, const std::set<std::uint64_t>& disks);
+
+// "{file}: block {block} mismatches the same way on {disks} — {verdict}"
+std::string note(std::string_view file, std::int64_t block, std::span<const std::string> disks,
+                 std::string_view verdict);
+// The blocks beyond `maxBlocksPerFile`, in one sentence.
+std::string moreBlocks(std::string_view file, std::size_t count);
+// "Unstable read: …" for blocks that ended matching.
+std::string unstable(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks);
+
+// One block that is wrong on two or more disks.
+struct SharedMismatch {
+    std::int64_t block = 0;
+    std::uint64_t recorded = 0;
+    std::set<std::uint64_t> diskHashes;
+    std::vector<std::string> disks; // display names
+};
+// All notes for one file. `readCard` may be empty: the card is not there.
+std::vector<std::string> notes(std::string_view file, std::span<const SharedMismatch> mismatches,
+                               const std::function<std::optional<std::uint64_t>(std::int64_t block)>& readCard);
+
+} // namespace CardVerdict
+
+} // namespace velmora

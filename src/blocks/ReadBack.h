@@ -1,0 +1,52 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "records/FileState.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// Reads a copied file back from its disk, past the cache, and compares it with what the source gave: the plain way of
+// verifying, right after the copy. One pass computes the digests of the file and of its blocks. When they differ and
+// the blocks of the source are known, the wrong blocks are read once more: a block that is wrong again is named in the
+// failure; a block that is right now is unstable, and the file counts as verified. Not thread-safe: one per disk.
+class ReadBack {
+public:
+    // What the file must be.
+    struct Expected {
+        std::int64_t size = 0;
+        std::optional<std::uint64_t> xxh64;    // of the source
+        std::int64_t blockSize = 0;            // 0 or a list of the wrong length: blocks are not known
+        std::span<const std::uint64_t> blocks; // of the source
+    };
+    struct Hooks {
+        IsCancelled isCancelled;                          // asked before every read
+        std::function<void(std::int64_t bytes)> progress; // after every read
+    };
+    struct Outcome {
+        DestFileResult result;              // verified; failed with its text; written when it was cancelled
+        bool throughCache = false;          // the file could not be driven out of memory before it was read
+        std::vector<std::int64_t> unstable; // blocks that gave two answers and were right the second time
+        std::optional<std::string> xxh128;  // of the bytes that were verified; absent when a block was unstable
+    };
+
+    // Reads in pieces of `buffer`, which is page-aligned, a multiple of 4096 long and outlives this object.
+    explicit ReadBack(std::span<std::byte> buffer);
+
+    // `relative` is joined to `cardPath` with no link followed. Failures are data: "size mismatch: …",
+    // "HASH MISMATCH: …" and "verify: …" stand in the result.
+    Outcome verify(const std::string& cardPath, const std::string& relative, const Expected& expected,
+                   const Hooks& hooks);
+
+private:
+    std::span<std::byte> buffer_;
+};
+
+} // namespace velmora
