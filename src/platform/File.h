@@ -69,6 +69,9 @@ public:
 
 private:
     UncachedReader() = default;
+    std::size_t readOnce(std::byte* to, std::size_t bytes, std::int64_t offset);
+    void becomeBuffered();
+
     std::string path_;
     int fd_ = -1;
     CacheMode mode_ = CacheMode::direct;
@@ -93,7 +96,8 @@ public:
     // multiple of 4096 the memory behind it up to the next multiple is readable and zero: an O_DIRECT tail is written
     // padded and cut with ftruncate. Only the last write of a file may have an unaligned length.
     void writeAt(std::span<const std::byte> bytes, std::int64_t offset);
-    // Pushes the data to the device without flushing the device's own cache (sync_file_range; nothing to do when direct).
+    // Pushes the data to the device without flushing the device's own cache (sync_file_range; nothing to do when
+    // direct).
     void pushToDisk();
     // fsync: data, length and times are on the medium. A failure is final: it must never be retried into a success.
     void flush();
@@ -102,9 +106,15 @@ public:
     void close(); // throws IOError("close", …)
 
 private:
+    bool writeDirect(std::span<const std::byte> bytes, std::int64_t offset);
+    void writeBuffered(std::span<const std::byte> bytes, std::int64_t offset);
+    void writeOutAndDrop(std::int64_t from, std::int64_t to);
+
     std::string path_;
     int fd_ = -1;
     CacheMode mode_ = CacheMode::direct;
+    std::int64_t startedFrom_ = 0; // dropBehind: what lies between these two has been handed to the disk,
+    std::int64_t startedTo_ = 0;   // but nobody has waited for it yet
 };
 
 } // namespace velmora

@@ -30,7 +30,8 @@ void writeFileNew(const std::string& path, std::string_view bytes);
 // The same, replacing an existing file atomically: a reader and a crash see the old bytes or the new ones.
 void writeFileDurably(const std::string& path, std::string_view bytes);
 
-// Never replaces: throws IOError("rename", to, EEXIST). See design of the fallback in the implementation.
+// Never replaces: throws IOError("rename", to, EEXIST). What stands in where the file system
+// has no such call is described in linux/RenameNoReplace.h.
 void renameNoReplace(const std::string& from, const std::string& to);
 void rename(const std::string& from, const std::string& to);
 void unlink(const std::string& path);
@@ -46,16 +47,21 @@ public:
     FileSystemSync(const FileSystemSync&) = delete;
     FileSystemSync& operator=(const FileSystemSync&) = delete;
     void sync(); // throws IOError("syncfs", …); a failure is final
+    // Whether sync() covers the contents of every file on this file system. A FUSE daemon over a folder and a network
+    // server hear of a file's data only through its own fsync: there each file needs UncachedWriter::flush().
+    bool coversEveryFile() const noexcept { return coversEveryFile_; }
 
 private:
     std::string path_;
     int fd_ = -1;
+    bool coversEveryFile_ = true;
+    bool fuse_ = false;
 };
 
-bool exists(const std::string& path);        // lstat succeeds
-bool isFolder(const std::string& path);      // follows links
-bool isWritable(const std::string& path);    // access(2) W_OK
-FileFacts stat(const std::string& path);     // follows links
+bool exists(const std::string& path);     // lstat succeeds
+bool isFolder(const std::string& path);   // follows links
+bool isWritable(const std::string& path); // access(2) W_OK
+FileFacts stat(const std::string& path);  // follows links
 FileFacts lstat(const std::string& path);
 std::string realPath(const std::string& path); // throws IOError("realpath", …)
 
@@ -64,6 +70,8 @@ std::vector<IOEntry> list(const std::string& folder);
 
 // Reads a whole small file; throws IOError("read", path, EFBIG) when it is longer than `limit`.
 std::string readFile(const std::string& path, std::int64_t limit);
+// The same for `root`/`relative`, following no link below `root`; refuses as UncachedReader::beneath does.
+std::string readFileBeneath(const std::string& root, const std::string& relative, std::int64_t limit);
 
 // "ext4", "xfs", "btrfs", "exfat", "msdos" (every FAT), "ntfs", … as the mount table says; "?" when unknown.
 std::string filesystemType(const std::string& path);
