@@ -28,7 +28,7 @@ bool isNetwork(libmnt_fs* fs) {
     if (mnt_fs_is_netfs(fs) != 0)
         return true;
     // libmount does not count what a FUSE daemon fetches from elsewhere.
-    const std::string_view type = text(mnt_fs_get_fstype(fs));
+    const std::string type = text(mnt_fs_get_fstype(fs));
     for (const std::string_view remote : {"fuse.sshfs", "fuse.rclone", "fuse.davfs", "fuse.gvfsd-fuse", "fuse.smbnetfs",
                                           "fuse.s3fs", "fuse.glusterfs", "fuse.ceph-fuse", "davfs", "glusterfs"})
         if (type == remote)
