@@ -1,0 +1,215 @@
+#include "support/FaultDisk.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+// The disk that everything else is judged with has to be judged first.
+
+namespace velmora::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FaultDiskTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = FaultDisk::unavailable())
+            GTEST_SKIP() << *reason;
+    }
+};
+
+std::string read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Writes with plain calls and returns the errno of the first that fails.
+int write(const std::string& path, const std::string& bytes, bool flushed) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return errno;
+    int error = ::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) ? 0 : errno ? errno : -1;
+    if (error == 0 && flushed && fsync(fd) != 0)
+        error = errno;
+    close(fd);
+    return error;
+}
+
+int flushFolder(const std::string& path, int (*flush)(int)) {
+    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int error = flush(fd) == 0 ? 0 : errno;
+    close(fd);
+    return error;
+}
+
+TEST_F(FaultDiskTest, FailsExactlyTheChosenOperation) {
+    FaultDisk disk;
+    disk.fail(EDQUOT, {.ops = "write", .skip = 1, .pattern = "/b*"});
+    EXPECT_EQ(write(disk.root() + "/a", "1", false), 0);
+    EXPECT_EQ(write(disk.root() + "/b1", "2", false), 0);
+    EXPECT_EQ(write(disk.root() + "/b2", "3", false), EDQUOT);
+    EXPECT_EQ(write(disk.root() + "/b3", "4", false), 0);
+    EXPECT_EQ(disk.hits(), 1);
+    EXPECT_EQ(disk.lastHit(), "write /b2");
+    EXPECT_EQ(disk.count("create"), 4);
+    disk.fail(EIO, {.ops = "syncfs"});
+    EXPECT_EQ(flushFolder(disk.root(), syncfs), EIO);
+    EXPECT_EQ(flushFolder(disk.root(), syncfs), 0);
+}
+
+TEST_F(FaultDiskTest, CorruptsFillsUpTurnsReadOnlyAndVanishes) {
+    FaultDisk disk;
+    ASSERT_EQ(write(disk.root() + "/a", "abcd", true), 0);
+    disk.flip({.ops = "read", .pattern = "/a"}, 8);
+    EXPECT_EQ(read(disk.root() + "/a"), "accd");
+    EXPECT_EQ(read(disk.medium() + "/a"), "abcd");
+    disk.clear();
+    disk.fillUp(6);
+    EXPECT_EQ(write(disk.root() + "/b", "1234", false), 0);
+    EXPECT_EQ(write(disk.root() + "/c", "5678", false), -1) << "short write";
+    EXPECT_EQ(write(disk.root() + "/d", "5678", false), ENOSPC);
+    disk.clear();
+    disk.turnReadOnly({.ops = "write"});
+    EXPECT_EQ(write(disk.root() + "/e", "1", false), EROFS);
+    EXPECT_EQ(unlink((disk.root() + "/a").c_str()) == 0 ? 0 : errno, EROFS);
+    EXPECT_EQ(access((disk.root() + "/a").c_str(), F_OK), 0);
+    disk.clear();
+    disk.vanish({.ops = "mkdir"});
+    EXPECT_NE(mkdir((disk.root() + "/f").c_str(), 0755), 0);
+    EXPECT_NE(access((disk.root() + "/a").c_str(), F_OK), 0);
+}
+
+TEST_F(FaultDiskTest, StallsUntilReleased) {
+    FaultDisk disk;
+    disk.stall({.ops = "write"});
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+        write(disk.root() + "/a", "x", false);
+        done = true;
+    });
+    while (disk.hits() == 0)
+        std::this_thread::yield();
+    EXPECT_FALSE(done);
+    disk.clear();
+    writer.join();
+    EXPECT_EQ(read(disk.root() + "/a"), "x");
+}
+
+TEST_F(FaultDiskTest, KillsTheProcessThatReachesTheOperation) {
+    FaultDisk disk;
+    disk.crash({.ops = "write", .skip = 1});
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const char* name : {"/a", "/b", "/c"})
+            write(disk.root() + name, "x", false);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    disk.clear();
+    EXPECT_EQ(read(disk.root() + "/a"), "x");
+    EXPECT_EQ(read(disk.root() + "/b"), "");
+    EXPECT_FALSE(fs::exists(disk.root() + "/c"));
+}
+
+// What a cut may leave of five histories of one file. Over many seeds every outcome listed must come up, and no other.
+TEST_F(FaultDiskTest, PowerCutTakesBackOnlyWhatWasNotFlushed) {
+    const std::string data(4096, 'd');
+    enum Flush { none, file, fileAndFolder, everything, failedThenGood };
+    struct Case {
+        Flush flush;
+        bool mayVanish, mayBeWrong;
+    };
+    for (const auto& [flush, mayVanish, mayBeWrong] : std::initializer_list<Case>{{none, true, true},
+                                                                                 {file, true, false},
+                                                                                 {fileAndFolder, false, false},
+                                                                                 {everything, false, false},
+                                                                                 {failedThenGood, false, true}}) {
+        bool vanished = false, wrong = false, right = false;
+        for (std::uint64_t seed = 0; seed < 24; ++seed) {
+            FaultDisk disk;
+            if (flush == failedThenGood)
+                disk.fail(EIO, {.ops = "fsync"});
+            EXPECT_EQ(write(disk.root() + "/.part", data, flush == file || flush == fileAndFolder || flush == failedThenGood),
+                      flush == failedThenGood ? EIO : 0);
+            ASSERT_EQ(rename((disk.root() + "/.part").c_str(), (disk.root() + "/final").c_str()), 0);
+            if (flush == fileAndFolder)
+                flushFolder(disk.root(), fsync);
+            if (flush == everything || flush == failedThenGood)
+                flushFolder(disk.root(), syncfs);
+            disk.cutPower(seed);
+            const bool there = fs::exists(disk.medium() + "/final");
+            EXPECT_FALSE(there && fs::exists(disk.medium() + "/.part"));
+            vanished |= !there;
+            wrong |= there && read(disk.medium() + "/final") != data;
+            right |= there && read(disk.medium() + "/final") == data;
+        }
+        EXPECT_EQ(vanished, mayVanish) << flush;
+        EXPECT_EQ(wrong, mayBeWrong) << flush;
+        EXPECT_EQ(right, flush != failedThenGood) << flush;
+    }
+}
+
+TEST_F(FaultDiskTest, PowerCutBringsBackWhatWasRemovedOrReplaced) {
+    std::set<std::string> seen;
+    for (std::uint64_t seed = 0; seed < 24; ++seed) {
+        FaultDisk disk;
+        for (const char* name : {"/old", "/gone", "/new"})
+            ASSERT_EQ(write(disk.root() + name, name, true), 0);
+        ASSERT_EQ(flushFolder(disk.root(), fsync), 0);
+        ASSERT_EQ(unlink((disk.root() + "/gone").c_str()), 0);
+        ASSERT_EQ(rename((disk.root() + "/new").c_str(), (disk.root() + "/old").c_str()), 0);
+        disk.cutPower(seed);
+        EXPECT_EQ(fs::exists(disk.medium() + "/new"), read(disk.medium() + "/old") == "/old");
+        seen.insert(read(disk.medium() + "/gone") + read(disk.medium() + "/old"));
+    }
+    EXPECT_EQ(seen, (std::set<std::string>{"/gone/old", "/gone/new", "/old", "/new"}));
+}
+
+TEST_F(FaultDiskTest, LeavesNoMountWhenItsServerIsKilledOrItsUserDies) {
+    const auto mounts = [] {
+        const auto table = read("/proc/self/mountinfo");
+        int count = 0;
+        for (std::size_t at = 0; (at = table.find("fuseblk", at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    };
+    const int before = mounts();
+    const pid_t user = fork();
+    if (user == 0) {
+        FaultDisk disk;
+        kill(getpid(), SIGKILL);
+    }
+    waitpid(user, nullptr, 0);
+    for (int i = 0; i < 200 && mounts() != before; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(mounts(), before);
+}
+
+TEST(PowerCutDisk, KeepsWhatWasFlushedAndLosesSomethingElse) {
+    if (const auto reason = PowerCutDisk::unavailable())
+        GTEST_SKIP() << *reason;
+    bool lost = false;
+    for (std::uint64_t seed = 1; seed <= 4; ++seed) {
+        PowerCutDisk disk(64 << 20);
+        ASSERT_EQ(write(disk.root() + "/flushed", std::string(300'000, 'f'), true), 0);
+        ASSERT_EQ(flushFolder(disk.root(), fsync), 0);
+        ASSERT_EQ(write(disk.root() + "/loose", std::string(300'000, 'l'), false), 0);
+        const auto said = disk.cutPowerAndRestart(seed);
+        EXPECT_EQ(read(disk.root() + "/flushed"), std::string(300'000, 'f')) << said;
+        lost |= read(disk.root() + "/loose") != std::string(300'000, 'l');
+    }
+    EXPECT_TRUE(lost);
+}
+
+} // namespace
+} // namespace velmora::test
