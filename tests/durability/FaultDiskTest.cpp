@@ -33,6 +33,7 @@ std::string read(const std::string& path) {
 
 // Writes with plain calls and returns the errno of the first that fails.
 int write(const std::string& path, const std::string& bytes, bool flushed) {
+    errno = 0;
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0)
         return errno;
@@ -130,17 +131,18 @@ TEST_F(FaultDiskTest, PowerCutTakesBackOnlyWhatWasNotFlushed) {
         bool mayVanish, mayBeWrong;
     };
     for (const auto& [flush, mayVanish, mayBeWrong] : std::initializer_list<Case>{{none, true, true},
-                                                                                 {file, true, false},
-                                                                                 {fileAndFolder, false, false},
-                                                                                 {everything, false, false},
-                                                                                 {failedThenGood, false, true}}) {
+                                                                                  {file, true, false},
+                                                                                  {fileAndFolder, false, false},
+                                                                                  {everything, false, false},
+                                                                                  {failedThenGood, false, true}}) {
         bool vanished = false, wrong = false, right = false;
         for (std::uint64_t seed = 0; seed < 24; ++seed) {
             FaultDisk disk;
             if (flush == failedThenGood)
                 disk.fail(EIO, {.ops = "fsync"});
-            EXPECT_EQ(write(disk.root() + "/.part", data, flush == file || flush == fileAndFolder || flush == failedThenGood),
-                      flush == failedThenGood ? EIO : 0);
+            EXPECT_EQ(
+                write(disk.root() + "/.part", data, flush == file || flush == fileAndFolder || flush == failedThenGood),
+                flush == failedThenGood ? EIO : 0);
             ASSERT_EQ(rename((disk.root() + "/.part").c_str(), (disk.root() + "/final").c_str()), 0);
             if (flush == fileAndFolder)
                 flushFolder(disk.root(), fsync);

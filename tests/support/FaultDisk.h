@@ -8,8 +8,8 @@
 
 namespace velmora::test {
 
-// A mounted file system over a folder that fails on demand and whose power can be cut. One process of its own serves it;
-// the destructor unmounts, and so does the process when the test dies.
+// A mounted file system over a folder that fails on demand and whose power can be cut. One process of its own serves
+// it; the destructor unmounts, and so does the process when the test dies.
 //
 //     FaultDisk disk;
 //     disk.fail(EIO, {.ops = "write", .skip = 2, .pattern = "*/A001.MOV"});   // the third write
@@ -56,8 +56,8 @@ public:
     std::string lastHit(); // "rename /card/.a.offload-part"
 
     // The power goes: of the changes that were never flushed, some land, some vanish, some turn to garbage. The disk
-    // is unmounted afterwards; medium() holds what a later mount would find. Returns what was done, for the message of a
-    // failing test.
+    // is unmounted afterwards; medium() holds what a later mount would find. Returns what was done, for the message of
+    // a failing test.
     std::string cutPower(std::uint64_t seed, unsigned garbagePercent = 20);
     void unmount();
 

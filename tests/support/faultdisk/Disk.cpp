@@ -19,25 +19,17 @@ struct Handle {
     std::string path; // under which it was opened
 };
 
-Disk& disk() {
-    return *static_cast<Disk*>(fuse_get_context()->private_data);
-}
+Disk& disk() { return *static_cast<Disk*>(fuse_get_context()->private_data); }
 
-Handle& handleOf(fuse_file_info* info) {
-    return *reinterpret_cast<Handle*>(info->fh);
-}
+Handle& handleOf(fuse_file_info* info) { return *reinterpret_cast<Handle*>(info->fh); }
 
-const char* relative(const char* path) {
-    return path[1] == '\0' ? "." : path + 1;
-}
+const char* relative(const char* path) { return path[1] == '\0' ? "." : path + 1; }
 
 Verdict judge(Op op, const std::string& path, std::size_t bytes = 0) {
     return disk().rules.judge(op, path, bytes, fuse_get_context()->pid);
 }
 
-int answer(int result) {
-    return result >= 0 ? 0 : -errno;
-}
+int answer(int result) { return result >= 0 ? 0 : -errno; }
 
 // The folder that holds the last component of a path.
 struct Parent {
@@ -59,7 +51,8 @@ struct Parent {
 };
 
 // Runs a change of names in one folder and tells the power model.
-template <class Change> int makeName(Op op, const char* path, Change change) {
+template <class Change>
+int makeName(Op op, const char* path, Change change) {
     if (const auto verdict = judge(op, path); verdict.error != 0)
         return -verdict.error;
     const Parent parent(path);
@@ -108,13 +101,9 @@ int opLink(const char* from, const char* path) {
                     [&](int at, const char* name) { return linkat(disk().tree, relative(from), at, name, 0); });
 }
 
-int opUnlink(const char* path) {
-    return removeName(Op::unlink, path);
-}
+int opUnlink(const char* path) { return removeName(Op::unlink, path); }
 
-int opRmdir(const char* path) {
-    return removeName(Op::rmdir, path);
-}
+int opRmdir(const char* path) { return removeName(Op::rmdir, path); }
 
 int opRename(const char* from, const char* to, unsigned flags) {
     if (const auto verdict = judge(Op::rename, from); verdict.error != 0)
@@ -217,9 +206,7 @@ int opStatfs(const char*, struct statvfs* facts) {
     return verdict.error != 0 ? -verdict.error : answer(fstatvfs(disk().tree, facts));
 }
 
-int opFlush(const char*, fuse_file_info* info) {
-    return -judge(Op::close, handleOf(info).path).error;
-}
+int opFlush(const char*, fuse_file_info* info) { return -judge(Op::close, handleOf(info).path).error; }
 
 int opRelease(const char*, fuse_file_info* info) {
     close(handleOf(info).fd);

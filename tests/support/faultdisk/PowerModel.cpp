@@ -23,9 +23,7 @@ constexpr std::int64_t sector = 512;
 
 } // namespace
 
-PowerModel::Descriptor::~Descriptor() {
-    close(fd);
-}
+PowerModel::Descriptor::~Descriptor() { close(fd); }
 
 PowerModel::File& PowerModel::fileOf(int fd) {
     auto& file = files_[statOf(fd).st_ino];
@@ -244,7 +242,7 @@ void PowerModel::takeBack(File& file, std::mt19937_64& random, unsigned garbage,
                 std::vector<char> bytes(static_cast<std::size_t>(run), 0);
                 for (std::int64_t i = 0; i < run; ++i) {
                     const auto index = static_cast<std::size_t>(at + i);
-                    bytes[static_cast<std::size_t>(i)] = !vanishes ? static_cast<char>(random())
+                    bytes[static_cast<std::size_t>(i)] = !vanishes                      ? static_cast<char>(random())
                                                          : index < piece->before.size() ? piece->before[index]
                                                                                         : '\0';
                 }

@@ -15,8 +15,8 @@ namespace velmora::faultdisk {
 //
 // The promise is no stronger than POSIX: fsync of a file keeps its data and length, fsync of a folder keeps the names
 // created, renamed and removed in that folder, syncfs keeps everything. In particular fsync of a new file does not keep
-// its name. A flush that was answered with an error keeps nothing, and no later flush brings those bytes back: the kernel
-// has dropped them from its list of dirty pages.
+// its name. A flush that was answered with an error keeps nothing, and no later flush brings those bytes back: the
+// kernel has dropped them from its list of dirty pages.
 //
 // Removed files wait in a second folder (the grave) until the removal is flushed. Not thread-safe.
 class PowerModel {

@@ -13,21 +13,18 @@ namespace velmora::faultdisk {
 namespace {
 
 constexpr std::array<std::string_view, static_cast<std::size_t>(Op::count)> names{
-    "lookup", "open",   "read",   "readdir", "readlink", "statfs", "close",    "create", "write", "truncate", "mkdir",
-    "rmdir",  "unlink", "rename", "link",    "symlink",  "fsync",  "fsyncdir", "syncfs", "chmod", "utimens",  "fallocate"};
+    "lookup", "open",     "read",   "readdir", "readlink", "statfs",   "close", "create",
+    "write",  "truncate", "mkdir",  "rmdir",   "unlink",   "rename",   "link",  "symlink",
+    "fsync",  "fsyncdir", "syncfs", "chmod",   "utimens",  "fallocate"};
 
-constexpr OpSet bit(Op op) {
-    return OpSet{1} << static_cast<unsigned>(op);
-}
+constexpr OpSet bit(Op op) { return OpSet{1} << static_cast<unsigned>(op); }
 
 constexpr OpSet any = bit(Op::count) - 1;
 constexpr OpSet change = (bit(Op::syncfs) << 1) - bit(Op::create);
 
 } // namespace
 
-std::string_view opName(Op op) {
-    return names.at(static_cast<std::size_t>(op));
-}
+std::string_view opName(Op op) { return names.at(static_cast<std::size_t>(op)); }
 
 OpSet parseOps(std::string_view words) {
     OpSet set = 0;
@@ -95,7 +92,8 @@ void RuleBook::apply(Rule& rule, Op op, std::size_t bytes, pid_t caller, Verdict
     } else if (rule.action == "readonly" || rule.action == "vanish") {
         // From this operation on, whatever its path: the rule turns into a plain one that always strikes.
         const auto error = rule.arg;
-        const auto ops = rule.action == "readonly" ? change | bit(Op::chmod) | bit(Op::utimens) | bit(Op::fallocate) : any;
+        const auto ops =
+            rule.action == "readonly" ? change | bit(Op::chmod) | bit(Op::utimens) | bit(Op::fallocate) : any;
         rule = {.action = "fail", .arg = error, .ops = ops, .pattern = "*"};
         verdict.error = static_cast<int>(error);
     } else if (rule.action == "short") {

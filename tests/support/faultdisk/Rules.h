@@ -13,9 +13,28 @@ namespace velmora::faultdisk {
 
 // What a caller can ask of the disk. "change" in a rule stands for every operation that alters the disk or flushes it.
 enum class Op : unsigned {
-    lookup, open, read, readdir, readlink, statfs, close, // look only
-    create, write, truncate, mkdir, rmdir, unlink, rename, link, symlink, fsync, fsyncdir, syncfs, // change
-    chmod, utimens, fallocate, // change too, but programs may shrug at a refusal
+    lookup,
+    open,
+    read,
+    readdir,
+    readlink,
+    statfs,
+    close, // look only
+    create,
+    write,
+    truncate,
+    mkdir,
+    rmdir,
+    unlink,
+    rename,
+    link,
+    symlink,
+    fsync,
+    fsyncdir,
+    syncfs, // change
+    chmod,
+    utimens,
+    fallocate, // change too, but programs may shrug at a refusal
     count
 };
 
@@ -35,10 +54,10 @@ struct Verdict {
 class RuleBook {
 public:
     // "ACTION ARG OPS SKIP TIMES PATTERN": lets SKIP matching operations pass, then strikes TIMES times (0: for ever).
-    // ACTION: fail (ARG errno), short (bytes kept), delay (ms), flip (bit, -1: one in the middle), full (bytes that still
-    // fit), stall (until the rules are cleared), crash (SIGKILL to the caller, EIO for everybody from then on), readonly
-    // (ARG errno for every change from then on), vanish (ARG errno for everything from then on).
-    // PATTERN: a glob over the path below the mount point, which may hold blanks.
+    // ACTION: fail (ARG errno), short (bytes kept), delay (ms), flip (bit, -1: one in the middle), full (bytes that
+    // still fit), stall (until the rules are cleared), crash (SIGKILL to the caller, EIO for everybody from then on),
+    // readonly (ARG errno for every change from then on), vanish (ARG errno for everything from then on). PATTERN: a
+    // glob over the path below the mount point, which may hold blanks.
     void add(const std::string& line);
     // Forgets all rules and lets stalled operations go on.
     void clear();

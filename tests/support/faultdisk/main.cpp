@@ -1,12 +1,12 @@
 // velmora_fault_disk BACKING MOUNT [--no-power]
 //
-// Shows BACKING/tree at MOUNT and puts faults in. Commands come on standard input, one a line, each answered by one line
-// on standard output ("ok …" or "error …"):
+// Shows BACKING/tree at MOUNT and puts faults in. Commands come on standard input, one a line, each answered by one
+// line on standard output ("ok …" or "error …"):
 //   rule ACTION ARG OPS SKIP TIMES PATTERN    see Rules.h
 //   clear | count OPS | hits | last
 //   cut SEED GARBAGE                          the power goes: unflushed changes are taken back, the disk answers EIO
-// The end of standard input unmounts and ends the program, so no test can leave a mount behind; if the program itself is
-// killed, a watcher process unmounts.
+// The end of standard input unmounts and ends the program, so no test can leave a mount behind; if the program itself
+// is killed, a watcher process unmounts.
 //
 // --no-power does not remember what is unflushed, for big data.
 
@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <fuse.h>
 #include <fuse_lowlevel.h>
 #include <iostream>
@@ -36,8 +37,8 @@ namespace {
 
 using namespace velmora::faultdisk;
 
-// A small block device for the mount to name as its own: only file systems of type "fuseblk" are told of syncfs. It goes
-// away with the mount. An empty answer means that the machine has no loop devices.
+// A small block device for the mount to name as its own: only file systems of type "fuseblk" are told of syncfs. It
+// goes away with the mount. An empty answer means that the machine has no loop devices.
 std::string blockDevice(const std::string& backing, int& device) {
     const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
     const std::string path = backing + "/device";
@@ -61,26 +62,33 @@ std::string blockDevice(const std::string& backing, int& device) {
     return name;
 }
 
-// A process of its own that unmounts when this one dies without a word. Returns the end to write the word to.
-int startWatcher(const std::string& mountPoint) {
+// A process of its own that unmounts when this one dies without a word. Gives the end to write the word to.
+pid_t startWatcher(const std::string& mountPoint, int& word) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         return -1;
-    if (const pid_t child = fork(); child != 0) {
-        waitpid(child, nullptr, 0);
+    const pid_t child = fork();
+    if (child != 0) {
         close(ends[0]);
-        return ends[1];
+        word = ends[1];
+        return child;
     }
     setsid();
-    if (fork() != 0)
-        _exit(0);
     close(ends[1]);
     for (int fd : {STDIN_FILENO, STDOUT_FILENO})
         close(fd);
-    char word = 0;
-    if (read(ends[0], &word, 1) == 0)
+    char said = 0;
+    if (read(ends[0], &said, 1) == 0)
         umount2(mountPoint.c_str(), MNT_DETACH);
     _exit(0);
+}
+
+// A test runner that kills a whole tree of processes kills the watcher too: what it left is dead, and cleared here.
+void unmountTheDead() {
+    std::ifstream table("/proc/self/mounts");
+    for (std::string device, path, rest; table >> device >> path && std::getline(table, rest);)
+        if (path.find("/velmora-disk-") != std::string::npos && access(path.c_str(), F_OK) != 0 && errno == ENOTCONN)
+            umount2(path.c_str(), MNT_DETACH);
 }
 
 void serve(fuse_session* session, Disk& disk) {
@@ -93,7 +101,8 @@ void serve(fuse_session* session, Disk& disk) {
             break;
         const auto* header = static_cast<const fuse_in_header*>(buffer.mem);
         if (header->opcode == FUSE_SYNCFS) { // libfuse 3.14 does not know it
-            fuse_out_header reply = {sizeof reply, disk.syncFileSystem(static_cast<pid_t>(header->pid)), header->unique};
+            fuse_out_header reply = {sizeof reply, disk.syncFileSystem(static_cast<pid_t>(header->pid)),
+                                     header->unique};
             std::ignore = write(fuse_session_fd(session), &reply, sizeof reply);
             continue;
         }
@@ -149,6 +158,7 @@ int main(int argc, char** argv) {
     const std::string backing = argv[1], mountPoint = argv[2];
     umask(0);
     raiseDescriptorLimit();
+    unmountTheDead();
     for (const char* name : {"/tree", "/grave"})
         mkdir((backing + name).c_str(), 0755);
     Disk disk(open((backing + "/tree").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC),
@@ -158,9 +168,9 @@ int main(int argc, char** argv) {
     int device = -1;
     const std::string block = blockDevice(backing, device);
     fuse_args args = FUSE_ARGS_INIT(0, nullptr);
-    const std::string options = "-oallow_other,default_permissions" +
-                                (block.empty() ? std::string(",fsname=faultdisk")
-                                               : ",blkdev,blksize=4096,fsname=" + block);
+    const std::string options =
+        "-oallow_other,default_permissions" +
+        (block.empty() ? std::string(",fsname=faultdisk") : ",blkdev,blksize=4096,fsname=" + block);
     fuse_opt_add_arg(&args, "velmora_fault_disk");
     fuse_opt_add_arg(&args, options.c_str());
     fuse* instance = fuse_new(&args, &operations(), sizeof(fuse_operations), &disk);
@@ -170,7 +180,8 @@ int main(int argc, char** argv) {
     }
     if (device >= 0)
         close(device); // the mount holds it now
-    const int word = startWatcher(mountPoint);
+    int word = -1;
+    const pid_t watcher = startWatcher(mountPoint, word);
     for (int i = 0; i < 16; ++i) // more than a stalled test can block
         std::thread([&] { serve(fuse_get_session(instance), disk); }).detach();
     std::cout << (block.empty() ? "ok without syncfs" : "ok") << std::endl;
@@ -186,5 +197,6 @@ int main(int argc, char** argv) {
     disk.rules.clear();
     umount2(mountPoint.c_str(), MNT_DETACH);
     std::ignore = write(word, "q", 1);
+    waitpid(watcher, nullptr, 0);
     _exit(0);
 }
