@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+namespace velmora {
+
+// Where the time of a copy went, in seconds of the clock on the wall, from the first file to the end of the last.
+struct CopyTimes {
+    struct Destination {
+        double writing = 0; // in calls that write
+        double idle = 0;    // its queue had nothing to do …
+        // … although the source could have been read: it was waiting for a buffer, for the hasher or for a processor,
+        // not for the card. This is what a better engine could win.
+        double idleNeedlessly = 0;
+    };
+
+    double wall = 0;
+    double readingSource = 0;
+    double waitingForBuffers = 0;
+    std::vector<Destination> destinations;
+
+    // The destination that was written to for the longest time; everything else should wait for it or for the card.
+    std::size_t slowest() const noexcept {
+        std::size_t at = 0;
+        for (std::size_t d = 1; d < destinations.size(); ++d)
+            if (destinations[d].writing > destinations[at].writing)
+                at = d;
+        return at;
+    }
+    // Share of the wall time in which the slowest destination stood idle needlessly.
+    double idleShare() const noexcept {
+        return destinations.empty() || wall <= 0 ? 0 : destinations[slowest()].idleNeedlessly / wall;
+    }
+};
+
+} // namespace velmora

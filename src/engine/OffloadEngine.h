@@ -1,0 +1,110 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "base/Mutex.h"
+#include "base/PauseGate.h"
+#include "engine/CopyTimes.h"
+#include "engine/OffloadOptions.h"
+#include "engine/Preflight.h"
+#include "records/ProgressSnapshot.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+class CopyRun;
+class RunRecorder;
+struct OffloadPlan;
+struct OffloadReport;
+
+// Copies one card: reads every file once, writes it to all destinations at the same time, makes the copies durable,
+// reads them back, and has the result recorded. A destination that fails loses its own files and nothing else.
+//
+// One engine makes one run. `run` works on the caller's thread; everything else may be called from any thread.
+class OffloadEngine {
+public:
+    explicit OffloadEngine(OffloadOptions options, Log log = {});
+    ~OffloadEngine();
+    OffloadEngine(const OffloadEngine&) = delete;
+    OffloadEngine& operator=(const OffloadEngine&) = delete;
+
+    // Before `run` only.
+    OffloadOptions& options() noexcept { return options_; }
+    // Called after the copy is durable and before provisional reports are written; may throw to end the run.
+    void setBeforePendingReports(std::function<void()> hook) { beforePendingReports_ = std::move(hook); }
+    // Called ahead of the rename that makes a file final: destination and file by index, the final path. A repair moves
+    // the defective copy aside here. What it throws fails the file on that destination.
+    using BeforeRename = std::function<void(std::size_t destination, std::size_t file, const std::string& finalPath)>;
+    void setBeforeRename(BeforeRename hook) { beforeRename_ = std::move(hook); }
+
+    // All checks, nothing created; throws OffloadError. Keeps spaceWarnings and spaceLines.
+    OffloadPlan prepare(const Preflight::Inputs& inputs, const Preflight::ExtraOf& extra = {},
+                        const Preflight::FreeSpace& freeSpace = {});
+
+    // Does what the plan says and returns the report that was recorded. Files that failed are data in it; so is a
+    // cancel (`isCancelled`, the files that were not copied are "cancelled"). A full copy claims its card folder on all
+    // destinations at once; when another run was faster it takes the next free name, and `plan()` and the report say
+    // which. Throws when nothing could be done at all (no destination can be written), SimulatedCrash, and what
+    // beforePendingReports throws.
+    OffloadReport run(OffloadPlan plan, RunRecorder& recorder);
+
+    void cancel();
+    bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_relaxed); }
+    PauseGate& pauses() noexcept { return pauses_; }
+    const PauseGate& pauses() const noexcept { return pauses_; }
+    // `totalBytes` counts what this run has to read: what an interrupted run has already settled is left out.
+    ProgressSnapshot snapshot() const EXCLUDES(mutex_);
+
+    // The plan as it runs, from the claim of the card folders on.
+    std::shared_ptr<const OffloadPlan> plan() const EXCLUDES(mutex_);
+    // The card in the reader was swapped or removed during a pause.
+    bool cardChanged() const noexcept { return cardChanged_.load(); }
+    const std::vector<std::string>& spaceWarnings() const noexcept { return space_.warnings; }
+    const std::vector<SpaceLine>& spaceLines() const noexcept { return space_.lines; }
+
+    // After `run`:
+    // Block hashes of the source, parallel to the report's files; empty where a file could not be read.
+    const std::vector<std::vector<std::uint64_t>>& fileBlocks() const noexcept { return fileBlocks_; }
+    // Bytes a second that each destination took while it was written; 0 when nothing was.
+    const std::vector<double>& writeRates() const noexcept { return writeRates_; }
+    const std::optional<std::string>& cardAtStart() const noexcept { return cardAtStart_; }
+    std::int64_t resumedBytes() const noexcept { return resumedBytes_; } // taken over from part files
+    const CopyTimes& copyTimes() const noexcept { return copyTimes_; }
+    // Why the record of the run does not stand in a card folder ("Could not write the report: …"), one a folder. The
+    // report that `run` returned then has `verifyIncomplete` set, and the card is not safe to format.
+    const std::vector<std::string>& reportProblems() const noexcept { return reportProblems_; }
+
+private:
+    friend class CopyRun;
+    void setPhase(ProgressSnapshot::Phase phase) EXCLUDES(mutex_);
+
+    OffloadOptions options_;
+    const Log log_;
+    std::function<void()> beforePendingReports_;
+    BeforeRename beforeRename_;
+    PauseGate pauses_;
+    std::atomic<bool> cancelled_{false};
+    std::atomic<bool> cardChanged_{false};
+    Preflight::Space space_;
+
+    mutable Mutex mutex_;
+    ProgressSnapshot::Phase phase_ GUARDED_BY(mutex_) = ProgressSnapshot::Phase::copy;
+    ProgressSnapshot last_ GUARDED_BY(mutex_); // of the run that has ended
+    std::shared_ptr<const OffloadPlan> plan_ GUARDED_BY(mutex_);
+    CopyRun* running_ GUARDED_BY(mutex_) = nullptr;
+
+    std::vector<std::vector<std::uint64_t>> fileBlocks_;
+    std::vector<double> writeRates_;
+    std::optional<std::string> cardAtStart_;
+    std::int64_t resumedBytes_ = 0;
+    CopyTimes copyTimes_;
+    std::vector<std::string> reportProblems_;
+};
+
+} // namespace velmora
