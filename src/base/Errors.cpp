@@ -1,0 +1,74 @@
+#include "base/Errors.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace velmora {
+
+namespace {
+
+// In the order of the enumeration.
+constexpr std::array<std::string_view, 32> preflightNames{
+    "other",
+    "chunkSize",
+    "bufferCount",
+    "date",
+    "sourceNotFound",
+    "noDestination",
+    "duplicateDestination",
+    "sourceIsOffload",
+    "sourceUnreadable",
+    "destinationNotFound",
+    "destinationNotWritable",
+    "destinationUnreadable",
+    "sameVolumeAsSource",
+    "sharedVolume",
+    "emptySource",
+    "noSpace",
+    "noHashRecord",
+    "noFilesToRead",
+    "noReadAccess",
+    "appendUnavailable",
+    "appendNoReport",
+    "appendNoMhl",
+    "appendDiverged",
+    "appendConflict",
+    "appendMissingFile",
+    "appendFailedFile",
+    "appendOtherCard",
+    "appendMhlDamaged",
+    "appendBusy",
+    "nothingNew",
+    "repairNothing",
+    "repairConflict",
+};
+static_assert(preflightNames.size() == static_cast<std::size_t>(PreflightCode::repairConflict) + 1);
+
+std::string errorText(int code) {
+    char buffer[256];
+    // The GNU form returns the text, which need not be in the buffer.
+    return strerror_r(code, buffer, sizeof buffer);
+}
+
+} // namespace
+
+std::string_view name(PreflightCode code) noexcept { return preflightNames[static_cast<std::size_t>(code)]; }
+
+std::optional<PreflightCode> preflightCode(std::string_view name) noexcept {
+    for (std::size_t i = 0; i < preflightNames.size(); ++i)
+        if (preflightNames[i] == name)
+            return static_cast<PreflightCode>(i);
+    return std::nullopt;
+}
+
+IOError::IOError(std::string op, std::string path, int code)
+    : std::runtime_error(op + " " + path + ": " + errorText(code) + " (errno " + std::to_string(code) + ")"),
+      op_(std::move(op)), path_(std::move(path)), code_(code) {}
+
+ToolError::ToolError(std::string tool, int status, std::string message)
+    : std::runtime_error(tool + " (exit status " + std::to_string(status) + "): " + message), tool_(std::move(tool)),
+      status_(status), message_(std::move(message)) {}
+
+} // namespace velmora

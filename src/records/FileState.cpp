@@ -1,0 +1,14 @@
+#include "records/FileState.h"
+
+#include "records/Names.h"
+
+namespace velmora {
+
+namespace {
+constexpr std::array<std::string_view, 4> stateNames{"pending", "written", "verified", "failed"};
+} // namespace
+
+std::string_view name(FileState state) noexcept { return stateNames[static_cast<std::size_t>(state)]; }
+std::optional<FileState> fileState(std::string_view name) noexcept { return caseNamed<FileState>(name, stateNames); }
+
+} // namespace velmora

@@ -1,0 +1,113 @@
+#include "records/HistoryEntry.h"
+
+#include "base/JsonFields.h"
+
+#include <nlohmann/json.hpp>
+
+namespace velmora {
+
+using nlohmann::json;
+
+namespace {
+
+template <class T>
+std::vector<T> list(const JsonFields& fields, const char* key) {
+    const json* values = fields.array(key);
+    return values ? values->get<std::vector<T>>() : std::vector<T>{};
+}
+
+} // namespace
+
+void to_json(json& j, const HistoryCard& value) {
+    j = {{"fsSerial", value.fsSerial}, {"capacity", value.capacity}};
+    Json::put(j, "identity", value.identity);
+    Json::put(j, "label", value.label);
+    Json::put(j, "filesystem", value.filesystem);
+}
+
+void from_json(const json& j, HistoryCard& value) {
+    const JsonFields fields(j);
+    value.identity = fields.optionalString("identity");
+    value.fsSerial = fields.string("fsSerial");
+    value.capacity = fields.integer("capacity");
+    value.label = fields.optionalString("label");
+    value.filesystem = fields.optionalString("filesystem");
+}
+
+void to_json(json& j, const HistoryDestination& value) { j = {{"root", value.root}, {"cardPath", value.cardPath}}; }
+
+void from_json(const json& j, HistoryDestination& value) {
+    const JsonFields fields(j);
+    value.root = fields.string("root");
+    value.cardPath = fields.string("cardPath");
+}
+
+void to_json(json& j, const HistoryGeneration& value) {
+    j = {{"seq", value.seq},
+         {"kind", value.kind},
+         {"files", value.files},
+         {"bytes", value.bytes},
+         {"verified", value.verified}};
+    Json::put(j, "finished", value.finished);
+}
+
+void from_json(const json& j, HistoryGeneration& value) {
+    const JsonFields fields(j);
+    value.seq = fields.integer("seq");
+    value.kind = fields.string("kind", "copy");
+    value.finished = fields.timestamp("finished");
+    value.files = fields.integerOr("files", 0);
+    value.bytes = fields.integerOr("bytes", 0);
+    value.verified = fields.boolean("verified", false);
+}
+
+void to_json(json& j, const HistoryEntry& value) {
+    j = {{"id", value.id},
+         {"source", value.source},
+         {"cardName", value.cardName},
+         {"date", value.date},
+         {"success", value.success},
+         {"verified", value.verified},
+         {"hashAlgorithms", value.hashAlgorithms},
+         {"files", value.files},
+         {"bytes", value.bytes},
+         {"fingerprint", value.fingerprint},
+         {"shape", value.shape},
+         {"destinations", value.destinations},
+         {"generations", value.generations},
+         {"reels", value.reels},
+         {"unfinished", value.unfinished}};
+    if (value.card)
+        j["card"] = *value.card;
+    Json::put(j, "project", value.project);
+    Json::put(j, "finished", value.finished);
+    Json::put(j, "failedFiles", value.failedFiles);
+    Json::put(j, "fileList", value.fileList);
+}
+
+void from_json(const json& j, HistoryEntry& value) {
+    const JsonFields fields(j);
+    value.id = fields.string("id");
+    const json* card = fields.find("card");
+    value.card = card ? std::optional(card->get<HistoryCard>()) : std::nullopt;
+    value.source = fields.string("source");
+    value.cardName = fields.string("cardName");
+    value.date = fields.string("date");
+    value.project = fields.optionalString("project");
+    value.finished = fields.timestamp("finished");
+    value.success = fields.boolean("success");
+    value.verified = fields.boolean("verified");
+    value.failedFiles = fields.optionalInteger("failedFiles");
+    value.hashAlgorithms = fields.optionalStrings("hashAlgorithms").value_or(std::vector<std::string>{"xxh64"});
+    value.files = fields.integer("files");
+    value.bytes = fields.integer("bytes");
+    value.fingerprint = fields.string("fingerprint");
+    value.shape = fields.string("shape");
+    value.fileList = fields.optionalString("fileList");
+    value.destinations = list<HistoryDestination>(fields, "destinations");
+    value.generations = list<HistoryGeneration>(fields, "generations");
+    value.reels = fields.optionalStrings("reels").value_or(std::vector<std::string>{});
+    value.unfinished = fields.boolean("unfinished", false);
+}
+
+} // namespace velmora

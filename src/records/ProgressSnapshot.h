@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+// How far a run has come, at one moment.
+struct ProgressSnapshot {
+    enum class Phase { copy, flush, verify, report, done };
+
+    Phase phase = Phase::copy;
+    std::int64_t totalBytes = 0;
+    std::int64_t totalFiles = 0;
+    std::int64_t fileIndex = 0;
+    std::string currentFile;
+    std::int64_t readBytes = 0;
+    std::vector<std::int64_t> writtenBytes;  // per destination
+    std::vector<std::int64_t> verifiedBytes; // per destination
+    std::int64_t errors = 0;
+    std::vector<std::string> verifyingFiles;
+};
+
+std::string_view name(ProgressSnapshot::Phase phase) noexcept;
+
+} // namespace velmora

@@ -1,0 +1,25 @@
+#include "records/SpaceNeed.h"
+
+#include <limits>
+
+namespace velmora {
+
+namespace {
+
+std::int64_t sum(std::int64_t a, std::int64_t b) {
+    std::int64_t result = 0;
+    return __builtin_add_overflow(a, b, &result) ? std::numeric_limits<std::int64_t>::max() : result;
+}
+
+} // namespace
+
+std::int64_t SpaceNeed::total() const { return sum(sum(card, proxy), report); }
+
+SpaceNeed& SpaceNeed::operator+=(const SpaceNeed& other) {
+    card = sum(card, other.card);
+    proxy = sum(proxy, other.proxy);
+    report = sum(report, other.report);
+    return *this;
+}
+
+} // namespace velmora
