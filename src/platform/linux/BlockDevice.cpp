@@ -1,11 +1,19 @@
 #include "platform/linux/BlockDevice.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <blkid/blkid.h>
+#include <filesystem>
+#include <fstream>
 #include <libudev.h>
 #include <memory>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace velmora::BlockDevice {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -59,7 +67,72 @@ Identity fromDevice(const std::string& path) {
     return {value("TYPE"), value("UUID"), value("LABEL")};
 }
 
+// Folder names in sysfs end a line of text at most; a missing file reads as empty.
+std::string attribute(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+void collectDisks(const fs::path& device, std::vector<std::string>& disks, int depth) {
+    constexpr int deepest = 8; // stacks of RAID, encryption and volumes are two or three high
+    std::error_code none;
+    const fs::path slaves = device / "slaves";
+    bool stacked = false;
+    if (depth < deepest)
+        for (fs::directory_iterator at(slaves, none), end; !none && at != end; at.increment(none)) {
+            stacked = true;
+            collectDisks(fs::canonical(at->path(), none), disks, depth + 1);
+        }
+    if (stacked)
+        return;
+    const fs::path whole = fs::exists(device / "partition", none) ? device.parent_path() : device;
+    const std::string name = whole.filename();
+    if (!name.empty() && std::ranges::find(disks, name) == disks.end())
+        disks.push_back(name);
+}
+
 } // namespace
+
+std::vector<std::string> wholeDisks(const std::string& device, dev_t number, const std::string& sysfs) {
+    std::error_code none;
+    fs::path found;
+    // Btrfs shows a number that belongs to no device; a pulled or invented device node is known by its name alone.
+    if (major(number) != 0)
+        found = fs::canonical(fmt::format("{}/dev/block/{}:{}", sysfs, major(number), minor(number)), none);
+    if (found.empty() && device.starts_with("/dev/")) {
+        const fs::path node = fs::canonical(device, none);
+        const std::string name = (node.empty() ? fs::path(device) : node).filename();
+        found = fs::canonical(sysfs + "/class/block/" + name, none);
+    }
+    std::vector<std::string> disks;
+    if (!found.empty())
+        collectDisks(found, disks, 0);
+    return disks;
+}
+
+bool isPluggable(const std::string& disk, const std::string& sysfs) {
+    std::error_code none;
+    if (disk.starts_with("loop"))
+        return true;
+    const fs::path device = fs::canonical(sysfs + "/class/block/" + disk, none);
+    if (device.empty())
+        return false;
+    if (attribute(device / "removable") == "1")
+        return true;
+    // The kernel says "removable" of what hangs on an outside port (USB, Thunderbolt); SD cards sit on an mmc bus,
+    // whose soldered kind says so in its type.
+    const fs::path root = fs::canonical(sysfs, none);
+    for (fs::path at = device.parent_path(); at.string().size() > root.string().size(); at = at.parent_path()) {
+        const std::string name = at.filename();
+        if (attribute(at / "removable") == "removable" || name.starts_with("usb") || name.starts_with("fw"))
+            return true;
+        if (attribute(at / "type") == "SD")
+            return true;
+    }
+    return false;
+}
 
 Identity identify(const std::string& device) {
     struct stat info{};

@@ -63,6 +63,7 @@ std::vector<MountEntry> MountTable::read(const std::string& mountinfo) {
         entry.root = text(mnt_fs_get_root(fs));
         entry.deviceNumber = mnt_fs_get_devno(fs);
         entry.network = isNetwork(fs);
+        entry.pseudo = mnt_fs_is_pseudofs(fs) != 0;
         entry.readOnly = mnt_fs_match_options(fs, "ro") != 0;
         if (!entry.mountPoint.empty() && entry.mountPoint.front() == '/')
             entries.push_back(std::move(entry));

@@ -18,6 +18,7 @@ struct MountEntry {
     std::string root;   // what of the file system is mounted there: "/" for all of it, else a folder (bind mount)
     dev_t deviceNumber = 0;
     bool network = false;
+    bool pseudo = false; // proc, tmpfs, overlay, …: no disk of its own
     bool readOnly = false;
 };
 

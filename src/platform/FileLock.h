@@ -1,0 +1,33 @@
+#pragma once
+
+#include "base/Mutex.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace velmora {
+
+// An exclusive lock between threads, jobs and processes, tied to a file that stays where it is. The lock is the open
+// file, not the name: a process that dies lets go of it, and two locks in one process exclude each other too.
+class FileLock {
+public:
+    // At once, or nothing: somebody else holds it, or the file cannot be made. Missing parent folders are created.
+    static std::optional<FileLock> tryLock(const std::string& path);
+    // Tries again and again for `timeout` seconds.
+    static std::optional<FileLock> lock(const std::string& path, double timeout);
+
+    FileLock(FileLock&&) noexcept;
+    FileLock& operator=(FileLock&&) noexcept;
+    ~FileLock(); // releases
+
+    // From any thread; a second call does nothing.
+    void release() noexcept;
+
+private:
+    struct Held;
+    explicit FileLock(std::unique_ptr<Held> held);
+    std::unique_ptr<Held> held_;
+};
+
+} // namespace velmora

@@ -1,0 +1,61 @@
+#include "platform/FileLock.h"
+
+#include "platform/IO.h"
+#include "platform/linux/Descriptor.h"
+
+#include <chrono>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <thread>
+
+namespace velmora {
+
+struct FileLock::Held {
+    Mutex mutex;
+    Descriptor fd GUARDED_BY(mutex);
+};
+
+FileLock::FileLock(std::unique_ptr<Held> held) : held_(std::move(held)) {}
+FileLock::FileLock(FileLock&&) noexcept = default;
+FileLock& FileLock::operator=(FileLock&&) noexcept = default;
+FileLock::~FileLock() = default;
+
+std::optional<FileLock> FileLock::tryLock(const std::string& path) {
+    if (const std::size_t slash = path.find_last_of('/'); slash != std::string::npos && slash > 0) {
+        try {
+            IO::mkdirs(path.substr(0, slash));
+        } catch (const IOError&) {
+            // The open below fails, and that is the answer.
+        }
+    }
+    // Never deleted: another process could hold a lock on the deleted file while a third one makes a new file.
+    Descriptor fd(retryInterrupted([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }));
+    if (!fd || retryInterrupted([&] { return ::flock(fd.get(), LOCK_EX | LOCK_NB); }) != 0)
+        return std::nullopt;
+    auto held = std::make_unique<Held>();
+    MutexLock lock(held->mutex);
+    held->fd = std::move(fd);
+    return FileLock(std::move(held));
+}
+
+std::optional<FileLock> FileLock::lock(const std::string& path, double timeout) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
+    while (true) {
+        if (auto lock = tryLock(path))
+            return lock;
+        if (Clock::now() >= deadline)
+            return std::nullopt;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+void FileLock::release() noexcept {
+    if (held_ == nullptr)
+        return;
+    MutexLock lock(held_->mutex);
+    held_->fd.reset();
+}
+
+} // namespace velmora
