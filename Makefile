@@ -12,8 +12,6 @@ JOBS ?= $(or $(VELMORA_JOBS),$(shell nproc))
 FUZZ_SECONDS ?= 60
 VERSION := $(shell sed -n "s/.*velmora VERSION \([0-9.]*\).*/\1/p" CMakeLists.txt)
 
-# Precompiled headers and time stamps would keep ccache from recognising unchanged files.
-export CCACHE_SLOPPINESS ?= pch_defines,time_macros,include_file_mtime,include_file_ctime
 export VELMORA_JOBS := $(JOBS)
 
 ifdef VELMORA_NO_INSTALL
