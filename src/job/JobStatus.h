@@ -30,7 +30,7 @@ struct JobStatus {
 
     Phase phase = Phase::waiting;
     std::optional<ProgressSnapshot> copy; // the engine's numbers
-    std::int64_t clipIndex = 0;           // clip now in work, of `clipCount`
+    std::int64_t clipIndex = 0;           // clip now in work, from 1, of `clipCount`
     std::int64_t clipCount = 0;
     std::string clipName;
     double clipFraction = 0; // 0 … 1 within the clip

@@ -1,6 +1,9 @@
 #include "records/SpaceNeed.h"
 
+#include "base/Text.h"
+
 #include <limits>
+#include <vector>
 
 namespace velmora {
 
@@ -14,6 +17,17 @@ std::int64_t sum(std::int64_t a, std::int64_t b) {
 } // namespace
 
 std::int64_t SpaceNeed::total() const { return sum(sum(card, proxy), report); }
+
+std::string SpaceNeed::partsText() const {
+    std::vector<std::string> parts;
+    if (card > 0)
+        parts.push_back(formatBytes(card) + " cards");
+    if (proxy > 0)
+        parts.push_back("proxy ~" + formatBytes(proxy));
+    if (report > 0)
+        parts.push_back("report " + formatBytes(report));
+    return join(parts, ", ");
+}
 
 SpaceNeed& SpaceNeed::operator+=(const SpaceNeed& other) {
     card = sum(card, other.card);

@@ -1,0 +1,28 @@
+#include "disks/CardIdentity.h"
+
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+
+namespace velmora {
+
+std::optional<std::string> CardIdentity::of(const std::string& path) {
+    if (!IO::exists(path))
+        return std::nullopt;
+    if (const auto uuid = VolumeFacts::volumeUUID(path); uuid && !uuid->empty())
+        return *uuid;
+    // Only a medium without a UUID needs its date: the date is not known to every account on every system, and an
+    // identity must come out the same whoever asks.
+    if (const auto created = VolumeFacts::created(path))
+        return "created:" + std::to_string(created->seconds + (created->nanoseconds >= 500'000'000 ? 1 : 0));
+    return std::nullopt;
+}
+
+std::optional<std::string> CardIdentity::withVolume(const std::string& path) {
+    std::optional<std::string> identity = of(path);
+    if (!identity)
+        return std::nullopt;
+    const std::string label = VolumeFacts::label(path).value_or("");
+    return *identity + "|" + label + "|" + std::to_string(VolumeFacts::capacity(path));
+}
+
+} // namespace velmora

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+struct SourceFile;
+
+// Files whose paths differ only in case (or in the Unicode form of a letter), and what becomes of them.
+//
+// On a destination that tells such names apart both are copied, each under its own name. On one that folds case they
+// would be one file, and the later one would replace the earlier: there the first in the order of the scan is copied
+// and every later one is failed, with `error`, so that the card is not safe to format. Records make no difference of
+// case when they look a path up (manifest lines, merged reports, the MHL history): whoever looks up one of these files
+// must compare the record's path byte by byte, and without an exact match take the file for unrecorded. Copying it once
+// too often is harmless, taking another file's record for it is not.
+//
+// The rename that never replaces guards the last step all the same: no list of keys can know every rule of every disk.
+namespace CaseFolding {
+
+struct Collision {
+    std::size_t file;  // position in the files of the scan
+    std::size_t first; // the earlier file whose name it shares
+};
+
+// In ascending order of `file`. Holds no copy of the keys, so that 100,000 files cost a few MB for a moment.
+std::vector<Collision> collisions(const std::vector<SourceFile>& files);
+
+// Whether the file system of this card folder finds names that are written in another case. The folder exists; its
+// report folder, which every run needs anyway, is created for the question, and nothing else.
+bool foldsCase(const std::string& cardPath);
+
+std::string error(std::string_view firstPath);
+
+} // namespace CaseFolding
+
+} // namespace velmora

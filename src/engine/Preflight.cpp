@@ -1,0 +1,156 @@
+#include "engine/Preflight.h"
+
+#include "base/Text.h"
+#include "disks/SpacePlanner.h"
+#include "engine/Layout.h"
+#include "engine/OffloadOptions.h"
+#include "engine/Scanner.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+namespace velmora {
+
+namespace {
+
+constexpr std::int64_t blockAlignment = 4096;
+constexpr std::int64_t largestBlock = 1073741824;
+// What a file costs beside its bytes, for reports, manifest and the file system; and slack for the run as a whole.
+constexpr std::int64_t bytesPerFile = 65536;
+constexpr std::int64_t slack = 67108864;
+
+[[noreturn]] void refuse(PreflightCode code, const std::string& message) {
+    throw OffloadError::preflight(code, message);
+}
+
+void checkOptions(const OffloadOptions& options) {
+    if (options.chunkSize < 1 || options.chunkSize > largestBlock || options.chunkSize % blockAlignment != 0)
+        refuse(PreflightCode::chunkSize, "Block size must be a multiple of 4096 B and at most 1 GiB (got " +
+                                             std::to_string(options.chunkSize) + ").");
+    if (options.bufferCount < 2)
+        refuse(PreflightCode::bufferCount,
+               "Buffer count must be at least 2 (got " + std::to_string(options.bufferCount) + ").");
+}
+
+void checkDate(const std::optional<std::string>& date) {
+    if (date && !Layout::isDate(*date))
+        refuse(PreflightCode::date, "Date must be YYYY-MM-DD (got “" + *date + "”).");
+}
+
+void checkRootsDiffer(const std::vector<std::string>& roots) {
+    std::set<std::string> seen;
+    for (const std::string& root : roots)
+        if (!seen.insert(Layout::normalizedRoot(root)).second)
+            refuse(PreflightCode::duplicateDestination, "Destination added twice: " + root);
+}
+
+bool looksLikeOffload(const std::string& source) {
+    try {
+        return std::ranges::any_of(IO::list(source), [&](const IOEntry& entry) {
+            return Layout::isReserved(entry.name) && IO::lstat(source + "/" + entry.name).isFolder;
+        });
+    } catch (const IOError&) {
+        return false; // the scan will say what is wrong
+    }
+}
+
+std::uint64_t deviceOf(const std::string& path, PreflightCode code, const std::string& message) {
+    try {
+        return IO::stat(path).device;
+    } catch (const IOError&) {
+        refuse(code, message);
+    }
+}
+
+// Two folders of one disk count as one drive; the order of the roots decides which one is named.
+void checkRoots(const std::vector<std::string>& roots, std::uint64_t sourceDevice, const OffloadOptions& options) {
+    std::set<std::uint64_t> devices;
+    for (const std::string& root : roots) {
+        if (!IO::isFolder(root))
+            refuse(PreflightCode::destinationNotFound, "Destination not found: " + root + " — is the drive connected?");
+        if (!IO::isWritable(root))
+            refuse(PreflightCode::destinationNotWritable, "Cannot write to the destination: " + root);
+        const std::uint64_t device =
+            deviceOf(root, PreflightCode::destinationUnreadable, "Cannot read the destination: " + root);
+        if (device == sourceDevice && !options.allowSourceVolume)
+            refuse(PreflightCode::sameVolumeAsSource, "Destination " + root + " is on the same drive as the source.");
+        if (!devices.insert(device).second && !options.allowSameDevice)
+            refuse(PreflightCode::sharedVolume, "Two destinations are on the same drive (" + root +
+                                                    ") — that is not a second copy. Allow it with "
+                                                    "--allow-same-device.");
+    }
+}
+
+void checkSource(const std::string& source) {
+    if (!IO::isFolder(source))
+        refuse(PreflightCode::sourceNotFound, "Source not found: " + source);
+    Scanner::checkReadAccess(source);
+}
+
+SourceScan scanOf(const std::string& source, const IsCancelled& isCancelled) {
+    SourceScan scan = Scanner::scan(source, isCancelled);
+    // A card whose every file is beyond copying is not empty: the run reports each of them as failed.
+    if (scan.files.empty() && scan.uncopied.empty())
+        refuse(PreflightCode::emptySource, "There are no files on the source.");
+    return scan;
+}
+
+std::int64_t plus(std::int64_t a, std::int64_t b) {
+    std::int64_t sum = 0;
+    return __builtin_add_overflow(a, b, &sum) ? INT64_MAX : sum;
+}
+
+} // namespace
+
+Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra,
+                                     const FreeSpace& freeSpace, const IsCancelled& isCancelled) {
+    checkOptions(options);
+    checkDate(inputs.date);
+    checkSource(inputs.source);
+    if (inputs.destRoots.empty())
+        refuse(PreflightCode::noDestination, "No destination selected.");
+    checkRootsDiffer(inputs.destRoots);
+    if (looksLikeOffload(inputs.source))
+        refuse(PreflightCode::sourceIsOffload, "The source looks like an earlier offload (it has _REPORT, _PROXY or "
+                                               "ascmhl) — copy the original card, or remove those folders.");
+    const std::uint64_t sourceDevice =
+        deviceOf(inputs.source, PreflightCode::sourceUnreadable, "Cannot read the source: " + inputs.source);
+    checkRoots(inputs.destRoots, sourceDevice, options);
+
+    Result result;
+    OffloadPlan& plan = result.plan;
+    plan.source = inputs.source;
+    plan.destRoots = inputs.destRoots;
+    plan.scan = scanOf(inputs.source, isCancelled);
+    plan.date = inputs.date.value_or(Layout::today());
+    const std::string name =
+        inputs.cardName ? Layout::sanitize(*inputs.cardName) : Layout::defaultCardName(inputs.source);
+    plan.cardName = Layout::uniqueCardFolder(plan.destRoots, plan.date, name);
+    result.space = checkSpace(demand(plan.scan), plan.cardPaths(), extra ? extra(plan.scan) : SpaceExtra{}, freeSpace);
+    return result;
+}
+
+std::int64_t Preflight::demand(const SourceScan& scan) {
+    const auto files = static_cast<std::int64_t>(scan.files.size());
+    return plus(scan.totalBytes(), files * bytesPerFile + slack);
+}
+
+Preflight::Space Preflight::checkSpace(std::int64_t demand, const std::vector<std::string>& cardPaths,
+                                       const SpaceExtra& extra, const FreeSpace& freeSpace) {
+    SpacePlanner::Disks disks;
+    if (freeSpace)
+        disks.capacityOf = freeSpace;
+    const std::vector<SpaceTarget> targets = SpacePlanner::targets(cardPaths, disks);
+    SpacePlanner::Verdict verdict =
+        SpacePlanner::checkPlaces(SpacePlanner::places(extra, demand, targets, disks), disks);
+    Space space{{}, std::move(verdict.lines)};
+    for (const SpaceProblem& problem : verdict.problems) {
+        if (problem.severity == SpaceSeverity::blocking)
+            refuse(PreflightCode::noSpace, problem.text);
+        space.warnings.push_back(problem.text);
+    }
+    return space;
+}
+
+} // namespace velmora
