@@ -47,8 +47,16 @@ function(velmora_pkg name)
   pkg_check_modules(${name} REQUIRED IMPORTED_TARGET GLOBAL ${ARGN})
 endfunction()
 
-# velmora_library(<folder> [floors and libraries to link]) builds src/<folder> and its sub-folders.
+# velmora_library(<folder> [floors and libraries to link]) builds src/<folder> and its sub-folders. A folder that holds no
+# code yet hands its floors through, so that the folders above it link all the same.
 function(velmora_library folder)
+  file(GLOB_RECURSE code CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
+  if(NOT code)
+    add_library(velmora_${folder} INTERFACE)
+    target_include_directories(velmora_${folder} INTERFACE "${CMAKE_SOURCE_DIR}/src")
+    target_link_libraries(velmora_${folder} INTERFACE ${ARGN})
+    return()
+  endif()
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp" "${CMAKE_CURRENT_SOURCE_DIR}/*.h")
   add_library(velmora_${folder} STATIC ${sources})
   set_target_properties(velmora_${folder} PROPERTIES LINKER_LANGUAGE CXX)
