@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace velmora::test {
+
+// The two loops that judge a durable operation. Both run it again and again on a fresh FaultDisk, with another of its
+// operations struck each time, until a run goes through untouched. In `make test` a sample of the operations is struck;
+// with VELMORA_SOAK=1 every one is. What is random comes from VELMORA_SEED (1 when not set; drawn anew in a soak), and
+// every failure names it.
+struct DurableOperation {
+    std::string ops = "change";                           // which operations of the disk are struck
+    std::function<void(const std::string& root)> prepare; // the state before; flushed by the loop
+    std::function<void(const std::string& root)> work;    // throws when it could not do what it should
+};
+
+bool soaking();
+std::uint64_t seed();
+
+// Strikes one operation with `error` a round. An error must show exactly when one was put in. `check` is told whether
+// the work succeeded and looks at the state left behind. Returns the number of rounds.
+int faultLoop(const DurableOperation& operation, int error,
+              const std::function<void(const std::string& root, bool succeeded)>& check);
+
+// Kills the process at one operation a round, in every second round together with a power cut; and cuts the power after
+// the work has succeeded, too. `work` runs in a child process and may exec. Then `recover` runs in a child that is killed
+// somewhere inside, and once more in peace; it may be empty. `check` is told whether the work had succeeded before the
+// power went. Returns the number of rounds.
+struct CrashOptions {
+    std::function<void(const std::string& root)> recover;
+    bool powerCuts = true;
+    int sample = 24; // rounds in `make test`
+};
+int crashLoop(const DurableOperation& operation, const CrashOptions& options,
+              const std::function<void(const std::string& root, bool succeeded)>& check);
+
+} // namespace velmora::test
