@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/VolumeFacts.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,7 +25,7 @@ bool readsFromDisk(const std::string& path);
 bool blind();
 // Why this card folder cannot be verified by data that an outside program reads; empty: no obstacle. Writes and removes
 // a small file in its _REPORT folder.
-std::optional<std::string> problem(const std::string& cardPath);
+std::optional<std::string> problem(const std::string& cardPath, const VolumeFacts::System& system = {});
 
 } // namespace CacheProbe
 

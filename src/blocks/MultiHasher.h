@@ -25,6 +25,8 @@ public:
     std::pair<FileHashes, std::vector<std::uint64_t>> finish();
 
 private:
+    void closeBlock();
+
     std::int64_t blockSize_;
     XXH64Stream x64_;
     std::optional<XXH128Stream> x128_;

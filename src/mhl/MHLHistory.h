@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,6 +66,7 @@ struct MHLHistory {
     std::vector<std::string> ignore;           // the patterns of the newest generation
     std::vector<MHLChainEntry> chain;          // by ascending number
     bool chainRead = false;                    // a chain file is there and could be read
+    std::set<std::int64_t> changed;            // generations whose file is not what the chain says
     std::vector<MHLUnchained> unchained;
     std::vector<std::string> chainProblems; // sentences for the user
     std::vector<std::string> refusedPaths;  // of all generations

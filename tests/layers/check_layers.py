@@ -38,7 +38,7 @@ OWNERS = {
     "xxhash": {"blocks"},
     "openssl/": {"base", "blocks"},
     "expat": {"mhl", "clips"},
-    "re2/": {"clips", "memory"},
+    "re2/": {"clips", "memory", "mhl"},
     "libdeflate": {"memory"},
     "unicode/": {"base"},
     "CLI/": {"cli"},

@@ -1,0 +1,128 @@
+#include "blocks/ReadBack.h"
+
+#include "blocks/BlockPass.h"
+#include "blocks/BlockReads.h"
+#include "blocks/BlockVerifier.h"
+#include "blocks/CacheProbe.h"
+#include "blocks/MultiHasher.h"
+#include "platform/IO.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <utility>
+
+namespace velmora {
+
+namespace {
+
+DestFileResult failed(std::string why) { return {FileState::failed, std::move(why)}; }
+
+std::string sizeMismatch(std::int64_t onDisk, std::int64_t wanted) {
+    return fmt::format("size mismatch: {} != {}", onDisk, wanted);
+}
+
+struct FirstPass {
+    std::int64_t bytes = 0;
+    FileHashes hashes;
+    std::vector<std::uint64_t> blocks;
+};
+
+// Throws Cancelled.
+FirstPass readWhole(UncachedReader& file, std::span<std::byte> buffer, std::int64_t blockSize,
+                    const ReadBack::Hooks& hooks) {
+    FirstPass pass;
+    MultiHasher hasher(HashKinds::xxh64, blockSize, true);
+    for (;;) {
+        if (hooks.isCancelled && hooks.isCancelled()) {
+            throw Cancelled();
+        }
+        const std::size_t got = file.readAt(buffer, pass.bytes);
+        if (got > 0) {
+            hasher.update(buffer.data(), static_cast<std::int64_t>(got));
+            pass.bytes += static_cast<std::int64_t>(got);
+            if (hooks.progress) {
+                hooks.progress(static_cast<std::int64_t>(got));
+            }
+        }
+        if (got < buffer.size()) {
+            break;
+        }
+    }
+    std::tie(pass.hashes, pass.blocks) = hasher.finish();
+    return pass;
+}
+
+// The digest of the file is wrong. Finds the blocks that are to blame and reads them once more.
+// Empty: no block can be named.
+std::optional<ReadBack::Outcome> judgeBlocks(UncachedReader& file, std::span<std::byte> buffer, const std::string& path,
+                                             const ReadBack::Expected& expected, const FirstPass& pass,
+                                             const IsCancelled& isCancelled) {
+    if (!expected.xxh64) {
+        return std::nullopt; // a file whose source has no digest is never called good
+    }
+    auto manifest = BlockManifest::make(expected.size, expected.blockSize,
+                                        std::vector<std::uint64_t>(expected.blocks.begin(), expected.blocks.end()));
+    if (!manifest ||
+        std::equal(pass.blocks.begin(), pass.blocks.end(), expected.blocks.begin(), expected.blocks.end())) {
+        return std::nullopt;
+    }
+    BlockVerifier verifier(std::move(*manifest));
+    verifier.observeLength(pass.bytes);
+    for (std::size_t block = 0; block < pass.blocks.size(); ++block) {
+        verifier.feedHash(static_cast<std::int64_t>(block), pass.blocks[block]);
+    }
+    AlignedBuffer own;
+    const std::size_t needed = BlockPass::bufferBytes(expected.blockSize, expected.size, path);
+    if (needed > buffer.size()) {
+        own = AlignedBuffer(needed);
+        buffer = own.span();
+    }
+    BlockPass::run(file, buffer, verifier, {{}, isCancelled, {}});
+    ReadBack::Outcome outcome;
+    outcome.result = BlockReads::result(verifier, verifier.finish());
+    if (outcome.result.state == FileState::verified) {
+        outcome.unstable = verifier.unstableBlocks();
+    }
+    return outcome;
+}
+
+} // namespace
+
+ReadBack::ReadBack(std::span<std::byte> buffer) : buffer_(buffer) {}
+
+ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::string& relative, const Expected& expected,
+                                   const Hooks& hooks) {
+    Outcome outcome;
+    try {
+        const std::string path = cardPath + "/" + relative;
+        UncachedReader file = UncachedReader::beneath(cardPath, relative);
+        if (const std::int64_t onDisk = file.facts().size; onDisk != expected.size) {
+            outcome.result = failed(sizeMismatch(onDisk, expected.size));
+            return outcome;
+        }
+        outcome.throughCache = !CacheProbe::readsFromDisk(path);
+        const std::int64_t blockSize =
+            expected.blockSize > 0 ? expected.blockSize : static_cast<std::int64_t>(buffer_.size());
+        FirstPass pass = readWhole(file, buffer_, blockSize, hooks);
+        if (pass.bytes != expected.size) {
+            outcome.result = failed(sizeMismatch(pass.bytes, expected.size));
+        } else if (expected.xxh64 && pass.hashes.xxh64 == expected.xxh64) {
+            outcome.result = {FileState::verified, std::nullopt};
+            outcome.xxh128 = std::move(pass.hashes.xxh128);
+        } else if (auto judged = judgeBlocks(file, buffer_, path, expected, pass, hooks.isCancelled)) {
+            judged->throughCache = outcome.throughCache;
+            outcome = std::move(*judged);
+        } else {
+            const std::string source = expected.xxh64 ? fmt::format("{:016x}", *expected.xxh64) : "-";
+            outcome.result =
+                failed(fmt::format("HASH MISMATCH: dest {:016x} != source {}", pass.hashes.xxh64.value_or(0), source));
+        }
+    } catch (const Cancelled&) {
+        outcome.result = {FileState::written, std::nullopt};
+    } catch (const IOError& error) {
+        outcome.result = failed(fmt::format("verify: {}", error.what()));
+    }
+    return outcome;
+}
+
+} // namespace velmora
