@@ -1,0 +1,41 @@
+#include "memory/BackupFolder.h"
+
+#include "base/Text.h"
+#include "engine/Layout.h"
+#include "engine/Scanner.h"
+
+#include <algorithm>
+
+namespace velmora {
+
+namespace {
+
+bool isOurs(std::string_view relPath) {
+    const std::string_view top = relPath.substr(0, relPath.find('/'));
+    return top == Layout::reportDirName || top == Layout::proxyDirName || top == Layout::mhlDirName ||
+           relPath == Layout::flushName;
+}
+
+} // namespace
+
+BackupFolder::BackupFolder(const std::string& cardPath, const IsCancelled& isCancelled)
+    : scan_(Scanner::scan(cardPath, isCancelled)) {
+    std::erase_if(scan_.files, [](const SourceFile& file) { return isOurs(file.relPath); });
+    std::erase_if(scan_.dirs, [](const std::string& dir) { return isOurs(dir); });
+    for (const auto& entry : scan_.uncopied)
+        unrecordable_.push_back(entry.shown);
+    byKey_.reserve(scan_.files.size());
+    for (std::size_t i = 0; i < scan_.files.size(); ++i)
+        byKey_.emplace(pathKey(scan_.files[i].relPath), i);
+}
+
+const SourceFile* BackupFolder::file(std::string_view relPath) const {
+    const auto found = byKey_.find(pathKey(relPath));
+    return found == byKey_.end() ? nullptr : &scan_.files[found->second];
+}
+
+bool BackupFolder::hasFolder(std::string_view relPath) const {
+    return std::binary_search(scan_.dirs.begin(), scan_.dirs.end(), relPath);
+}
+
+} // namespace velmora

@@ -1,0 +1,117 @@
+#include "memory/CardInspector.h"
+
+#include "clips/ClipDetector.h"
+#include "disks/CardIdentity.h"
+#include "disks/VolumeSerial.h"
+#include "engine/Scanner.h"
+#include "memory/CardFingerprint.h"
+#include "memory/HistoryStore.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+
+#include <algorithm>
+
+namespace velmora::CardInspector {
+
+namespace {
+
+void stopIf(const IsCancelled& isCancelled) {
+    if (isCancelled && isCancelled())
+        throw Cancelled();
+}
+
+// Scans, or says in `insight.error` why not.
+std::optional<SourceScan> scan(CardInsight& insight, const IsCancelled& isCancelled) {
+    try {
+        return Scanner::scan(insight.source, isCancelled);
+    } catch (const OffloadError& error) {
+        insight.error = error.what();
+    } catch (const IOError& error) {
+        insight.error = std::string("Cannot read the card: ") + error.what();
+    }
+    return std::nullopt;
+}
+
+void matchHistory(CardInsight& insight, const std::vector<SourceFile>& files, HistoryStore* store,
+                  const std::vector<HistoryEntry>* history, const World& world) {
+    std::vector<HistoryEntry> loaded;
+    if (!history && store) {
+        loaded = store->load();
+        history = &loaded;
+    }
+    if (!history)
+        return;
+    std::optional<CardKey> key;
+    if (insight.volume)
+        key = CardKey{insight.volume->fsSerial, insight.volume->capacity};
+    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, *history);
+    if (!candidate)
+        return;
+    std::optional<std::vector<SourceFile>> list;
+    if (store && candidate->fingerprint != insight.fingerprint)
+        list = store->readFileList(*candidate);
+    insight.match = HistoryMatcher::match(files, insight.fingerprint, *candidate, list, insight.filesystem);
+    const HistoryMatch& match = *insight.match;
+    const bool useful = match.kind == HistoryMatchKind::newFiles ||
+                        (match.kind == HistoryMatchKind::identical && match.entry.unfinished);
+    const auto& destinations = match.entry.destinations;
+    insight.appendReachable =
+        useful && !destinations.empty() && std::all_of(destinations.begin(), destinations.end(), [&](const auto& d) {
+            return !d.cardPath.empty() && world.directoryExists(d.cardPath);
+        });
+}
+
+} // namespace
+
+bool isVolumeRoot(const std::string& path) { return VolumeFacts::isVolumeRoot(path); }
+
+World World::real() {
+    return {[](const std::string& path) { return cardVolumeOf(path); },
+            [](const std::string& path) { return CardIdentity::of(path); },
+            [](const std::string& path) { return CardInspector::isVolumeRoot(path); },
+            [](const std::string& path) { return IO::isFolder(path); }};
+}
+
+CardInsight inspect(const std::string& source, HistoryStore* store, const std::vector<HistoryEntry>* history,
+                    const IsCancelled& isCancelled, const World& world) {
+    CardInsight insight;
+    insight.source = source;
+    stopIf(isCancelled);
+    if (world.isVolumeRoot(source)) {
+        insight.volume = world.volumeOf(source);
+        if (!insight.volume) {
+            insight.error = "Cannot read the card.";
+            return insight;
+        }
+        if (!insight.volume->filesystem.empty())
+            insight.filesystem = insight.volume->filesystem;
+    }
+    if (!insight.filesystem)
+        insight.filesystem = IO::filesystemType(source);
+    std::optional<SourceScan> scanned = scan(insight, isCancelled);
+    if (!scanned)
+        return insight;
+    stopIf(isCancelled);
+    const CardFingerprint::Digests digests = CardFingerprint::compute(scanned->files);
+    insight.fingerprint = digests.fingerprint;
+    insight.shape = digests.shape;
+    // The scan of a large card takes seconds, time enough to change cards.
+    if (insight.volume && insight.volume->identity && world.identify(source) != insight.volume->identity) {
+        insight.error = "The card was swapped while it was being read.";
+        return insight;
+    }
+    matchHistory(insight, scanned->files, store, history, world);
+    stopIf(isCancelled);
+    insight.clips = ClipDetector::detect(scanned->files);
+    ReelSuggestion::FromClips names = ReelSuggestion::fromClips(insight.clips);
+    insight.nameSuggestion = std::move(names.suggestion);
+    insight.nameNote = std::move(names.note);
+    insight.totalBytes = scanned->totalBytes();
+    insight.fileCount = static_cast<std::int64_t>(scanned->files.size());
+    insight.files = std::move(scanned->files);
+    for (const auto& entry : scanned->uncopied)
+        insight.uncopied.push_back(entry.shown);
+    return insight;
+}
+
+} // namespace velmora::CardInspector

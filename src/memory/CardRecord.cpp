@@ -1,0 +1,269 @@
+#include "memory/CardRecord.h"
+
+#include "base/Errors.h"
+#include "base/Text.h"
+#include "clips/ClipDetector.h"
+#include "disks/VolumeSerial.h"
+#include "engine/Layout.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace velmora {
+
+namespace {
+
+constexpr std::string_view reportStem = "offload_report";
+
+std::string reportFolder(const std::string& cardPath) { return cardPath + "/" + std::string(Layout::reportDirName); }
+
+// The comparison form of a card folder's path.
+std::string standardised(std::string_view path) {
+    std::string out;
+    for (std::string_view part : split(path, '/', false))
+        if (part != ".")
+            out += "/" + std::string(part);
+    return pathKey(out);
+}
+
+// Reads one report; a report without a list could make a whole card look new, so it counts as unreadable.
+std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
+    auto report = std::make_shared<OffloadReport>(ReportFile::read(path));
+    if (report->files.empty() || report->destinations.empty())
+        throw OffloadError::failed("the list of files or destinations is missing");
+
+    return report;
+}
+
+std::vector<std::int64_t> reportNumbers(const std::string& cardPath) {
+    std::vector<std::int64_t> numbers;
+    for (const IOEntry& entry : IO::list(reportFolder(cardPath)))
+        if (const auto number = CardRecord::numberedFile(entry.name))
+            numbers.push_back(*number);
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
+void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
+    for (const auto& file : generation.report->files)
+        record.files.insert_or_assign(pathKey(file.path), RecordedFile{&file, generation.generation, generation.report});
+}
+
+// Clips by name, a later generation over an earlier one. Reports made without clip analysis list none: then the clips
+// are found from the file list, as names and sizes.
+void mergeClips(CardRecord& record) {
+    std::map<std::string, ClipEntry> newest;
+    for (const auto& generation : record.generations) {
+        std::vector<ClipEntry> clips = generation.report->clips;
+        if (clips.empty()) {
+            std::vector<SourceFile> files;
+            for (const auto& file : generation.report->files)
+                files.push_back({file.path, file.size, file.modified});
+            for (Clip& clip : ClipDetector::detect(files)) {
+                ClipEntry entry;
+                entry.clip = std::move(clip);
+                clips.push_back(std::move(entry));
+            }
+        }
+        for (ClipEntry& entry : clips)
+            newest.insert_or_assign(entry.clip.name + "\n" + entry.clip.path, std::move(entry));
+    }
+    for (auto& [key, entry] : newest)
+        record.clips.push_back(std::move(entry));
+}
+
+// A generation whose report stands elsewhere with another end has been finished there and not here.
+bool incompleteElsewhere(const CardRecord& record) {
+    for (const auto& generation : record.generations) {
+        const OffloadReport& here = *generation.report;
+        for (const auto& destination : here.destinations) {
+            if (standardised(destination.cardPath) == standardised(record.cardPath))
+                continue;
+            const std::string path =
+                reportFolder(destination.cardPath) + "/" + OffloadReport::jsonName(generation.generation);
+            try {
+                if (IO::exists(path) && ReportFile::read(path).finished != here.finished)
+                    return true;
+            } catch (const std::exception&) {
+                // What cannot be read there says nothing about this folder.
+            }
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+std::optional<std::int64_t> CardRecord::numberedFile(std::string_view name) {
+    constexpr std::string_view json = ".json";
+    if (!name.starts_with(reportStem) || !name.ends_with(json) || name.size() < reportStem.size() + json.size())
+        return std::nullopt;
+    std::string_view middle = name.substr(reportStem.size(), name.size() - reportStem.size() - json.size());
+    if (middle.empty())
+        return 1;
+    if (middle.front() != '_')
+        return std::nullopt;
+    middle.remove_prefix(1);
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(middle.data(), middle.data() + middle.size(), number);
+    if (middle.size() < 4 || middle.size() > 9 || error != std::errc() || end != middle.data() + middle.size() ||
+        number < 2)
+        return std::nullopt;
+    return number;
+}
+
+bool CardRecord::appendReport(std::string_view name) { return numberedFile(name).value_or(1) > 1; }
+
+CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int64_t> maxGeneration,
+                            const std::optional<std::optional<std::string>>& serial) {
+    CardRecord record;
+    record.cardPath = cardPath;
+    record.volumeSerial = serial ? *serial : VolumeFacts::volumeSerialText(cardPath);
+    const std::string first = reportFolder(cardPath) + "/" + OffloadReport::jsonName(1);
+    // With generation 1 itself unfinished there is nothing before it that could be read.
+    if (maxGeneration && *maxGeneration < 1)
+        return record;
+    if (!IO::exists(first)) {
+        record.reportMissing = true;
+        return record;
+    }
+    try {
+        record.generations.push_back({1, readReport(first)});
+        const std::vector<std::int64_t> numbers = reportNumbers(cardPath);
+        record.highestReportNumber = numbers.empty() ? 1 : numbers.back();
+        for (std::int64_t number : numbers) {
+            if (number < 2 || (maxGeneration && number > *maxGeneration))
+                continue;
+            const std::string name = OffloadReport::jsonName(number);
+            try {
+                auto report = readReport(reportFolder(cardPath) + "/" + name);
+                const std::int64_t generation = report->generation.value_or(number);
+                record.generations.push_back({generation, std::move(report)});
+            } catch (const std::exception& error) {
+                record.problems.push_back(name + ": " + error.what());
+            }
+        }
+    } catch (const std::exception& error) {
+        record.error = error.what();
+        return record;
+    }
+    std::stable_sort(record.generations.begin(), record.generations.end(),
+                     [](const Generation& a, const Generation& b) { return a.generation < b.generation; });
+    for (const Generation& generation : record.generations)
+        mergeFiles(record, generation);
+    mergeClips(record);
+    record.incomplete = incompleteElsewhere(record);
+    return record;
+}
+
+std::optional<std::string> CardRecord::project() const {
+    for (auto generation = generations.rbegin(); generation != generations.rend(); ++generation)
+        if (generation->report->project)
+            return generation->report->project;
+    return std::nullopt;
+}
+
+Timestamp CardRecord::started() const {
+    Timestamp earliest;
+    for (const Generation& generation : generations)
+        if (&generation == &generations.front() || generation.report->started < earliest)
+            earliest = generation.report->started;
+    return earliest;
+}
+
+Timestamp CardRecord::finished() const {
+    Timestamp latest;
+    for (const Generation& generation : generations)
+        latest = std::max(latest, generation.report->finished);
+    return latest;
+}
+
+bool CardRecord::verifyPending() const {
+    return std::any_of(generations.begin(), generations.end(),
+                       [](const Generation& g) { return g.report->verifyPending.value_or(false); });
+}
+
+std::vector<std::string> CardRecord::failedFiles() const {
+    std::vector<std::string> failed;
+    for (const auto& [key, recorded] : files)
+        if (recorded.report->isFailed(*recorded.file))
+            failed.push_back(recorded.file->path);
+    std::sort(failed.begin(), failed.end());
+    return failed;
+}
+
+bool CardRecord::verified() const {
+    return !generations.empty() && std::all_of(generations.begin(), generations.end(),
+                                               [](const Generation& g) { return g.report->verified; });
+}
+
+std::size_t CardRecord::destinationIndex(const OffloadReport& report, const std::string& cardPath,
+                                         std::size_t position) {
+    const std::string wanted = standardised(cardPath);
+    for (std::size_t i = 0; i < report.destinations.size(); ++i)
+        if (standardised(report.destinations[i].cardPath) == wanted)
+            return i;
+    return position;
+}
+
+std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, const std::string& cardPath,
+                                                const std::optional<std::string>& serial) {
+    if (serial) {
+        const std::string below = pathKey(VolumeFacts::underRoot(cardPath));
+        for (std::size_t i = 0; i < report.destinations.size(); ++i) {
+            const auto& destination = report.destinations[i];
+            if (destination.volumeSerial == serial &&
+                pathKey(VolumeFacts::underRoot(destination.cardPath)) == below)
+                return i;
+        }
+    }
+    const std::size_t index = destinationIndex(report, cardPath, report.destinations.size());
+    return index < report.destinations.size() ? std::optional(index) : std::nullopt;
+}
+
+bool CardRecord::readBack(const RecordedFile& recorded, const std::string& cardPath,
+                          const std::optional<std::string>& serial) {
+    const auto column = columnOf(*recorded.report, cardPath, serial);
+    return column && *column < recorded.file->destinations.size() && recorded.file->destinations[*column] == "verified";
+}
+
+BackupState BackupState::of(const std::vector<std::string_view>& statuses) {
+    BackupState state;
+    for (std::string_view status : statuses) {
+        if (status == "written" || status == "pending")
+            ++state.unverified;
+        else if (status != "verified")
+            ++state.failed;
+    }
+    return state;
+}
+
+namespace BackupMessage {
+
+std::string failed(std::int64_t files) {
+    return fmt::format("{} in the backup still {} not match — do not eject the card, run Copy again.",
+                       countedFiles(files), plural(files, "does", "do"));
+}
+
+std::string unverified(std::int64_t files) {
+    return fmt::format("{} of the earlier backup {} not verified — Verify backup recommended.", countedFiles(files),
+                       plural(files, "is", "are"));
+}
+
+std::string notInBackup(std::int64_t files) {
+    return fmt::format("The card has {} that the backup does not — do not eject the card, append to the backup.",
+                       countedFiles(files));
+}
+
+std::string unreadable(std::string_view error) {
+    return fmt::format("Cannot read the state of the backup ({}) — nothing was checked, do not eject the card yet.",
+                       error);
+}
+
+} // namespace BackupMessage
+
+} // namespace velmora

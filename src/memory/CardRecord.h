@@ -1,0 +1,94 @@
+#pragma once
+
+#include "records/ManifestRecord.h"
+#include "records/OffloadReport.h"
+#include "records/SourceFile.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace velmora {
+
+// A file as the newest report that names it records it.
+struct RecordedFile {
+    const OffloadReport::FileEntry* file = nullptr; // into `report`; never null
+    std::int64_t generation = 1;
+    std::shared_ptr<const OffloadReport> report; // never null
+};
+
+// What the reports in one card folder say, merged over all generations. When memory and disk disagree, the disk is the
+// truth, and this is how the disk is read; nothing in the folder is ever changed here.
+struct CardRecord {
+    struct Generation {
+        std::int64_t generation = 1;
+        std::shared_ptr<const OffloadReport> report;
+    };
+
+    std::string cardPath;
+    std::vector<Generation> generations; // ascending
+    std::unordered_map<std::string, RecordedFile> files; // by path key
+    std::vector<ClipEntry> clips; // of all generations, the newest of each name
+    bool reportMissing = false;   // there is no first report
+    std::optional<std::string> error;
+    std::vector<std::string> problems; // findings on single reports that leave the rest readable
+    std::int64_t highestReportNumber = 0; // of the names in _REPORT, readable or not
+    std::optional<std::string> volumeSerial;
+    bool incomplete = false; // the same generation went on elsewhere
+
+    std::optional<std::string> project() const; // of the newest report that has one
+    Timestamp started() const;
+    Timestamp finished() const;
+    bool verifyPending() const;
+    std::vector<std::string> failedFiles() const; // relative paths, ascending
+    bool verified() const;                        // every generation is
+
+    // Always gives a record; what went wrong stands in it. Reports above `maxGeneration` are not read, so that a
+    // half-made generation does not count. `serial` is the serial of the folder's volume if the caller knows it (or
+    // knows that there is none); without it the volume is asked.
+    static CardRecord load(const std::string& cardPath, std::optional<std::int64_t> maxGeneration = {},
+                           const std::optional<std::optional<std::string>>& serial = {});
+
+    // The number in "offload_report_NNNN.json"; 1 for "offload_report.json"; none for any other name.
+    static std::optional<std::int64_t> numberedFile(std::string_view name);
+    // True for the report of a later generation: "offload_report_NNNN.json" with a number of 2 or more.
+    static bool appendReport(std::string_view name);
+
+    // The column of this folder in a report: by card path, else `position`.
+    static std::size_t destinationIndex(const OffloadReport& report, const std::string& cardPath,
+                                        std::size_t position);
+    // The same, but a destination on the same volume and with the same path below its root wins first: a disk that is
+    // mounted under another name today is still its column. None when no column fits.
+    static std::optional<std::size_t> columnOf(const OffloadReport& report, const std::string& cardPath,
+                                               const std::optional<std::string>& serial);
+    // True when the file was read back and found good on this disk.
+    static bool readBack(const RecordedFile& recorded, const std::string& cardPath,
+                         const std::optional<std::string>& serial);
+};
+
+// How the files of a whole card stand over all their disks.
+struct BackupState {
+    std::int64_t failed = 0;
+    std::int64_t unverified = 0;
+
+    // Counts status words: "verified" nowhere, "written" and "pending" as unverified, everything else as failed.
+    static BackupState of(const std::vector<std::string_view>& statuses);
+};
+
+// The sentences about the backup of a whole card, at the end of a job and before an eject.
+namespace BackupMessage {
+
+std::string failed(std::int64_t files);
+std::string unverified(std::int64_t files);
+std::string notInBackup(std::int64_t files);
+std::string unreadable(std::string_view error);
+
+} // namespace BackupMessage
+
+} // namespace velmora

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "memory/HistoryMatcher.h"
+
+#include <string>
+
+namespace velmora {
+
+enum class HistoryTone { neutral, ok, warning, error };
+
+// The words about a remembered card, for tiles, lists and the terminal. Pure functions.
+namespace HistoryText {
+
+struct Line {
+    std::string text;
+    HistoryTone tone = HistoryTone::neutral;
+};
+
+// "2026-03-14 09:30", local time.
+std::string when(Timestamp date);
+// "DISK_A" for a root on a mounted volume, else the path.
+std::string diskName(const std::string& root);
+// "The card is empty — backed up earlier on …"
+std::string emptied(const HistoryEntry& entry);
+// One sentence on a match; with `fullPaths` the card folders stand behind it.
+Line line(const HistoryMatch& match, bool fullPaths);
+// The state of an entry by itself, for a list of entries: "verified", "NOT VERIFIED", "with errors (2 files)",
+// "unfinished".
+Line state(const HistoryEntry& entry);
+
+} // namespace HistoryText
+
+} // namespace velmora

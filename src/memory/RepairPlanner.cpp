@@ -1,0 +1,265 @@
+#include "memory/RepairPlanner.h"
+
+#include "base/FileTimes.h"
+#include "base/Hex.h"
+#include "base/Msg.h"
+#include "base/RelativePath.h"
+#include "base/Text.h"
+#include "blocks/HashStreams.h"
+#include "engine/Layout.h"
+#include "engine/Scanner.h"
+#include "memory/ResumePlanner.h"
+#include "platform/IO.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <unordered_map>
+
+namespace velmora::RepairPlanner {
+
+namespace {
+
+constexpr std::size_t readBytes = std::size_t{16} << 20;
+
+OffloadError refuse(PreflightCode code, std::string_view text) {
+    return OffloadError::preflight(code, std::string(text));
+}
+
+// The same refusal in the words of a repair.
+OffloadError forRepair(const OffloadError& error) {
+    const std::string text = Msg::forRepair(error.what());
+    return error.code() ? OffloadError::preflight(*error.code(), text) : OffloadError::failed(text);
+}
+
+// An open generation that is nothing but an interrupted repair.
+bool isOpenRepair(const Unfinished& open, const CardRecord& earlier) {
+    if (open.report)
+        return open.report->isRepair();
+    const auto mentioned = open.mentioned();
+    return std::all_of(mentioned.begin(), mentioned.end(),
+                       [&](const std::string& key) { return earlier.files.contains(key); });
+}
+
+struct Bad {
+    std::string relPath;
+    std::vector<bool> defective; // per destination
+    std::vector<bool> missing;
+};
+
+class Planning {
+public:
+    Planning(const std::string& source, AppendPlanner::Backup backup, bool localTime, const IsCancelled& isCancelled,
+             const std::function<void(std::int64_t)>& progress)
+        : source_(source), backup_(std::move(backup)), localTime_(localTime), isCancelled_(isCancelled),
+          progress_(progress), card_(Scanner::scan(source, isCancelled)) {
+        for (const SourceFile& file : card_.files)
+            onCard_.emplace(pathKey(file.relPath), &file);
+    }
+
+    RepairPlan run(const std::vector<Findings>& findings) {
+        collect(findings);
+        if (bad_.empty())
+            throw refuse(PreflightCode::repairNothing,
+                         "Nothing to repair — every file is good on every destination.");
+        if (!sameCard())
+            throw refuse(PreflightCode::other, Msg::repairOtherCard);
+        for (const auto& [key, bad] : bad_)
+            examine(key, bad);
+        if (!lines_.empty())
+            throw conflict();
+        return finish();
+    }
+
+private:
+    const CardRecord& record(std::size_t d) const { return backup_.records[d]; }
+
+    Bad& badFile(const std::string& relPath) {
+        Bad& bad = bad_[pathKey(relPath)];
+        if (bad.relPath.empty()) {
+            bad.relPath = relPath;
+            bad.defective.resize(backup_.paths.size());
+            bad.missing.resize(backup_.paths.size());
+        }
+        return bad;
+    }
+
+    void collect(const std::vector<Findings>& findings) {
+        for (std::size_t d = 0; d < backup_.paths.size(); ++d) {
+            for (const std::string& path : findings[d].defective)
+                badFile(path).defective[d] = true;
+            for (const std::string& path : findings[d].missing)
+                badFile(path).missing[d] = true;
+            for (const auto& [key, recorded] : record(d).files) {
+                const auto column = CardRecord::columnOf(*recorded.report, record(d).cardPath, record(d).volumeSerial);
+                const std::size_t at = column.value_or(
+                    CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
+                const auto& statuses = recorded.file->destinations;
+                const std::string status = at < statuses.size() ? statuses[at] : "failed";
+                if (status == "verified" || status == "written")
+                    continue;
+                Bad& bad = badFile(recorded.file->path);
+                const std::string path = RelativePath::join(record(d).cardPath, recorded.file->path);
+                // A copy that failed when it was made is written again, whatever lies there now.
+                if (IO::exists(path))
+                    bad.defective[d] = true;
+                else
+                    bad.missing[d] = true;
+            }
+        }
+    }
+
+    // The record to hold a file against: the newest of any disk, they agree where they are in step.
+    const RecordedFile* recorded(const std::string& key) const {
+        for (const CardRecord& each : backup_.records)
+            if (const auto found = each.files.find(key); found != each.files.end())
+                return &found->second;
+        return nullptr;
+    }
+
+    bool matches(const SourceFile& file, const OffloadReport::FileEntry& entry) const {
+        return file.size == entry.size && FileTimes::close(file.mtime, entry.modified, localTime_);
+    }
+
+    // Some file of the backup is on the card as it was then. A card that was shot on since keeps the others.
+    bool sameCard() const {
+        for (const auto& [key, recorded] : record(0).files)
+            if (const auto found = onCard_.find(key); found != onCard_.end() && matches(*found->second, *recorded.file))
+                return true;
+        return false;
+    }
+
+    // Size and digest of what the card gives now.
+    struct Content {
+        std::int64_t size = 0;
+        std::string xxh64;
+    };
+
+    Content readCard(const SourceFile& file) {
+        auto reader = UncachedReader::beneath(source_, file.relPath);
+        if (buffer_.size() == 0)
+            buffer_ = IO::allocateAligned(readBytes);
+        XXH64Stream hash;
+        Content content;
+        while (const std::size_t got = reader.readAt(buffer_.span(), content.size)) {
+            hash.update(buffer_.data(), got);
+            content.size += static_cast<std::int64_t>(got);
+            if (progress_)
+                progress_(static_cast<std::int64_t>(got));
+            if (isCancelled_ && isCancelled_())
+                throw Cancelled();
+        }
+        content.xxh64 = Hex::of64(hash.digest());
+        return content;
+    }
+
+    void examine(const std::string& key, const Bad& bad) {
+        const auto found = onCard_.find(key);
+        if (found == onCard_.end()) {
+            lines_.push_back(Msg::repairNotOnCard(bad.relPath));
+            return;
+        }
+        const SourceFile& file = *found->second;
+        const RecordedFile* known = recorded(key);
+        try {
+            const Content content = readCard(file);
+            const bool differs = known && (content.size != known->file->size ||
+                                           (known->file->xxh64 && *known->file->xxh64 != content.xxh64));
+            if (differs)
+                lines_.push_back(Msg::repairCardDiffers(bad.relPath, describe(content.size, content.xxh64),
+                                                        describe(known->file->size, known->file->xxh64.value_or("-"))));
+        } catch (const IOError& error) {
+            lines_.push_back(Msg::repairCardUnreadable(bad.relPath, error.what()));
+        }
+    }
+
+    static std::string describe(std::int64_t size, const std::string& digest) {
+        return fmt::format("{}, xxh64 {}", formatBytes(size), digest);
+    }
+
+    OffloadError conflict() const {
+        const auto n = static_cast<std::int64_t>(lines_.size());
+        return refuse(PreflightCode::repairConflict,
+                      fmt::format("Repair stopped — nothing was copied. {} {} cannot be repaired:\n  {}\nThe card has "
+                                  "changed since the backup, or a file is missing in the backup folder — check it with "
+                                  "Verify backup, or make a full copy.",
+                                  n, plural(n, "file", "files"), join(lines_, "\n  ")));
+    }
+
+    RepairPlan finish() {
+        RepairPlan repair;
+        OffloadPlan& plan = repair.plan;
+        plan.source = source_;
+        plan.scan.root = card_.root;
+        plan.mode = PlanMode::repair;
+        plan.generation = backup_.nextGeneration;
+        plan.date = backup_.date;
+        plan.cardName = backup_.cardName;
+        plan.destRoots = backup_.roots;
+        plan.fixedCardPaths = backup_.paths;
+        plan.project = record(0).project();
+        if (!record(0).generations.empty())
+            plan.hashKinds = HashKinds::from(record(0).generations.back().report->algorithms());
+        std::map<std::string, const Bad*> inOrder; // the order of the copy is that of the paths
+        for (const auto& [key, bad] : bad_)
+            inOrder.emplace(onCard_.at(key)->relPath, &bad);
+        std::vector<std::vector<bool>> writes;
+        for (const auto& [path, bad] : inOrder) {
+            plan.scan.files.push_back(*onCard_.at(pathKey(path)));
+            std::vector<bool> write(backup_.paths.size());
+            for (std::size_t d = 0; d < write.size(); ++d)
+                write[d] = bad->defective[d] || bad->missing[d];
+            const bool anywhere = std::find(write.begin(), write.end(), true) != write.end();
+            ++(anywhere ? repair.rewritten : repair.onlyReadBack);
+            repair.defective.push_back(bad->defective);
+            writes.push_back(std::move(write));
+        }
+        plan.write = std::move(writes);
+        return repair;
+    }
+
+    const std::string source_;
+    const AppendPlanner::Backup backup_;
+    const bool localTime_;
+    const IsCancelled& isCancelled_;
+    const std::function<void(std::int64_t)>& progress_;
+    SourceScan card_;
+    std::unordered_map<std::string, const SourceFile*> onCard_;
+    std::map<std::string, Bad> bad_; // by path key
+    std::vector<std::string> lines_;
+    AlignedBuffer buffer_;
+};
+
+} // namespace
+
+AppendPlanner::Backup checkBackup(const std::vector<std::string>& cardPaths) {
+    try {
+        const auto open = ResumePlanner::find(cardPaths);
+        AppendPlanner::Backup backup =
+            AppendPlanner::checkBackup(cardPaths, open ? std::optional(open->generation) : std::nullopt);
+        if (open && !isOpenRepair(*open, backup.records.front()))
+            throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
+        return backup;
+    } catch (const OffloadError& error) {
+        throw forRepair(error);
+    }
+}
+
+RepairPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
+                const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
+                const std::vector<Findings>& findings, const IsCancelled& isCancelled,
+                const std::function<void(std::int64_t)>& progress) {
+    AppendPlanner::Backup backup = checkBackup(cardPaths);
+    bool localTime = FileTimes::storesLocalTime(sourceFilesystem);
+    for (const std::string& type : destFilesystems)
+        localTime = localTime || FileTimes::storesLocalTime(type);
+    return Planning(source, std::move(backup), localTime, isCancelled, progress).run(findings);
+}
+
+std::string asidePath(const std::string& cardPath, std::int64_t generation, const std::string& relPath) {
+    return RelativePath::join(
+        fmt::format("{}/{}/set-aside/{:04}", cardPath, std::string_view(Layout::reportDirName), generation), relPath);
+}
+
+} // namespace velmora::RepairPlanner

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "records/OffloadReport.h"
+
+#include <string>
+
+namespace velmora {
+
+// Reads a report from a disk. Whatever lies there is hostile until it is parsed: its size is bounded, and a path that
+// would leave the card folder makes the whole report unreadable.
+namespace ReportFile {
+
+// Throws IOError, or an error of parsing whose text says what is wrong.
+OffloadReport read(const std::string& path);
+
+} // namespace ReportFile
+
+} // namespace velmora

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "memory/Unfinished.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// Finds what a crash left in the folders of one card and decides, file by file and disk by disk, what is still to do.
+// Reads reports, chains, manifests and directories; writes nothing.
+//
+// Which generation is open on a disk: one that the manifest names and the ASC MHL chain does not hold, else the last
+// committed one if its report still says that its verification is not finished.
+namespace ResumePlanner {
+
+// Nothing when no disk has an open generation. Throws OffloadError when the disks disagree: a disk whose run died before
+// its first line may be behind, one that is ahead or has closed the generation may not.
+std::optional<Unfinished> find(const std::vector<std::string>& paths);
+
+// The highest generation in the chain; 0 without one. Problems of the chain are for others to tell.
+std::int64_t committed(const std::string& cardPath);
+std::string reportPath(const std::string& cardPath, std::int64_t generation);
+// The report of a committed generation can be read and says that its verification is open.
+bool unsettled(const std::string& cardPath, std::int64_t generation);
+
+// What lies under a file's final name on a disk; none when there is no file.
+using SizeOnDisk = std::function<std::optional<std::int64_t>(std::size_t dest, const SourceFile& file)>;
+
+struct Decision {
+    std::vector<std::vector<bool>> write;                 // per file, per destination
+    std::vector<std::optional<ManifestRecord>> known;     // set when the file is safe on every destination
+    std::vector<std::optional<PartCheckpoint>> resume;    // where the destinations that need the file can continue
+};
+
+// A file that every disk holds complete and durable, by one and the same record, is known and not read again. A disk
+// whose records disagree with another's gets the file anew: which of the two is right, nobody can say.
+Decision decide(const Unfinished& unfinished, const std::vector<SourceFile>& files, const SizeOnDisk& sizeOnDisk,
+                bool localTime, std::int64_t blockSize);
+
+// The longest run of blocks that every destination which needs the file has durably, by checkpoints that agree block
+// for block. None when one of them has nothing usable. The bytes themselves are proved by reading the part files when
+// the copy begins.
+std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, const SourceFile& file,
+                                               const std::vector<bool>& write, bool localTime,
+                                               std::int64_t blockSize);
+
+} // namespace ResumePlanner
+
+} // namespace velmora

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "records/ManifestRecord.h"
+#include "records/OffloadReport.h"
+#include "records/SourceFile.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+namespace velmora {
+
+// A generation that died before it was committed, as it lies on the disks. The lists run parallel to the card folders.
+struct Unfinished {
+    std::int64_t generation = 1;
+    std::vector<std::vector<ManifestRecord>> manifests; // its lines, in the order of the file
+    // Path keys of the files that it must hold, neither more nor less: a report that is on a disk already cannot grow.
+    std::optional<std::unordered_set<std::string>> fixedFiles;
+    std::shared_ptr<const OffloadReport> report; // null when it wrote none
+    std::vector<std::map<std::string, ManifestRecord>> files; // by path key
+    std::vector<std::map<std::string, PartCheckpoint>> parts;
+
+    // What the manifest of a disk says of a file, if size and time are those of the card's file.
+    const ManifestRecord* fileOf(std::size_t dest, const SourceFile& file, bool localTime) const;
+    const PartCheckpoint* partOf(std::size_t dest, const SourceFile& file, bool localTime) const;
+    // The copy on the disk was put there by this generation: a line of its manifest agrees with the card's file, and
+    // the size on the disk is one that such a copy has.
+    bool owns(std::size_t dest, const SourceFile& file, std::int64_t sizeOnDisk, bool localTime) const;
+    // A manifest or the report of this generation names the path.
+    bool mentions(const std::string& relPath) const;
+    // Every path key that a manifest of this generation names.
+    std::unordered_set<std::string> mentioned() const;
+};
+
+} // namespace velmora

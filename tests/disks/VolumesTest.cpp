@@ -1,0 +1,91 @@
+#include "disks/Volumes.h"
+
+#include "support/TempFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+using test::TempFolder;
+
+void touch(const std::string& path) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path) << "x";
+}
+
+TEST(Volumes, RecogniseACameraCardByItsFoldersAndMedia) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> files;
+        bool card;
+    };
+    std::vector<std::string> fiftyFirst;
+    for (int i = 10; i < 60; ++i)
+        fiftyFirst.push_back("a" + std::to_string(i) + "/notes.txt");
+    std::vector<std::string> fiftieth = fiftyFirst;
+    fiftieth.back() = "a59/A001.R3D";
+    fiftyFirst.push_back("b/A001.R3D");
+    for (const Case& c : std::vector<Case>{
+             {"marker in lower case", {"dcim/x.txt"}, true},
+             {"marker that is a file", {"DCIM"}, false},
+             {"media in the root", {"clip.MXF"}, true},
+             {"media one level down", {"stuff/A001.R3D"}, true},
+             {"media two levels down", {"a/b/A001.R3D"}, false},
+             {"the fiftieth folder still counts", fiftieth, true},
+             {"the fifty-first does not", fiftyFirst, false},
+             {"hidden folders do not stop it", {".Spotlight-V100/x", "CLIP/x"}, true},
+             {"hidden media", {".x/A.mov", ".A.mov"}, false},
+             {"documents", {"letter.pdf", "docs/a.txt"}, false},
+         }) {
+        TempFolder folder;
+        for (const std::string& file : c.files)
+            touch(folder.path() + "/" + file);
+        EXPECT_EQ(Volumes::looksLikeCameraCard(folder.path()), c.card) << c.what;
+    }
+    EXPECT_FALSE(Volumes::looksLikeCameraCard("/nonexistent"));
+}
+
+TEST(Volumes, ProposeDisksAndKeepWhatWasChosen) {
+    TempFolder chosen;
+    const auto item = [](const char* path) {
+        VolumeItem volume;
+        volume.path = path;
+        volume.name = std::string(path).substr(std::string(path).rfind('/') + 1);
+        volume.isWritable = true;
+        return volume;
+    };
+    std::vector<VolumeItem> volumes = {item("/mnt/A"),   item("/mnt/CARD"), item("/mnt/RO"), item("/mnt/INT"),
+                                       item("/mnt/IGN"), item("/mnt/SRC"),  item("/mnt/B")};
+    volumes[1].looksLikeCard = true;
+    volumes[2].isWritable = false;
+    volumes[3].ejectProblem = "an internal disk cannot be ejected";
+    EXPECT_EQ(Volumes::autoDestinations({chosen.path(), "/gone"}, volumes, {"IGN"}, "/mnt/SRC/card"),
+              (std::vector<std::string>{chosen.path(), "/mnt/A", "/mnt/B"}));
+}
+
+TEST(Volumes, KeepTheSelectionAndAddNewCards) {
+    std::vector<VolumeItem> now(3);
+    now[0].path = "/mnt/OLD";
+    now[1].path = "/mnt/NEWCARD";
+    now[1].looksLikeCard = true;
+    now[2].path = "/mnt/NEWDISK";
+    EXPECT_EQ(Volumes::selectionAfterRefresh({"/mnt/OLD", "/mnt/GONE"}, {"/mnt/GONE", "/mnt/OLD"}, now, true),
+              (std::vector<std::string>{"/mnt/OLD", "/mnt/NEWCARD"}));
+    EXPECT_EQ(Volumes::selectionAfterRefresh({}, {"/mnt/OLD"}, now, false), (std::vector<std::string>{"/mnt/OLD"}));
+}
+
+TEST(Volumes, ListTheVolumeOfADestinationWhereverItIsMounted) {
+    TempFolder folder;
+    const auto volumes = Volumes::scan({folder.path()});
+    ASSERT_FALSE(volumes.empty());
+    const VolumeItem& volume = volumes.back();
+    EXPECT_TRUE(volume.isDestination);
+    EXPECT_TRUE(folder.path().starts_with(volume.path));
+    EXPECT_GT(volume.total, 0);
+    EXPECT_LE(volume.free, volume.total);
+    EXPECT_FALSE(volume.format.empty());
+}
+
+} // namespace
+} // namespace velmora
