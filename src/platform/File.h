@@ -92,12 +92,12 @@ public:
     int descriptor() const noexcept { return fd_; }
     // A hint; a refusal is ignored. The file's length does not change.
     void preallocate(std::int64_t bytes) noexcept;
-    // Writes `bytes` at `offset` (a multiple of 4096). The memory is page-aligned, and when the length is not a
-    // multiple of 4096 the memory behind it up to the next multiple is readable and zero: an O_DIRECT tail is written
-    // padded and cut with ftruncate. Only the last write of a file may have an unaligned length.
+    // Writes `bytes` at `offset` (a multiple of 4096). The memory is page-aligned. Only the last write of a file may
+    // have a length that is no multiple of 4096.
     void writeAt(std::span<const std::byte> bytes, std::int64_t offset);
-    // Pushes the data to the device without flushing the device's own cache (sync_file_range; nothing to do when
-    // direct).
+    // Pushes the data to the device without flushing the device's own cache, and drops what of it went through the page
+    // cache: all of it in dropBehind mode, an unaligned tail in direct mode. Set the times after it, not before: some
+    // FUSE daemons count a late write-back as a change.
     void pushToDisk();
     // fsync: data, length and times are on the medium. A failure is final: it must never be retried into a success.
     void flush();
@@ -106,15 +106,15 @@ public:
     void close(); // throws IOError("close", …)
 
 private:
-    bool writeDirect(std::span<const std::byte> bytes, std::int64_t offset);
+    std::size_t writeDirect(std::span<const std::byte> bytes, std::int64_t offset);
     void writeBuffered(std::span<const std::byte> bytes, std::int64_t offset);
     void writeOutAndDrop(std::int64_t from, std::int64_t to);
 
     std::string path_;
     int fd_ = -1;
     CacheMode mode_ = CacheMode::direct;
-    std::int64_t startedFrom_ = 0; // dropBehind: what lies between these two has been handed to the disk,
-    std::int64_t startedTo_ = 0;   // but nobody has waited for it yet
+    std::int64_t startedFrom_ = 0; // what lies between these two went through the cache and has been handed to the
+    std::int64_t startedTo_ = 0;   // disk, but nobody has waited for it yet
 };
 
 } // namespace velmora

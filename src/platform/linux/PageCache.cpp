@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
 #include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <vector>
 
@@ -37,9 +40,38 @@ struct CachestatResult {
 };
 constexpr long cachestatNumber = 451;
 
-bool isOverlay(int fd) {
+bool isOn(int fd, long magic) {
     struct statfs info{};
-    return ::fstatfs(fd, &info) == 0 && info.f_type == OVERLAYFS_SUPER_MAGIC;
+    return ::fstatfs(fd, &info) == 0 && info.f_type == magic;
+}
+
+bool isOverlay(int fd) { return isOn(fd, OVERLAYFS_SUPER_MAGIC); }
+
+// Behind FUSE a second cache stands: the daemon reads and writes its disk or folder through pages of its own, also when
+// we open the file O_DIRECT. When the daemon serves a block device (exFAT, NTFS), those are the pages of that device,
+// which who may open it can count and drop. Any other daemon keeps them where nobody can look.
+struct DaemonCache {
+    bool exists = false;
+    Descriptor device; // closed when it cannot be looked at
+};
+
+DaemonCache daemonCacheOf(int fd) {
+    DaemonCache cache;
+    struct stat info{};
+    cache.exists = isOn(fd, FUSE_SUPER_MAGIC);
+    if (!cache.exists || ::fstat(fd, &info) != 0 || major(info.st_dev) == 0)
+        return cache;
+    std::error_code none;
+    const std::string node =
+        "/dev/" +
+        std::filesystem::canonical(fmt::format("/sys/dev/block/{}:{}", major(info.st_dev), minor(info.st_dev)), none)
+            .filename()
+            .string();
+    Descriptor device(retryInterrupted([&] { return ::open(node.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
+    struct stat target{};
+    if (device && ::fstat(device.get(), &target) == 0 && S_ISBLK(target.st_mode) && target.st_rdev == info.st_dev)
+        cache.device = std::move(device);
+    return cache;
 }
 
 // One call for a file of any length, and no page table is touched.
@@ -93,6 +125,13 @@ std::optional<std::pair<std::int64_t, std::int64_t>> PageCache::residentPages(co
         resident = countByMincore(fd.get(), info.st_size);
     if (!resident)
         return std::nullopt;
+    if (const DaemonCache daemon = daemonCacheOf(fd.get()); daemon.exists) {
+        // Whose pages these are is not told, so all of them might be this file's.
+        const auto behind = daemon.device ? countByCachestat(daemon.device.get()) : std::nullopt;
+        if (!behind)
+            return std::nullopt;
+        *resident += *behind;
+    }
     // A large folio may reach behind the end of the file.
     return std::pair(std::min(*resident, total), total);
 } catch (const IOError&) {
@@ -106,9 +145,15 @@ bool PageCache::evict(const std::string& path) try {
     constexpr unsigned all = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
     const int written = retryInterrupted(
         [&] { return isOverlay(fd.get()) ? ::fdatasync(fd.get()) : ::sync_file_range(fd.get(), 0, 0, all); });
-    if (written != 0)
+    if (written != 0 || ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED) != 0)
         return false;
-    return ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED) == 0;
+    const DaemonCache daemon = daemonCacheOf(fd.get());
+    if (!daemon.exists)
+        return true;
+    // fsync makes the daemon give up what it still holds; then its device can be emptied like a file.
+    return daemon.device && retryInterrupted([&] { return ::fsync(fd.get()); }) == 0 &&
+           retryInterrupted([&] { return ::fdatasync(daemon.device.get()); }) == 0 &&
+           ::posix_fadvise(daemon.device.get(), 0, 0, POSIX_FADV_DONTNEED) == 0;
 } catch (const IOError&) {
     return false;
 }

@@ -9,9 +9,6 @@ namespace {
 
 constexpr int createFlags = O_WRONLY | O_CREAT | O_TRUNC;
 
-// A result of EINVAL from a write may be the file system's way to refuse O_DIRECT only now.
-bool refusesDirect(int code) { return code == EINVAL; }
-
 } // namespace
 
 UncachedWriter::UncachedWriter(const std::string& path, Open how, CacheMode wanted)
@@ -42,39 +39,44 @@ void UncachedWriter::preallocate(std::int64_t bytes) noexcept {
         retryInterrupted([&] { return ::fallocate(fd_, FALLOC_FL_KEEP_SIZE, 0, bytes); });
 }
 
+// O_DIRECT takes whole units only. An unaligned tail goes through the cache as one page: the other way, a padded unit
+// cut with ftruncate, makes the kernel read that unit back from the disk, leaves it dirty in the cache all the same,
+// and for a moment gives the file a length that it must not have.
 void UncachedWriter::writeAt(std::span<const std::byte> bytes, std::int64_t offset) {
-    if (bytes.empty())
+    const std::size_t direct = mode_ == CacheMode::direct ? writeDirect(bytes, offset) : 0;
+    if (direct == bytes.size())
         return;
-    if (mode_ == CacheMode::direct && writeDirect(bytes, offset))
-        return;
-    writeBuffered(bytes, offset);
+    const bool tailOnly = mode_ == CacheMode::direct;
+    if (tailOnly)
+        switchToBuffered(fd_);
+    writeBuffered(bytes.subspan(direct), offset + static_cast<std::int64_t>(direct));
+    if (tailOnly && !switchToDirect(fd_))
+        mode_ = CacheMode::dropBehind;
 }
 
-// False when the file system refuses O_DIRECT only at the write; the writer is a buffered one from then on.
-bool UncachedWriter::writeDirect(std::span<const std::byte> bytes, std::int64_t offset) {
-    const std::size_t padded = (bytes.size() + directAlignment - 1) / directAlignment * directAlignment;
+// Writes the whole units and returns their bytes. When the file system refuses O_DIRECT only at the write, the writer
+// becomes a buffered one and the answer is what had been written until then.
+std::size_t UncachedWriter::writeDirect(std::span<const std::byte> bytes, std::int64_t offset) {
+    const std::size_t whole = bytes.size() / directAlignment * directAlignment;
     std::size_t done = 0;
-    for (int stalled = 0; done < padded;) {
+    for (int stalled = 0; done < whole;) {
         const ssize_t n = retryInterrupted(
-            [&] { return ::pwrite(fd_, bytes.data() + done, padded - done, offset + static_cast<off_t>(done)); });
-        if (n < 0 && refusesDirect(errno)) {
+            [&] { return ::pwrite(fd_, bytes.data() + done, whole - done, offset + static_cast<off_t>(done)); });
+        if (n < 0 && errno == EINVAL) {
             switchToBuffered(fd_);
             mode_ = CacheMode::dropBehind;
-            return false;
+            return done;
         }
         if (n < 0)
             throwErrno("write", path_);
         // A disk that fills up may cut a write anywhere; the next one starts at the last whole unit and gets the
         // reason.
-        const std::size_t whole = (done + static_cast<std::size_t>(n)) / directAlignment * directAlignment;
-        if (n == 0 || (whole == done && ++stalled > 3))
+        const std::size_t reached = (done + static_cast<std::size_t>(n)) / directAlignment * directAlignment;
+        if (n == 0 || (reached == done && ++stalled > 3))
             throw IOError("write", path_, EIO);
-        done = whole;
+        done = reached;
     }
-    if (padded != bytes.size())
-        check(retryInterrupted([&] { return ::ftruncate(fd_, offset + static_cast<off_t>(bytes.size())); }),
-              "ftruncate", path_);
-    return true;
+    return whole;
 }
 
 // Through the cache, but with little of it: this write is handed to the disk at once, and the one before it, which had
@@ -106,21 +108,26 @@ void UncachedWriter::writeOutAndDrop(std::int64_t from, std::int64_t to) {
 }
 
 void UncachedWriter::pushToDisk() {
-    if (mode_ == CacheMode::direct)
-        return;
-    writeOutAndDrop(0, INT64_MAX);
+    if (mode_ == CacheMode::dropBehind)
+        writeOutAndDrop(0, INT64_MAX);
+    else if (startedTo_ > startedFrom_)
+        writeOutAndDrop(startedFrom_, startedTo_);
     startedFrom_ = startedTo_ = 0;
 }
 
 void UncachedWriter::flush() {
     check(retryInterrupted([&] { return ::fsync(fd_); }), "fsync", path_);
     // Pages that were still dirty when their stretch was dropped are clean only now.
-    if (mode_ == CacheMode::dropBehind)
-        ::posix_fadvise(fd_, 0, 0, POSIX_FADV_DONTNEED);
+    ::posix_fadvise(fd_, 0, 0, POSIX_FADV_DONTNEED);
+    startedFrom_ = startedTo_ = 0;
 }
 
 void UncachedWriter::setModified(Timestamp modified) {
-    const struct timespec times[2] = {{0, UTIME_OMIT}, {modified.seconds, modified.nanoseconds}};
+    // The access time is given as it stands rather than with UTIME_OMIT: a FUSE daemon of the older protocol (exFAT
+    // among them) answers "done" to a change of one time alone and does nothing.
+    struct stat info{};
+    check(::fstat(fd_, &info), "stat", path_);
+    const struct timespec times[2] = {info.st_atim, {modified.seconds, modified.nanoseconds}};
     check(::futimens(fd_, times), "futimens", path_);
 }
 

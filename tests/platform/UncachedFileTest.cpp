@@ -1,0 +1,149 @@
+#include "platform/IO.h"
+#include "platform/PageCache.h"
+#include "platform/linux/OpenFile.h"
+#include "support/FileTree.h"
+#include "support/LoopImage.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace velmora {
+namespace {
+
+using test::LoopImage;
+using test::TempFolder;
+using test::FileTree::bytes;
+
+constexpr std::size_t block = 1 << 20;
+constexpr std::size_t sizes[] = {0, 1, 4095, 4096, 4097, block - 1, block, 3 * block + 1};
+
+// What is on the disk where the test runs: a plain folder, or a file system of its own.
+struct Place {
+    std::unique_ptr<TempFolder> folder;
+    std::unique_ptr<LoopImage> image;
+    std::string path;
+};
+
+class UncachedFile : public testing::TestWithParam<std::optional<LoopImage::Kind>> {
+protected:
+    void SetUp() override {
+        if (!GetParam()) {
+            place_.folder = std::make_unique<TempFolder>();
+            place_.path = place_.folder->path();
+            return;
+        }
+        if (const auto why = LoopImage::unavailable(*GetParam()))
+            GTEST_SKIP() << *why;
+        place_.image = std::make_unique<LoopImage>(*GetParam());
+        place_.path = place_.image->path();
+    }
+
+    bool isFuse() const { return GetParam() == LoopImage::Kind::exfat; }
+
+    Place place_;
+};
+
+void writeBlocks(UncachedWriter& writer, const std::string& content) {
+    AlignedBuffer buffer = IO::allocateAligned(block);
+    for (std::size_t at = 0; at < content.size(); at += block) {
+        const std::size_t n = std::min(block, content.size() - at);
+        std::memset(buffer.data(), 0, block);
+        std::memcpy(buffer.data(), content.data() + at, n);
+        writer.writeAt(buffer.span().first(n), static_cast<std::int64_t>(at));
+    }
+}
+
+std::string readBlocks(UncachedReader& reader, std::size_t step = block) {
+    AlignedBuffer buffer = IO::allocateAligned(step);
+    std::string content;
+    while (const std::size_t n = reader.readAt(buffer.span(), static_cast<std::int64_t>(content.size()))) {
+        content.append(reinterpret_cast<const char*>(buffer.data()), n);
+        if (n < step) {
+            for (std::size_t at = n; at < std::min(step, (n + 4095) / 4096 * 4096); ++at)
+                EXPECT_EQ(buffer.data()[at], std::byte{0}) << "behind the end at " << at;
+            break;
+        }
+    }
+    return content;
+}
+
+TEST_P(UncachedFile, WritesAndReadsEveryLengthInBothModes) {
+    for (const CacheMode wanted : {CacheMode::direct, CacheMode::dropBehind})
+        for (const std::size_t size : sizes) {
+            const std::string path = fmt::format("{}/f{}-{}", place_.path, size, static_cast<int>(wanted));
+            const std::string content = bytes(size + 1, size);
+            UncachedWriter writer(path, UncachedWriter::Open::createOrTruncate, wanted);
+            EXPECT_EQ(writer.mode(), wanted);
+            writer.preallocate(static_cast<std::int64_t>(size));
+            EXPECT_EQ(writer.facts().size, 0);
+            writeBlocks(writer, content);
+            writer.pushToDisk();
+            writer.setModified({1'700'000'000, 0});
+            writer.close();
+
+            // Neither way may leave a page behind, before any fsync. Behind a FUSE daemon the device keeps some.
+            if (isFuse() && size > 0) {
+                EXPECT_GT(PageCache::residentPages(path).value().first, 0) << path;
+                EXPECT_TRUE(PageCache::evict(path));
+            }
+            EXPECT_EQ(PageCache::residentPages(path).value().first, 0) << path;
+
+            UncachedReader reader(path);
+            EXPECT_EQ(reader.mode(), CacheMode::direct);
+            EXPECT_EQ(reader.facts().size, static_cast<std::int64_t>(size));
+            EXPECT_EQ(reader.facts().modified, (Timestamp{1'700'000'000, 0}));
+            EXPECT_TRUE(readBlocks(reader) == content) << path;
+            EXPECT_TRUE(readBlocks(reader, 8192) == content) << path;
+            EXPECT_TRUE(test::FileTree::read(path) == content) << path;
+        }
+}
+
+TEST_P(UncachedFile, ContinuesAnExistingFileAtABlock) {
+    const std::string path = place_.path + "/part";
+    const std::string content = bytes(5, 2 * block + 77);
+    {
+        UncachedWriter writer(path, UncachedWriter::Open::createOrTruncate, CacheMode::direct);
+        writeBlocks(writer, content.substr(0, block) + bytes(6, 4096)); // one block that holds, one that was begun
+        writer.flush();
+    }
+    UncachedWriter writer(path, UncachedWriter::Open::existing, CacheMode::direct);
+    AlignedBuffer buffer = IO::allocateAligned(block);
+    for (const std::size_t at : {block, 2 * block}) {
+        const std::size_t n = std::min(block, content.size() - at);
+        std::memset(buffer.data(), 0, block);
+        std::memcpy(buffer.data(), content.data() + at, n);
+        writer.writeAt(buffer.span().first(n), static_cast<std::int64_t>(at));
+    }
+    writer.flush();
+    writer.close();
+    EXPECT_TRUE(test::FileTree::read(path) == content);
+}
+
+TEST_P(UncachedFile, EvictionEmptiesTheCacheOfADirtyFile) {
+    const std::string path = place_.path + "/cached";
+    test::FileTree::write(path, bytes(9, 2 * block + 5));
+    auto pages = PageCache::residentPages(path);
+    ASSERT_TRUE(pages);
+    EXPECT_EQ(pages->second, 513);
+    EXPECT_GT(pages->first, 0);
+    EXPECT_TRUE(PageCache::evict(path));
+    pages = PageCache::residentPages(path);
+    ASSERT_TRUE(pages);
+    EXPECT_EQ(pages->first, 0);
+    EXPECT_TRUE(test::FileTree::read(path) == bytes(9, 2 * block + 5));
+}
+
+INSTANTIATE_TEST_SUITE_P(On, UncachedFile,
+                         testing::Values(std::nullopt, LoopImage::Kind::ext4, LoopImage::Kind::xfs,
+                                         LoopImage::Kind::btrfs, LoopImage::Kind::exfat),
+                         [](const auto& kind) { return kind.param ? LoopImage::name(*kind.param) : "folder"; });
+
+} // namespace
+} // namespace velmora
