@@ -28,6 +28,7 @@ public:
     void unlock() RELEASE() { mutex_.unlock(); }
 
 private:
+    friend class Condition;
     std::mutex mutex_;
 };
 
@@ -46,16 +47,26 @@ private:
 // A condition variable that waits on a Mutex which the caller already holds.
 class Condition {
 public:
-    void wait(Mutex& mutex) REQUIRES(mutex) { condition_.wait(mutex); }
+    void wait(Mutex& mutex) REQUIRES(mutex) {
+        Held held(mutex);
+        condition_.wait(held.lock);
+    }
     template <class Duration>
     std::cv_status waitFor(Mutex& mutex, Duration time) REQUIRES(mutex) {
-        return condition_.wait_for(mutex, time);
+        Held held(mutex);
+        return condition_.wait_for(held.lock, time);
     }
     void notifyOne() { condition_.notify_one(); }
     void notifyAll() { condition_.notify_all(); }
 
 private:
-    std::condition_variable_any condition_;
+    // Lends the caller's lock to the condition and hands it back locked.
+    struct Held {
+        explicit Held(Mutex& mutex) : lock(mutex.mutex_, std::adopt_lock) {}
+        ~Held() { lock.release(); }
+        std::unique_lock<std::mutex> lock;
+    };
+    std::condition_variable condition_;
 };
 
 } // namespace velmora

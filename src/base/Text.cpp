@@ -11,13 +11,20 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
 #include <memory>
 
 namespace velmora {
 
 namespace {
 
-icu::StringPiece piece(std::string_view text) { return {text.data(), static_cast<std::int32_t>(text.size())}; }
+// ICU counts in 32 bits; no name or line comes near.
+std::int32_t lengthOf(std::string_view text) {
+    return static_cast<std::int32_t>(std::min<std::size_t>(text.size(), std::numeric_limits<std::int32_t>::max()));
+}
+
+icu::StringPiece piece(std::string_view text) { return {text.data(), lengthOf(text)}; }
 
 bool isAscii(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
@@ -115,21 +122,22 @@ std::string collisionKey(std::string_view path) {
 bool equalIgnoringCase(std::string_view a, std::string_view b) { return toLower(a) == toLower(b); }
 
 std::string trim(std::string_view text) {
-    std::size_t begin = text.size(), end = 0;
-    decode(
-        text,
-        [&](UChar32 c, std::string_view at) {
-            if (u_isUWhiteSpace(c))
-                return;
-            begin = std::min(begin, static_cast<std::size_t>(at.data() - text.data()));
-            end = static_cast<std::size_t>(at.data() - text.data()) + at.size();
-        },
-        [](std::uint8_t) {});
-    // Invalid bytes are no white space: look at them from both ends once more.
-    for (std::size_t i = 0; i < begin; ++i)
-        if (static_cast<unsigned char>(text[i]) >= 0x80 && !isValidUtf8(text.substr(0, begin)))
-            return std::string(text);
-    return begin < end ? std::string(text.substr(begin, end - begin)) : std::string();
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    const auto isWhite = [](UChar32 c) { return c >= 0 && u_isUWhiteSpace(c); }; // invalid bytes are negative
+    std::int32_t begin = 0, end = lengthOf(text);
+    for (std::int32_t i = 0; i < end; begin = i) {
+        UChar32 c = 0;
+        U8_NEXT(bytes, i, end, c);
+        if (!isWhite(c))
+            break;
+    }
+    for (std::int32_t i = end; i > begin; end = i) {
+        UChar32 c = 0;
+        U8_PREV(bytes, begin, i, c);
+        if (!isWhite(c))
+            break;
+    }
+    return std::string(text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
 }
 
 bool isValidUtf8(std::string_view text) {

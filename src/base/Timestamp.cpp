@@ -173,9 +173,12 @@ Timestamp Timestamp::fromSeconds(double t) {
 double Timestamp::toSeconds() const { return static_cast<double>(seconds) + static_cast<double>(nanoseconds) / 1e9; }
 
 double secondsBetween(Timestamp a, Timestamp b) {
-    // In this order the nanoseconds of moments close to each other survive.
-    return (static_cast<double>(b.seconds) - static_cast<double>(a.seconds)) +
-           static_cast<double>(b.nanoseconds - a.nanoseconds) / 1e9;
+    const std::int32_t nanos = b.nanoseconds - a.nanoseconds;
+    std::int64_t seconds = 0;
+    if (__builtin_sub_overflow(b.seconds, a.seconds, &seconds))
+        return static_cast<double>(b.seconds) - static_cast<double>(a.seconds);
+    // Nanoseconds in all, so that those of moments close to each other survive.
+    return (static_cast<double>(seconds) * 1e9 + static_cast<double>(nanos)) / 1e9;
 }
 
 namespace TimeText {
@@ -221,8 +224,13 @@ std::optional<Timestamp> parseIso8601(std::string_view text) {
     const auto offset = zone(in);
     if (!offset || !in.atEnd())
         return std::nullopt;
-    const std::int64_t days = daysOf(signedYear, *month, *day);
-    const std::int64_t inDay = *hour * 3600 + *minute * 60 + *second - *offset;
+    // Counted from the next day while negative: the first day that fits begins before the first second that fits.
+    std::int64_t days = daysOf(signedYear, *month, *day);
+    std::int64_t inDay = *hour * 3600 + *minute * 60 + *second - *offset;
+    if (days < 0) {
+        ++days;
+        inDay -= secondsPerDay;
+    }
     if (__builtin_mul_overflow(days, secondsPerDay, &result.seconds) ||
         __builtin_add_overflow(result.seconds, inDay, &result.seconds))
         return std::nullopt;
