@@ -1,0 +1,28 @@
+#include "platform/linux/Bus.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace velmora {
+
+std::string BusError::text(int result) const {
+    if (error_.message != nullptr && *error_.message != '\0')
+        return error_.message;
+    if (error_.name != nullptr)
+        return error_.name;
+    return std::strerror(result < 0 ? -result : result);
+}
+
+BusHandle openSystemBus(unsigned timeoutSeconds, std::string& problem) {
+    sd_bus* bus = nullptr;
+    const int result = sd_bus_open_system(&bus);
+    BusHandle handle(bus);
+    if (result < 0) {
+        problem = std::string("no system bus: ") + std::strerror(-result);
+        return nullptr;
+    }
+    sd_bus_set_method_call_timeout(bus, std::uint64_t{timeoutSeconds} * 1'000'000);
+    return handle;
+}
+
+} // namespace velmora
