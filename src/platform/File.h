@@ -80,7 +80,7 @@ private:
 // A file written past the page cache. Not thread-safe. Every failure is an IOError ("open", "write", "fsync", …).
 class UncachedWriter {
 public:
-    enum class Open { createOrTruncate, existing };
+    enum class Open { createNew, createOrTruncate, existing }; // createNew refuses a name that is taken (EEXIST)
     // `wanted` direct falls back to dropBehind where the file system refuses O_DIRECT; `mode()` tells. New files have
     // mode 0644. No symbolic link is followed in the last component.
     UncachedWriter(const std::string& path, Open how, CacheMode wanted);

@@ -7,12 +7,22 @@ namespace velmora {
 
 namespace {
 
-constexpr int createFlags = O_WRONLY | O_CREAT | O_TRUNC;
+int flagsOf(UncachedWriter::Open how) {
+    switch (how) {
+    case UncachedWriter::Open::createNew:
+        return O_WRONLY | O_CREAT | O_EXCL;
+    case UncachedWriter::Open::createOrTruncate:
+        return O_WRONLY | O_CREAT | O_TRUNC;
+    case UncachedWriter::Open::existing:
+        break;
+    }
+    return O_WRONLY;
+}
 
 } // namespace
 
 UncachedWriter::UncachedWriter(const std::string& path, Open how, CacheMode wanted)
-    : path_(path), fd_(openRegular(path, how == Open::existing ? O_WRONLY : createFlags, 0644).release()),
+    : path_(path), fd_(openRegular(path, flagsOf(how), 0644).release()),
       mode_(wanted == CacheMode::direct && switchToDirect(fd_) ? CacheMode::direct : CacheMode::dropBehind) {}
 
 UncachedWriter::~UncachedWriter() {

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+struct OffloadPlan;
+
+// The folders that a run writes into, made before its first file.
+namespace CardFolders {
+
+struct Destination {
+    std::string cardPath;
+    std::string topFolder;            // the deepest folder above the card folder that was there before
+    std::optional<std::string> error; // this destination takes no part in the run, and why
+};
+
+// Takes the card folder of a full copy into possession on all destinations: mkdir is what decides between two runs
+// that found the same name free. The loser gives back what it has taken and tries the next free name, which is put
+// into the plan. Roots are taken in one order by all runs, so that two of them never wait for each other's leavings.
+// The folders of any other plan stand already, or are made without such care.
+std::vector<Destination> claim(OffloadPlan& plan);
+
+// Every folder of the scan, the empty ones as well, and every folder that a file of the plan goes to. No link is
+// followed below the card folder. Throws IOError.
+void createTree(const std::string& cardPath, const OffloadPlan& plan);
+
+} // namespace CardFolders
+
+} // namespace velmora

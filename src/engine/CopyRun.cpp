@@ -1,0 +1,410 @@
+#include "engine/CopyRun.h"
+
+#include "base/Text.h"
+#include "blocks/HashStreams.h"
+#include "disks/CardIdentity.h"
+#include "engine/OffloadEngine.h"
+#include "engine/PartResume.h"
+#include "engine/SourceReader.h"
+#include "records/OffloadPlan.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fmt/format.h>
+#include <thread>
+
+namespace velmora {
+
+namespace {
+
+constexpr int identityTries = 3;
+constexpr std::chrono::milliseconds identityPause{250};
+
+// Hashes of the keys first: the keys of a hundred thousand files need not all be held for the few that clash.
+NameClashes clashesOf(const SourceScan& scan) {
+    NameClashes clashes;
+    std::vector<std::uint64_t> hashes;
+    hashes.reserve(scan.files.size());
+    for (const SourceFile& file : scan.files) {
+        std::string key = collisionKey(file.relPath);
+        hashes.push_back(blockHash(key.data(), key.size()));
+        if (key == DeviceFlush::flushFileName)
+            clashes.flushFile = true;
+        if (key.ends_with(".offload-part"))
+            clashes.partNames.insert(std::move(key));
+    }
+    std::vector<std::uint64_t> sorted = hashes;
+    std::ranges::sort(sorted);
+    for (std::size_t i = 0; i < hashes.size(); ++i)
+        if (std::ranges::upper_bound(sorted, hashes[i]) - std::ranges::lower_bound(sorted, hashes[i]) > 1)
+            clashes.folded.insert(collisionKey(scan.files[i].relPath));
+    return clashes;
+}
+
+std::optional<std::string> identityOf(const OffloadOptions& options, const std::string& source) {
+    return options.cardIdentity ? options.cardIdentity(source) : CardIdentity::withVolume(source);
+}
+
+} // namespace
+
+CopyRun::CopyRun(OffloadEngine& engine, std::shared_ptr<const OffloadPlan> plan,
+                 std::vector<CardFolders::Destination> destinations)
+    : engine_(engine), plan_(std::move(plan)), destinations_(std::move(destinations)), clashes_(clashesOf(plan_->scan)),
+      pool_(static_cast<std::size_t>(engine.options_.chunkSize), static_cast<std::size_t>(engine.options_.bufferCount)),
+      hasher_(engine.options_.chunkSize, plan_->scan.files.size(), engine.log_), endedAt_(plan_->scan.files.size()),
+      totalBytes_(plan_->scan.totalBytes()) {
+    makeWriters();
+}
+
+CopyRun::~CopyRun() = default;
+
+bool CopyRun::isCancelled() const noexcept { return engine_.isCancelled(); }
+
+void CopyRun::say(const std::string& text) const {
+    if (engine_.log_)
+        engine_.log_(text);
+}
+
+void CopyRun::describe(ProgressSnapshot& snapshot) const {
+    const auto& files = plan_->scan.files;
+    const std::size_t index = fileIndex_.load(std::memory_order_relaxed);
+    snapshot.totalBytes = totalBytes_ - settledBytes_.value();
+    snapshot.totalFiles = static_cast<std::int64_t>(files.size());
+    snapshot.fileIndex = static_cast<std::int64_t>(index);
+    snapshot.currentFile = index < files.size() ? files[index].relPath : "";
+    snapshot.readBytes = readBytes_.value();
+    snapshot.errors = sourceFailures_.value();
+    for (const auto& writer : writers_) {
+        snapshot.writtenBytes.push_back(writer ? writer->written() : 0);
+        snapshot.verifiedBytes.push_back(writer ? writer->verified() : 0);
+        snapshot.errors += writer ? writer->failures() : 0;
+        if (const auto file = writer ? writer->verifyingNow() : std::nullopt)
+            if (const std::string& name = files[*file].relPath;
+                std::ranges::find(snapshot.verifyingFiles, name) == snapshot.verifyingFiles.end())
+                snapshot.verifyingFiles.push_back(name);
+    }
+}
+
+OffloadReport CopyRun::run(RunRecorder& recorder) {
+    started_ = Timestamp::now();
+    engine_.cardAtStart_ = identityOf(engine_.options_, plan_->source);
+    worker_ = engine_.pauses_.work();
+    const std::int64_t began = monotonicNanos();
+    copyAll();
+    keepTimes(began);
+    engine_.setPhase(ProgressSnapshot::Phase::flush);
+    flush();
+    worker_->leave();
+    copyFinished_ = Timestamp::now();
+    copyPaused_ = engine_.pauses_.pausedTotal();
+
+    bool verified = false;
+    if (engine_.options_.verify && !engine_.options_.deferVerify) {
+        engine_.setPhase(ProgressSnapshot::Phase::verify);
+        verified = verify();
+        verifyPaused_ = engine_.pauses_.pausedTotal() - copyPaused_;
+    }
+    engine_.setPhase(ProgressSnapshot::Phase::report);
+    OffloadReport report = buildReport(verified);
+    recordReport(report, recorder, verified);
+    return report;
+}
+
+void CopyRun::makeWriters() {
+    bool any = false;
+    for (std::size_t d = 0; d < destinations_.size(); ++d) {
+        writers_.push_back(nullptr);
+        CardFolders::Destination& destination = destinations_[d];
+        if (destination.error)
+            continue;
+        DestWriter::Settings settings{.index = d,
+                                      .cardPath = destination.cardPath,
+                                      .topFolder = destination.topFolder,
+                                      .options = &engine_.options_,
+                                      .files = &plan_->scan.files,
+                                      .clashes = &clashes_,
+                                      .hasher = &hasher_,
+                                      .clock = &sourceClock_,
+                                      .generation = plan_->generation,
+                                      .resuming = plan_->resuming,
+                                      .beforeRename = {},
+                                      .log = engine_.log_};
+        if (engine_.beforeRename_)
+            settings.beforeRename = [this, d](std::size_t file, const std::string& path) {
+                engine_.beforeRename_(d, file, path);
+            };
+        try {
+            auto writer = std::make_unique<DestWriter>(std::move(settings));
+            CardFolders::createTree(destination.cardPath, *plan_);
+            writers_.back() = std::move(writer);
+            any = true;
+        } catch (const IOError& error) {
+            destination.error = error.what();
+        }
+    }
+    for (const CardFolders::Destination& destination : destinations_)
+        if (destination.error)
+            say(fmt::format("{} takes no part: {}", destination.cardPath, *destination.error));
+    if (!any && !destinations_.empty())
+        throw OffloadError::failed(*destinations_.front().error);
+}
+
+void CopyRun::copyAll() {
+    const std::size_t count = plan_->scan.files.size();
+    for (std::size_t file = 0; file < count; ++file) {
+        fileIndex_.store(file, std::memory_order_relaxed);
+        if (isCancelled())
+            return endAt(file, "cancelled");
+        if (engine_.options_.beforeFileCopy)
+            engine_.options_.beforeFileCopy(static_cast<std::int64_t>(file));
+        if (!holdBetweenFiles())
+            return endAt(file, "cancelled");
+        if (engine_.cardChanged_)
+            return endAt(file, "card changed while paused");
+        const Task& task = taskOf(file);
+        if (adoptKnown(task))
+            continue;
+        if (plan_->scan.files[file].size <= static_cast<std::int64_t>(pool_.sliceLimit()) &&
+            !(plan_->resume && (*plan_->resume)[file]))
+            copySmall(task);
+        else
+            copyLarge(task);
+        // The file that was cut short has said so already.
+        if (isCancelled())
+            return endAt(file + 1, "cancelled");
+    }
+    fileIndex_.store(count, std::memory_order_relaxed);
+}
+
+void CopyRun::endAt(std::size_t file, std::string reason) {
+    endedAt_ = file;
+    endReason_ = std::move(reason);
+    sourceFailures_.add(static_cast<std::int64_t>(plan_->scan.files.size() - file));
+}
+
+// False when cancelled. A pause finds everything that was read on its way to the disks, and nobody reading.
+bool CopyRun::holdBetweenFiles() {
+    if (!engine_.pauses_.isPaused())
+        return !isCancelled();
+    const SourceClock::Visit standing(sourceClock_);
+    hasher_.wait();
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->drain();
+    if (!worker_->waitWhilePaused([this] { return isCancelled(); }))
+        return false;
+    if (!sameCardAsAtStart() && !isCancelled())
+        engine_.cardChanged_ = true;
+    return !isCancelled();
+}
+
+// A volume that was just mounted again may need a moment before it tells its name.
+bool CopyRun::sameCardAsAtStart() const {
+    if (!engine_.cardAtStart_)
+        return true;
+    for (int attempt = 1;; ++attempt) {
+        if (identityOf(engine_.options_, plan_->source) == engine_.cardAtStart_)
+            return true;
+        if (attempt == identityTries || isCancelled())
+            return false;
+        std::this_thread::sleep_for(identityPause);
+    }
+}
+
+const CopyRun::Task& CopyRun::taskOf(std::size_t file) {
+    task_.file = file;
+    task_.targets.clear();
+    task_.holders.clear();
+    task_.known = plan_->known && (*plan_->known)[file] ? &*(*plan_->known)[file] : nullptr;
+    const bool writeNone = plan_->hashOnly && (*plan_->hashOnly)[file];
+    for (std::size_t d = 0; d < writers_.size(); ++d) {
+        if (!writers_[d])
+            continue;
+        const bool write = !writeNone && (plan_->write ? (*plan_->write)[file][d] : task_.known == nullptr);
+        (write ? task_.targets : task_.holders).push_back(writers_[d].get());
+    }
+    return task_;
+}
+
+// True when the file needs no reading: every destination has it, and its record holds all that reading would tell.
+bool CopyRun::adoptKnown(const Task& task) {
+    if (task.known == nullptr || !task.targets.empty())
+        return false;
+    const SourceFile& file = plan_->scan.files[task.file];
+    const auto hash = task.known->xxh64Value();
+    auto blocks = task.known->blockValues();
+    if (!hash || !blocks || task.known->blockSize != engine_.options_.chunkSize ||
+        !BlockManifest::make(file.size, task.known->blockSize, *blocks))
+        return false;
+    hasher_.setKnown(task.file, *hash, std::move(*blocks));
+    for (DestWriter* holder : task.holders)
+        holder->adopt(task.file, true);
+    settledBytes_.add(file.size);
+    return true;
+}
+
+void CopyRun::adoptHeld(const Task& task) {
+    for (DestWriter* holder : task.holders)
+        holder->adopt(task.file, task.known != nullptr);
+}
+
+Chunk& CopyRun::takeChunk(std::size_t bytes, bool slice) {
+    const std::int64_t began = monotonicNanos();
+    Chunk& chunk = slice ? pool_.takeSlice(bytes) : pool_.take();
+    waitedNanos_ += monotonicNanos() - began;
+    return chunk;
+}
+
+// Read first, then told to everybody in one go: a small file costs each queue one turn, and a file that cannot be read
+// leaves no trace on any disk.
+void CopyRun::copySmall(const Task& task) {
+    const SourceFile& file = plan_->scan.files[task.file];
+    Chunk* chunk = nullptr;
+    try {
+        SourceReader reader(plan_->source, file, engine_.options_, sourceClock_);
+        std::size_t got = 0;
+        if (file.size > 0) {
+            chunk = &takeChunk(static_cast<std::size_t>(file.size), true);
+            got = reader.read(chunk->memory(), 0);
+            chunk->set(0, got);
+        }
+        reader.checkUnchanged(static_cast<std::int64_t>(got));
+        readBytes_.add(static_cast<std::int64_t>(got));
+    } catch (const OffloadError& error) {
+        if (chunk != nullptr)
+            chunk->release();
+        sourceFailed(task, error.what(), false);
+        return;
+    }
+    if (chunk != nullptr)
+        chunk->share(1 + static_cast<int>(task.targets.size()));
+    hasher_.whole(task.file, chunk);
+    try {
+        checkAgainstKnown(task);
+    } catch (const OffloadError& error) {
+        for (std::size_t t = 0; chunk != nullptr && t < task.targets.size(); ++t)
+            chunk->release();
+        sourceFailed(task, error.what(), false);
+        return;
+    }
+    for (DestWriter* target : task.targets)
+        target->whole(task.file, chunk);
+    adoptHeld(task);
+    if (chunk != nullptr)
+        afterBlock(task.file, 0);
+}
+
+void CopyRun::copyLarge(const Task& task) {
+    const SourceFile& file = plan_->scan.files[task.file];
+    bool begun = false;
+    try {
+        SourceReader reader(plan_->source, file, engine_.options_, sourceClock_);
+        begun = true;
+        const std::int64_t from = startLarge(task);
+        const std::int64_t end = readBlocks(task, reader, from);
+        if (isCancelled() && end < file.size)
+            throw OffloadError::failed("cancelled");
+        reader.checkUnchanged(end);
+        hasher_.finish(task.file);
+        checkAgainstKnown(task);
+    } catch (const OffloadError& error) {
+        sourceFailed(task, error.what(), begun);
+        return;
+    }
+    for (DestWriter* target : task.targets)
+        target->finish(task.file);
+    adoptHeld(task);
+}
+
+// Returns the offset to read from.
+std::int64_t CopyRun::startLarge(const Task& task) {
+    hasher_.begin();
+    if (const auto* checkpoint = plan_->resume && (*plan_->resume)[task.file] ? &*(*plan_->resume)[task.file] : nullptr;
+        checkpoint != nullptr && !task.targets.empty()) {
+        std::vector<std::string> paths;
+        for (const DestWriter* target : task.targets)
+            paths.push_back(target->cardPath());
+        const SourceClock::Visit reading(sourceClock_); // the part files stand in for the card
+        if (const auto offset = PartResume::verify(plan_->scan.files[task.file], *checkpoint,
+                                                   engine_.options_.chunkSize, paths, hasher_, pool_)) {
+            for (DestWriter* target : task.targets)
+                target->beginResume(task.file, *checkpoint);
+            engine_.resumedBytes_ += *offset;
+            settledBytes_.add(*offset);
+            return *offset;
+        }
+        hasher_.begin();
+    }
+    for (DestWriter* target : task.targets)
+        target->begin(task.file);
+    return 0;
+}
+
+// Returns the offset at which the file, or the run, ended.
+std::int64_t CopyRun::readBlocks(const Task& task, SourceReader& reader, std::int64_t offset) {
+    const SourceFile& file = plan_->scan.files[task.file];
+    while (offset < file.size && !isCancelled()) {
+        Chunk& chunk = takeChunk(0, false);
+        std::size_t got = 0;
+        try {
+            got = reader.read(chunk.memory(), offset);
+        } catch (...) {
+            chunk.release();
+            throw;
+        }
+        if (got == 0) {
+            chunk.release();
+            break;
+        }
+        chunk.set(offset, got);
+        chunk.share(1 + static_cast<int>(task.targets.size()));
+        readBytes_.add(static_cast<std::int64_t>(got));
+        hasher_.update(chunk);
+        for (DestWriter* target : task.targets)
+            target->write(chunk);
+        afterBlock(task.file, offset / engine_.options_.chunkSize);
+        offset += static_cast<std::int64_t>(got);
+    }
+    return offset;
+}
+
+void CopyRun::afterBlock(std::size_t file, std::int64_t block) {
+    ++blocksRead_;
+    const OffloadOptions& options = engine_.options_;
+    if (options.afterChunkRead)
+        options.afterChunkRead(blocksRead_);
+    if (options.crashAfterBlock && options.crashAfterBlock(static_cast<std::int64_t>(file), block))
+        throw SimulatedCrash();
+}
+
+// A file that some disks hold from an earlier run and others get now must be the same file, or two versions of it would
+// stand under one digest.
+void CopyRun::checkAgainstKnown(const Task& task) {
+    const auto recorded = task.known == nullptr ? std::nullopt : task.known->xxh64Value();
+    if (!recorded)
+        return;
+    hasher_.wait();
+    if (const auto now = hasher_.hashOf(task.file); now != recorded)
+        throw OffloadError::failed(
+            fmt::format("the card has different content than at the backup ({:016x}, in the backup {:016x})",
+                        now.value_or(0), *recorded));
+}
+
+void CopyRun::sourceFailed(const Task& task, const std::string& error, bool begun) {
+    const std::string reason = "source: " + error;
+    if (begun) {
+        hasher_.abort();
+        for (DestWriter* target : task.targets)
+            target->abort(task.file, reason);
+    } else {
+        for (DestWriter* target : task.targets)
+            target->abortQuietly(task.file, reason);
+    }
+    for (DestWriter* holder : task.holders)
+        holder->abortQuietly(task.file, reason);
+    hasher_.forget(task.file);
+    sourceErrors_[task.file] = error;
+    sourceFailures_.add(1);
+}
+
+} // namespace velmora

@@ -1,0 +1,101 @@
+#include "engine/CopyRun.h"
+
+#include "base/Msg.h"
+#include "engine/OffloadEngine.h"
+#include "engine/ReportBuilder.h"
+#include "engine/RunRecorder.h"
+#include "records/OffloadPlan.h"
+
+// What comes behind the last block: flush, read-back, report.
+namespace velmora {
+
+namespace {
+
+double seconds(std::int64_t nanos) { return static_cast<double>(nanos) / 1e9; }
+
+} // namespace
+
+void CopyRun::keepTimes(std::int64_t began) {
+    hasher_.wait();
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->drain();
+    const std::int64_t now = monotonicNanos();
+    CopyTimes& times = engine_.copyTimes_;
+    times.wall = seconds(now - began);
+    times.readingSource = seconds(sourceClock_.at(now)) - engine_.pauses_.pausedTotal();
+    times.waitingForBuffers = seconds(waitedNanos_);
+    for (const auto& writer : writers_) {
+        times.destinations.emplace_back();
+        engine_.writeRates_.push_back(0);
+        if (!writer)
+            continue;
+        times.destinations.back() = {seconds(writer->busyNanos()), seconds(writer->idleNanos()),
+                                     seconds(writer->needlesslyIdleNanos())};
+        if (writer->busyNanos() > 0)
+            engine_.writeRates_.back() = static_cast<double>(writer->written()) / seconds(writer->busyNanos());
+    }
+}
+
+// All destinations at once: each on its own queue.
+void CopyRun::flush() {
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->flushDevice();
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->drain();
+}
+
+// The buffers of the copy serve the read-back as well: one for each destination, which waits when there are fewer.
+bool CopyRun::verify() {
+    const IsCancelled cancelled = [this] { return isCancelled(); };
+    for (const auto& writer : writers_) {
+        if (writer)
+            writer->verify(pool_.take(), engine_.pauses_, cancelled);
+    }
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->drain();
+    return !isCancelled();
+}
+
+OffloadReport CopyRun::buildReport(bool verified) const {
+    return ReportBuilder::build({.plan = *plan_,
+                                 .destinations = destinations_,
+                                 .writers = writers_,
+                                 .hasher = hasher_,
+                                 .sourceErrors = sourceErrors_,
+                                 .endedAt = endedAt_,
+                                 .endReason = endReason_,
+                                 .started = started_,
+                                 .copyFinished = copyFinished_,
+                                 .copyPaused = copyPaused_,
+                                 .verifyPaused = verifyPaused_,
+                                 .verified = verified,
+                                 .pending = engine_.options_.deferVerify});
+}
+
+void CopyRun::recordReport(OffloadReport& report, RunRecorder& recorder, bool verified) {
+    using Stage = RunRecorder::Stage;
+    const Stage stage = engine_.options_.deferVerify ? Stage::pending : verified ? Stage::verified : Stage::unverified;
+    if (!verified && engine_.beforePendingReports_)
+        engine_.beforePendingReports_();
+    for (const CardFolders::Destination& destination : destinations_) {
+        try {
+            recorder.write(stage, report, destination.cardPath);
+        } catch (const std::exception& error) {
+            engine_.reportProblems_.push_back(Msg::reportNotWritten(error.what()));
+            say(destination.cardPath + ": " + engine_.reportProblems_.back());
+        }
+    }
+    // What stands on some disks only is not a result that a card may be formatted on.
+    if (!engine_.reportProblems_.empty()) {
+        report.verifyIncomplete = true;
+        report.safeToFormatSeconds.reset();
+    }
+    engine_.fileBlocks_ = hasher_.takeBlocks();
+    engine_.fileBlocks_.resize(report.files.size());
+}
+
+} // namespace velmora

@@ -1,0 +1,186 @@
+#pragma once
+
+#include "base/Counter.h"
+#include "base/Errors.h"
+#include "base/PauseGate.h"
+#include "base/SerialQueue.h"
+#include "engine/BufferPool.h"
+#include "engine/DeviceFlush.h"
+#include "engine/SourceClock.h"
+#include "records/FileState.h"
+#include "records/ManifestRecord.h"
+#include "records/SourceFile.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+class SourceHasher;
+struct OffloadOptions;
+
+// Paths of the card that this program's own temporary names could hit.
+struct NameClashes {
+    std::set<std::string> partNames; // collision keys of files of the card that look like part files
+    std::set<std::string> folded;    // collision keys that two or more files of the card share
+    bool flushFile = false;          // the card has a file ".offload-flush" at its top
+};
+
+// Writes one destination. The reader's calls queue their work on "offload.dest{n}" and return at once; everything else
+// happens there, one thing after another, so a slow disk holds up nobody until the buffers run out.
+//
+// A file is written under its part name and gets its final name when it is complete. What a power cut leaves:
+//   - before the rename: the part file, and "part" lines for the blocks that a checkpoint has flushed;
+//   - after the rename, before the flush that covers it: the final name, perhaps with missing data, and no "file" line;
+//   - after that flush: a durable file. Only then is its "file" line appended.
+// Files of `fullSyncThreshold` and more are flushed alone, with their folder. All others wait for a flush of the whole
+// device, which comes after the last file and now and then before (`waitingFiles`, `waitingBytes`), so that a long
+// card of middling files does not lose everything to a crash in its last minute. Files whose flush failed are failed:
+// nobody knows what of them is on the disk.
+//
+// After an error the file is lost on this destination and the next one starts afresh.
+class DestWriter {
+public:
+    struct Settings {
+        std::size_t index = 0;
+        std::string cardPath;
+        std::string topFolder; // see DeviceFlush
+        const OffloadOptions* options = nullptr;
+        const std::vector<SourceFile>* files = nullptr;
+        const NameClashes* clashes = nullptr;
+        SourceHasher* hasher = nullptr;
+        const SourceClock* clock = nullptr;
+        std::int64_t generation = 1;
+        // The run finishes an interrupted one: part files and final names of that run lie about and give way. A run
+        // that does not resume refuses any name that is taken, in the fresh folder of a full copy as well as in one
+        // that it adds to: what lies there is not of its making.
+        bool resuming = false;
+        std::function<void(std::size_t file, const std::string& finalPath)> beforeRename;
+        Log log;
+    };
+
+    explicit DestWriter(Settings settings); // throws IOError when the card folder cannot be opened
+    ~DestWriter();
+
+    // "DCIM/A001.MOV" is written as "DCIM/.A001.MOV.offload-part". A name that would be too long for a folder entry is
+    // cut and told apart by a hash.
+    static std::string partName(std::string_view relPath);
+
+    // The reader's calls. Every chunk is released by the writer.
+    void begin(std::size_t file);
+    void beginResume(std::size_t file, const PartCheckpoint& checkpoint);
+    void write(Chunk& chunk);
+    void finish(std::size_t file);
+    void abort(std::size_t file, std::string reason);
+    void abortQuietly(std::size_t file, std::string reason); // no part file is open for it
+    // A file of one chunk, or an empty one (nullptr), from beginning to end.
+    void whole(std::size_t file, Chunk* chunk);
+    // The file lies there already; with `record` it gets a line in this generation.
+    void adopt(std::size_t file, bool record);
+    void flushDevice();
+    // Reads back every written file through the memory of `chunk`, then releases it. Ends early when cancelled.
+    void verify(Chunk& chunk, PauseGate& gate, const IsCancelled& isCancelled);
+    // Waits for everything queued so far.
+    void drain() { queue_.drain(); }
+
+    // Any thread:
+    const std::string& cardPath() const noexcept { return set_.cardPath; }
+    std::int64_t written() const noexcept { return written_.value(); }
+    std::int64_t verified() const noexcept { return verified_.value(); }
+    std::int64_t failures() const noexcept { return failures_.value(); }
+    std::optional<std::size_t> verifyingNow() const noexcept;
+
+    // After drain():
+    const std::vector<DestFileResult>& results() const noexcept { return results_; }
+    bool wasWritten(std::size_t file) const noexcept { return writtenHere_[file]; } // by this run
+    bool deviceFlushed() const noexcept { return deviceFlushed_; }
+    std::int64_t cachedReads() const noexcept { return cachedReads_; }
+    std::int64_t busyNanos() const noexcept { return busyNanos_; }
+    std::int64_t idleNanos() const noexcept { return idleNanos_; }
+    std::int64_t needlesslyIdleNanos() const noexcept { return needlessNanos_; }
+    // Whether large files went past the page cache; none when there was none.
+    std::optional<bool> unbuffered() const noexcept { return unbuffered_; }
+    struct Unstable {
+        std::size_t file;
+        std::vector<std::int64_t> blocks;
+    };
+    const std::vector<Unstable>& unstable() const noexcept { return unstable_; }
+
+    // Up to this size a file goes through the cache: it costs no wait for the device, and one flush covers thousands.
+    static constexpr std::int64_t throughCacheLimit = std::int64_t{1} << 20;
+    static constexpr std::size_t waitingFiles = 16384;
+    static constexpr std::int64_t waitingBytes = std::int64_t{4} << 30;
+
+private:
+    class Turn;
+    struct Waiting {
+        std::uint32_t file;
+        std::uint32_t blocks; // how many stand in waitingBlocks_
+        bool adopted;
+    };
+    template <class F>
+    void post(F&& work);
+    const SourceFile& fileAt(std::size_t file) const { return (*set_.files)[file]; }
+    std::string finalPath(std::size_t file) const { return set_.cardPath + "/" + fileAt(file).relPath; }
+    bool goesThroughCache(std::size_t file) const { return fileAt(file).size <= throughCacheLimit; }
+    bool flushedAlone(std::size_t file) const;
+
+    void doBegin(std::size_t file, const PartCheckpoint* checkpoint);
+    void openPart(std::size_t file, bool continuing);
+    void doWrite(Chunk& chunk);
+    void doFinish(std::size_t file);
+    void makeFinal(std::size_t file);
+    void checkpoint();
+    void doVerify(std::span<std::byte> buffer, PauseGate::Worker& worker, const IsCancelled& isCancelled);
+    void fail(std::size_t file, std::string error);
+    void dropPart() noexcept;
+    void record(std::size_t file);
+    void wait(std::size_t file, bool adopted);
+    bool flushWaiting();
+    void appendWaiting();
+    std::optional<std::string> mismatch(std::size_t file, std::span<const std::uint64_t> blocks) const;
+    bool hasLine(std::size_t file) const;
+    ManifestRecord line(std::size_t file) const;
+    void say(const std::string& text) const;
+
+    const Settings set_;
+    DeviceFlush flush_;
+    Counter written_;
+    Counter verified_;
+    Counter failures_;
+    std::atomic<std::int64_t> verifyingNow_{-1};
+
+    // The queue's own.
+    std::optional<UncachedWriter> part_;
+    std::string partPath_;
+    std::optional<std::size_t> current_;
+    std::optional<std::string> currentError_;
+    std::vector<std::uint64_t> blockHashes_; // of the current file, as written
+    std::size_t checkpointed_ = 0;           // how many of them a "part" line names
+    std::vector<DestFileResult> results_;
+    std::vector<bool> writtenHere_;
+    std::vector<Waiting> waiting_; // for the device flush
+    std::vector<std::uint64_t> waitingBlocks_;
+    std::int64_t waitingSize_ = 0;
+    bool deviceFlushed_ = false;
+    std::optional<bool> unbuffered_;
+    std::int64_t cachedReads_ = 0;
+    std::vector<Unstable> unstable_;
+    std::int64_t busyNanos_ = 0; // in calls that write
+    std::int64_t idleNanos_ = 0;
+    std::int64_t needlessNanos_ = 0;
+    std::int64_t turnEnded_ = 0;
+    std::int64_t sourceAtEnd_ = 0;
+    bool copying_ = true; // idle time counts
+
+    SerialQueue queue_; // last: its tasks use what stands above
+};
+
+} // namespace velmora

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "platform/IO.h"
+
+#include <set>
+#include <string>
+
+namespace velmora {
+
+// Makes what one destination was given outlive a power cut, in the cheapest way that its file system allows.
+//
+// Small files are written, renamed and left to one `flush` for thousands of them: syncfs takes data and names to the
+// medium together. Where syncfs does not reach that far (`coversEveryFile` is false: most FUSE daemons, SMB, 9p), each
+// file has to be flushed before it is renamed, and `flush` makes the names of all touched folders durable.
+//
+// An error of a flush is final. The kernel may have marked the lost pages clean, so a later flush that succeeds says
+// nothing about the files before it.
+class DeviceFlush {
+public:
+    // Opened before the first write, so that the error of any file written meanwhile is seen. `topFolder` is the
+    // deepest folder above the card folder that was there before this run.
+    DeviceFlush(std::string cardPath, std::string topFolder);
+
+    bool coversEveryFile() const noexcept { return device_.coversEveryFile(); }
+    // A name has come into this folder and may wait for the next flush.
+    void touched(const std::string& folder);
+    // Names in this folder, and of the folder itself, are on the medium when this returns.
+    void makeNamesDurable(const std::string& folder);
+    // Everything before it is on the medium when this returns. `mayUseFlushFile` is false when the card has a file of
+    // that name itself.
+    void flush(bool mayUseFlushFile);
+
+    static constexpr std::string_view flushFileName = ".offload-flush";
+
+private:
+    void writeFlushFile();
+
+    const std::string cardPath_;
+    const std::string top_;
+    IO::FileSystemSync device_;
+    std::set<std::string> touched_;
+    std::set<std::string> durable_; // folders whose own names are on the medium
+};
+
+} // namespace velmora

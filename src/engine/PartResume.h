@@ -1,0 +1,28 @@
+#pragma once
+
+#include "engine/BufferPool.h"
+#include "records/ManifestRecord.h"
+#include "records/SourceFile.h"
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace velmora {
+
+class SourceHasher;
+
+// Continuing a half-written file.
+namespace PartResume {
+
+// Compares every block that the checkpoint names with the part files of all destinations that need the file, and leads
+// those of one of them through the hasher (which has to be begun), so that its digest stands as if the card had been
+// read from the start. Returns the offset to go on from. None when anything does not fit: then the hasher has been
+// aborted, and the file is copied from its first byte.
+std::optional<std::int64_t> verify(const SourceFile& file, const PartCheckpoint& checkpoint, std::int64_t blockSize,
+                                   std::span<const std::string> cardPaths, SourceHasher& hasher, BufferPool& pool);
+
+} // namespace PartResume
+
+} // namespace velmora

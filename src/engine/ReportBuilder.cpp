@@ -1,0 +1,160 @@
+#include "engine/ReportBuilder.h"
+
+#include "base/Product.h"
+#include "base/Text.h"
+#include "blocks/CardVerdict.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+#include "records/OffloadPlan.h"
+
+#include <fmt/format.h>
+
+namespace velmora::ReportBuilder {
+
+namespace {
+
+std::string kindOf(PlanMode mode) {
+    switch (mode) {
+    case PlanMode::append:
+        return "append";
+    case PlanMode::repair:
+        return "repair";
+    case PlanMode::full:
+        break;
+    }
+    return "copy";
+}
+
+std::string filesystemOf(const std::string& path) {
+    try {
+        return IO::filesystemType(path);
+    } catch (const IOError&) {
+        return "?";
+    }
+}
+
+// The volume's name, or the root that the user gave where it has none.
+std::string diskName(const std::string& root) {
+    const auto mount = VolumeFacts::mount(root);
+    if (!mount || mount->mountPoint == "/")
+        return root;
+    std::string name = VolumeFacts::nameOfVolumeAt(mount->mountPoint);
+    return name.empty() ? root : name;
+}
+
+// FAT and exFAT carry a serial of eight digits, which is told as it is; everything else has a longer mark.
+std::optional<std::string> serialOf(const std::string& path) {
+    constexpr std::size_t fatSerialLength = 9;
+    const auto mark = VolumeFacts::volumeUUID(path);
+    if (!mark || mark->empty())
+        return std::nullopt;
+    return mark->size() == fatSerialLength ? *mark : "uuid:" + *mark;
+}
+
+OffloadReport::Destination destinationOf(const Results& results, std::size_t d) {
+    const std::string& cardPath = results.destinations[d].cardPath;
+    OffloadReport::Destination destination;
+    destination.root = d < results.plan.destRoots.size() ? results.plan.destRoots[d] : cardPath;
+    destination.cardPath = cardPath;
+    destination.filesystem = filesystemOf(destination.root);
+    destination.volumeSerial = serialOf(destination.root);
+    if (results.writers[d])
+        destination.unbuffered = results.writers[d]->unbuffered();
+    if (results.verified)
+        destination.verifyMethod = "read-back";
+    return destination;
+}
+
+OffloadReport::FileEntry entryOf(const Results& results, std::size_t file) {
+    const SourceFile& source = results.plan.scan.files[file];
+    OffloadReport::FileEntry entry;
+    entry.path = source.relPath;
+    entry.size = source.size;
+    entry.modified = source.mtime;
+    FileHashes digests;
+    digests.xxh64 = results.hasher.hashOf(file);
+    entry.xxh64 = digests.xxh64Hex();
+    if (const auto error = results.sourceErrors.find(file); error != results.sourceErrors.end())
+        entry.sourceError = error->second;
+    else if (file >= results.endedAt)
+        entry.sourceError = results.endReason;
+    const std::size_t columns = results.destinations.size();
+    entry.destinations.reserve(columns);
+    entry.errors.reserve(columns);
+    // What this run wrote anew is worth telling only where something stood before.
+    const bool tellsRewritten = results.plan.write.has_value();
+    if (tellsRewritten)
+        entry.rewritten.emplace(columns);
+    for (std::size_t d = 0; d < columns; ++d) {
+        const DestWriter* writer = results.writers[d].get();
+        const DestFileResult result =
+            writer ? writer->results()[file] : DestFileResult{FileState::failed, results.destinations[d].error};
+        entry.destinations.emplace_back(name(result.state));
+        entry.errors.push_back(result.error);
+        if (tellsRewritten && writer)
+            (*entry.rewritten)[d] = writer->wasWritten(file);
+    }
+    return entry;
+}
+
+std::vector<std::string> notesOf(const Results& results) {
+    std::vector<std::string> notes;
+    for (std::size_t d = 0; d < results.writers.size(); ++d) {
+        const DestWriter* writer = results.writers[d].get();
+        if (writer == nullptr)
+            continue;
+        const std::string disk = diskName(results.destinations[d].cardPath);
+        for (const DestWriter::Unstable& unstable : writer->unstable())
+            notes.push_back(
+                CardVerdict::unstable(results.plan.scan.files[unstable.file].relPath, disk, unstable.blocks));
+        if (writer->cachedReads() > 0)
+            notes.push_back(fmt::format("Verified by reading through the macOS cache: {}, {} — the file stayed in "
+                                        "memory and could not be evicted, so the data may have come from memory "
+                                        "instead of the disk.",
+                                        disk, countedFiles(writer->cachedReads())));
+    }
+    return notes;
+}
+
+} // namespace
+
+OffloadReport build(const Results& results) {
+    const OffloadPlan& plan = results.plan;
+    OffloadReport report;
+    report.tool = "offload";
+    report.version = Product::version;
+    report.hashAlgorithm = "xxh64";
+    report.generation = plan.generation;
+    report.kind = kindOf(plan.mode);
+    report.project = plan.project;
+    report.cardName = plan.cardName;
+    report.date = plan.date;
+    report.source = plan.source;
+    report.sourceFilesystem = filesystemOf(plan.source);
+    report.started = results.started;
+    report.copyFinished = results.copyFinished;
+    report.verified = results.verified;
+    if (results.pending)
+        report.verifyPending = true;
+    if (results.copyPaused > 0)
+        report.copyPausedSeconds = results.copyPaused;
+    if (results.verifyPaused > 0)
+        report.verifyPausedSeconds = results.verifyPaused;
+    report.totalFiles = static_cast<std::int64_t>(plan.scan.files.size());
+    report.totalBytes = plan.scan.totalBytes();
+    report.skipped = plan.scan.skipped;
+    for (std::size_t d = 0; d < results.destinations.size(); ++d)
+        report.destinations.push_back(destinationOf(results, d));
+    report.files.reserve(plan.scan.files.size());
+    for (std::size_t file = 0; file < plan.scan.files.size(); ++file)
+        report.files.push_back(entryOf(results, file));
+    report.countFiles();
+    if (std::vector<std::string> notes = notesOf(results); !notes.empty())
+        report.verifyNotes = std::move(notes);
+    report.finished = Timestamp::now();
+    if (report.safeToFormat())
+        report.safeToFormatSeconds = secondsBetween(report.started, report.finished);
+    return report;
+}
+
+} // namespace velmora::ReportBuilder

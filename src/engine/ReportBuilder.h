@@ -1,0 +1,42 @@
+#pragma once
+
+#include "base/Timestamp.h"
+#include "engine/CardFolders.h"
+#include "engine/DestWriter.h"
+#include "engine/SourceHasher.h"
+#include "records/OffloadReport.h"
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace velmora {
+
+struct OffloadPlan;
+
+// Puts what a run has found out into the record of its generation.
+namespace ReportBuilder {
+
+struct Results {
+    const OffloadPlan& plan;
+    std::span<const CardFolders::Destination> destinations;
+    std::span<const std::unique_ptr<DestWriter>> writers; // null where a destination took no part
+    const SourceHasher& hasher;
+    const std::map<std::size_t, std::string>& sourceErrors;
+    std::size_t endedAt = 0; // from this file on none was copied …
+    std::string endReason;   // … and why
+    Timestamp started;
+    Timestamp copyFinished;
+    double copyPaused = 0;
+    double verifyPaused = 0;
+    bool verified = false; // every file was read back
+    bool pending = false;  // and will be later
+};
+
+OffloadReport build(const Results& results);
+
+} // namespace ReportBuilder
+
+} // namespace velmora

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+namespace velmora {
+
+// Nanoseconds of a clock that never goes back.
+inline std::int64_t monotonicNanos() noexcept {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// How long the reader has been waiting for the source (or has been told to stand still), up to any moment. The queues
+// take the difference between two of their moments: as long as the source keeps everybody waiting, an idle disk is
+// nobody's fault. The reader's thread enters and leaves, any thread asks.
+class SourceClock {
+public:
+    class Visit {
+    public:
+        explicit Visit(SourceClock& clock) noexcept : clock_(clock) { clock_.since_.store(monotonicNanos()); }
+        ~Visit() {
+            const std::int64_t began = clock_.since_.exchange(leaving);
+            clock_.total_.fetch_add(monotonicNanos() - began);
+            clock_.since_.store(0);
+        }
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+    private:
+        SourceClock& clock_;
+    };
+
+    std::int64_t at(std::int64_t now) const noexcept {
+        // The same visit before and behind the reading of the total: it is not in it yet.
+        while (true) {
+            const std::int64_t since = since_.load();
+            const std::int64_t total = total_.load();
+            if (since != leaving && since_.load() == since)
+                return since == 0 || now < since ? total : total + (now - since);
+        }
+    }
+
+private:
+    static constexpr std::int64_t leaving = -1; // for the few statements that move a visit into the total
+    std::atomic<std::int64_t> total_{0};
+    std::atomic<std::int64_t> since_{0}; // 0: not at the source
+};
+
+} // namespace velmora

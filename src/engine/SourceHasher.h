@@ -1,0 +1,53 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "base/SerialQueue.h"
+#include "blocks/MultiHasher.h"
+#include "engine/BufferPool.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace velmora {
+
+// Digests of what was read from the source: one file after another on the queue "offload.hash". The reader tells it
+// what comes; every chunk that it is given is released by it.
+class SourceHasher {
+public:
+    SourceHasher(std::int64_t blockSize, std::size_t files, Log log);
+
+    // The reader's calls; they return at once.
+    void begin();
+    void update(Chunk& chunk);
+    void finish(std::size_t file);
+    void abort();
+    // A file of one chunk, or an empty one (nullptr), from beginning to end.
+    void whole(std::size_t file, Chunk* chunk);
+    // Whatever is known of the file does not hold.
+    void forget(std::size_t file);
+    // What an earlier run has recorded of a file that is not read again.
+    void setKnown(std::size_t file, std::uint64_t hash, std::vector<std::uint64_t> blocks);
+
+    // Waits until all that was queued before is hashed; not from the queue's own thread. After it the two functions
+    // below may be asked for any file that was finished before the call.
+    void wait() {
+        queue_.sync([] {});
+    }
+    std::optional<std::uint64_t> hashOf(std::size_t file) const { return hashes_[file]; }
+    const std::vector<std::uint64_t>& blocksOf(std::size_t file) const { return blocks_[file]; }
+    std::vector<std::vector<std::uint64_t>> takeBlocks() { return std::move(blocks_); }
+
+private:
+    void store(std::size_t file);
+
+    const std::int64_t blockSize_;
+    // Touched on the queue only, but for finished files after `wait`.
+    std::optional<MultiHasher> stream_;
+    std::vector<std::optional<std::uint64_t>> hashes_;
+    std::vector<std::vector<std::uint64_t>> blocks_;
+    SerialQueue queue_; // last: its tasks use what stands above
+};
+
+} // namespace velmora
