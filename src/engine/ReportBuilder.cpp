@@ -97,6 +97,18 @@ OffloadReport::FileEntry entryOf(const Results& results, std::size_t file) {
     return entry;
 }
 
+// It cannot be copied, and no record can hold its true name: the card must not pass for backed up.
+OffloadReport::FileEntry entryOf(const UncopiedItem& item, std::size_t columns) {
+    OffloadReport::FileEntry entry;
+    entry.path = item.shown;
+    entry.size = item.size;
+    entry.modified = item.mtime;
+    entry.sourceError = item.error;
+    entry.destinations.assign(columns, std::string(name(FileState::pending)));
+    entry.errors.resize(columns);
+    return entry;
+}
+
 std::vector<std::string> notesOf(const Results& results) {
     std::vector<std::string> notes;
     for (std::size_t d = 0; d < results.writers.size(); ++d) {
@@ -140,14 +152,19 @@ OffloadReport build(const Results& results) {
         report.copyPausedSeconds = results.copyPaused;
     if (results.verifyPaused > 0)
         report.verifyPausedSeconds = results.verifyPaused;
-    report.totalFiles = static_cast<std::int64_t>(plan.scan.files.size());
+    report.totalFiles = static_cast<std::int64_t>(plan.scan.files.size() + plan.scan.uncopied.size());
     report.totalBytes = plan.scan.totalBytes();
     report.skipped = plan.scan.skipped;
     for (std::size_t d = 0; d < results.destinations.size(); ++d)
         report.destinations.push_back(destinationOf(results, d));
-    report.files.reserve(plan.scan.files.size());
+    report.files.reserve(plan.scan.files.size() + plan.scan.uncopied.size());
     for (std::size_t file = 0; file < plan.scan.files.size(); ++file)
         report.files.push_back(entryOf(results, file));
+    // Behind the others: the indexes of the plan stay those of the report.
+    for (const UncopiedItem& item : plan.scan.uncopied) {
+        report.files.push_back(entryOf(item, results.destinations.size()));
+        report.totalBytes += item.size;
+    }
     report.countFiles();
     if (std::vector<std::string> notes = notesOf(results); !notes.empty())
         report.verifyNotes = std::move(notes);
