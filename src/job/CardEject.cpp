@@ -1,5 +1,6 @@
 #include "job/CardEject.h"
 
+#include "platform/Eject.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -26,6 +27,13 @@ std::optional<std::string> CardEject::problem(const std::string& source) {
                     .isLocal = !mount || mount->local,
                     .isInternal = VolumeFacts::isInternal(source),
                     .isSystem = VolumeFacts::isSystemDisk(source)});
+}
+
+std::optional<std::string> CardEject::eject(const std::string& source) {
+    if (auto reason = problem(source))
+        return reason;
+    const std::optional<VolumeFacts::Mount> mount = VolumeFacts::mount(source);
+    return mount ? Eject::disk(mount->device) : std::optional<std::string>("card is not connected");
 }
 
 } // namespace velmora

@@ -1,0 +1,68 @@
+#include "engine/FolderLocks.h"
+
+#include "base/Errors.h"
+#include "support/TempFolder.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FolderLocksTest : public testing::Test {
+protected:
+    bool isFree(const std::string& path) { return FileLock::tryLock(Locks::cardFolder(path, locks)).has_value(); }
+
+    test::TempFolder folder;
+    std::string locks = folder / "support/locks";
+    std::string a = folder / "disk1/2026-11-22/A001";
+    std::string b = folder / "disk2/2026-11-22/A001";
+};
+
+TEST_F(FolderLocksTest, HoldsAllFoldersOrNone) {
+    {
+        const FolderLocks held = FolderLocks::acquire({b, a, b, a + "/"}, locks);
+        EXPECT_FALSE(isFree(a));
+        EXPECT_FALSE(isFree(b));
+    }
+    for (const auto& [taken, other] : {std::pair(a, b), std::pair(b, a)}) {
+        const auto foreign = FileLock::tryLock(Locks::cardFolder(taken, locks));
+        ASSERT_TRUE(foreign);
+        try {
+            FolderLocks::acquire({a, b}, locks);
+            ADD_FAILURE();
+        } catch (const OffloadError& e) {
+            EXPECT_EQ(e.code(), PreflightCode::appendBusy);
+            EXPECT_EQ(std::string(e.what()),
+                      "Another job is working with this backup right now — an append, a repair or a verify with "
+                      "proxies (" +
+                          taken + ") — wait until it finishes.");
+        }
+        EXPECT_TRUE(isFree(other));
+    }
+}
+
+TEST_F(FolderLocksTest, KnowsAFolderHoweverItIsWritten) {
+    fs::create_directories(a);
+    fs::create_directory_symlink(folder / "disk1", folder / "link");
+    FolderLocks held = FolderLocks::acquire({folder / "link/2026-11-22/./a001/"}, locks);
+    EXPECT_FALSE(isFree(a));
+    FolderLocks moved = std::move(held);
+    held.release();
+    EXPECT_FALSE(isFree(a)) << "the lock has moved on";
+    moved.release();
+    moved.release();
+    EXPECT_TRUE(isFree(a));
+}
+
+TEST_F(FolderLocksTest, NamesLocksByKindAndDigest) {
+    const std::string card = Locks::cardFolder("/Volumes/X", "/l");
+    EXPECT_EQ(card, "/l/append-5160ebf788d11e89fc2898796c92ea2bdc8766d734870772698dd3f9c69130de.lock");
+    EXPECT_EQ(Locks::day("/volumes/x/", "/l"), "/l/day-" + card.substr(10));
+    EXPECT_EQ(Locks::history("/Volumes/X", "/l"), "/l/history-" + card.substr(10));
+}
+
+} // namespace
+} // namespace velmora

@@ -1,0 +1,193 @@
+#include "engine/Preflight.h"
+
+#include "engine/Layout.h"
+#include "engine/OffloadOptions.h"
+#include "support/AsNobody.h"
+#include "support/FileTree.h"
+#include "support/TempFolder.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempFolder;
+
+constexpr std::int64_t plenty = std::int64_t{1} << 50;
+
+// A card and two destinations in one temporary folder: one drive, which has to be allowed.
+class PreflightTest : public testing::Test {
+protected:
+    PreflightTest() {
+        test::FileTree::write(card + "/DCIM/a.mov", std::string(1000, 'a'));
+        test::FileTree::write(card + "/DCIM/b.mov", std::string(24, 'b'));
+        fs::create_directories(folder / "one");
+        fs::create_directories(folder / "two");
+        options.allowSourceVolume = true;
+        options.allowSameDevice = true;
+    }
+
+    Preflight::Result prepare() {
+        return Preflight::prepare(inputs, options, {}, [this](const std::string&) { return capacity; });
+    }
+
+    // The code and the sentence of the refusal, which must have left everything as it was.
+    std::string refusal() {
+        const auto before = test::FileTree::contents(folder.path());
+        std::string text = "passed";
+        try {
+            prepare();
+        } catch (const OffloadError& e) {
+            text = (e.code() ? std::string(name(*e.code())) : "no code") + ": " + e.what();
+        }
+        EXPECT_EQ(test::FileTree::contents(folder.path()), before) << text;
+        return text;
+    }
+
+    TempFolder folder;
+    std::string card = folder / "card";
+    Preflight::Inputs inputs{card, {folder / "one", folder / "two"}, {}, {}};
+    OffloadOptions options;
+    std::optional<IO::Capacity> capacity = IO::Capacity{plenty, plenty};
+};
+
+TEST_F(PreflightTest, RefusesInAFixedOrderAndCreatesNothing) {
+    const std::string one = folder / "one";
+    const std::string missing = folder / "missing";
+    fs::create_directories(folder / "empty/_Proxy");
+    test::FileTree::write(folder / "empty/.DS_Store", "junk");
+    test::FileTree::write(folder / "empty/._x", "junk");
+    const std::string empty = folder / "empty";
+
+    // Everything is wrong at once; each step shows what is found and puts that one thing right.
+    options = {};
+    options.chunkSize = 6000;
+    options.bufferCount = 1;
+    inputs = {missing, {}, {}, "2026-3-14"};
+    capacity = IO::Capacity{1000, 10};
+    struct Step {
+        std::string expected;
+        std::function<void()> fix;
+    };
+    const std::vector<Step> steps{
+        {"chunkSize: Block size must be a multiple of 4096 B and at most 1 GiB (got 6000).",
+         [&] { options.chunkSize = 4096; }},
+        {"bufferCount: Buffer count must be at least 2 (got 1).", [&] { options.bufferCount = 2; }},
+        {"date: Date must be YYYY-MM-DD (got “2026-3-14”).", [&] { inputs.date = "2026-03-14"; }},
+        {"sourceNotFound: Source not found: " + missing, [&] { inputs.source = empty; }},
+        {"noDestination: No destination selected.", [&] { inputs.destRoots = {one, missing, one + "/"}; }},
+        {"duplicateDestination: Destination added twice: " + one + "/", [&] { inputs.destRoots.pop_back(); }},
+        {"sourceIsOffload: The source looks like an earlier offload (it has _REPORT, _PROXY or ascmhl) — copy the "
+         "original card, or remove those folders.",
+         [&] { fs::rename(folder / "empty/_Proxy", folder / "empty/Proxy"); }},
+        {"sameVolumeAsSource: Destination " + one + " is on the same drive as the source.",
+         [&] { options.allowSourceVolume = true; }},
+        {"destinationNotFound: Destination not found: " + missing + " — is the drive connected?",
+         [&] { inputs.destRoots[1] = folder / "two"; }},
+        {"sharedVolume: Two destinations are on the same drive (" + (folder / "two") +
+             ") — that is not a second copy. Allow it with --allow-same-device.",
+         [&] { options.allowSameDevice = true; }},
+        {"emptySource: There are no files on the source.", [&] { inputs.source = card; }},
+        {"noSpace: Not enough space on ", [&] { capacity = IO::Capacity{plenty, plenty}; }},
+        {"passed", [] {}},
+    };
+    for (const Step& step : steps) {
+        EXPECT_EQ(refusal().substr(0, step.expected.size()), step.expected);
+        step.fix();
+    }
+}
+
+TEST_F(PreflightTest, TakesBlockSizesOfWholePagesUpToOneGibibyte) {
+    for (const auto& [size, good] : std::vector<std::pair<std::int64_t, bool>>{{0, false},
+                                                                               {4096, true},
+                                                                               {1073741824, true},
+                                                                               {1073745920, false},
+                                                                               {6000, false},
+                                                                               {-4096, false},
+                                                                               {INT64_MIN, false}}) {
+        options.chunkSize = size;
+        EXPECT_EQ(refusal() == "passed", good) << size;
+    }
+}
+
+TEST_F(PreflightTest, SaysWhatItHasNoRightTo) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to give up rights";
+    for (const std::string& path : {folder.path(), card, folder / "one"})
+        fs::permissions(path, fs::perms(0755));
+    fs::permissions(folder / "two", fs::perms(0777));
+    inputs.destRoots = {folder / "two", folder / "one"};
+    std::string found;
+    test::asNobody([&] { found = refusal(); });
+    EXPECT_EQ(found, "destinationNotWritable: Cannot write to the destination: " + (folder / "one"));
+    fs::permissions(card, fs::perms(0700));
+    std::string text;
+    test::asNobody([&] {
+        try {
+            prepare();
+        } catch (const OffloadError& e) {
+            found = name(*e.code());
+            text = e.what();
+        }
+    });
+    EXPECT_EQ(found, "noReadAccess");
+    EXPECT_EQ(text, "macOS does not let Velmora read " + card +
+                        ". Allow it in System Settings › Privacy & Security › Files and Folders › Velmora › Removable "
+                        "Volumes (every new build asks again), then add the card again.");
+}
+
+TEST_F(PreflightTest, TakesAFileWithTheNameOfAReportFolder) {
+    test::FileTree::write(card + "/_report", "just a file");
+    fs::create_directory_symlink("DCIM", card + "/ascmhl");
+    EXPECT_EQ(refusal(), "passed");
+}
+
+TEST_F(PreflightTest, CopiesACardWhoseOnlyFilesCannotBeCopied) {
+    fs::remove_all(card);
+    test::FileTree::write(card + "/\xff.mov", "x");
+    const OffloadPlan plan = prepare().plan;
+    EXPECT_TRUE(plan.scan.files.empty());
+    EXPECT_EQ(plan.scan.uncopied.size(), 1U);
+}
+
+TEST_F(PreflightTest, PlansAFullCopyUnderOneFreeName) {
+    test::FileTree::write(folder / "two/2026-03-14/_Report_/x", "x");
+    inputs.cardName = "_Report";
+    inputs.date = "2026-03-14";
+    const OffloadPlan plan = prepare().plan;
+    EXPECT_EQ(plan.cardPaths(),
+              (std::vector<std::string>{folder / "one/2026-03-14/_Report__2", folder / "two/2026-03-14/_Report__2"}));
+    EXPECT_EQ(plan.source, card);
+    EXPECT_EQ(plan.scan.files.size(), 2U);
+    EXPECT_EQ(plan.mode, PlanMode::full);
+    EXPECT_EQ(plan.generation, 1);
+    inputs.cardName.reset();
+    inputs.date.reset();
+    const OffloadPlan derived = prepare().plan;
+    EXPECT_EQ(derived.cardName, "card");
+    EXPECT_EQ(derived.date, Layout::today());
+}
+
+TEST_F(PreflightTest, AsksForTheBytesAndAnAllowanceOnEveryDisk) {
+    // Two folders of one disk: what both need must fit it.
+    constexpr std::int64_t need = 2 * (1024 + 2 * 65536 + 67108864);
+    capacity = IO::Capacity{need, need};
+    const Preflight::Space space = prepare().space;
+    ASSERT_EQ(space.lines.size(), 1U);
+    EXPECT_EQ(space.lines[0].need.total(), need);
+    ASSERT_EQ(space.warnings.size(), 1U) << "nothing will be left";
+    capacity->free = need - 1;
+    EXPECT_EQ(refusal().substr(0, 8), "noSpace:");
+    capacity.reset();
+    EXPECT_EQ(refusal(), "passed") << "a disk that does not know its size";
+    capacity = IO::Capacity{plenty, need + 10};
+    const auto extra = [](const SourceScan& scan) { return SpaceExtra{scan.totalBytes() - 1014, 0, false, {}}; };
+    EXPECT_NO_THROW(Preflight::prepare(inputs, options, extra, [&](const auto&) { return capacity; }));
+    capacity->free -= 1;
+    EXPECT_THROW(Preflight::prepare(inputs, options, extra, [&](const auto&) { return capacity; }), OffloadError);
+}
+
+} // namespace
+} // namespace velmora
