@@ -1,5 +1,7 @@
 #include "base/Msg.h"
 
+#include "base/Text.h"
+
 #include <fmt/format.h>
 
 namespace velmora::Msg {
@@ -19,4 +21,33 @@ std::string noReadAccess(std::string_view source) {
 
 std::string reportNotWritten(std::string_view error) { return fmt::format("Could not write the report: {}", error); }
 
+std::string forRepair(std::string_view text) {
+    return replaceAll(replaceAll(text, "cannot append", "cannot repair"), "can append only", "can repair only");
+}
+
+std::string repairNotOnCard(std::string_view file) { return fmt::format("{}: no longer on the card", file); }
+
+std::string repairCardDiffers(std::string_view file, std::string_view now, std::string_view recorded) {
+    return fmt::format("{}: the card has different content than at the backup ({}, in the backup {})", file, now,
+                       recorded);
+}
+
+std::string repairCardUnreadable(std::string_view file, std::string_view error) {
+    return fmt::format("{}: cannot read it on the card ({})", file, error);
+}
+
 } // namespace velmora::Msg
+
+namespace velmora::VIPMsg {
+
+std::string resumeDiverged(std::string_view disk, std::int64_t generation) {
+    return fmt::format("{}: the unfinished backup (generation {}) does not match the other destinations — check it by "
+                       "hand.",
+                       disk, generation);
+}
+
+std::string repairOpen(std::string_view cardPath) {
+    return fmt::format("A repair of {} was not finished — run it again first (velmora repair).", cardPath);
+}
+
+} // namespace velmora::VIPMsg

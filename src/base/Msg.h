@@ -20,12 +20,30 @@ inline constexpr std::string_view historyLost =
     "Could not write the record of this backup to the card history (the history was busy for too long) — the backup on "
     "the disks is fine, but the card will not be recognised the next time it is inserted.";
 
+// A refusal of an append, in the words of a repair.
+std::string forRepair(std::string_view text);
+std::string repairNotOnCard(std::string_view file);
+std::string repairCardDiffers(std::string_view file, std::string_view now, std::string_view recorded);
+std::string repairCardUnreadable(std::string_view file, std::string_view error);
+inline constexpr std::string_view repairNeedsVerify =
+    "A repair is always verified by reading back — it cannot run without verification.";
+inline constexpr std::string_view repairOtherCard =
+    "The card in the reader is not the one the backup was made from (another card, or none) — nothing was copied. "
+    "Insert the original card and run Copy again.";
+
 } // namespace Msg
 
 // Sentences about verification that runs in the proxy render and about finishing what was interrupted.
 namespace VIPMsg {
 
 inline constexpr std::string_view cacheBlind = "macOS cannot show what is in its cache — verified by reading back";
+
+std::string resumeDiverged(std::string_view disk, std::int64_t generation);
+// An append meets a repair that was interrupted after its report was written.
+std::string repairOpen(std::string_view cardPath);
+inline constexpr std::string_view repairUnfinished =
+    "The backup was not finished (the app ended during the copy or the verification) — finish it first with \"Finish "
+    "interrupted backup\" on the card (velmora append).";
 
 } // namespace VIPMsg
 

@@ -30,9 +30,6 @@ struct AppendPlan {
     std::optional<std::vector<std::vector<bool>>> write;
     std::optional<std::vector<std::optional<ManifestRecord>>> known;
     std::optional<std::vector<std::optional<PartCheckpoint>>> resume;
-    // Per destination, relative paths that the interrupted run left under final names without a proof that they are
-    // whole. They are removed right before the copy, which writes these files anew.
-    std::vector<std::vector<std::string>> leftovers;
 
     std::int64_t newBytes() const;
     OffloadPlan toPlan() const;

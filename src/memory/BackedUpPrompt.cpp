@@ -71,14 +71,13 @@ bool offer(const CardInsight* insight) {
     if (!insight || insight->error || !insight->volume || !insight->match || !insight->appendReachable)
         return false;
     const HistoryMatch& match = *insight->match;
-    return !match.entry.destinations.empty() &&
-           (match.kind == HistoryMatchKind::newFiles ||
-            (match.kind == HistoryMatchKind::identical && match.entry.unfinished));
+    return !match.entry.destinations.empty() && (match.kind == HistoryMatchKind::newFiles ||
+                                                 (match.kind == HistoryMatchKind::identical && match.entry.unfinished));
 }
 
 std::string checkboxText(const HistoryMatch& match) {
-    const std::string text = countedFiles(static_cast<std::int64_t>(match.newFiles.size())) + " · " +
-                             formatBytesShort(match.newBytes);
+    const std::string text =
+        countedFiles(static_cast<std::int64_t>(match.newFiles.size())) + " · " + formatBytesShort(match.newBytes);
     if (!match.entry.unfinished)
         return "Append new clips only to the earlier backup (" + text + ")";
     if (match.newFiles.empty())

@@ -11,8 +11,8 @@
 
 namespace velmora {
 
-// The card's own files in a card folder on a disk, as they lie there now: what a planner compares records with. Left out
-// are the folders of this program, the system's junk, and the file of the device flush.
+// The card's own files in a card folder on a disk, as they lie there now: what a planner compares records with. Left
+// out are the folders of this program, the system's junk, and the file of the device flush.
 class BackupFolder {
 public:
     // Throws as the scan of a card does.

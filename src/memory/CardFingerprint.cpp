@@ -14,9 +14,8 @@ Digests compute(const std::vector<SourceFile>& files) {
     sorted.reserve(files.size());
     for (const SourceFile& file : files)
         sorted.push_back(&file);
-    std::stable_sort(sorted.begin(), sorted.end(), [](const SourceFile* a, const SourceFile* b) {
-        return compareUtf16(a->relPath, b->relPath) < 0;
-    });
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const SourceFile* a, const SourceFile* b) { return compareUtf16(a->relPath, b->relPath) < 0; });
     Sha256 fingerprint;
     Sha256 shape;
     std::string line;

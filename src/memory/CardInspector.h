@@ -28,7 +28,8 @@ struct CardInsight {
     std::string fingerprint;
     std::string shape;
     std::optional<HistoryMatch> match;
-    bool appendReachable = false; // every folder of the earlier backup is there, and there is something to add or finish
+    bool appendReachable =
+        false; // every folder of the earlier backup is there, and there is something to add or finish
     std::optional<NameSuggestion> nameSuggestion;
     std::optional<std::string> nameNote;
     std::optional<std::string> error;
@@ -37,8 +38,8 @@ struct CardInsight {
     bool isEmptied() const { return fileCount == 0 && match && match->removed > 0; }
 };
 
-// Recognises a card in the time of one directory scan: fingerprint, history, comparison file by file where it is needed.
-// Reads directories only.
+// Recognises a card in the time of one directory scan: fingerprint, history, comparison file by file where it is
+// needed. Reads directories only.
 namespace CardInspector {
 
 // The outside world, replaceable in tests.

@@ -44,9 +44,9 @@ std::map<std::string, Name> resolve(bool suggestFromClips, const std::vector<Car
     std::map<std::string, Name> names;
     std::vector<std::string> taken;
     for (const CardNameInput& card : cards) {
-        Name name = isTyped(card) ? Name{trim(*card.typed), std::nullopt}
-                                  : derived(suggestFromClips, card.insight, history, date, today, card.fallback, taken,
-                                            project);
+        Name name = isTyped(card)
+                        ? Name{trim(*card.typed), std::nullopt}
+                        : derived(suggestFromClips, card.insight, history, date, today, card.fallback, taken, project);
         taken.push_back(name.name);
         names[card.key] = std::move(name);
     }

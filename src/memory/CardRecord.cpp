@@ -5,6 +5,7 @@
 #include "clips/ClipDetector.h"
 #include "disks/VolumeSerial.h"
 #include "engine/Layout.h"
+#include "memory/ReportFile.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -35,7 +36,6 @@ std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
     auto report = std::make_shared<OffloadReport>(ReportFile::read(path));
     if (report->files.empty() || report->destinations.empty())
         throw OffloadError::failed("the list of files or destinations is missing");
-
     return report;
 }
 
@@ -50,7 +50,8 @@ std::vector<std::int64_t> reportNumbers(const std::string& cardPath) {
 
 void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
     for (const auto& file : generation.report->files)
-        record.files.insert_or_assign(pathKey(file.path), RecordedFile{&file, generation.generation, generation.report});
+        record.files.insert_or_assign(pathKey(file.path),
+                                      RecordedFile{&file, generation.generation, generation.report});
 }
 
 // Clips by name, a later generation over an earlier one. Reports made without clip analysis list none: then the clips
@@ -197,8 +198,8 @@ std::vector<std::string> CardRecord::failedFiles() const {
 }
 
 bool CardRecord::verified() const {
-    return !generations.empty() && std::all_of(generations.begin(), generations.end(),
-                                               [](const Generation& g) { return g.report->verified; });
+    return !generations.empty() &&
+           std::all_of(generations.begin(), generations.end(), [](const Generation& g) { return g.report->verified; });
 }
 
 std::size_t CardRecord::destinationIndex(const OffloadReport& report, const std::string& cardPath,
@@ -216,8 +217,7 @@ std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, con
         const std::string below = pathKey(VolumeFacts::underRoot(cardPath));
         for (std::size_t i = 0; i < report.destinations.size(); ++i) {
             const auto& destination = report.destinations[i];
-            if (destination.volumeSerial == serial &&
-                pathKey(VolumeFacts::underRoot(destination.cardPath)) == below)
+            if (destination.volumeSerial == serial && pathKey(VolumeFacts::underRoot(destination.cardPath)) == below)
                 return i;
         }
     }

@@ -32,12 +32,12 @@ struct CardRecord {
     };
 
     std::string cardPath;
-    std::vector<Generation> generations; // ascending
+    std::vector<Generation> generations;                 // ascending
     std::unordered_map<std::string, RecordedFile> files; // by path key
-    std::vector<ClipEntry> clips; // of all generations, the newest of each name
-    bool reportMissing = false;   // there is no first report
+    std::vector<ClipEntry> clips;                        // of all generations, the newest of each name
+    bool reportMissing = false;                          // there is no first report
     std::optional<std::string> error;
-    std::vector<std::string> problems; // findings on single reports that leave the rest readable
+    std::vector<std::string> problems;    // findings on single reports that leave the rest readable
     std::int64_t highestReportNumber = 0; // of the names in _REPORT, readable or not
     std::optional<std::string> volumeSerial;
     bool incomplete = false; // the same generation went on elsewhere
@@ -61,8 +61,7 @@ struct CardRecord {
     static bool appendReport(std::string_view name);
 
     // The column of this folder in a report: by card path, else `position`.
-    static std::size_t destinationIndex(const OffloadReport& report, const std::string& cardPath,
-                                        std::size_t position);
+    static std::size_t destinationIndex(const OffloadReport& report, const std::string& cardPath, std::size_t position);
     // The same, but a destination on the same volume and with the same path below its root wins first: a disk that is
     // mounted under another name today is still its column. None when no column fits.
     static std::optional<std::size_t> columnOf(const OffloadReport& report, const std::string& cardPath,

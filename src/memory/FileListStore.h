@@ -9,7 +9,8 @@
 namespace velmora {
 
 // The files of a remembered card, for a file-by-file comparison when its fingerprint has changed. Format: gzip around
-// one line a file, in the order given: relative path, tab, size in bytes, tab, ticks (100 ns since 0001-01-01), line feed.
+// one line a file, in the order given: relative path, tab, size in bytes, tab, ticks (100 ns since 0001-01-01), line
+// feed.
 namespace FileListStore {
 
 // Creates missing folders; replaces atomically. Throws IOError.

@@ -82,8 +82,8 @@ std::string compress(std::string_view data) {
             throw std::bad_alloc();
         const std::size_t bound = libdeflate_deflate_compress_bound(compressor.get(), data.size());
         out.resize(header.size() + bound);
-        const std::size_t got = libdeflate_deflate_compress(compressor.get(), data.data(), data.size(),
-                                                            out.data() + header.size(), bound);
+        const std::size_t got =
+            libdeflate_deflate_compress(compressor.get(), data.data(), data.size(), out.data() + header.size(), bound);
         out.resize(header.size() + got);
     }
     appendLittleEndian(out, crc32(data));

@@ -1,6 +1,6 @@
 #include "memory/HistoryStore.h"
 
-#include "engine/Locks.h"
+#include "engine/FolderLocks.h"
 #include "memory/FileListStore.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"

@@ -22,7 +22,8 @@ Line sentence(const HistoryMatch& match) {
     const HistoryEntry& entry = match.entry;
     const std::string date = when(entry.finished);
     if (entry.unfinished)
-        return {"Unfinished backup on " + date + " — the copy was interrupted; it can be finished", HistoryTone::warning};
+        return {"Unfinished backup on " + date + " — the copy was interrupted; it can be finished",
+                HistoryTone::warning};
     const std::string begin = "Backed up on " + date;
     if (match.kind == HistoryMatchKind::changed)
         return {fmt::format("{}, but the card has changed since ({} files differ) — cannot append, only a full copy",

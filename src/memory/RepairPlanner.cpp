@@ -61,8 +61,7 @@ public:
     RepairPlan run(const std::vector<Findings>& findings) {
         collect(findings);
         if (bad_.empty())
-            throw refuse(PreflightCode::repairNothing,
-                         "Nothing to repair — every file is good on every destination.");
+            throw refuse(PreflightCode::repairNothing, "Nothing to repair — every file is good on every destination.");
         if (!sameCard())
             throw refuse(PreflightCode::other, Msg::repairOtherCard);
         for (const auto& [key, bad] : bad_)
@@ -93,8 +92,8 @@ private:
                 badFile(path).missing[d] = true;
             for (const auto& [key, recorded] : record(d).files) {
                 const auto column = CardRecord::columnOf(*recorded.report, record(d).cardPath, record(d).volumeSerial);
-                const std::size_t at = column.value_or(
-                    CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
+                const std::size_t at =
+                    column.value_or(CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
                 const auto& statuses = recorded.file->destinations;
                 const std::string status = at < statuses.size() ? statuses[at] : "failed";
                 if (status == "verified" || status == "written")

@@ -16,12 +16,12 @@ namespace velmora {
 // from will do: every file is read on it and compared with the record before anything is written. Nothing is written
 // here.
 //
-// An interrupted repair leaves lines of an open generation that name nothing but files which the reports know. It is not
-// continued: the next repair of the same number begins again, since it reads the state of every file anew.
+// An interrupted repair leaves lines of an open generation that name nothing but files which the reports know. It is
+// not continued: the next repair of the same number begins again, since it reads the state of every file anew.
 struct RepairPlan {
     OffloadPlan plan; // mode repair; its files are those that are bad on some disk
-    // Per file of the plan, per destination: the copy that lies there is defective and is moved aside before the new one
-    // takes its name.
+    // Per file of the plan, per destination: the copy that lies there is defective and is moved aside before the new
+    // one takes its name.
     std::vector<std::vector<bool>> defective;
     std::int64_t rewritten = 0;    // files written on at least one disk
     std::int64_t onlyReadBack = 0; // files that stood as bad and that every disk holds well
@@ -35,9 +35,9 @@ struct Findings {
     std::vector<std::string> missing;
 };
 
-// `findings` runs parallel to `cardPaths`. A file that a report calls failed or never verified counts as bad too, and is
-// written again where the disk lacks it or holds it wrong, else only read back. `progress` gets the bytes read on the
-// card. Throws OffloadError with a code, Cancelled, and the scan's IOError.
+// `findings` runs parallel to `cardPaths`. A file that a report calls failed or never verified counts as bad too, and
+// is written again where the disk lacks it or holds it wrong, else only read back. `progress` gets the bytes read on
+// the card. Throws OffloadError with a code, Cancelled, and the scan's IOError.
 RepairPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
                 const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
                 const std::vector<Findings>& findings, const IsCancelled& isCancelled,

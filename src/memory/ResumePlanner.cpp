@@ -124,8 +124,7 @@ std::optional<Unfinished> find(const std::vector<std::string>& paths) {
 }
 
 std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, const SourceFile& file,
-                                               const std::vector<bool>& write, bool localTime,
-                                               std::int64_t blockSize) {
+                                               const std::vector<bool>& write, bool localTime, std::int64_t blockSize) {
     std::optional<PartCheckpoint> common;
     for (std::size_t d = 0; d < write.size(); ++d) {
         if (!write[d])
@@ -137,8 +136,8 @@ std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, con
             common = *part;
             continue;
         }
-        const auto [mine, theirs] = std::mismatch(common->blocks.begin(), common->blocks.end(), part->blocks.begin(),
-                                                  part->blocks.end());
+        const auto [mine, theirs] =
+            std::mismatch(common->blocks.begin(), common->blocks.end(), part->blocks.begin(), part->blocks.end());
         common->blocks.erase(mine, common->blocks.end());
     }
     if (common) {

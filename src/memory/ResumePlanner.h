@@ -18,8 +18,8 @@ namespace velmora {
 // committed one if its report still says that its verification is not finished.
 namespace ResumePlanner {
 
-// Nothing when no disk has an open generation. Throws OffloadError when the disks disagree: a disk whose run died before
-// its first line may be behind, one that is ahead or has closed the generation may not.
+// Nothing when no disk has an open generation. Throws OffloadError when the disks disagree: a disk whose run died
+// before its first line may be behind, one that is ahead or has closed the generation may not.
 std::optional<Unfinished> find(const std::vector<std::string>& paths);
 
 // The highest generation in the chain; 0 without one. Problems of the chain are for others to tell.
@@ -32,9 +32,9 @@ bool unsettled(const std::string& cardPath, std::int64_t generation);
 using SizeOnDisk = std::function<std::optional<std::int64_t>(std::size_t dest, const SourceFile& file)>;
 
 struct Decision {
-    std::vector<std::vector<bool>> write;                 // per file, per destination
-    std::vector<std::optional<ManifestRecord>> known;     // set when the file is safe on every destination
-    std::vector<std::optional<PartCheckpoint>> resume;    // where the destinations that need the file can continue
+    std::vector<std::vector<bool>> write;              // per file, per destination
+    std::vector<std::optional<ManifestRecord>> known;  // set when the file is safe on every destination
+    std::vector<std::optional<PartCheckpoint>> resume; // where the destinations that need the file can continue
 };
 
 // A file that every disk holds complete and durable, by one and the same record, is known and not read again. A disk
@@ -46,8 +46,7 @@ Decision decide(const Unfinished& unfinished, const std::vector<SourceFile>& fil
 // for block. None when one of them has nothing usable. The bytes themselves are proved by reading the part files when
 // the copy begins.
 std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, const SourceFile& file,
-                                               const std::vector<bool>& write, bool localTime,
-                                               std::int64_t blockSize);
+                                               const std::vector<bool>& write, bool localTime, std::int64_t blockSize);
 
 } // namespace ResumePlanner
 

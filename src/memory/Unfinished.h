@@ -20,7 +20,7 @@ struct Unfinished {
     std::vector<std::vector<ManifestRecord>> manifests; // its lines, in the order of the file
     // Path keys of the files that it must hold, neither more nor less: a report that is on a disk already cannot grow.
     std::optional<std::unordered_set<std::string>> fixedFiles;
-    std::shared_ptr<const OffloadReport> report; // null when it wrote none
+    std::shared_ptr<const OffloadReport> report;              // null when it wrote none
     std::vector<std::map<std::string, ManifestRecord>> files; // by path key
     std::vector<std::map<std::string, PartCheckpoint>> parts;
 
