@@ -88,6 +88,9 @@ void PowerModel::flushFile(int fd, bool succeeded) {
         for (auto& piece : pieces)
             piece.lost = true;
     std::erase_if(pieces, [](const Piece& piece) { return !piece.lost; });
+    if (succeeded)
+        for (auto& piece : pieces) // what a failed flush lost is a hole now: the length behind it is on the medium
+            piece.sizeBefore = std::max(piece.sizeBefore, static_cast<std::int64_t>(statOf(fd).st_size));
     if (pieces.empty())
         files_.erase(found);
 }
