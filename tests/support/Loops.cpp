@@ -124,12 +124,12 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
         operation.prepare(disk->root());
         flushAll(disk->root());
         disk->crash({.ops = operation.ops, .skip = position});
-        const bool succeeded = runInChild(operation.work, disk->root());
+        bool succeeded = runInChild(operation.work, disk->root());
         std::string story = fmt::format("VELMORA_SEED={} round {}: killed at operation {} of {} ({})", seed(), rounds,
                                         position, beyond, disk->lastHit());
         std::unique_ptr<FaultDisk> first; // owns the folder of the second
-        const auto restart = [&](std::uint64_t cutSeed) {
-            if (!powerCut)
+        const auto restart = [&](bool cut, std::uint64_t cutSeed) {
+            if (!cut)
                 return disk->clear();
             story += "; " + disk->cutPower(cutSeed);
             auto next = std::make_unique<FaultDisk>(disk->backing());
@@ -137,13 +137,15 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
                 first = std::move(disk);
             disk = std::move(next);
         };
-        restart(roundSeed);
+        restart(powerCut, roundSeed);
         if (options.recover) {
             disk->crash({.ops = operation.ops, .skip = static_cast<std::int64_t>(roundSeed % 12)});
             if (!runInChild(options.recover, disk->root()))
                 story += "; killed again in the recovery (" + disk->lastHit() + ")";
-            restart(roundSeed + 1);
-            EXPECT_TRUE(runInChild(options.recover, disk->root())) << story << ": cannot recover";
+            restart(powerCut, roundSeed + 1);
+            succeeded = runInChild(options.recover, disk->root());
+            EXPECT_TRUE(succeeded) << story << ": cannot recover";
+            restart(true, roundSeed + 2); // what is recovered must stay
         }
         SCOPED_TRACE(story);
         check(disk->root(), succeeded);

@@ -26,9 +26,9 @@ int faultLoop(const DurableOperation& operation, int error,
               const std::function<void(const std::string& root, bool succeeded)>& check);
 
 // Kills the process at one operation a round, in every second round together with a power cut; and cuts the power after
-// the work has succeeded, too. `work` runs in a child process and may exec. Then `recover` runs in a child that is
-// killed somewhere inside, and once more in peace; it may be empty. `check` is told whether the work had succeeded
-// before the power went. Returns the number of rounds.
+// the work has succeeded, too. `work` runs in a child process and may exec. If there is a `recover`, it then runs in a
+// child that is killed somewhere inside, once more in peace, and the power goes after that. `check` is told whether the
+// last of them that ran had succeeded before the power went. Returns the number of rounds.
 struct CrashOptions {
     std::function<void(const std::string& root)> recover;
     bool powerCuts = true;

@@ -1,0 +1,278 @@
+#!/usr/bin/env python3
+"""`velmora copy` as a user runs it, on good disks and bad ones, judged by tests/support/check_backup.py."""
+
+import errno
+import glob
+import json
+import os
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from disks import BIN, FaultDisk, Image, possible
+
+MIB = 1 << 20
+CHECKER = os.path.join(os.path.dirname(__file__), "../support/check_backup.py")
+SOAK = os.environ.get("VELMORA_SOAK") == "1"
+DATE, CARD = "2026-03-14", "A001"
+
+
+def write(path, size, seed=0):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    generator = random.Random(f"{path}{size}{seed}")
+    with open(path, "wb") as file:
+        while size > 0:
+            size -= file.write(generator.randbytes(min(size, MIB)))
+    moment = 1_700_000_000_000_000_000 + generator.randrange(10**16)
+    os.utime(path, ns=(moment, moment))
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="velmora-e2e-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.source = self.make("source")
+        self.a, self.b = self.make("disk a"), self.make("disk b")
+
+    def make(self, name):
+        path = os.path.join(self.folder, name)
+        os.makedirs(path)
+        return path
+
+    def files(self, *sizes, at=None):
+        for number, size in enumerate(sizes, 1):
+            write(f"{at or self.source}/DCIM/100/C{number:04d}.MOV", size)
+
+    def command(self, roots, *options, source=None, block=1):
+        words = [BIN + "/velmora", "copy", source or self.source]
+        for root in roots:
+            words += ["--dest", root]
+        words += ["--name", CARD, "--date", DATE, "--block-mib", str(block), "--allow-same-device"]
+        return words + ["--allow-source-volume", "--no-history", "--no-day-report", "--no-clips", *options]
+
+    def environment(self):
+        own = {"XDG_DATA_HOME": self.folder + "/data", "VELMORA_REPORTS_DIR": self.folder + "/reports"}
+        return {**os.environ, **own}
+
+    def start(self, *arguments, **named):
+        """Runs the copy aside; its output ends in a file, so that no pipe can fill up."""
+        log = open(self.folder + "/output", "w+")
+        self.addCleanup(log.close)
+        process = subprocess.Popen(
+            self.command(*arguments, **named), stdout=log, stderr=log, env=self.environment(), start_new_session=True
+        )
+        process.log = log
+        self.addCleanup(lambda: process.poll() is None and process.kill())
+        return process
+
+    def finish(self, process):
+        status = process.wait(timeout=600)
+        process.log.seek(0)
+        self.output = process.log.read()
+        return status
+
+    def copy(self, *arguments, **named):
+        return self.finish(self.start(*arguments, **named))
+
+    def judge(self, roots, status, *options, source=None, block=1):
+        cards = [f"{root}/{DATE}/{CARD}" for root in roots]
+        words = [sys.executable, CHECKER, source or self.source, *cards, "--block-mib", str(block)]
+        found = subprocess.run(words + ["--exit", str(status), *options], capture_output=True, text=True)
+        self.assertEqual(found.returncode, 0, f"{found.stdout[:4000]}\n{found.stderr}\n{self.output[-2000:]}")
+
+    def report(self, root):
+        with open(f"{root}/{DATE}/{CARD}/_REPORT/offload_report.json", encoding="utf-8") as file:
+            return json.load(file)
+
+    def errors(self, root, column):
+        return {e["path"]: e["errors"][column] for e in self.report(root)["files"] if e["errors"][column]}
+
+
+class GoodDisks(Case):
+    def test_names_and_sizes_at_every_edge(self):
+        names = ["a b/c & d <e> \"f\".MOV", "it's/ключ 漢字 😀.mxf", "x" * 100 + "/" + "y" * 95 + ".bin", "-dash", "é", "é"]
+        sizes = [0, 1, 4095, 4096, 4097, MIB - 1, MIB, MIB + 1, 3 * MIB, 5 * MIB + 7]
+        for number, size in enumerate(sizes):
+            write(f"{self.source}/{names[number % len(names)]}{number}", size)
+        for junk in (".DS_Store", "DCIM/._C1.MOV", ".Trashes/501/old.MOV"):
+            write(f"{self.source}/{junk}", 10)
+        os.makedirs(self.source + "/empty/inner")
+        os.symlink("/etc/passwd", self.source + "/link")
+        for block in (1, 16, 64):
+            with self.subTest(block=block):
+                if SOAK:
+                    for delta in (-1, 0, 1):
+                        write(f"{self.source}/big{block}{delta}", block * MIB + delta)
+                shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
+                shutil.rmtree(f"{self.b}/{DATE}", ignore_errors=True)
+                self.assertEqual(self.copy([self.a, self.b], block=block), 0)
+                self.judge([self.a, self.b], 0, block=block)
+
+    def test_many_small_files_in_one_folder(self):
+        for number in range(20_000 if SOAK else 3_000):
+            write(f"{self.source}/CLIPS/frame {number:06d}.dpx", number % 7001)
+        self.assertEqual(self.copy([self.a, self.b]), 0)
+        self.judge([self.a, self.b], 0)
+
+    def test_without_verification_nothing_is_called_verified(self):
+        self.files(3 * MIB, 100)
+        self.assertEqual(self.copy([self.a, self.b], "--no-verify"), 0)
+        self.judge([self.a, self.b], 0, "--unverified")
+
+    def test_cancel_leaves_no_half_file(self):
+        self.files(*[8 * MIB] * 12)
+        process = self.start([self.a, self.b])
+        while not glob.glob(f"{self.a}/{DATE}/{CARD}/DCIM/100/C*.MOV"):
+            time.sleep(0.005)
+        process.send_signal(signal.SIGINT)
+        status = self.finish(process)
+        if status != 0:  # the copy may have been faster
+            self.assertEqual(status, 130)
+        for root in (self.a, self.b):
+            self.assertEqual(glob.glob(f"{root}/**/.*", recursive=True), [])
+            for path in glob.glob(f"{root}/{DATE}/{CARD}/DCIM/100/*"):
+                with open(path, "rb") as copied, open(path.replace(f"{root}/{DATE}/{CARD}", self.source), "rb") as card:
+                    self.assertEqual(copied.read(), card.read())
+
+    def test_the_checker_complains_about_every_changed_byte(self):
+        """A line of any record, or a byte of any file, that is not what it should be must not pass."""
+        self.files(2 * MIB + 5, 0, 4096)
+        write(self.source + "/side & car.txt", 33)
+        self.assertEqual(self.copy([self.a]), 0)
+        self.judge([self.a], 0)
+        card = f"{self.a}/{DATE}/{CARD}"
+        victims = [p for p in glob.glob(card + "/**", recursive=True) if os.path.isfile(p) and not p.endswith(".html")]
+        self.assertGreaterEqual(len(victims), 10)
+        generator = random.Random(1)
+        for path in victims:
+            facts, data = os.stat(path), open(path, "rb").read()
+            # Every record line, and three bytes of every copied file.
+            lines = data.count(b"\n") if "/_REPORT/" in path or "/ascmhl/" in path else min(3, len(data))
+            for _ in range(lines):
+                position = generator.randrange(len(data))
+                if data[position : position + 1] in b"\n 0123456789" and b"\n" in data[:-1]:
+                    continue  # blanks between JSON values and speeds may differ; digits of hashes are met elsewhere
+                changed = data[:position] + bytes([data[position] ^ 1]) + data[position + 1 :]
+                with open(path, "wb") as file:
+                    file.write(changed)
+                os.utime(path, ns=(facts.st_mtime_ns, facts.st_mtime_ns))
+                with self.assertRaises(AssertionError, msg=f"{path}: {changed[max(0, position - 30) : position + 30]}"):
+                    self.judge([self.a], 0)
+            with open(path, "wb") as file:
+                file.write(data)
+            os.utime(path, ns=(facts.st_mtime_ns, facts.st_mtime_ns))
+        self.judge([self.a], 0)
+
+
+@unittest.skipUnless(possible(), "needs root, FUSE and loop devices")
+class BadDisks(Case):
+    """One of two disks, or the card, misbehaves. What is whole must be whole, what is not must be named."""
+
+    def setUp(self):
+        super().setUp()
+        self.files(3 * MIB, 100_000, 2 * MIB, 7, 0)
+        self.names = [f"DCIM/100/C{n:04d}.MOV" for n in range(1, 6)]
+
+    def with_bad_disk(self, *rule, **named):
+        disk = self.enterContext(FaultDisk()) if hasattr(self, "enterContext") else FaultDisk().__enter__()
+        if not hasattr(self, "enterContext"):
+            self.addCleanup(disk.__exit__)
+        if rule:
+            disk.strike(*rule, **named)
+        return disk
+
+    def test_a_file_that_cannot_be_written_fails_alone(self):
+        for ops, pattern in (("write", "*C0001*"), ("create", "*C0003*"), ("rename", "*C0002*"), ("fsync", "*C0001*")):
+            with self.subTest(ops=ops):
+                shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
+                disk = self.with_bad_disk("fail", errno.EIO, ops, times=0, pattern=pattern)
+                status = self.copy([self.a, disk.root])
+                if disk.ask("hits") == "0":
+                    continue  # this build flushes small files all at once
+                self.assertEqual(status, 1)
+                failed = "DCIM/100/" + pattern.strip("*") + ".MOV"
+                self.judge([self.a, disk.root], 1, "--failed", f"2:{failed}")
+                self.assertIn(f"errno {errno.EIO}", self.errors(self.a, 1)[failed])
+
+    def test_a_disk_that_dies_takes_only_its_own_files(self):
+        for action, argument, ops in (
+            ("full", 3 * MIB + 50_000, "write"),
+            ("readonly", errno.EROFS, "write"),
+            ("vanish", errno.ENODEV, "write"),
+            ("fail", errno.EIO, "syncfs"),
+        ):
+            with self.subTest(action=action, ops=ops):
+                shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
+                disk = self.with_bad_disk(action, argument, ops, skip=0 if ops == "syncfs" else 3)
+                self.assertEqual(self.copy([self.a, disk.root]), 1)
+                self.assertNotEqual(disk.ask("hits"), "0")
+                report = self.report(self.a)
+                failed = [e["path"] for e in report["files"] if e["destinations"][1] == "failed"]
+                self.assertTrue(failed)
+                self.judge([self.a], 1)
+                for entry in report["files"]:  # what it claims to hold it holds
+                    if entry["destinations"][1] == "verified":
+                        with open(f"{disk.medium}/{DATE}/{CARD}/{entry['path']}", "rb") as copied:
+                            self.assertEqual(copied.read(), open(f"{self.source}/{entry['path']}", "rb").read())
+
+    def test_a_card_that_stutters_leaves_no_trace_and_one_that_fails_is_named(self):
+        for times, status in ((2, 0), (0, 1)):
+            with self.subTest(times=times):
+                shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
+                shutil.rmtree(f"{self.b}/{DATE}", ignore_errors=True)
+                card = self.with_bad_disk()
+                shutil.copytree(self.source, card.medium, dirs_exist_ok=True)
+                card.strike("fail", errno.EIO, "read", skip=1, times=times, pattern="*C0001*")
+                self.assertEqual(self.copy([self.a, self.b], source=card.root), status)
+                bad = [] if status == 0 else ["--failed", "0:" + self.names[0]]
+                self.judge([self.a, self.b], status, *bad, source=card.medium)
+                if status == 1:
+                    self.assertIn(f"errno {errno.EIO}", self.report(self.a)["files"][0]["sourceError"])
+
+    def test_a_disk_that_reads_back_something_else(self):
+        for times, status in ((0, 1), (1, None)):
+            with self.subTest(times=times):
+                shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
+                disk = self.with_bad_disk("flip", -1, "read", times=times, pattern="*C0003.MOV")
+                found = self.copy([self.a, disk.root])
+                if times == 0:
+                    self.assertEqual(found, 1)
+                    self.assertIn("HASH MISMATCH", self.errors(self.a, 1)[self.names[2]])
+                else:  # right at the second look: a note, or a failure, but never silence
+                    report = json.dumps(self.report(self.a), ensure_ascii=False)
+                    self.assertRegex(report, "Unstable read|HASH MISMATCH")
+
+    def test_a_bit_that_turns_over_after_the_copy_is_found(self):
+        for kind in ("ext4", "xfs", "btrfs", "exfat"):
+            with self.subTest(kind=kind), Image(kind) as image:
+                shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
+                # The other disk holds the flush up until the bit is turned: the read-back begins after it.
+                disk = self.with_bad_disk("stall", 0, "syncfs")
+                process = self.start([image.root, disk.root])
+                manifest = f"{image.root}/{DATE}/{CARD}/_REPORT/offload-manifest.jsonl"
+                path = f"{image.root}/{DATE}/{CARD}/{self.names[0]}"
+                deadline = time.monotonic() + 60
+                while not (os.path.exists(manifest) and len(open(manifest).readlines()) == len(self.names)):
+                    self.assertLess(time.monotonic(), deadline, "no manifest")
+                    time.sleep(0.01)
+                with open(path, "r+b") as file:
+                    file.seek(MIB + 4321)
+                    byte = file.read(1)
+                    file.seek(MIB + 4321)
+                    file.write(bytes([byte[0] ^ 0x10]))
+                    os.fsync(file.fileno())
+                disk.ask("clear")
+                self.assertEqual(self.finish(process), 1)
+                errors = self.errors(image.root, 0)
+                self.assertEqual(list(errors), self.names[:1])
+                self.assertIn("HASH MISMATCH: block 1 ", errors[self.names[0]])
+                self.judge([image.root, disk.root], 1, "--failed", "1:" + self.names[0], "--time-slack", "2")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

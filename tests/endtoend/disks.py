@@ -1,0 +1,78 @@
+"""Disks for tests of the whole program: the disk that fails on demand, and real file systems on loop devices."""
+
+import os
+import shutil
+import subprocess
+import tempfile
+
+BIN = os.environ["VELMORA_BIN"]  # the folder of the built programs
+
+
+def possible():
+    return os.geteuid() == 0 and os.access("/dev/fuse", os.W_OK) and os.access("/dev/loop-control", os.W_OK)
+
+
+class FaultDisk:
+    """See tests/support/FaultDisk.h; the commands are those of tests/support/faultdisk/main.cpp."""
+
+    def __init__(self, backing=None, power=False):
+        self.own = tempfile.mkdtemp(prefix="velmora-disk-")
+        self.backing, self.root = backing or self.own, self.own + "/mount"
+        os.mkdir(self.root)
+        command = [BIN + "/velmora_fault_disk", self.backing, self.root] + ([] if power else ["--no-power"])
+        self.server = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True
+        )
+        self.answer()
+
+    def answer(self):
+        line = self.server.stdout.readline().strip()
+        if not line.startswith("ok"):
+            raise RuntimeError(f"the disk's server says {line!r}")
+        return line[3:]
+
+    def ask(self, line):
+        self.server.stdin.write(line + "\n")
+        self.server.stdin.flush()
+        return self.answer()
+
+    def strike(self, action, argument, ops, skip=0, times=1, pattern="*"):
+        self.ask(f"rule {action} {argument} {ops} {skip} {times} {pattern}")
+
+    @property
+    def medium(self):
+        return self.backing + "/tree"
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.server.stdin.close()
+        self.server.wait()
+        self.server.stdout.close()
+        shutil.rmtree(self.own, ignore_errors=True)
+
+
+class Image:
+    """A file system of its own on a loop device."""
+
+    MAKE = {"ext4": ["mkfs.ext4", "-q"], "xfs": ["mkfs.xfs", "-q"], "btrfs": ["mkfs.btrfs", "-q"], "exfat": ["mkfs.exfat"]}
+
+    def __init__(self, kind, mib=400):
+        self.kind, self.folder = kind, tempfile.mkdtemp(prefix="velmora-image-")
+        self.root, image = self.folder + "/mount", self.folder + "/image"
+        os.mkdir(self.root)
+        subprocess.run(["truncate", "-s", f"{mib}M", image], check=True)
+        subprocess.run(self.MAKE[kind] + [image], check=True, stdout=subprocess.DEVNULL)
+        found = subprocess.run(["losetup", "-f", "--show", image], check=True, capture_output=True, text=True)
+        self.device = found.stdout.strip()
+        mount = ["mount.exfat-fuse"] if kind == "exfat" else ["mount", "-t", kind]
+        subprocess.run(mount + [self.device, self.root], check=True, stdout=subprocess.DEVNULL)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        subprocess.run(["umount", self.root], check=True)
+        subprocess.run(["losetup", "-d", self.device], check=True)
+        shutil.rmtree(self.folder)
