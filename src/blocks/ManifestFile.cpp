@@ -35,6 +35,9 @@ std::string reportFolder(const std::string& cardPath) { return cardPath + "/_REP
 struct Turn {
     Mutex mutex;
     bool suspectTail GUARDED_BY(mutex) = false;
+    // The names of the folder and the file are on the disk. That they exist is no proof: a process that was killed may
+    // have created them a moment ago.
+    bool namesFlushed GUARDED_BY(mutex) = false;
 };
 
 std::shared_ptr<Turn> turnOf(const std::string& path) {
@@ -110,11 +113,7 @@ void ManifestFile::append(const std::string& cardPath, std::span<const ManifestR
         bytes += '\n';
     }
     const std::string folder = reportFolder(cardPath);
-    const bool newFolder = !IO::exists(folder);
     IO::mkdirs(folder);
-    if (newFolder) {
-        IO::syncFolder(cardPath);
-    }
     const std::string manifest = path(cardPath);
     const std::shared_ptr<Turn> turn = turnOf(manifest);
     // Held across the writing on purpose: two interleaved appends could each seal off the other's line.
@@ -127,8 +126,10 @@ void ManifestFile::append(const std::string& cardPath, std::span<const ManifestR
     turn->suspectTail = true;
     file.append(bytes);
     file.flush();
-    if (file.created()) {
+    if (file.created() || !turn->namesFlushed) {
+        IO::syncFolder(cardPath);
         IO::syncFolder(folder);
+        turn->namesFlushed = true;
     }
     file.close();
     turn->suspectTail = false;

@@ -268,6 +268,9 @@ bool MHL::hasGeneration(const OffloadReport& report, const std::string& cardPath
                                                "generation was not written again.",
                                                cardPath, number));
     }
+    // The caller builds on it. A run that was killed right after the renames may have left them in memory only.
+    IO::syncFolder(std::string(RelativePath::withoutTrailingSlash(cardPath)) + "/" + std::string(dirName));
+    IO::syncFolder(std::string(RelativePath::withoutTrailingSlash(cardPath)));
     return true;
 }
 

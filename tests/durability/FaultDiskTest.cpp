@@ -136,7 +136,7 @@ TEST_F(FaultDiskTest, PowerCutTakesBackOnlyWhatWasNotFlushed) {
                                                                                   {everything, false, false},
                                                                                   {failedThenGood, false, true}}) {
         bool vanished = false, wrong = false, right = false;
-        for (std::uint64_t seed = 0; seed < 24; ++seed) {
+        for (std::uint64_t seed = 0; seed < 12; ++seed) {
             FaultDisk disk;
             if (flush == failedThenGood)
                 disk.fail(EIO, {.ops = "fsync"});
@@ -163,7 +163,7 @@ TEST_F(FaultDiskTest, PowerCutTakesBackOnlyWhatWasNotFlushed) {
 
 TEST_F(FaultDiskTest, PowerCutBringsBackWhatWasRemovedOrReplaced) {
     std::set<std::string> seen;
-    for (std::uint64_t seed = 0; seed < 24; ++seed) {
+    for (std::uint64_t seed = 0; seed < 16; ++seed) {
         FaultDisk disk;
         for (const char* name : {"/old", "/gone", "/new"})
             ASSERT_EQ(write(disk.root() + name, name, true), 0);

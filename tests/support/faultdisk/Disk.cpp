@@ -31,6 +31,11 @@ Verdict judge(Op op, const std::string& path, std::size_t bytes = 0) {
 
 int answer(int result) { return result >= 0 ? 0 : -errno; }
 
+PowerModel::Flush flushOf(const Verdict& verdict) {
+    using enum PowerModel::Flush;
+    return verdict.crashed ? interrupted : verdict.error != 0 ? failed : done;
+}
+
 // The folder that holds the last component of a path.
 struct Parent {
     explicit Parent(const char* path) {
@@ -218,7 +223,7 @@ int opFsync(const char*, int, fuse_file_info* info) {
     const auto& handle = handleOf(info);
     const auto verdict = judge(Op::fsync, handle.path);
     const std::lock_guard lock(disk().mutex);
-    disk().power.flushFile(handle.fd, verdict.error == 0);
+    disk().power.flushFile(handle.fd, flushOf(verdict));
     return -verdict.error;
 }
 
@@ -279,7 +284,7 @@ void* opInit(fuse_conn_info* connection, fuse_config* config) {
 int Disk::syncFileSystem(pid_t caller) {
     const auto verdict = rules.judge(Op::syncfs, "/", 0, caller);
     const std::lock_guard lock(mutex);
-    power.flushAll(verdict.error == 0);
+    power.flushAll(flushOf(verdict));
     return -verdict.error;
 }
 

@@ -28,6 +28,7 @@ PowerModel::Descriptor::~Descriptor() { close(fd); }
 PowerModel::File& PowerModel::fileOf(int fd) {
     auto& file = files_[statOf(fd).st_ino];
     if (!file.handle) {
+        file.sizeOnDisk = statOf(fd).st_size;
         const std::string path = "/proc/self/fd/" + std::to_string(fd);
         file.handle = std::make_shared<Descriptor>(open(path.c_str(), O_RDWR | O_CLOEXEC));
     }
@@ -79,19 +80,21 @@ int PowerModel::truncate(int fd, std::int64_t size) {
     return ftruncate(fd, size) == 0 ? 0 : -errno;
 }
 
-void PowerModel::flushFile(int fd, bool succeeded) {
+void PowerModel::flush(File& file, Flush how) {
+    if (how == Flush::failed)
+        for (auto& piece : file.pieces)
+            piece.lost = true;
+    if (how == Flush::done)
+        file.sizeOnDisk = statOf(file.handle->fd).st_size;
+    std::erase_if(file.pieces, [&](const Piece& piece) { return how == Flush::done && !piece.lost; });
+}
+
+void PowerModel::flushFile(int fd, Flush how) {
     const auto found = files_.find(statOf(fd).st_ino);
     if (found == files_.end())
         return;
-    auto& pieces = found->second.pieces;
-    if (!succeeded)
-        for (auto& piece : pieces)
-            piece.lost = true;
-    std::erase_if(pieces, [](const Piece& piece) { return !piece.lost; });
-    if (succeeded)
-        for (auto& piece : pieces) // what a failed flush lost is a hole now: the length behind it is on the medium
-            piece.sizeBefore = std::max(piece.sizeBefore, static_cast<std::int64_t>(statOf(fd).st_size));
-    if (pieces.empty())
+    flush(found->second, how);
+    if (found->second.pieces.empty())
         files_.erase(found);
 }
 
@@ -163,20 +166,16 @@ void PowerModel::flushFolder(int folder) {
     });
 }
 
-void PowerModel::flushAll(bool succeeded) {
-    if (!succeeded) {
-        for (auto& [inode, file] : files_)
-            for (auto& piece : file.pieces)
-                piece.lost = true;
+void PowerModel::flushAll(Flush how) {
+    for (auto& [inode, file] : files_)
+        flush(file, how);
+    std::erase_if(files_, [](const auto& entry) { return entry.second.pieces.empty(); });
+    if (how != Flush::done)
         return;
-    }
     for (const auto& change : names_)
         if (!change.buried.empty())
             unlinkat(grave_, change.buried.c_str(), 0);
     names_.clear();
-    for (auto& [inode, file] : files_)
-        std::erase_if(file.pieces, [](const Piece& piece) { return !piece.lost; });
-    std::erase_if(files_, [](const auto& entry) { return entry.second.pieces.empty(); });
 }
 
 std::string PowerModel::cut(std::uint64_t seed, unsigned garbage) {
@@ -225,7 +224,7 @@ void PowerModel::takeBack(File& file, std::mt19937_64& random, unsigned garbage,
         return;
     const int fd = file.handle->fd;
     const auto live = statOf(fd).st_size;
-    std::int64_t size = file.pieces.front().sizeBefore, gone = 0, torn = 0;
+    std::int64_t size = file.sizeOnDisk, gone = 0, torn = 0;
     std::int64_t lengthOnDisk = random() % 2 == 0 ? live : size; // the length travels apart from the data
     for (auto piece = file.pieces.rbegin(); piece != file.pieces.rend(); ++piece) {
         if (piece->length == 0) { // a truncate: bytes that were cut off come back, or stay away
@@ -258,7 +257,7 @@ void PowerModel::takeBack(File& file, std::mt19937_64& random, unsigned garbage,
         }
     }
     lengthOnDisk = std::max(lengthOnDisk, random() % 2 == 0 ? size : 0);
-    std::ignore = ftruncate(fd, everything ? file.pieces.front().sizeBefore : lengthOnDisk);
+    std::ignore = ftruncate(fd, everything ? file.sizeOnDisk : lengthOnDisk);
     said += " file(" + std::to_string(file.pieces.size()) + " pieces, gone " + std::to_string(gone) + ", torn " +
             std::to_string(torn) + ")";
 }

@@ -26,14 +26,15 @@ public:
     // Write and truncate through the model, so that it can read what is overwritten. They return bytes or -errno.
     std::int64_t write(int fd, const char* bytes, std::size_t count, std::int64_t offset);
     int truncate(int fd, std::int64_t size);
-    void flushFile(int fd, bool succeeded);
+    enum class Flush { done, failed, interrupted }; // interrupted: the process died in it, the disk is not to blame
+    void flushFile(int fd, Flush how);
 
     // `folder` is any descriptor of the folder that holds `name`.
     void created(int folder, const std::string& name);
     int remove(int folder, const std::string& name, bool isFolder);
     int rename(int fromFolder, const std::string& from, int toFolder, const std::string& to, unsigned flags);
     void flushFolder(int folder);
-    void flushAll(bool succeeded);
+    void flushAll(Flush how);
 
     // Takes back a choice of the unflushed changes: all of them, none, a prefix of the names in order, or any mixture.
     // `garbage` is the share, in percent, of torn-up pieces among unflushed data that landed. Says what it did.
@@ -57,6 +58,7 @@ private:
     struct File {
         std::shared_ptr<Descriptor> handle;
         std::vector<Piece> pieces;
+        std::int64_t sizeOnDisk = 0; // at the last flush
     };
     struct Name { // one unflushed change of names
         enum class Kind { create, remove, rename } kind = Kind::create;
@@ -67,6 +69,7 @@ private:
     };
     std::shared_ptr<Descriptor> folderOf(int folder, ino_t& inode);
     File& fileOf(int fd);
+    static void flush(File& file, Flush how);
     void takeBack(File& file, std::mt19937_64& random, unsigned garbage, bool everything, std::string& said);
     void takeBack(const Name& name);
     std::string bury(int folder, const std::string& name, int& error);

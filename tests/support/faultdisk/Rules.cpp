@@ -77,11 +77,14 @@ Verdict RuleBook::judge(Op op, const std::string& path, std::size_t bytes, pid_t
         if (verdict.error != 0 || verdict.keep >= 0 || verdict.flipBit >= 0 || generation != generation_) {
             ++hits_;
             lastHit_ = std::string(opName(op)) + " " + path;
+            verdict.crashed = crashed_;
             return verdict;
         }
     }
-    if (crashed_)
+    if (crashed_) {
         verdict.error = EIO;
+        verdict.crashed = true;
+    }
     return verdict;
 }
 

@@ -46,6 +46,7 @@ std::string_view opName(Op op);
 // What the rules say about one operation.
 struct Verdict {
     int error = 0;             // refuse with this errno
+    bool crashed = false;      // …because the caller or the machine is dead, not because the disk failed
     std::int64_t keep = -1;    // write or read only so many bytes
     std::int64_t flipBit = -1; // turn this bit of the data over
 };
