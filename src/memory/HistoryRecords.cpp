@@ -1,0 +1,145 @@
+#include "memory/HistoryRecords.h"
+
+#include "base/Text.h"
+#include "clips/ClipDetector.h"
+#include "engine/Layout.h"
+#include "memory/CardFingerprint.h"
+#include "memory/ReelNames.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+namespace velmora::HistoryRecords {
+
+namespace {
+
+std::set<std::string> keysOf(const std::vector<std::string>& cardPaths) {
+    std::set<std::string> keys;
+    for (const std::string& path : cardPaths)
+        keys.insert(Layout::normalizedRoot(path));
+    return keys;
+}
+
+std::vector<std::string> cardPathsOf(const HistoryEntry& entry) {
+    std::vector<std::string> paths;
+    for (const HistoryDestination& destination : entry.destinations)
+        paths.push_back(destination.cardPath);
+    return paths;
+}
+
+std::optional<HistoryCard> cardOf(const std::optional<CardVolume>& volume) {
+    if (!volume)
+        return std::nullopt;
+    return HistoryCard{volume->identity, volume->fsSerial, volume->capacity, volume->label, volume->filesystem};
+}
+
+void addGeneration(HistoryEntry& entry, const OffloadReport& report) {
+    HistoryGeneration generation;
+    generation.seq = report.generationNumber();
+    generation.kind = report.kind.value_or("copy");
+    generation.finished = report.finished;
+    generation.files = report.totalFiles;
+    generation.bytes = report.totalBytes;
+    generation.verified = report.verified && !report.verifyIncomplete.value_or(false);
+    auto& all = entry.generations;
+    std::erase_if(all, [&](const HistoryGeneration& other) { return other.seq == generation.seq; });
+    all.push_back(std::move(generation));
+    std::sort(all.begin(), all.end(),
+              [](const HistoryGeneration& a, const HistoryGeneration& b) { return a.seq < b.seq; });
+}
+
+} // namespace
+
+const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths) {
+    const std::set<std::string> wanted = keysOf(cardPaths);
+    for (const HistoryEntry& entry : entries)
+        if (keysOf(cardPathsOf(entry)) == wanted)
+            return &entry;
+    return nullptr;
+}
+
+HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVolume>& volume, Timestamp now) {
+    HistoryEntry entry;
+    entry.id = HistoryStore::newId(now);
+    entry.source = plan.source;
+    entry.cardName = plan.cardName;
+    entry.date = plan.date;
+    entry.project = plan.project;
+    entry.finished = now;
+    entry.unfinished = true;
+    entry.hashAlgorithms = plan.hashKinds.names();
+    const std::vector<std::string> cardPaths = plan.cardPaths();
+    for (std::size_t d = 0; d < cardPaths.size(); ++d)
+        entry.destinations.push_back({d < plan.destRoots.size() ? plan.destRoots[d] : cardPaths[d], cardPaths[d]});
+    entry.files = static_cast<std::int64_t>(plan.scan.files.size());
+    entry.bytes = plan.scan.totalBytes();
+    return withCard(entry, volume, plan.scan.files, std::nullopt);
+}
+
+HistoryEntry reopened(const HistoryEntry& entry) {
+    HistoryEntry open = entry;
+    open.unfinished = true;
+    return open;
+}
+
+HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
+                              const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
+                              const std::optional<std::vector<SourceFile>>& storedFiles) {
+    HistoryEntry entry = present ? *present : HistoryEntry{};
+    entry.id = id;
+    entry.source = report.source;
+    entry.cardName = report.cardName;
+    entry.date = report.date;
+    if (report.project)
+        entry.project = report.project;
+    entry.finished = report.finished;
+    entry.hashAlgorithms = report.algorithms();
+    entry.destinations.clear();
+    for (const auto& destination : report.destinations)
+        entry.destinations.push_back({destination.root, destination.cardPath});
+    const bool first = entry.generations.empty() || report.generationNumber() == 1;
+    const auto failed = static_cast<std::int64_t>(report.failedFiles().size());
+    // A repair or an append says nothing about failures of earlier generations; the planners would not have let them
+    // pass, so what remains is this run's.
+    entry.failedFiles = failed;
+    entry.success = failed == 0;
+    addGeneration(entry, report);
+    entry.verified = entry.success && std::all_of(entry.generations.begin(), entry.generations.end(),
+                                                  [](const HistoryGeneration& g) { return g.verified; });
+    entry.unfinished = false;
+    HistoryStore::Change change = withCard(entry, volume, card, first ? std::nullopt : storedFiles);
+    change.entry.files = 0;
+    change.entry.bytes = 0;
+    for (const HistoryGeneration& generation : change.entry.generations)
+        if (generation.kind != "repair") {
+            change.entry.files += generation.files;
+            change.entry.bytes += generation.bytes;
+        }
+    return change;
+}
+
+HistoryStore::Change withCard(const HistoryEntry& entry, const std::optional<CardVolume>& volume,
+                              const std::vector<SourceFile>& card,
+                              const std::optional<std::vector<SourceFile>>& storedFiles) {
+    std::map<std::string, SourceFile> merged;
+    if (storedFiles)
+        for (const SourceFile& file : *storedFiles)
+            merged.insert_or_assign(file.relPath, file);
+    for (const SourceFile& file : card)
+        merged.insert_or_assign(file.relPath, file);
+    HistoryStore::Change change{entry, std::vector<SourceFile>()};
+    change.files->reserve(merged.size());
+    for (auto& [path, file] : merged)
+        change.files->push_back(std::move(file));
+    const CardFingerprint::Digests digests = CardFingerprint::compute(*change.files);
+    change.entry.fingerprint = digests.fingerprint;
+    change.entry.shape = digests.shape;
+    if (volume)
+        change.entry.card = cardOf(volume);
+    const auto clips = ClipDetector::detect(*change.files);
+    change.entry.reels = ReelSuggestion::fromClips(clips).reels;
+    return change;
+}
+
+} // namespace velmora::HistoryRecords

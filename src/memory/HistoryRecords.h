@@ -1,0 +1,41 @@
+#pragma once
+
+#include "memory/HistoryStore.h"
+#include "records/CardKey.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// What the history says of a card at the beginning and at the end of a job. Pure functions; HistoryStore writes.
+namespace HistoryRecords {
+
+// The entry whose destinations are exactly these card folders; null when there is none.
+const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths);
+
+// An entry for a copy that begins now. It holds the whole card, so that a card that comes back after a crash is known
+// and its backup can be finished.
+HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVolume>& volume, Timestamp now);
+
+// The same for an append, a finish or a repair of a card that the history knows: its entry, marked as unfinished.
+HistoryEntry reopened(const HistoryEntry& entry);
+
+// The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` is the list of
+// everything on the card, `storedFiles` the list of the entry before this job.
+HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
+                              const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
+                              const std::optional<std::vector<SourceFile>>& storedFiles);
+
+// The entry with the union of its stored list and what the card holds now (which wins, path by path), and the digests
+// of that union: the next insertion of the same card with nothing new is then identical.
+HistoryStore::Change withCard(const HistoryEntry& entry, const std::optional<CardVolume>& volume,
+                              const std::vector<SourceFile>& card,
+                              const std::optional<std::vector<SourceFile>>& storedFiles);
+
+} // namespace HistoryRecords
+
+} // namespace velmora
