@@ -19,19 +19,19 @@ namespace velmora {
 class ChildProcess {
 public:
     struct Options {
-        std::string program; // full path
-        std::vector<std::string> arguments;
-        std::string workingFolder;            // empty: ours
-        std::vector<std::string> environment; // "NAME=value", on top of ours
-        bool errorToOutput = false;           // both streams in one, as they come
+        std::string program = {}; // full path
+        std::vector<std::string> arguments = {};
+        std::string workingFolder = {};            // empty: ours
+        std::vector<std::string> environment = {}; // "NAME=value", on top of ours
+        bool errorToOutput = false;                // both streams in one, as they come
         // Standard output is kept whole up to this; a program that says more is stopped.
         std::size_t outputLimit = std::size_t{256} << 20;
         bool keepOutput = true;
         // Complete lines without their end, and the last one even if it is unfinished; on the reader's thread.
-        std::function<void(std::string_view line)> onOutputLine;
-        std::function<void(std::string_view line)> onErrorLine;
+        std::function<void(std::string_view line)> onOutputLine = {};
+        std::function<void(std::string_view line)> onErrorLine = {};
         // (number in the child, our descriptor); numbers from 3 on.
-        std::vector<std::pair<int, int>> descriptors;
+        std::vector<std::pair<int, int>> descriptors = {};
     };
 
     explicit ChildProcess(Options options); // ToolError with status -1 and the system's text when it cannot start
