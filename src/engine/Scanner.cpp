@@ -38,7 +38,7 @@ FolderReader openRoot(const std::string& root) {
 class Walk {
 public:
     Walk(const std::string& root, const IsCancelled& isCancelled)
-        : root_(root), isCancelled_(isCancelled), rootFolder_(openRoot(root)) {
+        : isCancelled_(isCancelled), rootFolder_(openRoot(root)) {
         scan_.root = root;
     }
 
@@ -115,7 +115,6 @@ private:
                                   .error = withValidUtf8(why)});
     }
 
-    const std::string& root_;
     const IsCancelled& isCancelled_;
     FolderReader rootFolder_;
     std::vector<Folder> waiting_;
