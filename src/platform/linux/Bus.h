@@ -27,7 +27,7 @@ public:
     std::string text(int result) const;
 
 private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error_{}; // the macro for it is C only
 };
 
 // A private connection to the system bus ($DBUS_SYSTEM_BUS_ADDRESS when set). Null and a text when there is none.
