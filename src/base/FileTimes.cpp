@@ -60,7 +60,7 @@ bool close(Timestamp a, Timestamp b, bool localTime) { return within(ticks(a), t
 
 bool storesLocalTime(std::string_view filesystem) {
     const std::string type = toLower(filesystem);
-    return type == "msdos" || type.starts_with("fat");
+    return type == "msdos" || type == "vfat" || type == "exfat" || type.starts_with("fat");
 }
 
 } // namespace velmora::FileTimes

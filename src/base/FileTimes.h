@@ -25,7 +25,7 @@ bool same(Timestamp a, Timestamp b, bool localTime);
 // As `same`, give or take two seconds: for times that a record or a file system has cut or rounded.
 bool close(Timestamp a, Timestamp b, bool localTime);
 
-// True for the FAT family, which stores local time: "msdos" or a type that begins with "fat", in any case.
+// True for the FAT family with exFAT, which stores local time, in any case of its names.
 bool storesLocalTime(std::string_view filesystem);
 
 } // namespace FileTimes

@@ -1,0 +1,165 @@
+#include "memory/HistoryStore.h"
+
+#include "engine/FolderLocks.h"
+#include "memory/HistoryRecorder.h"
+#include "platform/FileLock.h"
+#include "platform/IO.h"
+#include "support/TempFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace velmora {
+namespace {
+
+// A history in a folder of its own, its locks beside it.
+class History : public testing::Test {
+protected:
+    void SetUp() override { setenv("VELMORA_SETTINGS_DIR", folder_.path().c_str(), 1); }
+    void TearDown() override { unsetenv("VELMORA_SETTINGS_DIR"); }
+
+    std::string path() const { return folder_.path() + "/history.json"; }
+    std::string listPath(const std::string& id) const { return folder_.path() + "/history/" + id + ".files.gz"; }
+    HistoryStore store(std::size_t maxEntries = 5000) {
+        return {folder_.path(), 5.0, maxEntries, [this](std::string_view line) { log_.emplace_back(line); }};
+    }
+    HistoryWrite add(const std::string& id, std::int64_t finished, std::size_t maxEntries = 5000) {
+        return store(maxEntries).update(id, [&](const HistoryEntry*) {
+            HistoryEntry entry;
+            entry.finished = {finished, 0};
+            entry.cardName = id;
+            return HistoryStore::Change{entry, std::vector<SourceFile>{{"a.mov", 1, {}}}};
+        });
+    }
+    std::vector<std::string> ids() {
+        std::vector<std::string> found;
+        for (const HistoryEntry& entry : store().load())
+            found.push_back(entry.id);
+        return found;
+    }
+
+    test::TempFolder folder_;
+    std::vector<std::string> log_;
+};
+
+TEST_F(History, KeepsTheNewestFirstAndDropsTheOldestWithItsList) {
+    EXPECT_EQ(add("b", 20), HistoryWrite::written);
+    EXPECT_EQ(add("a", 10), HistoryWrite::written);
+    EXPECT_EQ(add("c", 20), HistoryWrite::written); // same end as b: keeps its place behind it
+    EXPECT_EQ(ids(), (std::vector<std::string>{"b", "c", "a"}));
+    EXPECT_EQ(store().readFileList(store().load().front())->front().relPath, "a.mov");
+    EXPECT_EQ(add("d", 30, 3), HistoryWrite::written);
+    EXPECT_EQ(ids(), (std::vector<std::string>{"d", "b", "c"}));
+    EXPECT_FALSE(IO::exists(listPath("a")));
+    EXPECT_EQ(store().remove("b"), HistoryWrite::written);
+    EXPECT_EQ(store().remove("b"), HistoryWrite::unchanged);
+    EXPECT_FALSE(IO::exists(listPath("b")));
+    const auto nothing = [](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
+        EXPECT_EQ(present->cardName, "d");
+        return std::nullopt;
+    };
+    EXPECT_EQ(store().update("d", nothing), HistoryWrite::unchanged);
+}
+
+TEST_F(History, SetsDamageAsideAndLeavesANewerVersionAlone) {
+    const std::vector<std::string> damaged = {"{", "[]", "{\"entries\": [{}], \"version\": 1}",
+                                              "{\"entries\": [], \"version\": \"1\"}", std::string(1000, '[')};
+    for (const std::string& text : damaged) {
+        std::ofstream(path()) << text;
+        EXPECT_EQ(add("x", 1), HistoryWrite::written) << text;
+        EXPECT_EQ(ids(), std::vector<std::string>{"x"});
+    }
+    std::size_t aside = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path()))
+        aside += entry.path().filename().string().starts_with("history.json.corrupt-");
+    EXPECT_EQ(aside, damaged.size());
+    const std::string newer = "{\"entries\": [], \"later\": true, \"version\": 2}";
+    std::ofstream(path()) << newer;
+    EXPECT_EQ(add("y", 1), HistoryWrite::unchanged);
+    EXPECT_EQ(IO::readFile(path(), 1000), newer);
+    EXPECT_EQ(log_.back(), "history: written by a newer version of Velmora — read only");
+}
+
+TEST_F(History, NeverOpensAListOutsideOfItsFolder) {
+    HistoryEntry entry;
+    entry.fileList = "../../etc/passwd";
+    for (const char* id : {"../../etc/passwd", "a/b", "", "."}) {
+        entry.id = id;
+        EXPECT_FALSE(store().readFileList(entry)) << id;
+        EXPECT_EQ(add(id, 1), HistoryWrite::failed) << id;
+    }
+}
+
+TEST_F(History, TwentyProcessesLoseNoEntry) {
+    std::vector<pid_t> children;
+    for (int i = 0; i < 20; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            HistoryStore mine(folder_.path(), 60.0);
+            const HistoryWrite result = mine.update("p" + std::to_string(i), [&](const HistoryEntry*) {
+                HistoryEntry entry;
+                entry.finished = {i, 0};
+                return HistoryStore::Change{entry, std::vector<SourceFile>{{"f", i, {}}}};
+            });
+            _exit(result == HistoryWrite::written ? 0 : 1);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(ids().size(), 20U);
+    for (const HistoryEntry& entry : store().load())
+        EXPECT_TRUE(store().readFileList(entry)) << entry.id;
+}
+
+TEST_F(History, FindsACardByItsKeyOrAFolderByItsShape) {
+    std::vector<HistoryEntry> entries(3);
+    entries[0].shape = "s";
+    entries[0].card = HistoryCard{std::nullopt, "1A2B3C4D", 100, std::nullopt, std::nullopt};
+    entries[1].shape = "s";
+    entries[2].card = entries[0].card;
+    EXPECT_EQ(HistoryStore::findForCard(CardKey{"1A2B3C4D", 100}, "other", entries), &entries[0]);
+    EXPECT_EQ(HistoryStore::findForCard(CardKey{"1A2B3C4D", 200}, "s", entries), nullptr);
+    EXPECT_EQ(HistoryStore::findForCard(std::nullopt, "s", entries), &entries[1]);
+    EXPECT_EQ(HistoryStore::findForCard(std::nullopt, "t", entries), nullptr);
+}
+
+TEST_F(History, ABusyHistoryDelaysRecordsKeepsTheirOrderAndLosesNone) {
+    HistoryRecorder recorder(0.01, 0.01);
+    std::atomic<int> delayed{0};
+    std::atomic<int> done{0};
+    const auto record = [&](const std::string& text) {
+        recorder.record(
+            "copy", folder_.path(), {}, [&] { ++delayed; }, [&](bool written) { done += written; },
+            [text](HistoryStore& history) {
+                return history.update("e", [&](const HistoryEntry* present) {
+                    HistoryEntry entry;
+                    entry.cardName = (present ? present->cardName : "") + text;
+                    return HistoryStore::Change{entry, std::nullopt};
+                });
+            });
+    };
+    {
+        const auto held = FileLock::lock(Locks::history(folder_.path()), 5);
+        ASSERT_TRUE(held);
+        record("1");
+        record("2");
+        EXPECT_FALSE(recorder.drain(0.05));
+        EXPECT_EQ(recorder.waiting(), 2U);
+    }
+    record("3");
+    EXPECT_TRUE(recorder.drain(20));
+    EXPECT_EQ(done, 3);
+    EXPECT_GE(delayed, 2);
+    EXPECT_EQ(store().load().front().cardName, "123");
+}
+
+} // namespace
+} // namespace velmora
