@@ -112,7 +112,7 @@ TEST(FileTimes, ComparesExactlyAndAcrossTimeZonesOfCards) {
     EXPECT_FALSE(FileTimes::same(largest, smallest, true)); // no overflow on times that nobody believes
     EXPECT_FALSE(FileTimes::close({largest, 0}, {smallest, 0}, true));
     for (const auto& [type, local] : std::vector<std::pair<const char*, bool>>{
-             {"msdos", true}, {"MSDOS", true}, {"fat", true}, {"FAT32", true}, {"exfat", false}, {"ext4", false}})
+             {"msdos", true}, {"MSDOS", true}, {"fat", true}, {"FAT32", true}, {"exfat", true}, {"ext4", false}})
         EXPECT_EQ(FileTimes::storesLocalTime(type), local) << type;
 }
 
