@@ -433,6 +433,9 @@ def main():
     parser.add_argument("--failed", action="append", default=[])
     parser.add_argument("--time-slack", type=float, default=0)
     options = parser.parse_args()
+    # Reports name folders whole, wherever the command was typed.
+    options.source = os.path.abspath(options.source)
+    options.cards = [os.path.abspath(card) for card in options.cards]
     options.block = options.block_mib << 20
     options.failed = {(int(number), path) for number, path in (word.split(":", 1) for word in options.failed)}
     files, folders, skipped = scan(options.source)
