@@ -1,0 +1,11 @@
+#include "cli/Commands.h"
+
+namespace velmora {
+
+std::vector<std::unique_ptr<Command>> allCommands() {
+    std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(makeCopyCommand());
+    return commands;
+}
+
+} // namespace velmora

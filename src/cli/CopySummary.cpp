@@ -1,0 +1,126 @@
+#include "cli/CopySummary.h"
+
+#include "base/Text.h"
+#include "cli/TerminalText.h"
+#include "engine/Layout.h"
+#include "job/JobWords.h"
+#include "records/OffloadReport.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace velmora::CopySummary {
+
+namespace {
+
+using Tone = Console::Tone;
+
+// More than fit on a screen help nobody; the report has them all.
+constexpr std::size_t failuresShown = 20;
+
+class Page {
+public:
+    void add(std::string_view text, Tone tone = Tone::plain) {
+        lines_.push_back({TerminalText::printable(text), tone});
+    }
+    void addAll(const OffloadReport& report);
+    void addFailures(const OffloadReport& report);
+    void addPromises(const JobStatus& status, const OffloadReport* report);
+    std::vector<Line> take() { return std::move(lines_); }
+
+private:
+    std::vector<Line> lines_;
+};
+
+std::string speed(std::string_view what, double seconds, std::int64_t bytes) {
+    if (seconds < 0.05)
+        return fmt::format("{} {:.1f} s", what, seconds);
+    return fmt::format("{} {:.1f} s ({:.0f} MB/s)", what, seconds, static_cast<double>(bytes) / seconds / 1e6);
+}
+
+std::string reportPath(const OffloadReport& report) {
+    return fmt::format("{}/{}/{}", report.destinations.empty() ? "" : report.destinations.front().cardPath,
+                       Layout::reportDirName, OffloadReport::textName(report.generationNumber()));
+}
+
+void Page::addAll(const OffloadReport& report) {
+    add(fmt::format("{}: {}, {}", report.cardName, countedFiles(report.totalFiles), formatBytes(report.totalBytes)),
+        Tone::bold);
+    for (const auto& destination : report.destinations) {
+        const bool bad = destination.filesFailed > 0;
+        add(fmt::format("  {}  {} ok{}", destination.cardPath, destination.filesOK,
+                        bad ? fmt::format(", {} failed", destination.filesFailed) : ""),
+            bad ? Tone::bad : Tone::plain);
+    }
+    std::string times = "  " + speed("copied in", report.copySeconds(), report.totalBytes);
+    if (report.verified)
+        times += ", " + speed("read back in", report.verifySeconds(), report.totalBytes);
+    else
+        times += ", not verified";
+    if (report.pausedSeconds() > 0)
+        times += fmt::format(", paused {:.1f} s", report.pausedSeconds());
+    add(times);
+    for (const auto& note : report.verifyNotes.value_or(std::vector<std::string>{}))
+        add("  " + note, Tone::warning);
+    addFailures(report);
+}
+
+void Page::addFailures(const OffloadReport& report) {
+    const auto failed = report.failedFiles();
+    if (failed.empty())
+        return;
+    add("");
+    add(fmt::format("Failed files ({}):", failed.size()), Tone::bad);
+    for (std::size_t i = 0; i < std::min(failed.size(), failuresShown); ++i) {
+        const auto& file = *failed[i];
+        add("  " + file.path);
+        if (file.sourceError)
+            add("    card: " + *file.sourceError);
+        for (std::size_t column = 0; column < file.errors.size(); ++column) {
+            // A card that could not be read fails on every disk, and says so once.
+            if (!file.errors[column] || (file.sourceError && file.errors[column]->starts_with("source: ")))
+                continue;
+            add(fmt::format("    {}: {}", report.destinations.at(column).root, *file.errors[column]));
+        }
+    }
+    if (failed.size() > failuresShown)
+        add(fmt::format("  and {} more, all in {}", failed.size() - failuresShown, reportPath(report)));
+}
+
+Tone toneOf(CardTone tone) {
+    switch (tone) {
+    case CardTone::ok:
+        return Tone::good;
+    case CardTone::error:
+        return Tone::bad;
+    default:
+        return Tone::warning;
+    }
+}
+
+void Page::addPromises(const JobStatus& status, const OffloadReport* report) {
+    add("");
+    for (const auto& text : {status.error, status.warning, status.note})
+        if (text)
+            add(*text, text == status.error ? Tone::bad : Tone::warning);
+    for (const auto& chip : JobWords::chips(status, false, status.contentWarnings))
+        add(chip.text, toneOf(chip.tone));
+    if (const auto promise = JobWords::promiseText(status))
+        add(*promise);
+    else if (status.safeToEject && report != nullptr && !report->verified)
+        add("The card is copied, but the copy was not read back.");
+    if (report != nullptr && !report->destinations.empty())
+        add("Report: " + reportPath(*report));
+}
+
+} // namespace
+
+std::vector<Line> lines(const JobStatus& status, const OffloadReport* report) {
+    Page page;
+    if (report != nullptr)
+        page.addAll(*report);
+    page.addPromises(status, report);
+    return page.take();
+}
+
+} // namespace velmora::CopySummary

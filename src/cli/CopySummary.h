@@ -1,0 +1,26 @@
+#pragma once
+
+#include "cli/Console.h"
+#include "job/JobStatus.h"
+
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+struct OffloadReport;
+
+// What a person reads when a card is done: what was copied where, what failed, and the two promises.
+namespace CopySummary {
+
+struct Line {
+    std::string text;
+    Console::Tone tone = Console::Tone::plain;
+};
+
+// `report` may be null: a job that was refused or that broke off early has none.
+std::vector<Line> lines(const JobStatus& status, const OffloadReport* report);
+
+} // namespace CopySummary
+
+} // namespace velmora

@@ -1,0 +1,159 @@
+#include "cli/JobRunner.h"
+
+#include "base/Flag.h"
+#include "base/Mutex.h"
+#include "cli/Console.h"
+#include "cli/CopySummary.h"
+#include "cli/Interrupts.h"
+#include "cli/LiveLine.h"
+#include "cli/StatusJson.h"
+#include "job/JobProgress.h"
+#include "job/JobWords.h"
+
+#include <chrono>
+#include <exception>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <pthread.h>
+#include <thread>
+
+namespace velmora {
+
+namespace {
+
+// Four times a second: as often as the stream of JSON promises at most, and as a person can read.
+constexpr auto tick = std::chrono::milliseconds(250);
+
+double monotonicSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// The job on its own thread. Joined on every way out; what it threw is thrown again by `wait`.
+class JobThread {
+public:
+    JobThread(OffloadJob& job, const Log& log) : thread_([this, &job, log] { work(job, log); }) {
+        ::pthread_setname_np(thread_.native_handle(), "app.copy");
+    }
+    ~JobThread() {
+        if (thread_.joinable())
+            thread_.join();
+    }
+    JobThread(const JobThread&) = delete;
+    JobThread& operator=(const JobThread&) = delete;
+
+    // True when the job ended within the time.
+    bool endsWithin(std::chrono::steady_clock::duration time) {
+        const auto deadline = std::chrono::steady_clock::now() + time;
+        MutexLock lock(mutex_);
+        while (!ended_) {
+            const auto now = std::chrono::steady_clock::now();
+            if (now >= deadline)
+                return false;
+            changed_.waitFor(mutex_, deadline - now);
+        }
+        return true;
+    }
+    void wait() {
+        thread_.join();
+        if (error_)
+            std::rethrow_exception(error_);
+    }
+
+private:
+    void work(OffloadJob& job, const Log& log) noexcept {
+        try {
+            job.run(log);
+        } catch (...) {
+            error_ = std::current_exception();
+        }
+        MutexLock lock(mutex_);
+        ended_ = true;
+        changed_.notifyAll();
+    }
+
+    Mutex mutex_;
+    Condition changed_;
+    bool ended_ GUARDED_BY(mutex_) = false;
+    std::exception_ptr error_; // written before the thread ends, read after it was joined
+    std::thread thread_;
+};
+
+// Whatever shows a job while it runs.
+class Viewer {
+public:
+    Viewer(OffloadJob& job, Console& console, bool json)
+        : job_(job), console_(console), json_(json), progress_(monotonicSeconds()) {}
+
+    void show() {
+        const JobStatus status = job_.status();
+        progress_.update(status, monotonicSeconds());
+        if (json_)
+            console_.event(StatusJson::status(status, progress_));
+        if (console_.showsProgress())
+            console_.progress(LiveLine::compose(status, progress_, roots(), console_.columns()));
+    }
+
+private:
+    const std::vector<std::string>& roots() {
+        if (const auto plan = job_.plan(); plan && roots_.empty())
+            roots_ = plan->destRoots;
+        return roots_;
+    }
+
+    OffloadJob& job_;
+    Console& console_;
+    bool json_;
+    JobProgress progress_;
+    std::vector<std::string> roots_;
+};
+
+} // namespace
+
+ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted) {
+    using Phase = JobStatus::Phase;
+    if (status.phase == Phase::cancelled)
+        return ExitStatus::cancelled;
+    if (status.errorCode)
+        return ExitStatus::refused;
+    if (status.phase != Phase::done)
+        return hasReport ? ExitStatus::dataProblem : ExitStatus::brokeOff;
+    const bool well = verificationWanted ? status.safeToFormat : status.safeToEject;
+    return well && status.copySucceeded.value_or(true) ? ExitStatus::ok : ExitStatus::dataProblem;
+}
+
+ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
+    Console& console = context.console;
+    const Log log = [&console](std::string_view line) { console.log(line); };
+    Flag cancelled;
+    {
+        const Interrupts::Route route(context.interrupts, {[&] {
+                                                               cancelled.set();
+                                                               job.cancel();
+                                                           },
+                                                           [&] { job.pause(); }, [&] { job.resume(); }});
+        JobThread thread(job, log);
+        Viewer viewer(job, console, json);
+        bool told = false;
+        do {
+            if (cancelled.isSet() && !std::exchange(told, true))
+                console.log(JobWords::cancellingText(job.status().phase));
+            viewer.show();
+        } while (!thread.endsWithin(tick));
+        thread.wait();
+    }
+    console.clearProgress();
+
+    const JobStatus status = job.status();
+    const auto report = job.report();
+    const ExitStatus exit = exitStatusOf(status, report != nullptr, job.config().verify);
+    if (json)
+        console.event(StatusJson::result(status, report.get(), static_cast<int>(exit)));
+    if (exit == ExitStatus::refused)
+        console.log(fmt::format("refused: {}: {}", name(*status.errorCode), status.error.value_or("")));
+    else if (!json)
+        for (const auto& line : CopySummary::lines(status, report.get()))
+            console.print(console.toned(line.text, line.tone));
+    return exit;
+}
+
+} // namespace velmora

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "cli/Command.h"
+#include "job/OffloadJob.h"
+
+namespace velmora {
+
+// Runs a job on a thread of its own and shows it: a live line on a terminal, or JSON objects; then the outcome. Ctrl-C
+// and its kin cancel the job, SIGUSR1 pauses it and SIGUSR2 lets it go on.
+ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json);
+
+// The exit status of a job that has ended.
+ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted);
+
+} // namespace velmora

@@ -1,0 +1,97 @@
+#include "cli/StatusJson.h"
+
+#include "job/JobProgress.h"
+#include "records/OffloadReport.h"
+
+#include <nlohmann/json.hpp>
+
+namespace velmora::StatusJson {
+
+namespace {
+
+template <class T>
+void putIfSet(nlohmann::json& object, const char* key, const std::optional<T>& value) {
+    if (value)
+        object[key] = *value;
+}
+
+void putPromises(nlohmann::json& object, const JobStatus& status) {
+    object["phase"] = name(status.phase);
+    object["safeToEject"] = status.safeToEject;
+    object["safeToFormat"] = status.safeToFormat;
+    putIfSet(object, "warning", status.warning);
+    putIfSet(object, "note", status.note);
+    putIfSet(object, "error", status.error);
+    if (status.errorCode)
+        object["errorCode"] = name(*status.errorCode);
+}
+
+nlohmann::json failedFiles(const OffloadReport& report) {
+    auto list = nlohmann::json::array();
+    for (const auto* file : report.failedFiles()) {
+        nlohmann::json entry = {{"path", file->path}, {"destinations", file->destinations}};
+        putIfSet(entry, "sourceError", file->sourceError);
+        auto errors = nlohmann::json::array();
+        for (const auto& error : file->errors)
+            errors.push_back(error ? nlohmann::json(*error) : nlohmann::json());
+        entry["errors"] = std::move(errors);
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+} // namespace
+
+nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
+    nlohmann::json object = {{"event", "status"},
+                             {"paused", status.paused},
+                             {"pauseHeld", status.pauseHeld},
+                             {"pausedSeconds", status.pausedTotal}};
+    putPromises(object, status);
+    putIfSet(object, "pauseStep", status.pauseStep);
+    if (status.copy) {
+        const auto& copy = *status.copy;
+        object.update({{"totalFiles", copy.totalFiles},
+                       {"totalBytes", copy.totalBytes},
+                       {"fileIndex", copy.fileIndex},
+                       {"currentFile", copy.currentFile},
+                       {"readBytes", copy.readBytes},
+                       {"writtenBytes", copy.writtenBytes},
+                       {"verifiedBytes", copy.verifiedBytes},
+                       {"verifyingFiles", copy.verifyingFiles},
+                       {"errors", copy.errors}});
+    }
+    object["readRate"] = progress.readRate();
+    object["destRates"] = progress.destRates();
+    object["verifyRates"] = progress.verifyRates();
+    putIfSet(object, "secondsLeft", progress.eta());
+    return object;
+}
+
+nlohmann::json result(const JobStatus& status, const OffloadReport* report, int exitStatus) {
+    nlohmann::json object = {{"event", "result"}, {"exitStatus", exitStatus}, {"pausedSeconds", status.pausedTotal}};
+    putPromises(object, status);
+    putIfSet(object, "copySucceeded", status.copySucceeded);
+    if (report == nullptr)
+        return object;
+    object.update({{"cardName", report->cardName},
+                   {"date", report->date},
+                   {"source", report->source},
+                   {"verified", report->verified},
+                   {"totalFiles", report->totalFiles},
+                   {"totalBytes", report->totalBytes},
+                   {"copySeconds", report->copySeconds()},
+                   {"verifySeconds", report->verifySeconds()},
+                   {"failedFiles", failedFiles(*report)}});
+    putIfSet(object, "verifyNotes", report->verifyNotes);
+    auto destinations = nlohmann::json::array();
+    for (const auto& destination : report->destinations)
+        destinations.push_back({{"root", destination.root},
+                                {"cardPath", destination.cardPath},
+                                {"filesOK", destination.filesOK},
+                                {"filesFailed", destination.filesFailed}});
+    object["destinations"] = std::move(destinations);
+    return object;
+}
+
+} // namespace velmora::StatusJson

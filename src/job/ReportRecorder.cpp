@@ -1,0 +1,17 @@
+#include "job/ReportRecorder.h"
+
+#include "mhl/MHL.h"
+#include "reports/HashLists.h"
+
+namespace velmora {
+
+void ReportRecorder::write(Stage stage, const OffloadReport& report, const std::string& cardPath) {
+    ReportWriter::writeReports(report, cardPath, !replaces_);
+    if (stage == Stage::pending)
+        return;
+    if (!MHL::hasGeneration(report, cardPath))
+        MHL::write(report, cardPath, stamp_.now, stamp_.host);
+    HashLists::write(report, cardPath, false);
+}
+
+} // namespace velmora

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "engine/RunRecorder.h"
+#include "reports/ReportWriter.h"
+
+namespace velmora {
+
+// Writes what stands about a run on each of its destinations: reports, ASC MHL generation, checksum lists.
+//
+// The report goes first, the generation second. A crash between the two leaves a generation in the manifest that the
+// chain does not hold, and that is what a later run finds and finishes. (A report that was laid down provisionally is
+// made final the other way round, by ReportWriter::commit: there the chain says that the report may be replaced.)
+class ReportRecorder : public RunRecorder {
+public:
+    // `replaces`: the run finishes an interrupted one, whose report may be there already.
+    explicit ReportRecorder(ReportWriter::Stamp stamp, bool replaces = false)
+        : stamp_(std::move(stamp)), replaces_(replaces) {}
+
+    void write(Stage stage, const OffloadReport& report, const std::string& cardPath) override;
+
+private:
+    ReportWriter::Stamp stamp_;
+    bool replaces_;
+};
+
+} // namespace velmora

@@ -1,0 +1,120 @@
+#include "reports/HashLists.h"
+
+#include "base/Text.h"
+#include "engine/Layout.h"
+#include "mhl/MHLReader.h"
+#include "platform/IO.h"
+#include "records/OffloadReport.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+#include <set>
+
+namespace velmora::HashLists {
+
+namespace {
+
+// XXH3 128-bit stands in the reports and in the ASC MHL; there is no list for it.
+constexpr std::array<std::string_view, 2> listed = {"xxh64", "md5"};
+
+// Longer than any list of a card, short enough to be held: a hostile disk must not fill the memory.
+constexpr std::int64_t longestList = 1 << 30;
+
+std::string line(std::string_view digest, std::string_view path) {
+    return std::string(digest).append("  ").append(path).append("\n");
+}
+
+std::string pathOf(const std::string& cardPath, const std::string& cardName, std::string_view algorithm) {
+    return fmt::format("{}/{}/{}.{}", cardPath, Layout::reportDirName, cardName, algorithm);
+}
+
+// The lines of `text` that `list` does not hold, each with its line feed.
+std::string notIn(std::string_view list, std::string_view text) {
+    const auto lines = listLines(list);
+    const std::set<std::string_view> held(lines.begin(), lines.end());
+    std::string result;
+    for (const auto one : listLines(text))
+        if (!held.contains(one))
+            result.append(one).append("\n");
+    return result;
+}
+
+} // namespace
+
+std::string of(const OffloadReport& report, std::string_view algorithm) {
+    std::string list;
+    for (const auto& file : report.files) {
+        if (const auto& digest = file.digest(algorithm))
+            list += line(*digest, file.path);
+    }
+    return list;
+}
+
+std::string of(const OffloadReport& report) {
+    const auto algorithms = report.algorithms();
+    const bool onlyMd5 = !algorithms.empty() && std::ranges::all_of(algorithms, [](auto& a) { return a == "md5"; });
+    return of(report, onlyMd5 ? "md5" : "xxh64");
+}
+
+std::vector<std::string_view> listLines(std::string_view list) { return split(list, '\n', false); }
+
+Standing listAndMissed(const std::string& path, const std::string& cardPath, std::span<const std::string> alsoListed,
+                       std::string_view algorithm) {
+    Standing standing;
+    if (IO::exists(path))
+        standing.list = IO::readFile(path, longestList);
+    if (!standing.list.empty() && standing.list.back() != '\n')
+        standing.list += '\n';
+
+    std::set<std::string> named;
+    for (const auto& one : alsoListed)
+        named.insert(pathKey(one));
+    for (const auto one : listLines(standing.list))
+        if (const auto blanks = one.find("  "); blanks != std::string_view::npos)
+            named.insert(pathKey(one.substr(blanks + 2)));
+
+    for (const auto& [file, record] : MHLReader::read(cardPath).files) {
+        const MHLHash* digest = record->hash(algorithm);
+        if (digest != nullptr && named.insert(pathKey(file)).second)
+            standing.missed += line(digest->value, file);
+    }
+    return standing;
+}
+
+void write(const OffloadReport& report, const std::string& cardPath, bool merge) {
+    std::vector<std::string> ownPaths;
+    for (const auto& file : report.files)
+        ownPaths.push_back(file.path);
+    const auto algorithms = report.algorithms();
+    for (const auto algorithm : listed) {
+        if (std::ranges::find(algorithms, algorithm) == algorithms.end())
+            continue;
+        const std::string path = pathOf(cardPath, report.cardName, algorithm);
+        const std::string own = of(report, algorithm);
+        const bool exists = IO::exists(path);
+        if (report.generationNumber() <= 1 && (!merge || !exists)) {
+            IO::writeFileDurably(path, own);
+            continue;
+        }
+        const auto standing = listAndMissed(path, cardPath, ownPaths, algorithm);
+        const std::string addition = standing.missed + notIn(standing.list, own);
+        if (!addition.empty() || !exists)
+            IO::writeFileDurably(path, standing.list + addition);
+    }
+}
+
+bool heal(const std::string& cardPath, const std::string& cardName) {
+    bool wrote = false;
+    for (const auto algorithm : listed) {
+        const std::string path = pathOf(cardPath, cardName, algorithm);
+        const auto standing = listAndMissed(path, cardPath, {}, algorithm);
+        if (standing.missed.empty())
+            continue;
+        IO::writeFileDurably(path, standing.list + standing.missed);
+        wrote = true;
+    }
+    return wrote;
+}
+
+} // namespace velmora::HashLists
