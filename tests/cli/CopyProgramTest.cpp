@@ -1,0 +1,310 @@
+#include "cli/Program.h"
+#include "cli/TerminalText.h"
+#include "support/FaultDisk.h"
+#include "support/FileTree.h"
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace velmora {
+namespace {
+
+using test::Program;
+using test::FileTree::contents;
+using Arguments = std::vector<std::string>;
+namespace fs = std::filesystem;
+
+constexpr const char* date = "2026-03-14";
+
+class CopyProgramTest : public testing::Test {
+protected:
+    test::TempFolder temp;
+    std::string card = temp / "CARD";
+    std::string a = temp / "a";
+    std::string b = temp / "b";
+
+    void SetUp() override {
+        test::FileTree::make(card,
+                             {{"DCIM/C1.mov", 3'000'000}, {"DCIM/映像 🎬.mov", 1'000'001}, {"empty", 0}, {"void/", 0}});
+        fs::create_directory(a);
+        fs::create_directory(b);
+    }
+    Arguments copy(const Arguments& more = {}, const std::string& firstRoot = {}) const {
+        Arguments all = {"copy",
+                         card,
+                         "--dest",
+                         firstRoot.empty() ? a : firstRoot,
+                         "--dest",
+                         b,
+                         "--date",
+                         date,
+                         "--block-mib",
+                         "1",
+                         "--allow-same-device",
+                         "--allow-source-volume"};
+        all.insert(all.end(), more.begin(), more.end());
+        return all;
+    }
+    static std::string backup(const std::string& root, const std::string& name = "CARD") {
+        return root + "/" + date + "/" + name;
+    }
+    // The card's own files in a backup.
+    static std::map<std::string, std::string> copied(const std::string& folder) {
+        auto all = contents(folder);
+        std::erase_if(all, [](const auto& entry) {
+            return entry.first.starts_with("_REPORT") || entry.first.starts_with("ascmhl");
+        });
+        return all;
+    }
+    static bool holdsTemporaryFile(const std::string& folder) {
+        return std::ranges::any_of(contents(folder), [](const auto& entry) {
+            return entry.first.find("offload-part") != std::string::npos ||
+                   entry.first.find(".tmp") != std::string::npos || entry.first.find("flush") != std::string::npos;
+        });
+    }
+    static bool isStatus(const nlohmann::json& event) { return event["event"] == "status"; }
+};
+
+TEST_F(CopyProgramTest, CopiesToAllDisksAndGivesBothPromises) {
+    Program program(copy({"--project", "Night & Day"}));
+    ASSERT_EQ(program.wait(), 0) << program.err() << program.out();
+    for (const auto& root : {a, b}) {
+        EXPECT_EQ(copied(backup(root)), contents(card));
+        EXPECT_FALSE(holdsTemporaryFile(root));
+    }
+    EXPECT_NE(program.out().find("Safe to eject\nSafe to format\n"), std::string::npos) << program.out();
+    EXPECT_NE(program.out().find("The copy is verified — the card is safe to eject and format."), std::string::npos);
+    EXPECT_EQ(program.err().find('\r'), std::string::npos) << "no progress line outside a terminal";
+
+    Program again(copy()); // a second card of that name never mixes into the first
+    EXPECT_EQ(again.wait(), 0);
+    EXPECT_EQ(copied(backup(a, "CARD_2")), contents(card));
+}
+
+TEST_F(CopyProgramTest, WithoutReadBackTheCardIsNotSafeToFormat) {
+    Program program(copy({"--no-verify", "--json"}));
+    ASSERT_EQ(program.wait(), 0) << program.err();
+    const auto result = program.events().back();
+    EXPECT_EQ(result["safeToEject"], true);
+    EXPECT_EQ(result["safeToFormat"], false);
+    EXPECT_EQ(result["verified"], false);
+}
+
+TEST_F(CopyProgramTest, RefusalsPrintTheirCodeAndCreateNothing) {
+    const std::string missing = temp / "missing";
+    fs::create_directories(temp / "offload/_REPORT");
+    fs::create_directory(temp / "blank");
+    const std::pair<Arguments, std::string> cases[] = {
+        {{"copy", missing, "--dest", a}, "refused: sourceNotFound: Source not found: " + missing},
+        {{"copy", card, "--dest", missing, "--allow-source-volume"},
+         "refused: destinationNotFound: Destination not found: " + missing + " — is the drive connected?"},
+        {{"copy", card, "--dest", a, "--dest", a + "/"},
+         "refused: duplicateDestination: Destination added twice: " + a},
+        {{"copy", card, "--dest", a},
+         "refused: sameVolumeAsSource: Destination " + a + " is on the same drive as the source."},
+        {{"copy", card, "--dest", a, "--dest", b, "--allow-source-volume"},
+         "refused: sharedVolume: Two destinations are on the same drive (" + b +
+             ") — that is not a second copy. Allow it with --allow-same-device."},
+        {{"copy", temp / "offload", "--dest", a},
+         "refused: sourceIsOffload: The source looks like an earlier offload (it has _REPORT, _PROXY or ascmhl) — copy "
+         "the original card, or remove those folders."},
+        {{"copy", temp / "blank", "--dest", a, "--allow-source-volume"},
+         "refused: emptySource: There are no files on the source."},
+        {copy({"--block-mib", "0"}),
+         "refused: chunkSize: Block size must be a multiple of 4096 B and at most 1 GiB (got 0)."},
+        {copy({"--block-mib", "9223372036854775807"}), "refused: chunkSize: "},
+        {copy({"--buffers", "1"}), "refused: bufferCount: Buffer count must be at least 2 (got 1)."},
+        {copy({"--date", "14.3.2026"}), "refused: date: Date must be YYYY-MM-DD (got “14.3.2026”)."},
+    };
+    for (const auto& [arguments, message] : cases) {
+        Program program(arguments);
+        EXPECT_EQ(program.wait(), 3) << message;
+        EXPECT_TRUE(program.err().starts_with(message)) << program.err();
+        EXPECT_EQ(program.out(), "");
+        EXPECT_TRUE(contents(a).empty() && contents(b).empty()) << message;
+    }
+    Program program({"copy", missing, "--dest", a, "--json"});
+    EXPECT_EQ(program.wait(), 3);
+    EXPECT_EQ(program.events().back()["errorCode"], "sourceNotFound");
+}
+
+TEST_F(CopyProgramTest, WrongUsageEndsWithTwoAndAnswersWithZero) {
+    const std::pair<Arguments, std::string> wrong[] = {
+        {{}, "--help"},
+        {{"kopy", card}, "--help"},
+        {{"copy"}, "SOURCE"},
+        {{"copy", card}, "--dest"},
+        {copy({"--block-mib", "many"}), "--block-mib"},
+        {copy({"--faster"}), "--faster"},
+        {copy({temp / "second"}), "second"},
+    };
+    for (const auto& [arguments, hint] : wrong) {
+        Program program(arguments);
+        EXPECT_EQ(program.wait(), 2) << hint;
+        EXPECT_NE(program.err().find(hint), std::string::npos) << program.err();
+        EXPECT_EQ(program.out(), "");
+    }
+    for (const Arguments& question : {Arguments{"--version"}, Arguments{"--help"}, Arguments{"copy", "--help"}}) {
+        Program program(question);
+        EXPECT_EQ(program.wait(), 0);
+        EXPECT_NE(program.out().find("velmora"), std::string::npos) << program.out();
+        EXPECT_EQ(program.err(), "");
+    }
+}
+
+TEST_F(CopyProgramTest, FailedFilesAreToldAndDenyBothPromises) {
+    test::FileTree::write(card + "/bad\xff name", "x"); // no record can hold this name
+    Program program(copy());
+    EXPECT_EQ(program.wait(), 1) << program.err();
+    EXPECT_NE(program.out().find("Do not eject\nDo not format\n"), std::string::npos) << program.out();
+    EXPECT_NE(program.out().find("bad\\xff name"), std::string::npos) << program.out();
+    EXPECT_EQ(copied(backup(a)).size(), contents(card).size() - 1);
+}
+
+TEST_F(CopyProgramTest, PromisesNothingWhereARecordDoesNotStand) {
+    if (const auto why = test::FaultDisk::unavailable())
+        GTEST_SKIP() << *why;
+    for (const std::string record : {"*offload_report*", "*/ascmhl/*", "*.xxh64*"}) {
+        test::FaultDisk disk;
+        disk.fail(EIO, {.ops = "rename", .times = 0, .pattern = record});
+        Program program(copy({"--json", "--name", "R"}, disk.root()));
+        EXPECT_EQ(program.wait(), 1) << record << program.err();
+        const auto result = program.events().back();
+        EXPECT_FALSE(result["safeToEject"]) << record;
+        EXPECT_FALSE(result["safeToFormat"]) << record;
+        EXPECT_TRUE(result["warning"].get<std::string>().starts_with("Could not write the report: ")) << result;
+        // The other disk's record must not promise either what does not hold here.
+        const auto other = test::FileTree::read(backup(b, "R") + "/_REPORT/offload_report.txt");
+        EXPECT_NE(other.find("UNFINISHED — do not format the card yet"), std::string::npos) << other;
+        fs::remove_all(backup(b, "R"));
+    }
+}
+
+TEST_F(CopyProgramTest, StreamsJsonAndSurvivesAReaderThatGoesAway) {
+    Program program(copy({"--json"}));
+    ASSERT_EQ(program.wait(), 0) << program.err();
+    const auto events = program.events();
+    ASSERT_GE(events.size(), 2U);
+    EXPECT_TRUE(std::all_of(events.begin(), events.end() - 1, isStatus));
+    const auto& result = events.back();
+    EXPECT_EQ(result["event"], "result");
+    EXPECT_EQ(result["exitStatus"], 0);
+    EXPECT_EQ(result["phase"], "done");
+    EXPECT_EQ(result["totalFiles"], 3);
+    EXPECT_EQ(result["destinations"][1]["cardPath"], backup(b));
+
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    ::close(pipe[0]);
+    Program unread(copy({"--json", "--name", "UNREAD"}), {.out = pipe[1]});
+    ::close(pipe[1]);
+    EXPECT_EQ(unread.wait(), 0) << unread.err();
+    EXPECT_EQ(copied(backup(b, "UNREAD")), contents(card));
+}
+
+TEST_F(CopyProgramTest, ProgressLineStaysWithinTheTerminal) {
+    if (const auto why = test::FaultDisk::unavailable())
+        GTEST_SKIP() << *why;
+    test::FaultDisk slow;
+    slow.delay(60, {.ops = "write", .times = 0});
+    Program program(copy({}, slow.root()), {.terminalColumns = 50});
+    ASSERT_EQ(program.wait(), 0) << program.err();
+    const std::string screen = program.err();
+    EXPECT_NE(screen.find("Copying"), std::string::npos) << screen;
+    std::size_t drawn = 0;
+    for (std::size_t at = screen.find('\r'); at != std::string::npos; ++drawn) {
+        const std::size_t end = screen.find("\x1b[K", at);
+        ASSERT_NE(end, std::string::npos);
+        EXPECT_LT(TerminalText::width(screen.substr(at + 1, end - at - 1)), 50U);
+        at = screen.find('\r', end);
+    }
+    EXPECT_GE(drawn, 2U);
+    EXPECT_TRUE(screen.ends_with("\r\x1b[K")) << "the line is gone when the result is printed";
+}
+
+// With a destination that stands still, a signal arrives at a known moment.
+class SignalledCopyTest : public CopyProgramTest {
+protected:
+    void SetUp() override {
+        CopyProgramTest::SetUp();
+        if (const auto why = test::FaultDisk::unavailable())
+            GTEST_SKIP() << *why;
+        disk.emplace();
+        disk->stall({.ops = "write", .pattern = "*C1.mov*"});
+    }
+    void waitUntilItStands(Program& program) {
+        ASSERT_TRUE(program.waitFor([this](const auto&) { return disk->hits() > 0; })) << program.err();
+    }
+    std::optional<test::FaultDisk> disk;
+};
+
+TEST_F(SignalledCopyTest, EverySignalThatEndsAProgramCancelsCleanly) {
+    struct Case {
+        std::vector<int> signals;
+        std::vector<int> ignored;
+    };
+    const Case cases[] = {{{SIGINT, SIGINT}, {}}, {{SIGTERM}, {}}, {{SIGHUP}, {}}, {{SIGINT}, {SIGINT}}};
+    for (const auto& [signals, ignored] : cases) {
+        disk->clear();
+        disk->stall({.ops = "write", .pattern = "*C1.mov*"});
+        const auto hits = disk->hits();
+        Program program(copy({"--json"}, disk->root()), {.ignoredSignals = ignored});
+        ASSERT_TRUE(program.waitFor([&](const auto&) { return disk->hits() > hits; })) << program.err();
+        for (const int signal : signals) {
+            program.signal(signal);
+            program.waitFor([](const auto& event) { return isStatus(event); });
+        }
+        disk->clear();
+        EXPECT_EQ(program.wait(), 130) << program.err();
+        EXPECT_NE(program.err().find("Cancelling — finishing the current block, partly copied files will be deleted…"),
+                  std::string::npos);
+        const auto result = program.events().back();
+        EXPECT_EQ(result["phase"], "cancelled");
+        EXPECT_FALSE(result["safeToEject"] || result["safeToFormat"]);
+        for (const auto& root : {disk->root(), b})
+            EXPECT_FALSE(holdsTemporaryFile(root));
+    }
+}
+
+TEST_F(SignalledCopyTest, PausesAfterTheFileAndCountsTheStandApart) {
+    Program program(copy({"--json"}, disk->root()));
+    ASSERT_NO_FATAL_FAILURE(waitUntilItStands(program));
+    program.signal(SIGUSR1);
+    const auto pausing = program.waitFor([](const auto& event) { return event.value("paused", false); });
+    ASSERT_TRUE(pausing);
+    EXPECT_FALSE((*pausing)["pauseHeld"]) << "a file is never stopped in its middle";
+    disk->clear();
+    ASSERT_TRUE(program.waitFor([](const auto& event) { return event.value("pausedSeconds", 0.0) > 0.4; }));
+    EXPECT_EQ(program.events().back()["readBytes"], 3'000'000);
+    program.signal(SIGUSR2);
+    EXPECT_EQ(program.wait(), 0) << program.err();
+    EXPECT_GT(program.events().back()["pausedSeconds"], 0.4);
+    EXPECT_EQ(copied(backup(b)), contents(card));
+    const auto report = test::FileTree::read(backup(b) + "/_REPORT/offload_report.json");
+    EXPECT_GT(nlohmann::json::parse(report)["copyPausedSeconds"], 0.4);
+}
+
+TEST_F(CopyProgramTest, TwoProcessesAtOnceNeverMix) {
+    const std::string other = temp / "OTHER";
+    test::FileTree::make(other, {{"DCIM/C1.mov", 2'500'000}, {"other.txt", 10}}, 7);
+    for (int round = 0; round < 5; ++round) {
+        const std::string name = "N" + std::to_string(round);
+        auto second = copy({"--name", name});
+        second[1] = other;
+        Program one(copy({"--name", name}));
+        Program two(second);
+        EXPECT_EQ(one.wait(), 0) << one.err();
+        EXPECT_EQ(two.wait(), 0) << two.err();
+        for (const auto& root : {a, b}) {
+            const bool oneFirst = copied(backup(root, name)) == contents(card);
+            EXPECT_EQ(copied(backup(root, name)), contents(oneFirst ? card : other));
+            EXPECT_EQ(copied(backup(root, name + "_2")), contents(oneFirst ? other : card));
+        }
+    }
+}
+
+} // namespace
+} // namespace velmora

@@ -1,0 +1,72 @@
+#include "cli/LiveLine.h"
+
+#include "cli/TerminalText.h"
+#include "job/JobProgress.h"
+
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+using Phase = JobStatus::Phase;
+
+JobStatus copying(std::int64_t mebibytes) {
+    JobStatus status;
+    status.phase = Phase::copying;
+    status.copy.emplace();
+    status.copy->totalBytes = 100'000'000;
+    status.copy->totalFiles = 12;
+    status.copy->fileIndex = 3;
+    status.copy->currentFile = "DCIM/映像素材の名前がとても長い名前のファイル.mov";
+    status.copy->readBytes = mebibytes * 1'000'000;
+    status.copy->writtenBytes = {mebibytes * 1'000'000, mebibytes * 500'000};
+    return status;
+}
+
+struct Running {
+    JobProgress progress{0};
+    JobStatus status = copying(0);
+    Running() {
+        progress.update(status, 1);
+        progress.update(status = copying(40), 2);
+    }
+    std::string at(std::size_t columns) const {
+        return LiveLine::compose(status, progress, {"/mnt/raid", "/mnt/shuttle"}, columns);
+    }
+};
+
+TEST(LiveLine, ShowsPhaseFilesSpeedsAndTimeLeft) {
+    Running running;
+    const auto line = running.at(200);
+    for (const std::string piece : {"Copying 40 %", "4/12 files", "card ", "raid ", "shuttle ", " MB/s", " left"})
+        EXPECT_NE(line.find(piece), std::string::npos) << piece << " in " << line;
+    EXPECT_TRUE(line.ends_with("映像素材の名前がとても長い名前のファイル.mov")) << line;
+
+    running.status.phase = Phase::verifying;
+    running.status.verifyDoneByDest = {90'000'000, 25'000'000};
+    EXPECT_TRUE(running.at(200).starts_with("Verifying 25 %")) << "the slower disk decides";
+    running.status.copy->totalBytes = 0; // a card of empty files
+    EXPECT_EQ(running.at(200).find('%'), std::string::npos);
+    running.status.phase = Phase::flushing;
+    EXPECT_EQ(running.at(200), "Flushing");
+}
+
+TEST(LiveLine, NeverPassesTheWidthOfTheTerminal) {
+    const Running running;
+    for (std::size_t columns = 1; columns < 160; ++columns)
+        EXPECT_LE(TerminalText::width(running.at(columns)), columns);
+}
+
+TEST(LiveLine, TellsDisksApart) {
+    using Names = std::vector<std::string>;
+    const std::pair<Names, Names> cases[] = {
+        {{"/mnt/raid", "/media/dit/SHUTTLE"}, {"raid", "SHUTTLE"}},
+        {{"/mnt/a/backup", "/mnt/b/backup", "/mnt/c"}, {"1", "2", "3"}},
+        {{"/", "/mnt/x"}, {"1", "2"}},
+    };
+    for (const auto& [roots, names] : cases)
+        EXPECT_EQ(LiveLine::diskNames(roots), names);
+}
+
+} // namespace
+} // namespace velmora
