@@ -100,9 +100,11 @@ Tone toneOf(CardTone tone) {
 
 void Page::addPromises(const JobStatus& status, const OffloadReport* report) {
     add("");
-    for (const auto& text : {status.error, status.warning, status.note})
+    if (status.error && report != nullptr) // without a report it stands on standard error
+        add(*status.error, Tone::bad);
+    for (const auto& text : {status.warning, status.note})
         if (text)
-            add(*text, text == status.error ? Tone::bad : Tone::warning);
+            add(*text, Tone::warning);
     for (const auto& chip : JobWords::chips(status, false, status.contentWarnings))
         add(chip.text, toneOf(chip.tone));
     if (const auto promise = JobWords::promiseText(status))

@@ -150,7 +150,9 @@ ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
         console.event(StatusJson::result(status, report.get(), static_cast<int>(exit)));
     if (exit == ExitStatus::refused)
         console.log(fmt::format("refused: {}: {}", name(*status.errorCode), status.error.value_or("")));
-    else if (!json)
+    else if (exit == ExitStatus::brokeOff)
+        console.log(fmt::format("velmora: {}", status.error.value_or("")));
+    if (exit != ExitStatus::refused && !json)
         for (const auto& line : CopySummary::lines(status, report.get()))
             console.print(console.toned(line.text, line.tone));
     return exit;

@@ -117,6 +117,8 @@ void OffloadJob::run(const Log& log) {
 
 void OffloadJob::runCopy() {
     OffloadPlan plan = prepare();
+    if (engine_.isCancelled())
+        throw Cancelled();
     const bool resuming = plan.resuming;
     {
         MutexLock lock(mutex_);

@@ -1,0 +1,150 @@
+#include "job/OffloadJob.h"
+
+#include "engine/FolderLocks.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+#include "support/FileTree.h"
+#include "support/TempFolder.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace velmora {
+namespace {
+
+using Phase = JobStatus::Phase;
+
+class OffloadJobTest : public testing::Test {
+protected:
+    test::TempFolder temp;
+    JobConfig config{temp / "CARD", {temp / "a", temp / "b"}};
+    OffloadOptions options;
+
+    void SetUp() override {
+        ::setenv("VELMORA_SETTINGS_DIR", (temp / "settings").c_str(), 1);
+        test::FileTree::make(config.source, {{"1.mov", 2'100'000}, {"2.mov", 1'000'000}, {"3.mov", 50}});
+        for (const auto& root : config.destRoots)
+            std::filesystem::create_directory(root);
+        config.date = "2026-03-14";
+        config.chunkMB = 1;
+        config.allowSameDevice = true;
+        options.allowSourceVolume = true;
+    }
+    void TearDown() override { ::unsetenv("VELMORA_SETTINGS_DIR"); }
+};
+
+TEST_F(OffloadJobTest, PhasesAndPromisesOnlyMoveForward) {
+    std::optional<OffloadJob> job;
+    std::vector<JobStatus> seen;
+    const auto look = [&] { seen.push_back(job->status()); };
+    options.beforeFileCopy = [&](std::int64_t) { look(); };
+    options.afterChunkRead = [&](std::int64_t) { look(); };
+    options.afterVerifyChunk = look;
+    config.buffers = 2;
+    config.destRoots.pop_back(); // the read-back hook then comes from one thread
+    job.emplace(config, options);
+    look();
+    job->run({});
+    look();
+    EXPECT_EQ(seen.front().phase, Phase::waiting);
+    std::set<Phase> phases;
+    for (std::size_t i = 1; i < seen.size(); ++i) {
+        EXPECT_GE(seen[i].phase, seen[i - 1].phase);
+        phases.insert(seen[i].phase);
+        EXPECT_EQ(seen[i].safeToEject || seen[i].safeToFormat, i + 1 == seen.size());
+    }
+    EXPECT_TRUE(phases.contains(Phase::copying) && phases.contains(Phase::verifying) && phases.contains(Phase::done));
+    EXPECT_TRUE(seen.back().safeToEject && seen.back().safeToFormat);
+    EXPECT_EQ(seen.back().copy->readBytes, 3'100'050);
+}
+
+TEST_F(OffloadJobTest, ACancelKeepsThePromisesThatWereEarned) {
+    struct Case {
+        std::string moment;
+        bool eject;
+        std::size_t generations; // folders of the backup that hold an ASC MHL history
+    };
+    for (const auto& [moment, eject, generations] :
+         {Case{"before", false, 0}, Case{"copy", false, 2}, Case{"read-back", true, 2}}) {
+        std::optional<OffloadJob> job;
+        options.afterChunkRead = [&](std::int64_t) { moment == "copy" ? job->cancel() : void(); };
+        options.afterVerifyChunk = [&] { moment == "read-back" ? job->cancel() : void(); };
+        config.cardName = moment;
+        job.emplace(config, options);
+        if (moment == "before")
+            job->cancel();
+        job->run({});
+        const auto status = job->status();
+        EXPECT_EQ(status.phase, Phase::cancelled) << moment;
+        EXPECT_EQ(status.safeToEject, eject) << moment;
+        EXPECT_FALSE(status.safeToFormat) << moment;
+        EXPECT_EQ(job->report() == nullptr, moment == "before");
+        std::size_t found = 0;
+        for (const auto& root : config.destRoots)
+            found += std::filesystem::exists(root + "/2026-03-14/" + moment + "/ascmhl/ascmhl_chain.xml");
+        EXPECT_EQ(found, generations) << moment;
+    }
+}
+
+TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
+    std::optional<OffloadJob> job;
+    std::atomic<bool> swapped = false;
+    std::thread user;
+    options.cardIdentity = [&](const std::string&) { return std::optional<std::string>(swapped ? "B" : "A"); };
+    options.beforeFileCopy = [&](std::int64_t index) {
+        if (index != 1)
+            return;
+        job->pause();
+        user = std::thread([&] {
+            while (!job->status().pauseHeld)
+                std::this_thread::yield();
+            swapped = true;
+            job->resume();
+        });
+    };
+    job.emplace(config, options);
+    job->run({});
+    user.join();
+    const auto status = job->status();
+    EXPECT_EQ(status.phase, Phase::failed);
+    EXPECT_EQ(status.error, "The card in the reader was swapped or removed during the pause — the remaining files were "
+                            "not copied. Insert the original card and append to the backup.");
+    EXPECT_FALSE(status.safeToEject || status.safeToFormat);
+    ASSERT_NE(job->report(), nullptr);
+    EXPECT_EQ(job->report()->failedFiles().size(), 2U);
+    EXPECT_EQ(job->report()->files.at(1).sourceError, "card changed while paused");
+}
+
+TEST_F(OffloadJobTest, KeepsOthersOutOfTheCardFoldersWhileItRuns) {
+    std::optional<OffloadJob> job;
+    int refused = 0;
+    options.afterChunkRead = [&](std::int64_t) {
+        try {
+            FolderLocks::acquire(job->plan()->cardPaths());
+        } catch (const OffloadError& error) {
+            refused += error.code() == PreflightCode::appendBusy;
+        }
+    };
+    std::filesystem::create_directories(temp / "b/2026-03-14/CARD"); // so the card goes to another name
+    job.emplace(config, options);
+    job->run({});
+    EXPECT_EQ(job->plan()->cardName, "CARD_2");
+    EXPECT_GE(refused, 3);
+    EXPECT_NO_THROW(FolderLocks::acquire(job->plan()->cardPaths()));
+}
+
+TEST_F(OffloadJobTest, ARefusalKeepsItsCodeAndCreatesNothing) {
+    config.destRoots.push_back(temp / "c");
+    OffloadJob job(config, options);
+    job.run({});
+    const auto status = job.status();
+    EXPECT_EQ(status.phase, Phase::failed);
+    EXPECT_EQ(status.errorCode, PreflightCode::destinationNotFound);
+    EXPECT_EQ(job.report(), nullptr);
+    EXPECT_TRUE(test::FileTree::contents(temp / "a").empty());
+}
+
+} // namespace
+} // namespace velmora
