@@ -15,10 +15,10 @@ namespace velmora::test {
 class Program {
 public:
     struct How {
-        int terminalColumns = 0;              // above 0: standard error is a terminal of that width
-        std::vector<std::string> environment; // "NAME=value"
-        int out = -1;                         // standard output, instead of a file
-        std::vector<int> ignoredSignals;      // as nohup and scripts hand them on
+        int terminalColumns = 0;                   // above 0: standard error is a terminal of that width
+        std::vector<std::string> environment = {}; // "NAME=value"
+        int out = -1;                              // standard output, instead of a file
+        std::vector<int> ignoredSignals = {};      // as nohup and scripts hand them on
     };
     explicit Program(const std::vector<std::string>& arguments) : Program(arguments, How()) {}
     Program(const std::vector<std::string>& arguments, const How& how);
