@@ -13,14 +13,15 @@
 namespace {
 std::atomic<std::int64_t> allocations{0};
 }
-void* operator new(std::size_t size) {
+// Not inlined, so that the compiler does not match them with its idea of the pairs.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     ++allocations;
     if (void* memory = std::malloc(size ? size : 1))
         return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace velmora {
 namespace {
