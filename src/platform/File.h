@@ -96,8 +96,7 @@ public:
     // have a length that is no multiple of 4096.
     void writeAt(std::span<const std::byte> bytes, std::int64_t offset);
     // Pushes the data to the device without flushing the device's own cache, and drops what of it went through the page
-    // cache: all of it in dropBehind mode, an unaligned tail in direct mode. Set the times after it, not before: some
-    // FUSE daemons count a late write-back as a change.
+    // cache: all of it in dropBehind mode, an unaligned tail in direct mode.
     void pushToDisk();
     // fsync: data, length and times are on the medium. A failure is final: it must never be retried into a success.
     void flush();
