@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -12,6 +11,7 @@
 #include <memory>
 #include <random>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace velmora::test {
@@ -25,24 +25,38 @@ void flushAll(const std::string& root) {
     close(fd);
 }
 
+// Runs the work in a child. Empty when it came to its end and succeeded, else what it said, or how it ended.
+std::string runInChild(const std::function<void(const std::string&)>& work, const std::string& root) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        throw std::runtime_error("pipe2");
+    const pid_t child = fork();
+    if (child == 0) {
+        try {
+            work(root);
+        } catch (const std::exception& error) {
+            const std::string_view text = error.what();
+            std::ignore = write(ends[1], text.data(), text.size());
+            _exit(1);
+        }
+        _exit(0);
+    }
+    close(ends[1]);
+    std::string said(1000, '\0');
+    said.resize(static_cast<std::size_t>(std::max<ssize_t>(read(ends[0], said.data(), said.size()), 0)));
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status == 0 ? std::string() : fmt::format("{} (status {:#x})", said, status);
+}
+
 // How many operations an undisturbed run makes, and which of them to strike: all, or an evenly spread sample that
 // always holds the first and the last ones.
 std::vector<std::int64_t> strikes(const DurableOperation& operation, int sample) {
     FaultDisk disk(std::string(), FaultDisk::Power::ignored);
     operation.prepare(disk.root());
     const auto before = disk.count(operation.ops);
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            operation.work(disk.root());
-        } catch (...) {
-            _exit(1);
-        }
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << "the work fails on a sound disk";
+    EXPECT_EQ(runInChild(operation.work, disk.root()), "") << "the work fails on a sound disk";
     const auto count = disk.count(operation.ops) - before;
     std::vector<std::int64_t> positions;
     const auto step = soaking() ? 1.0 : std::max(1.0, static_cast<double>(count) / sample);
@@ -51,22 +65,6 @@ std::vector<std::int64_t> strikes(const DurableOperation& operation, int sample)
     if (count > 0 && positions.back() != count - 1)
         positions.push_back(count - 1);
     return positions;
-}
-
-// Runs the work in a child. True when it came to its end and succeeded.
-bool runInChild(const std::function<void(const std::string&)>& work, const std::string& root) {
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            work(root);
-        } catch (...) {
-            _exit(1);
-        }
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return status == 0;
 }
 
 } // namespace
@@ -124,7 +122,7 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
         operation.prepare(disk->root());
         flushAll(disk->root());
         disk->crash({.ops = operation.ops, .skip = position});
-        bool succeeded = runInChild(operation.work, disk->root());
+        bool succeeded = runInChild(operation.work, disk->root()).empty();
         std::string story = fmt::format("VELMORA_SEED={} round {}: killed at operation {} of {} ({})", seed(), rounds,
                                         position, beyond, disk->lastHit());
         std::unique_ptr<FaultDisk> first; // owns the folder of the second
@@ -140,11 +138,12 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
         restart(powerCut, roundSeed);
         if (options.recover) {
             disk->crash({.ops = operation.ops, .skip = static_cast<std::int64_t>(roundSeed % 12)});
-            if (!runInChild(options.recover, disk->root()))
+            if (!runInChild(options.recover, disk->root()).empty())
                 story += "; killed again in the recovery (" + disk->lastHit() + ")";
             restart(powerCut, roundSeed + 1);
-            succeeded = runInChild(options.recover, disk->root());
-            EXPECT_TRUE(succeeded) << story << ": cannot recover";
+            const auto trouble = runInChild(options.recover, disk->root());
+            EXPECT_EQ(trouble, "") << story << ": cannot recover";
+            succeeded = trouble.empty();
             restart(true, roundSeed + 2); // what is recovered must stay
         }
         SCOPED_TRACE(story);

@@ -108,7 +108,8 @@ void PowerModel::created(int folder, const std::string& name) {
 }
 
 std::string PowerModel::bury(int folder, const std::string& name, int& error) {
-    std::string buried = std::to_string(++buriedCount_);
+    // The grave may hold what an earlier server on the same folder has left.
+    std::string buried = std::to_string(getpid()) + "-" + std::to_string(++buriedCount_);
     error = renameat(folder, name.c_str(), grave_, buried.c_str()) == 0 ? 0 : -errno;
     return buried;
 }

@@ -1,0 +1,214 @@
+#include "base/Text.h"
+#include "blocks/ManifestFile.h"
+#include "engine/OffloadEngine.h"
+#include "engine/RunRecorder.h"
+#include "platform/IO.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+#include "support/FaultDisk.h"
+#include "support/FileTree.h"
+#include "support/Loops.h"
+#include "support/TempFolder.h"
+
+#include <cerrno>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// A whole copy to two folders of a disk that fails, of a process that is killed, of a computer that loses its power.
+
+namespace velmora::test {
+namespace {
+
+constexpr std::int64_t block = 65536;
+
+// The reports are judged elsewhere; here counts what the engine itself promises.
+class NoRecorder : public RunRecorder {
+    void write(Stage, const OffloadReport&, const std::string&) override {}
+};
+
+class Copy : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = FaultDisk::unavailable())
+            GTEST_SKIP() << *reason;
+        FileTree::make(source_.path(), {{"DCIM/big.mov", 5 * block + 100},
+                                        {"DCIM/big2.mov", 4 * block},
+                                        {"DCIM/empty.txt", 0},
+                                        {"DCIM/ключ & <1>.txt", 10'000},
+                                        {"side/a.xml", 100},
+                                        {"side/b.xml", block + 1},
+                                        {"void/inner/"}});
+        files_ = FileTree::contents(source_.path());
+    }
+
+    static std::string readIfThere(const std::string& path) {
+        return IO::exists(path) ? FileTree::read(path) : "nothing is there";
+    }
+
+    static std::vector<std::string> cards(const std::string& root) {
+        return {root + "/one/2026-03-14/CARD", root + "/two/2026-03-14/CARD"};
+    }
+
+    // Throws when the run says that anything is wrong.
+    void run(const std::string& root, bool resuming, bool verify = true) const {
+        OffloadOptions options;
+        options.chunkSize = block;
+        options.bufferCount = 2;
+        options.fullSyncThreshold = 4 * block;
+        options.checkpointBlocks = 2;
+        options.allowSameDevice = true;
+        options.allowSourceVolume = true;
+        options.verify = verify;
+        std::string said;
+        OffloadEngine engine(options, [&](std::string_view line) { said += line; });
+        auto plan = engine.prepare({source_.path(), {root + "/one", root + "/two"}, "CARD", "2026-03-14"});
+        if (resuming)
+            resume(plan, root);
+        NoRecorder recorder;
+        const auto report = engine.run(std::move(plan), recorder);
+        for (const auto* file : report.failedFiles())
+            for (const auto& error : file->errors)
+                said += file->path + ": " + error.value_or("") + "; ";
+        if (!said.empty())
+            throw std::runtime_error(said);
+    }
+
+    // What a later run finds in the manifests alone: finished files, and where half-written ones go on.
+    static void resume(OffloadPlan& plan, const std::string& root) {
+        const auto folders = cards(root);
+        plan.fixedCardPaths = folders;
+        plan.cardName = "CARD";
+        plan.resuming = true;
+        const auto count = plan.scan.files.size();
+        plan.known.emplace(count);
+        plan.resume.emplace(count);
+        plan.write.emplace(count, std::vector<bool>(folders.size(), true));
+        for (std::size_t d = 0; d < folders.size(); ++d) {
+            const auto records = ManifestFile::read(folders[d]);
+            const auto finished = ManifestFile::files(records, 1);
+            const auto parts = ManifestFile::parts(records, 1);
+            for (std::size_t f = 0; f < count; ++f) {
+                const auto key = pathKey(plan.scan.files[f].relPath);
+                if (const auto found = finished.find(key); found != finished.end()) {
+                    (*plan.known)[f] = found->second;
+                    (*plan.write)[f][d] = false;
+                } else if (const auto part = parts.find(key); part != parts.end()) {
+                    (*plan.resume)[f] = part->second;
+                }
+            }
+        }
+        for (std::size_t f = 0; f < count; ++f) // a file that one disk lacks is copied again there
+            if ((*plan.known)[f] && ((*plan.write)[f][0] || (*plan.write)[f][1]))
+                (*plan.known)[f].reset();
+    }
+
+    // Every line that calls something safe tells the truth. A part file that was given up is gone, and its lines with
+    // it.
+    void expectHonestManifests(const std::string& root, bool mayHaveGivenUp = false) const {
+        for (const auto& card : cards(root)) {
+            const auto records = ManifestFile::read(card);
+            const auto finished = ManifestFile::files(records, 1);
+            for (const auto& [key, record] : finished)
+                EXPECT_TRUE(readIfThere(card + "/" + record.path) == files_.at(record.path))
+                    << card << " calls " << record.path << " complete";
+            for (const auto& [key, part] : ManifestFile::parts(records, 1)) {
+                const auto slash = part.path.rfind('/') + 1;
+                const std::string hidden =
+                    card + "/" + part.path.substr(0, slash) + "." + part.path.substr(slash) + ".offload-part";
+                const auto& truth = files_.at(part.path);
+                const auto promised = std::min(part.blocks.size() * block, truth.size());
+                const std::string path = IO::exists(hidden) ? hidden : card + "/" + part.path;
+                const bool excused = finished.contains(key) || (mayHaveGivenUp && !IO::exists(path));
+                EXPECT_TRUE(excused || readIfThere(path).starts_with(truth.substr(0, promised)))
+                    << path << " has lost a checkpoint of " << part.blocks.size() << " blocks";
+            }
+        }
+    }
+
+    void expectWhole(const std::string& card) const {
+        if (!IO::exists(card))
+            return ADD_FAILURE() << card << " is not there";
+        auto found = FileTree::contents(card);
+        std::erase_if(found, [](const auto& entry) { return entry.first.starts_with("_REPORT"); });
+        EXPECT_TRUE(found == files_) << card << " holds other files than the card";
+        EXPECT_EQ(ManifestFile::files(ManifestFile::read(card), 1).size(),
+                  std::count_if(files_.begin(), files_.end(), [](const auto& f) { return f.first.back() != '/'; }));
+    }
+
+    DurableOperation copy(bool verify = true) const {
+        return {.prepare =
+                    [](const std::string& root) {
+                        IO::mkdirs(root + "/one");
+                        IO::mkdirs(root + "/two");
+                    },
+                .work = [this, verify](const std::string& root) { run(root, false, verify); }};
+    }
+
+    TempFolder source_;
+    std::map<std::string, std::string> files_;
+};
+
+// Without the read-back, which flushes files only to drive them out of the cache and may shrug at a refusal.
+TEST_F(Copy, TellsOfEveryFailedOperationAndOfNoOther) {
+    const int rounds = faultLoop(copy(false), EIO, [&](const std::string& root, bool succeeded) {
+        expectHonestManifests(root, true);
+        if (succeeded)
+            for (const auto& card : cards(root))
+                expectWhole(card);
+    });
+    EXPECT_GE(rounds, 40);
+}
+
+TEST_F(Copy, PromisesNothingThatAKillOrAPowerCutTakesBack) {
+    const int rounds = crashLoop(copy(), {}, [&](const std::string& root, bool succeeded) {
+        expectHonestManifests(root);
+        if (succeeded)
+            for (const auto& card : cards(root))
+                expectWhole(card);
+    });
+    EXPECT_GE(rounds, 24);
+}
+
+TEST_F(Copy, IsFinishedByALaterRunAfterAnyCrash) {
+    const CrashOptions options{.recover = [this](const std::string& root) { run(root, true); }};
+    const int rounds = crashLoop(copy(), options, [&](const std::string& root, bool succeeded) {
+        EXPECT_TRUE(succeeded);
+        expectHonestManifests(root);
+        for (const auto& card : cards(root))
+            expectWhole(card);
+    });
+    EXPECT_GE(rounds, 24);
+}
+
+// The same on a real file system whose blocks are lost between two flushes of the device.
+TEST_F(Copy, PromisesNothingThatExt4LosesInAPowerCut) {
+    if (const auto reason = PowerCutDisk::unavailable())
+        GTEST_SKIP() << *reason;
+    std::mt19937_64 random(seed());
+    const int rounds = soaking() ? 200 : 6;
+    for (int round = 0; round < rounds; ++round) {
+        PowerCutDisk disk(64 << 20);
+        copy().prepare(disk.root());
+        sync();
+        const auto strike = static_cast<std::int64_t>(random() % 60);
+        disk.device().fail(EIO, {.ops = "write,fsync", .skip = strike, .times = 0});
+        std::string said = "whole";
+        try {
+            run(disk.root(), false);
+        } catch (const std::exception& error) {
+            said = error.what();
+        }
+        SCOPED_TRACE(fmt::format("VELMORA_SEED={} round {}: dead from block operation {} on; {}; the copy said: {}",
+                                 seed(), round, strike, disk.cutPowerAndRestart(seed() + round), said.substr(0, 300)));
+        expectHonestManifests(disk.root(), true);
+        if (said == "whole")
+            for (const auto& card : cards(disk.root()))
+                expectWhole(card);
+    }
+}
+
+} // namespace
+} // namespace velmora::test
