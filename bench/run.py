@@ -23,7 +23,7 @@ import tempfile
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-VELMORA = os.path.join(ROOT, "build", "release", "bin", "velmora")
+VELMORA = os.environ.get("VELMORA", os.path.join(ROOT, "build", "release", "bin", "velmora"))
 MIB = 1 << 20
 BUFFERS = 16 * 16 * MIB  # the pool of the default block size and buffer count
 
