@@ -3,6 +3,7 @@
 #include "base/Product.h"
 #include "base/Text.h"
 #include "blocks/CardVerdict.h"
+#include "disks/VolumeSerial.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 #include "records/OffloadPlan.h"
@@ -13,10 +14,11 @@ namespace velmora::ReportBuilder {
 
 namespace {
 
-std::string kindOf(PlanMode mode) {
-    switch (mode) {
+// The first generation of a folder is a copy, also when a later run had to finish it.
+std::string kindOf(const OffloadPlan& plan) {
+    switch (plan.mode) {
     case PlanMode::append:
-        return "append";
+        return plan.generation > 1 ? "append" : "copy";
     case PlanMode::repair:
         return "repair";
     case PlanMode::full:
@@ -42,22 +44,13 @@ std::string diskName(const std::string& root) {
     return name.empty() ? root : name;
 }
 
-// FAT and exFAT carry a serial of eight digits, which is told as it is; everything else has a longer mark.
-std::optional<std::string> serialOf(const std::string& path) {
-    constexpr std::size_t fatSerialLength = 9;
-    const auto mark = VolumeFacts::volumeUUID(path);
-    if (!mark || mark->empty())
-        return std::nullopt;
-    return mark->size() == fatSerialLength ? *mark : "uuid:" + *mark;
-}
-
 OffloadReport::Destination destinationOf(const Results& results, std::size_t d) {
     const std::string& cardPath = results.destinations[d].cardPath;
     OffloadReport::Destination destination;
     destination.root = d < results.plan.destRoots.size() ? results.plan.destRoots[d] : cardPath;
     destination.cardPath = cardPath;
     destination.filesystem = filesystemOf(destination.root);
-    destination.volumeSerial = serialOf(destination.root);
+    destination.volumeSerial = VolumeFacts::volumeSerialText(destination.root);
     if (results.writers[d])
         destination.unbuffered = results.writers[d]->unbuffered();
     if (results.verified)
@@ -137,7 +130,7 @@ OffloadReport build(const Results& results) {
     report.version = Product::version;
     report.hashAlgorithm = "xxh64";
     report.generation = plan.generation;
-    report.kind = kindOf(plan.mode);
+    report.kind = kindOf(plan);
     report.project = plan.project;
     report.cardName = plan.cardName;
     report.date = plan.date;

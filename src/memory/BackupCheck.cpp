@@ -1,0 +1,80 @@
+#include "memory/BackupCheck.h"
+
+#include "base/FileTimes.h"
+#include "base/Text.h"
+
+#include <string_view>
+
+namespace velmora {
+
+namespace {
+
+// One file of the card on every disk: its status words; none when a disk does not have it as it is on the card.
+std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, const std::vector<CardRecord>& records,
+                                                        bool localTime) {
+    std::vector<std::string_view> words;
+    const std::string key = pathKey(file.relPath);
+    for (std::size_t d = 0; d < records.size(); ++d) {
+        const CardRecord& record = records[d];
+        const auto found = record.files.find(key);
+        if (found == record.files.end() || found->second.file->size != file.size ||
+            !FileTimes::close(found->second.file->modified, file.mtime, localTime))
+            return std::nullopt;
+        const OffloadReport& report = *found->second.report;
+        const auto column = CardRecord::columnOf(report, record.cardPath, record.volumeSerial);
+        const std::size_t at = column.value_or(CardRecord::destinationIndex(report, record.cardPath, d));
+        const auto& statuses = found->second.file->destinations;
+        words.push_back(found->second.file->sourceError || at >= statuses.size() ? std::string_view("failed")
+                                                                                 : std::string_view(statuses[at]));
+        // A report whose result does not stand on every disk vouches for nothing.
+        if (words.back() == "verified" && report.verifyIncomplete.value_or(false))
+            words.back() = "written";
+    }
+    return words;
+}
+
+} // namespace
+
+BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<std::string>& cardPaths, bool localTime) {
+    BackupCheck check;
+    std::vector<CardRecord> records;
+    for (const std::string& path : cardPaths) {
+        records.push_back(CardRecord::load(path));
+        const CardRecord& record = records.back();
+        if (record.error)
+            check.error = record.error;
+        else if (!record.problems.empty())
+            check.error = record.problems.front();
+        else if (record.reportMissing)
+            check.error = path + " has no report";
+        if (check.error)
+            return check;
+    }
+    for (const SourceFile& file : card.files) {
+        const auto words = statusesOf(file, records, localTime);
+        if (!words) {
+            ++check.notInBackup;
+            continue;
+        }
+        const BackupState state = BackupState::of(*words);
+        check.state.failed += state.failed > 0 ? 1 : 0;
+        check.state.unverified += state.failed == 0 && state.unverified > 0 ? 1 : 0;
+    }
+    check.notInBackup += static_cast<std::int64_t>(card.uncopied.size());
+    return check;
+}
+
+std::vector<std::string> BackupCheck::messages() const {
+    if (error)
+        return {BackupMessage::unreadable(*error)};
+    std::vector<std::string> lines;
+    if (state.failed > 0)
+        lines.push_back(BackupMessage::failed(state.failed));
+    if (notInBackup > 0)
+        lines.push_back(BackupMessage::notInBackup(notInBackup));
+    if (state.unverified > 0)
+        lines.push_back(BackupMessage::unverified(state.unverified));
+    return lines;
+}
+
+} // namespace velmora

@@ -1,0 +1,54 @@
+#include "verify/VerifyJob.h"
+
+#include "engine/FolderLocks.h"
+#include "platform/PowerInhibitor.h"
+#include "verify/BackupVerifier.h"
+
+namespace velmora {
+
+namespace {
+constexpr std::size_t chunkSize = 0x1000000;
+}
+
+VerifyJob::VerifyJob(std::string cardPath, Log log) : cardPath_(std::move(cardPath)), log_(std::move(log)) {}
+
+VerifyJob::Status VerifyJob::currentStatus() const {
+    MutexLock lock(lock_);
+    return status_;
+}
+
+void VerifyJob::end(State state, std::optional<VerifyResult> result, std::optional<std::string> error,
+                    std::optional<PreflightCode> code) {
+    MutexLock lock(lock_);
+    status_.state = state;
+    status_.result = std::move(result);
+    status_.error = std::move(error);
+    status_.errorCode = code;
+}
+
+void VerifyJob::run() {
+    {
+        MutexLock lock(lock_);
+        status_.state = cancelled_.load() ? State::cancelled : State::running;
+        if (status_.state == State::cancelled)
+            return;
+    }
+    try {
+        const PowerInhibitor awake("Verifying a backup", log_);
+        const FolderLocks locks = FolderLocks::acquire({cardPath_});
+        const auto progress = [this](const VerifyProgress& now) {
+            MutexLock lock(lock_);
+            status_.progress = now;
+        };
+        VerifyResult result =
+            BackupVerifier::verify(cardPath_, chunkSize, progress, [this] { return cancelled_.load(); });
+        const State state = result.cancelled ? State::cancelled : State::done;
+        end(state, std::move(result), std::nullopt, std::nullopt);
+    } catch (const OffloadError& error) {
+        end(State::failed, std::nullopt, error.what(), error.code());
+    } catch (const std::exception& error) {
+        end(State::failed, std::nullopt, error.what(), std::nullopt);
+    }
+}
+
+} // namespace velmora

@@ -1,0 +1,115 @@
+#include "verify/VerifyReport.h"
+
+#include "base/Text.h"
+#include "blocks/HashAlgo.h"
+
+#include <fmt/format.h>
+
+namespace velmora::VerifyReport {
+
+namespace {
+
+std::int64_t count(const auto& list) { return static_cast<std::int64_t>(list.size()); }
+
+std::string unfinishedText(const VerifyResult& result) {
+    return fmt::format("The backup is not finished: the newest generation was being verified with the proxies and the "
+                       "verification did not end (or its result is not written on all destinations). Do not format the "
+                       "card yet — insert it again and choose \"Finish interrupted backup\". The files with a written "
+                       "record match ({})",
+                       result.ok);
+}
+
+std::string failedAtCopyText(std::int64_t n) {
+    return fmt::format("{} already failed during the copy and the record has no valid checksum", countedFiles(n));
+}
+
+} // namespace
+
+std::string basis(const VerifyResult& result) {
+    std::vector<std::string> names;
+    for (const std::string& algorithm : result.hashAlgorithms)
+        names.push_back(HashAlgo::label(algorithm));
+    const std::string algorithms = join(names, ", ");
+    if (result.basis == "pending")
+        return "the record of the unfinished generation is not written yet";
+    if (result.basis == "ascmhl")
+        return fmt::format("ASC MHL, {}, {}", counted(result.generations, "generation", "generations"), algorithms);
+    return "checksum list, " + algorithms;
+}
+
+Summary summary(const VerifyResult& result) {
+    if (result.folderGone)
+        return {"Cannot verify: " + result.cardPath +
+                    ". The backup folder disappeared — the disk may have been disconnected.",
+                Tone::error};
+    if (result.cancelled)
+        return {fmt::format("Verification cancelled after {}. A cancelled verification writes no report.",
+                            countedFiles(result.checked)),
+                Tone::warning};
+    if (!result.success()) {
+        std::vector<std::string> parts;
+        if (!result.changed.empty() || !result.missing.empty() || !result.unreadable.empty())
+            parts.push_back(fmt::format("Mismatch: {}, missing {}, unreadable {}", countedFiles(count(result.changed)),
+                                        count(result.missing), count(result.unreadable)));
+        if (!result.failedAtCopy.empty())
+            parts.push_back(failedAtCopyText(count(result.failedAtCopy)));
+        std::string text = join(parts, "; ") + " — details in the verification report.";
+        if (result.unfinished)
+            text += " " + unfinishedText(result);
+        return {text, Tone::error};
+    }
+    if (result.unfinished)
+        return {unfinishedText(result), Tone::warning};
+    const std::string files = result.ok == 1 ? "the file matches" : fmt::format("all {} files match", result.ok);
+    return {fmt::format("Verified: {} ({})", files, basis(result)),
+            result.chainProblems.empty() ? Tone::ok : Tone::warning};
+}
+
+std::vector<std::string> warnings(const VerifyResult& result) {
+    std::vector<std::string> lines;
+    if (const std::int64_t n = count(result.extra); n > 0)
+        lines.push_back(fmt::format("{} extra (not in the {}).", countedFiles(n),
+                                    result.basis == "hashList" ? "checksum list" : "MHL"));
+    if (const std::int64_t n = count(result.failedAtCopy); n > 0)
+        lines.push_back(fmt::format("{} already failed during the copy.", countedFiles(n)));
+    if (const std::int64_t n = count(result.failedSuperseded); n > 0)
+        lines.push_back(fmt::format("{} {} the record \"failed during the copy\" in the newest generation — verified "
+                                    "against an older valid generation.",
+                                    countedFiles(n), plural(n, "has", "have")));
+    lines.insert(lines.end(), result.chainProblems.begin(), result.chainProblems.end());
+    return lines;
+}
+
+std::vector<std::string> machineLines(const VerifyResult& result) {
+    std::vector<std::string> lines;
+    const auto add = [&](std::string_view word, const std::vector<std::string>& texts) {
+        for (const std::string& text : texts)
+            lines.push_back(std::string(word) + text);
+    };
+    add("MISMATCH  ", result.changed);
+    add("MISSING  ", result.missing);
+    for (const auto& [path, error] : result.unreadable)
+        lines.push_back(fmt::format("ERROR    {}: {}", path, error));
+    add("EXTRA    ", result.extra);
+    add("FAILED-AT-COPY  ", result.failedAtCopy);
+    add("FAILED-SUPERSEDED  ", result.failedSuperseded);
+    add("CHAIN    ", result.chainProblems);
+    return lines;
+}
+
+std::string cliSummary(const VerifyResult& result, double seconds) {
+    const std::string rate =
+        seconds > 0 ? fmt::format("{:.0f}", static_cast<double>(result.bytesRead) / seconds / 1e6) : "-";
+    std::string text = fmt::format("Verified {} files ({}) in {:.1f} s, {} MB/s", result.checked,
+                                   formatBytes(result.bytesRead), seconds, rate);
+    if (!result.success())
+        text += fmt::format(" — PROBLEMS FOUND: mismatch {}, missing {}, unreadable {}, extra {}, failed during the "
+                            "copy {}",
+                            count(result.changed), count(result.missing), count(result.unreadable), count(result.extra),
+                            count(result.failedAtCopy));
+    if (result.unfinished)
+        text += " — BACKUP UNFINISHED: " + unfinishedText(result);
+    return text;
+}
+
+} // namespace velmora::VerifyReport

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "base/Timestamp.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// What the check of one card folder against its own records found.
+struct VerifyResult {
+    struct Unreadable {
+        std::string path;
+        std::string error;
+    };
+
+    std::string cardPath;
+    Timestamp started;
+    Timestamp finished;
+    std::string basis; // "ascmhl", "hashList" or "pending"
+    std::int64_t generations = 0;
+    std::vector<std::string> hashAlgorithms;
+    std::int64_t totalFiles = 0; // in the record
+    std::int64_t totalBytes = 0; // as recorded
+    std::int64_t ok = 0;
+    std::vector<std::string> changed;          // the content differs from the record
+    std::vector<std::string> missing;          // in the record, not on the disk
+    std::vector<std::string> extra;            // on the disk, not in the record
+    std::vector<std::string> failedAtCopy;     // the record says that the copy failed, and no older one is valid
+    std::vector<std::string> failedSuperseded; // the newest record failed; an older generation was used
+    std::vector<Unreadable> unreadable;
+    std::vector<std::string> chainProblems;
+    std::int64_t checked = 0;
+    std::int64_t bytesRead = 0;
+    bool cancelled = false;
+    bool folderGone = false;
+    bool reportInsideCard = false; // the history ignores _REPORT, so a report may lie there
+    bool unfinished = false;       // the verification of the newest generation never ended
+
+    // No file is wrong. Extra files, superseded failures and problems of the chain are warnings.
+    bool success() const { return changed.empty() && missing.empty() && unreadable.empty() && failedAtCopy.empty(); }
+};
+
+struct VerifyProgress {
+    std::string file;
+    std::int64_t fileIndex = 0; // from 0
+    std::int64_t fileCount = 0;
+    std::int64_t bytes = 0; // read so far, of all files
+    std::int64_t totalBytes = 0;
+};
+
+} // namespace velmora
