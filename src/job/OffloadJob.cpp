@@ -1,13 +1,27 @@
 #include "job/OffloadJob.h"
 
+#include "base/FileTimes.h"
+#include "base/Msg.h"
+#include "base/RelativePath.h"
+#include "base/Text.h"
 #include "engine/FolderLocks.h"
+#include "engine/Scanner.h"
+#include "job/HistoryKeeper.h"
+#include "job/RepairWork.h"
 #include "job/ReportRecorder.h"
+#include "memory/AppendPlanner.h"
+#include "memory/BackupCheck.h"
+#include "platform/IO.h"
 #include "platform/PowerInhibitor.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
+#include "reports/HashLists.h"
 
 #include <fmt/format.h>
+
+#include <algorithm>
 #include <limits>
+#include <numeric>
 #include <utility>
 
 namespace velmora {
@@ -51,6 +65,13 @@ Phase phaseOf(ProgressSnapshot::Phase phase) {
     return Phase::reporting;
 }
 
+std::vector<std::string> filesystemsOf(const std::vector<std::string>& cardPaths) {
+    std::vector<std::string> types;
+    for (const std::string& path : cardPaths)
+        types.push_back(IO::filesystemType(path));
+    return types;
+}
+
 std::string stepBeforePause(const ProgressSnapshot& copy) {
     if (copy.phase == ProgressSnapshot::Phase::verify && !copy.verifyingFiles.empty())
         return copy.verifyingFiles.front();
@@ -59,8 +80,8 @@ std::string stepBeforePause(const ProgressSnapshot& copy) {
 
 } // namespace
 
-OffloadJob::OffloadJob(JobConfig config, OffloadOptions options)
-    : config_(std::move(config)),
+OffloadJob::OffloadJob(JobConfig config, OffloadOptions options, JobServices services)
+    : config_(std::move(config)), services_(std::move(services)),
       engine_(engineOptions(config_, std::move(options)), [this](std::string_view line) { log(line); }) {
     // The engine claims the card folders as its first step, and may take other names than the plan proposed: only
     // ahead of the first file is it known what is to be locked.
@@ -102,7 +123,13 @@ void OffloadJob::run(const Log& log) {
     }
     const PowerInhibitor awake("Copying a card", log);
     try {
-        runCopy();
+        openHistory(log);
+        if (repair_)
+            runRepair();
+        else if (config_.appendInto)
+            runAppend(*config_.appendInto);
+        else
+            runCopy();
     } catch (const SimulatedCrash&) {
         throw;
     } catch (const Cancelled&) {
@@ -115,19 +142,144 @@ void OffloadJob::run(const Log& log) {
     locks_.reset();
 }
 
+void OffloadJob::repairInto(std::vector<std::string> cardPaths) {
+    repair_ = std::make_unique<RepairWork>(std::move(cardPaths));
+}
+
+void OffloadJob::begin(Phase phase) {
+    MutexLock lock(mutex_);
+    state_.phase = phase;
+    if (!engine_.spaceWarnings().empty() && !state_.warning)
+        state_.warning = engine_.spaceWarnings().front();
+}
+
+// A record may be written long after the job has gone: it gets the front end's log and nothing of this object.
+void OffloadJob::openHistory(const Log& log) {
+    if (!services_.history)
+        return;
+    if (const auto folder = HistoryRecorder::folder(config_, services_.supportFolder))
+        history_ = std::make_unique<HistoryKeeper>(*services_.history, *folder, config_.source, log);
+}
+
+void OffloadJob::addWarning(const std::string& warning) {
+    MutexLock lock(mutex_);
+    state_.warning = state_.warning ? *state_.warning + "\n" + warning : warning;
+}
+
+void OffloadJob::recordFinish(const OffloadReport& report) {
+    if (!history_)
+        return;
+    const auto isDone = [](const OffloadReport::FileEntry& file) {
+        return std::ranges::any_of(file.destinations,
+                                   [](const std::string& s) { return s != "pending" && s != "failed"; });
+    };
+    if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
+        history_->forget();
+    else
+        history_->finish(report, card_, [this] { addWarning(std::string(Msg::historyBusy)); });
+}
+
 void OffloadJob::runCopy() {
     OffloadPlan plan = prepare();
     if (engine_.isCancelled())
         throw Cancelled();
-    const bool resuming = plan.resuming;
+    begin(Phase::copying);
+    if (history_) {
+        card_ = plan.scan.files;
+        history_->start(plan, [this] { addWarning(std::string(Msg::historyBusy)); });
+    }
+    ReportRecorder recorder(ReportWriter::Stamp::present(), plan.resuming);
+    settle(engine_.run(std::move(plan), recorder));
+}
+
+void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
+    lockFolders(cardPaths);
+    const auto isCancelled = [this] { return engine_.isCancelled(); };
+    AppendPlan append;
+    try {
+        append = AppendPlanner::plan(config_.source, cardPaths, IO::filesystemType(config_.source),
+                                     filesystemsOf(cardPaths), engine_.options().chunkSize, isCancelled);
+    } catch (const OffloadError& error) {
+        if (error.code() != PreflightCode::nothingNew)
+            throw;
+        nothingNew(error, cardPaths);
+        return;
+    }
+    checkSpace(append.toPlan());
+    begin(Phase::copying);
+    if (append.later > 0)
+        addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
+                               countedFiles(append.later)));
+    if (history_) {
+        card_ = append.fullScan.files;
+        history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
+    }
+    ReportRecorder recorder(ReportWriter::Stamp::present(), append.resuming);
+    OffloadReport report = engine_.run(append.toPlan(), recorder);
+    settle(std::move(report), checkWholeCard(append.fullScan, append.cardPaths));
+}
+
+void OffloadJob::runRepair() {
+    const std::vector<std::string>& cardPaths = repair_->cardPaths();
+    if (!config_.verify)
+        throw OffloadError::preflight(PreflightCode::other, std::string(Msg::repairNeedsVerify));
+    lockFolders(cardPaths);
+    const auto isCancelled = [this] { return engine_.isCancelled(); };
+    const std::vector<std::string> checkedPaths = RepairPlanner::checkBackup(cardPaths).paths;
+    begin(Phase::copying);
+    log("Reading every copy of the backup to find what is defective…");
+    setExamining(true);
+    const auto findings = repair_->examine(isCancelled);
+    setExamining(false);
+    const RepairPlan repair = RepairPlanner::plan(config_.source, checkedPaths, IO::filesystemType(config_.source),
+                                                  filesystemsOf(checkedPaths), findings, isCancelled);
+    checkSpace(repair.plan);
+    if (history_) {
+        card_ = repair.plan.scan.files;
+        history_->reopen(checkedPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
+    }
+    engine_.setBeforeRename(repair_->mover(repair));
+    ReportRecorder recorder(ReportWriter::Stamp::present(), true,
+                            [this](OffloadReport& report) { repair_->amend(report); });
+    OffloadReport report = engine_.run(repair.plan, recorder);
+    repair_->amend(report);
+    settle(std::move(report), checkWholeCard(Scanner::scan(config_.source), checkedPaths));
+}
+
+void OffloadJob::nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) {
+    // A run that died between the chain and the lists left them short; nothing else of it is open.
+    for (const std::string& path : cardPaths)
+        HashLists::heal(path, std::string(RelativePath::name(RelativePath::withoutTrailingSlash(path))));
+    const BackupCheck check =
+        checkWholeCard(Scanner::scan(config_.source, [this] { return engine_.isCancelled(); }), cardPaths);
+    for (const std::string& line : check.messages())
+        addWarning(line);
     {
         MutexLock lock(mutex_);
-        state_.phase = Phase::copying;
-        if (!engine_.spaceWarnings().empty())
-            state_.warning = engine_.spaceWarnings().front();
+        state_.note = error.what();
+        state_.copySucceeded = check.safeToEject();
+        state_.safeToEject = check.safeToEject();
+        state_.safeToFormat = check.safeToFormat();
     }
-    ReportRecorder recorder(ReportWriter::Stamp::present(), resuming);
-    settle(engine_.run(std::move(plan), recorder));
+    endAs(Phase::done);
+}
+
+BackupCheck OffloadJob::checkWholeCard(const SourceScan& card, const std::vector<std::string>& cardPaths) const {
+    bool localTime = FileTimes::storesLocalTime(IO::filesystemType(config_.source));
+    for (const std::string& type : filesystemsOf(cardPaths))
+        localTime = localTime || FileTimes::storesLocalTime(type);
+    return BackupCheck::of(card, cardPaths, localTime);
+}
+
+void OffloadJob::checkSpace(const OffloadPlan& plan) {
+    const Preflight::Space space = Preflight::checkSpace(Preflight::demand(plan.scan), plan.cardPaths(), {});
+    if (!space.warnings.empty())
+        addWarning(space.warnings.front());
+}
+
+void OffloadJob::setExamining(bool examining) {
+    MutexLock lock(mutex_);
+    examining_ = examining;
 }
 
 // The folders were created by this very run, so nobody can be at work in them; the locks keep appends, repairs and
@@ -137,13 +289,17 @@ void OffloadJob::lockFolders() {
     if (plan == nullptr)
         return;
     try {
-        locks_ = std::make_unique<FolderLocks>(FolderLocks::acquire(plan->cardPaths()));
+        lockFolders(plan->cardPaths());
     } catch (const std::exception& error) {
         log(fmt::format("no lock on the card folders: {}", error.what()));
     }
 }
 
-void OffloadJob::settle(OffloadReport report) {
+void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
+    locks_ = std::make_unique<FolderLocks>(FolderLocks::acquire(cardPaths));
+}
+
+void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard) {
     const auto& problems = engine_.reportProblems();
     if (!problems.empty())
         markIncomplete(report);
@@ -155,10 +311,18 @@ void OffloadJob::settle(OffloadReport report) {
         state_.copySucceeded = copied;
         state_.safeToEject = copied && recorded && !cardChanged;
         state_.safeToFormat = state_.safeToEject && report.safeToFormat();
+        if (wholeCard) {
+            state_.safeToEject = state_.safeToEject && wholeCard->safeToEject();
+            state_.safeToFormat = state_.safeToFormat && wholeCard->safeToFormat();
+        }
         if (!recorded)
             state_.warning = problems.front();
         report_ = std::make_shared<const OffloadReport>(std::move(report));
     }
+    if (wholeCard)
+        for (const std::string& line : wholeCard->messages())
+            addWarning(line);
+    recordFinish(*this->report());
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
     else if (cardChanged)
@@ -200,12 +364,24 @@ JobStatus OffloadJob::status() const {
     const ProgressSnapshot copy = engine_.snapshot();
     const PauseGate& gate = engine_.pauses();
     JobStatus status;
+    bool examining = false;
     {
         MutexLock lock(mutex_);
         status = state_;
+        examining = examining_;
     }
     if (status.phase == Phase::waiting)
         return status;
+    if (examining) {
+        // Before the engine has anything to do, a repair reads what lies on the disks.
+        status.verifyDoneByDest = repair_->bytesRead();
+        status.verifyTotalByDest = repair_->bytesTotal();
+        status.verifyDone =
+            std::accumulate(status.verifyDoneByDest.begin(), status.verifyDoneByDest.end(), std::int64_t{0});
+        status.verifyTotal =
+            std::accumulate(status.verifyTotalByDest.begin(), status.verifyTotalByDest.end(), std::int64_t{0});
+        return status;
+    }
     if (status.phase == Phase::copying)
         status.phase = phaseOf(copy.phase);
     status.paused = gate.isPaused();

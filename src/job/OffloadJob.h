@@ -4,17 +4,29 @@
 #include "base/Mutex.h"
 #include "engine/OffloadEngine.h"
 #include "job/JobStatus.h"
+#include "memory/BackupCheck.h"
 #include "records/JobConfig.h"
+#include "records/SourceFile.h"
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace velmora {
 
 class FolderLocks;
+class HistoryKeeper;
+class HistoryRecorder;
+class RepairWork;
 struct OffloadPlan;
 struct OffloadReport;
+
+// What a job shares with other jobs of its process. Lives longer than the job.
+struct JobServices {
+    HistoryRecorder* history = nullptr; // none: no history is kept
+    std::string supportFolder;          // the application-support folder
+};
 
 // One card's whole run: preflight, copy, flush, read-back, records. Decides when the card may be ejected and when it
 // may be formatted, and takes neither promise lightly: a file that failed, a record that could not be written on one
@@ -25,12 +37,16 @@ struct OffloadReport;
 class OffloadJob {
 public:
     // Block size, buffers and the like come from `config`; `options` carries what only a front end or a test knows.
-    explicit OffloadJob(JobConfig config, OffloadOptions options = {});
+    // `config.appendInto` makes the job an append, or the finishing of what an interrupted run left there.
+    explicit OffloadJob(JobConfig config, OffloadOptions options = {}, JobServices services = {});
     ~OffloadJob();
     OffloadJob(const OffloadJob&) = delete;
     OffloadJob& operator=(const OffloadJob&) = delete;
 
     const JobConfig& config() const noexcept { return config_; }
+
+    // Makes the job a repair of the backup in these card folders. Before `run` only.
+    void repairInto(std::vector<std::string> cardPaths);
 
     // All checks; creates nothing. Throws OffloadError, Cancelled.
     OffloadPlan prepare();
@@ -54,8 +70,20 @@ public:
 
 private:
     void runCopy();
+    void runAppend(const std::vector<std::string>& cardPaths);
+    void runRepair();
     void lockFolders();
-    void settle(OffloadReport report) EXCLUDES(mutex_);
+    void lockFolders(const std::vector<std::string>& cardPaths);
+    void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
+    void openHistory(const Log& log);
+    void recordFinish(const OffloadReport& report);
+    // `wholeCard` after a run that covered a part of the card: the promises hold for the whole card or not at all.
+    void settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard = {}) EXCLUDES(mutex_);
+    BackupCheck checkWholeCard(const SourceScan& card, const std::vector<std::string>& cardPaths) const;
+    void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
+    void setExamining(bool examining) EXCLUDES(mutex_);
+    void nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) EXCLUDES(mutex_);
+    void addWarning(const std::string& warning) EXCLUDES(mutex_);
     void markIncomplete(const OffloadReport& report);
     void endAs(JobStatus::Phase phase, std::optional<std::string> error = {}, std::optional<PreflightCode> code = {})
         EXCLUDES(mutex_);
@@ -65,8 +93,13 @@ private:
     mutable Mutex mutex_;
     JobStatus state_ GUARDED_BY(mutex_);
     std::shared_ptr<const OffloadReport> report_ GUARDED_BY(mutex_);
+    bool examining_ GUARDED_BY(mutex_) = false; // a repair reads the copies
     Log log_ GUARDED_BY(mutex_);
-    std::unique_ptr<FolderLocks> locks_; // of the thread that runs
+    const JobServices services_;
+    std::unique_ptr<RepairWork> repair_;
+    std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
+    std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
+    std::vector<SourceFile> card_;           // everything on the card, for the history
     OffloadEngine engine_;
 };
 

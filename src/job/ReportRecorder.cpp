@@ -5,7 +5,13 @@
 
 namespace velmora {
 
-void ReportRecorder::write(Stage stage, const OffloadReport& report, const std::string& cardPath) {
+void ReportRecorder::write(Stage stage, const OffloadReport& built, const std::string& cardPath) {
+    OffloadReport amended;
+    if (amend_) {
+        amended = built;
+        amend_(amended);
+    }
+    const OffloadReport& report = amend_ ? amended : built;
     ReportWriter::writeReports(report, cardPath, !replaces_);
     if (stage == Stage::pending)
         return;

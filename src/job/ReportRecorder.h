@@ -3,6 +3,8 @@
 #include "engine/RunRecorder.h"
 #include "reports/ReportWriter.h"
 
+#include <functional>
+
 namespace velmora {
 
 // Writes what stands about a run on each of its destinations: reports, ASC MHL generation, checksum lists.
@@ -12,15 +14,19 @@ namespace velmora {
 // made final the other way round, by ReportWriter::commit: there the chain says that the report may be replaced.)
 class ReportRecorder : public RunRecorder {
 public:
+    // What only the job knows of a run and the report must tell.
+    using Amend = std::function<void(OffloadReport&)>;
+
     // `replaces`: the run finishes an interrupted one, whose report may be there already.
-    explicit ReportRecorder(ReportWriter::Stamp stamp, bool replaces = false)
-        : stamp_(std::move(stamp)), replaces_(replaces) {}
+    explicit ReportRecorder(ReportWriter::Stamp stamp, bool replaces = false, Amend amend = {})
+        : stamp_(std::move(stamp)), replaces_(replaces), amend_(std::move(amend)) {}
 
     void write(Stage stage, const OffloadReport& report, const std::string& cardPath) override;
 
 private:
     ReportWriter::Stamp stamp_;
     bool replaces_;
+    Amend amend_;
 };
 
 } // namespace velmora

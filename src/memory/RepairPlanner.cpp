@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <unordered_map>
 
 namespace velmora::RepairPlanner {
@@ -50,9 +51,9 @@ struct Bad {
 
 class Planning {
 public:
-    Planning(const std::string& source, AppendPlanner::Backup backup, bool localTime, const IsCancelled& isCancelled,
-             const std::function<void(std::int64_t)>& progress)
-        : source_(source), backup_(std::move(backup)), localTime_(localTime), isCancelled_(isCancelled),
+    Planning(const std::string& source, AppendPlanner::Backup backup, const std::optional<Unfinished>& open,
+             bool localTime, const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress)
+        : source_(source), backup_(std::move(backup)), open_(open), localTime_(localTime), isCancelled_(isCancelled),
           progress_(progress), card_(Scanner::scan(source, isCancelled)) {
         for (const SourceFile& file : card_.files)
             onCard_.emplace(pathKey(file.relPath), &file);
@@ -60,6 +61,7 @@ public:
 
     RepairPlan run(const std::vector<Findings>& findings) {
         collect(findings);
+        takeUpOpenRepair();
         if (bad_.empty())
             throw refuse(PreflightCode::repairNothing, "Nothing to repair — every file is good on every destination.");
         if (!sameCard())
@@ -107,6 +109,19 @@ private:
                     bad.missing[d] = true;
             }
         }
+    }
+
+    // What an interrupted repair has put right already is read back and recorded by this one, so that its generation
+    // does not stay open for good.
+    void takeUpOpenRepair() {
+        if (!open_)
+            return;
+        for (const std::string& key : open_->mentioned())
+            if (const RecordedFile* known = recorded(key))
+                badFile(known->file->path);
+        if (open_->report)
+            for (const auto& file : open_->report->files)
+                badFile(file.path);
     }
 
     // The record to hold a file against: the newest of any disk, they agree where they are in step.
@@ -192,6 +207,8 @@ private:
         plan.source = source_;
         plan.scan.root = card_.root;
         plan.mode = PlanMode::repair;
+        // Part files, and copies made whole a moment before the end, of a repair that died give way to this one.
+        plan.resuming = true;
         plan.generation = backup_.nextGeneration;
         plan.date = backup_.date;
         plan.cardName = backup_.cardName;
@@ -220,6 +237,7 @@ private:
 
     const std::string source_;
     const AppendPlanner::Backup backup_;
+    const std::optional<Unfinished>& open_; // an interrupted repair
     const bool localTime_;
     const IsCancelled& isCancelled_;
     const std::function<void(std::int64_t)>& progress_;
@@ -230,30 +248,38 @@ private:
     AlignedBuffer buffer_;
 };
 
-} // namespace
+struct Checked {
+    AppendPlanner::Backup backup;
+    std::optional<Unfinished> open; // an interrupted repair
+};
 
-AppendPlanner::Backup checkBackup(const std::vector<std::string>& cardPaths) {
+Checked check(const std::vector<std::string>& cardPaths) {
     try {
-        const auto open = ResumePlanner::find(cardPaths);
-        AppendPlanner::Backup backup =
-            AppendPlanner::checkBackup(cardPaths, open ? std::optional(open->generation) : std::nullopt);
-        if (open && !isOpenRepair(*open, backup.records.front()))
+        Checked checked;
+        checked.open = ResumePlanner::find(cardPaths);
+        checked.backup = AppendPlanner::checkBackup(cardPaths, checked.open ? std::optional(checked.open->generation)
+                                                                            : std::nullopt);
+        if (checked.open && !isOpenRepair(*checked.open, checked.backup.records.front()))
             throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
-        return backup;
+        return checked;
     } catch (const OffloadError& error) {
         throw forRepair(error);
     }
 }
 
+} // namespace
+
+AppendPlanner::Backup checkBackup(const std::vector<std::string>& cardPaths) { return check(cardPaths).backup; }
+
 RepairPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
                 const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
                 const std::vector<Findings>& findings, const IsCancelled& isCancelled,
                 const std::function<void(std::int64_t)>& progress) {
-    AppendPlanner::Backup backup = checkBackup(cardPaths);
+    Checked checked = check(cardPaths);
     bool localTime = FileTimes::storesLocalTime(sourceFilesystem);
     for (const std::string& type : destFilesystems)
         localTime = localTime || FileTimes::storesLocalTime(type);
-    return Planning(source, std::move(backup), localTime, isCancelled, progress).run(findings);
+    return Planning(source, std::move(checked.backup), checked.open, localTime, isCancelled, progress).run(findings);
 }
 
 std::string asidePath(const std::string& cardPath, std::int64_t generation, const std::string& relPath) {

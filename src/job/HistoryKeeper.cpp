@@ -1,0 +1,94 @@
+#include "job/HistoryKeeper.h"
+
+#include "base/Msg.h"
+#include "disks/VolumeSerial.h"
+#include "memory/HistoryRecords.h"
+#include "platform/VolumeFacts.h"
+
+namespace velmora {
+
+namespace {
+// Finding the entry of an append is worth a short wait, not a long one: without it the record makes a new entry.
+constexpr double lookupSeconds = 2.0;
+} // namespace
+
+HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, std::string source, Log log)
+    : recorder_(recorder), folder_(std::move(folder)), log_(std::move(log)) {
+    if (VolumeFacts::isVolumeRoot(source))
+        volume_ = cardVolumeOf(source);
+}
+
+void HistoryKeeper::record(const std::string& what, const std::function<void()>& delayed,
+                           HistoryRecorder::Write write) {
+    const auto later = [&] {
+        if (log_)
+            log_(Msg::historyBusy);
+        if (delayed)
+            delayed();
+    };
+    // May run long after this job is gone: it holds on to the log alone.
+    const auto done = [log = log_](bool written) {
+        if (!written && log)
+            log(Msg::historyLost);
+    };
+    recorder_.record(what, folder_, log_, later, done, std::move(write));
+}
+
+void HistoryKeeper::start(const OffloadPlan& plan, const std::function<void()>& delayed) {
+    HistoryStore::Change change = HistoryRecords::started(plan, volume_, Timestamp::now());
+    id_ = change.entry.id;
+    isNew_ = true;
+    record("start", delayed, [id = id_, change = std::move(change)](HistoryStore& store) {
+        return store.update(id, [&](const HistoryEntry*) { return std::optional(change); });
+    });
+}
+
+void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed) {
+    const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load();
+    const HistoryEntry* entry = HistoryRecords::entryOf(entries, cardPaths);
+    if (!entry) {
+        id_ = HistoryStore::newId(Timestamp::now());
+        isNew_ = true;
+        return; // nothing to mark; the finished record makes the entry
+    }
+    id_ = entry->id;
+    isNew_ = false;
+    wasUnfinished_ = entry->unfinished;
+    record("start", delayed, [id = id_](HistoryStore& store) {
+        return store.update(id, [](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
+            if (!present || present->unfinished)
+                return std::nullopt;
+            return HistoryStore::Change{HistoryRecords::reopened(*present), std::nullopt};
+        });
+    });
+}
+
+void HistoryKeeper::finish(const OffloadReport& report, const std::vector<SourceFile>& card,
+                           const std::function<void()>& delayed) {
+    if (id_.empty())
+        return;
+    record(report.kind.value_or("copy"), delayed, [id = id_, report, card, volume = volume_](HistoryStore& store) {
+        return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
+            const auto stored = present ? store.readFileList(*present) : std::nullopt;
+            return HistoryRecords::finished(present, id, report, card, volume, stored);
+        });
+    });
+}
+
+void HistoryKeeper::forget() {
+    if (id_.empty())
+        return;
+    record("start", {}, [id = id_, isNew = isNew_, wasUnfinished = wasUnfinished_](HistoryStore& store) {
+        if (isNew)
+            return store.remove(id);
+        return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
+            if (!present || wasUnfinished)
+                return std::nullopt;
+            HistoryEntry closed = *present;
+            closed.unfinished = false;
+            return HistoryStore::Change{closed, std::nullopt};
+        });
+    });
+}
+
+} // namespace velmora

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "memory/HistoryRecorder.h"
+#include "records/CardKey.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// The history records of one job: "start" before the first byte is copied, so that a crash leaves a trace, and
+// "finished" at the end. A history that is busy or cannot be written never holds the job up or fails it.
+class HistoryKeeper {
+public:
+    // `delayed` is called when a record has to wait for a busy history; it must outlive nothing but the call.
+    HistoryKeeper(HistoryRecorder& recorder, std::string folder, std::string source, Log log);
+
+    // A copy that begins now.
+    void start(const OffloadPlan& plan, const std::function<void()>& delayed);
+    // An append, a finish or a repair: the entry of these folders is marked as unfinished.
+    void reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed);
+    // `card` is everything on the card.
+    void finish(const OffloadReport& report, const std::vector<SourceFile>& card, const std::function<void()>& delayed);
+    // The job did nothing: the entry goes, or goes back to what it was.
+    void forget();
+
+private:
+    void record(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write);
+
+    HistoryRecorder& recorder_;
+    const std::string folder_;
+    const Log log_;
+    std::optional<CardVolume> volume_; // of the source, if it is a whole volume
+    std::string id_;
+    bool isNew_ = true; // the entry was made by this job
+    bool wasUnfinished_ = false;
+};
+
+} // namespace velmora
