@@ -1,8 +1,6 @@
 #include "engine/CaseFolding.h"
 
 #include "base/Text.h"
-#include "engine/Layout.h"
-#include "platform/IO.h"
 #include "records/SourceFile.h"
 
 #include <algorithm>
@@ -52,14 +50,6 @@ std::vector<CaseFolding::Collision> CaseFolding::collisions(const std::vector<So
     }
     std::ranges::sort(found, {}, &Collision::file);
     return found;
-}
-
-bool CaseFolding::foldsCase(const std::string& cardPath) {
-    const std::string folder = cardPath + "/";
-    IO::mkdirs(folder + std::string(Layout::reportDirName));
-    // The source cannot have brought a folder of this name: a card with one is refused in any case.
-    const std::string otherCase = folder + toLower(Layout::reportDirName);
-    return IO::exists(otherCase) && IO::lstat(otherCase).isFolder;
 }
 
 std::string CaseFolding::error(std::string_view firstPath) {

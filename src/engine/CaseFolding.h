@@ -13,12 +13,12 @@ struct SourceFile;
 //
 // On a destination that tells such names apart both are copied, each under its own name. On one that folds case they
 // would be one file, and the later one would replace the earlier: there the first in the order of the scan is copied
-// and every later one is failed, with `error`, so that the card is not safe to format. Records make no difference of
-// case when they look a path up (manifest lines, merged reports, the MHL history): whoever looks up one of these files
-// must compare the record's path byte by byte, and without an exact match take the file for unrecorded. Copying it once
-// too often is harmless, taking another file's record for it is not.
+// and every later one is failed, with `error`, so that the card is not safe to format. The disk itself decides, by the
+// rename that never replaces: no list of keys can know every rule of every file system.
 //
-// The rename that never replaces guards the last step all the same: no list of keys can know every rule of every disk.
+// Records make no difference of case when they look a path up (manifest lines, merged reports, the MHL history):
+// whoever looks up one of these files must compare the record's path byte by byte, and without an exact match take the
+// file for unrecorded. Copying it once too often is harmless, taking another file's record for it is not.
 namespace CaseFolding {
 
 struct Collision {
@@ -29,10 +29,7 @@ struct Collision {
 // In ascending order of `file`. Holds no copy of the keys, so that 100,000 files cost a few MB for a moment.
 std::vector<Collision> collisions(const std::vector<SourceFile>& files);
 
-// Whether the file system of this card folder finds names that are written in another case. The folder exists; its
-// report folder, which every run needs anyway, is created for the question, and nothing else.
-bool foldsCase(const std::string& cardPath);
-
+// What is said of the later file where the disk took both names for one.
 std::string error(std::string_view firstPath);
 
 } // namespace CaseFolding

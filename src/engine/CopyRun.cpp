@@ -1,8 +1,8 @@
 #include "engine/CopyRun.h"
 
 #include "base/Text.h"
-#include "blocks/HashStreams.h"
 #include "disks/CardIdentity.h"
+#include "engine/CaseFolding.h"
 #include "engine/OffloadEngine.h"
 #include "engine/PartResume.h"
 #include "engine/SourceReader.h"
@@ -20,24 +20,19 @@ namespace {
 constexpr int identityTries = 3;
 constexpr std::chrono::milliseconds identityPause{250};
 
-// Hashes of the keys first: the keys of a hundred thousand files need not all be held for the few that clash.
 NameClashes clashesOf(const SourceScan& scan) {
     NameClashes clashes;
-    std::vector<std::uint64_t> hashes;
-    hashes.reserve(scan.files.size());
     for (const SourceFile& file : scan.files) {
         std::string key = collisionKey(file.relPath);
-        hashes.push_back(blockHash(key.data(), key.size()));
         if (key == DeviceFlush::flushFileName)
             clashes.flushFile = true;
         if (key.ends_with(".offload-part"))
             clashes.partNames.insert(std::move(key));
     }
-    std::vector<std::uint64_t> sorted = hashes;
-    std::ranges::sort(sorted);
-    for (std::size_t i = 0; i < hashes.size(); ++i)
-        if (std::ranges::upper_bound(sorted, hashes[i]) - std::ranges::lower_bound(sorted, hashes[i]) > 1)
-            clashes.folded.insert(collisionKey(scan.files[i].relPath));
+    for (const CaseFolding::Collision& collision : CaseFolding::collisions(scan.files)) {
+        const std::string& first = scan.files[collision.first].relPath;
+        clashes.folded.emplace(collisionKey(first), first);
+    }
     return clashes;
 }
 

@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "blocks/HashStreams.h"
 #include "blocks/ManifestFile.h"
+#include "engine/CaseFolding.h"
 #include "engine/OffloadOptions.h"
 #include "engine/SourceHasher.h"
 #include "platform/IO.h"
@@ -251,7 +252,9 @@ void DestWriter::makeFinal(std::size_t file) {
     if (set_.beforeRename)
         set_.beforeRename(file, final);
     // Where two names of the card may be one on this disk, not even a resumed run may replace.
-    if (set_.resuming && !set_.clashes->folded.contains(collisionKey(source.relPath))) {
+    const auto shared = set_.clashes->folded.find(collisionKey(source.relPath));
+    const bool isShared = shared != set_.clashes->folded.end();
+    if (set_.resuming && !isShared) {
         IO::rename(partPath_, final);
     } else {
         try {
@@ -259,7 +262,9 @@ void DestWriter::makeFinal(std::size_t file) {
         } catch (const IOError& error) {
             if (error.code() != EEXIST)
                 throw;
-            throw OffloadError::failed("file appeared meanwhile: " + final);
+            throw OffloadError::failed(isShared && shared->second != source.relPath
+                                           ? CaseFolding::error(shared->second)
+                                           : "file appeared meanwhile: " + final);
         }
     }
     part_.reset();

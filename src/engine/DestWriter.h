@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <span>
@@ -29,8 +30,9 @@ struct OffloadOptions;
 // Paths of the card that this program's own temporary names could hit.
 struct NameClashes {
     std::set<std::string> partNames; // collision keys of files of the card that look like part files
-    std::set<std::string> folded;    // collision keys that two or more files of the card share
-    bool flushFile = false;          // the card has a file ".offload-flush" at its top
+    // Collision keys that two or more files of the card share, with the first of these.
+    std::map<std::string, std::string> folded;
+    bool flushFile = false; // the card has a file ".offload-flush" at its top
 };
 
 // Writes one destination. The reader's calls queue their work on "offload.dest{n}" and return at once; everything else

@@ -33,6 +33,15 @@ FolderReader openRoot(const std::string& root) {
     }
 }
 
+// Allocated once and to size: a card's paths are what a scan costs.
+std::string joined(const std::string& folder, const std::string& name) {
+    std::string path;
+    path.reserve(folder.size() + 1 + name.size());
+    if (!folder.empty())
+        path.append(folder).push_back('/');
+    return path.append(name);
+}
+
 // One walk over a card. Folders wait on a stack and are opened one at a time, each from the root, so that neither the
 // depth of the tree nor its width costs descriptors.
 class Walk {
@@ -86,7 +95,7 @@ private:
     }
 
     void take(const FileFacts& facts, const std::string& name, const Folder& folder) {
-        std::string path = folder.path.empty() ? name : folder.path + '/' + name;
+        std::string path = joined(folder.path, name);
         const bool recordable = folder.recordable && isRecordableName(name);
         if (facts.isFolder && !isJunkFolder(name)) {
             if (recordable)
