@@ -1,16 +1,17 @@
+#include "base/Errors.h"
 #include "platform/IO.h"
 #include "platform/PageCache.h"
-#include "platform/linux/OpenFile.h"
+#include "platform/ThreadPriority.h"
+#include "support/FaultDisk.h"
 #include "support/FileTree.h"
 #include "support/LoopImage.h"
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -138,6 +139,84 @@ TEST_P(UncachedFile, EvictionEmptiesTheCacheOfADirtyFile) {
     ASSERT_TRUE(pages);
     EXPECT_EQ(pages->first, 0);
     EXPECT_TRUE(test::FileTree::read(path) == bytes(9, 2 * block + 5));
+}
+
+TEST(UncachedFileOnABadDisk, GetsPastReadsThatAreCutShortAndTellsOfFailures) {
+    if (const auto why = test::FaultDisk::unavailable())
+        GTEST_SKIP() << *why;
+    test::FaultDisk disk;
+    const std::string path = disk.root() + "/file";
+    const std::string content = bytes(3, block + 4097);
+    {
+        UncachedWriter writer(path, UncachedWriter::Open::createOrTruncate, CacheMode::direct);
+        EXPECT_EQ(writer.mode(), CacheMode::direct);
+        writeBlocks(writer, content);
+        writer.flush();
+        // FUSE itself makes an error of a direct write that is cut short; it must not pass for a whole one.
+        disk.cutShort(4096, {.ops = "write"});
+        EXPECT_THROW(writeBlocks(writer, content), IOError);
+        disk.clear();
+        writeBlocks(writer, content);
+        writer.close();
+    }
+    for (const std::int64_t cut : {1, 4095, 4096, 5000}) {
+        disk.cutShort(cut, {.ops = "read", .skip = 1, .times = 2});
+        UncachedReader reader(path);
+        EXPECT_TRUE(readBlocks(reader) == content) << cut;
+        EXPECT_GE(disk.hits(), 2);
+        disk.clear();
+    }
+    disk.fail(EIO, {.ops = "read", .skip = 2});
+    UncachedReader reader(path);
+    try {
+        readBlocks(reader, 256 << 10);
+        ADD_FAILURE() << "a failed read passed for the end of the file";
+    } catch (const IOError& error) {
+        EXPECT_EQ(error.op(), "read");
+        EXPECT_EQ(error.code(), EIO);
+    }
+}
+
+TEST(UncachedFileOnABadDisk, SaysThatTheDiskIsFull) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root";
+    const TempFolder folder;
+    ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=1500k"), 0);
+    for (const CacheMode mode : {CacheMode::direct, CacheMode::dropBehind})
+        try {
+            UncachedWriter writer(folder / "file", UncachedWriter::Open::createOrTruncate, mode);
+            writeBlocks(writer, bytes(4, 2 * block)); // the second block fits in part
+            ADD_FAILURE() << "wrote more than there is room for";
+        } catch (const IOError& error) {
+            EXPECT_EQ(error.op(), "write");
+            EXPECT_EQ(error.code(), ENOSPC);
+        }
+    ::umount(folder.path().c_str());
+}
+
+TEST(AlignedBuffer, IsAlignedZeroedAndMovable) {
+    for (const std::size_t size : {std::size_t{1}, std::size_t{4096}, std::size_t{5000}, std::size_t{16} << 20}) {
+        AlignedBuffer buffer = IO::allocateAligned(size);
+        const std::size_t alignment = size < (2 << 20) ? 4096 : 2 << 20;
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % alignment, 0U);
+        EXPECT_TRUE(std::ranges::all_of(buffer.span(), [](std::byte b) { return b == std::byte{0}; }));
+        std::memset(buffer.data(), 1, size);
+        AlignedBuffer other = std::move(buffer);
+        EXPECT_EQ(other.size(), size);
+        EXPECT_EQ(other.data()[size - 1], std::byte{1});
+        EXPECT_EQ(buffer.data(), nullptr); // NOLINT(bugprone-use-after-move): it must be empty, not shared
+    }
+    EXPECT_THROW(IO::allocateAligned(SIZE_MAX - 10), std::bad_alloc);
+}
+
+TEST(ThreadPriority, LowersTheCallingThreadOnly) {
+    const auto priority = [] { return ::syscall(SYS_ioprio_get, 1 /* who: process */, 0); };
+    const long before = priority();
+    std::thread([&] {
+        EXPECT_TRUE(ThreadPriority::lowerDiskPriority());
+        EXPECT_EQ(priority(), 2 << 13 | 7) << "best effort, lowest level";
+    }).join();
+    EXPECT_EQ(priority(), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(On, UncachedFile,

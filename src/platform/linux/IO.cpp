@@ -90,10 +90,11 @@ void mkdirs(const std::string& path) {
 
 void renameNoReplace(const std::string& from, const std::string& to) {
     int code = RenameNoReplace::byKernel(from, to);
-    if (code == EINVAL || code == ENOSYS)
+    if (code == EINVAL || code == ENOSYS) {
         code = RenameNoReplace::byLink(from, to);
-    if (code == EPERM || code == ENOSYS || code == EOPNOTSUPP || code == EMLINK || code == EINVAL)
-        code = RenameNoReplace::byPlaceholder(from, to);
+        if (code == EPERM || code == ENOSYS || code == EOPNOTSUPP || code == EMLINK || code == EINVAL)
+            code = RenameNoReplace::byPlaceholder(from, to);
+    }
     if (code != 0)
         throw IOError("rename", to, code);
 }
