@@ -28,7 +28,7 @@ struct FirstPass {
 };
 
 // Throws Cancelled.
-FirstPass readWhole(UncachedReader& file, std::span<std::byte> buffer, std::int64_t blockSize,
+FirstPass readWhole(UncachedReader& file, std::span<std::byte> buffer, std::int64_t size, std::int64_t blockSize,
                     const ReadBack::Hooks& hooks) {
     FirstPass pass;
     MultiHasher hasher(HashKinds::xxh64, blockSize, true);
@@ -36,7 +36,12 @@ FirstPass readWhole(UncachedReader& file, std::span<std::byte> buffer, std::int6
         if (hooks.isCancelled && hooks.isCancelled()) {
             throw Cancelled();
         }
-        const std::size_t got = file.readAt(buffer, pass.bytes);
+        // No more is asked for than the file holds: Linux zeroes what a direct read leaves of a buffer behind the end
+        // of a file, and for a small file that costs far more than reading it.
+        constexpr std::int64_t unit = 4096;
+        const std::int64_t left = std::max<std::int64_t>(unit, (size - pass.bytes + unit - 1) / unit * unit);
+        const auto piece = buffer.first(std::min(buffer.size(), static_cast<std::size_t>(left)));
+        const std::size_t got = file.readAt(piece, pass.bytes);
         if (got > 0) {
             hasher.update(buffer.data(), static_cast<std::int64_t>(got));
             pass.bytes += static_cast<std::int64_t>(got);
@@ -44,7 +49,7 @@ FirstPass readWhole(UncachedReader& file, std::span<std::byte> buffer, std::int6
                 hooks.progress(static_cast<std::int64_t>(got));
             }
         }
-        if (got < buffer.size()) {
+        if (got < piece.size()) {
             break;
         }
     }
@@ -103,7 +108,7 @@ ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::strin
         outcome.throughCache = !CacheProbe::readsFromDisk(path);
         const std::int64_t blockSize =
             expected.blockSize > 0 ? expected.blockSize : static_cast<std::int64_t>(buffer_.size());
-        FirstPass pass = readWhole(file, buffer_, blockSize, hooks);
+        FirstPass pass = readWhole(file, buffer_, expected.size, blockSize, hooks);
         if (pass.bytes != expected.size) {
             outcome.result = failed(sizeMismatch(pass.bytes, expected.size));
         } else if (expected.xxh64 && pass.hashes.xxh64 == expected.xxh64) {

@@ -338,11 +338,17 @@ std::int64_t CopyRun::startLarge(const Task& task) {
 // Returns the offset at which the file, or the run, ended.
 std::int64_t CopyRun::readBlocks(const Task& task, SourceReader& reader, std::int64_t offset) {
     const SourceFile& file = plan_->scan.files[task.file];
+    // Linux zeroes what a direct read leaves of a buffer behind the end of a file: the last block asks for its own
+    // length only.
+    const auto roomFor = [&](std::int64_t left) {
+        constexpr std::int64_t unit = 4096;
+        return static_cast<std::size_t>(std::min((left + unit - 1) / unit * unit, engine_.options_.chunkSize));
+    };
     while (offset < file.size && !isCancelled()) {
         Chunk& chunk = takeChunk(0, false);
         std::size_t got = 0;
         try {
-            got = reader.read(chunk.memory(), offset);
+            got = reader.read(chunk.memory().first(roomFor(file.size - offset)), offset);
         } catch (...) {
             chunk.release();
             throw;

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "blocks/ManifestFile.h"
+#include "engine/OffloadEngine.h"
+#include "engine/RunRecorder.h"
+#include "platform/IO.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+#include "support/FileTree.h"
+#include "support/TempFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace velmora::test {
+
+// Remembers what it was asked to record; can refuse one folder.
+struct Recorder : RunRecorder {
+    std::vector<std::pair<Stage, std::string>> calls;
+    std::string refuse;
+    void write(Stage stage, const OffloadReport&, const std::string& cardPath) override {
+        if (!refuse.empty() && cardPath.starts_with(refuse))
+            throw IOError("open", cardPath, EROFS);
+        calls.emplace_back(stage, cardPath);
+    }
+};
+
+// A card and two destinations in folders of their own; small blocks, so that small files have many.
+class CopyTest : public ::testing::Test {
+protected:
+    CopyTest() {
+        options.chunkSize = 4096;
+        options.bufferCount = 4;
+        options.allowSameDevice = options.allowSourceVolume = true;
+        for (const char* name : {"a", "b"}) {
+            IO::mkdirs(temp / name);
+            roots.push_back(temp / name);
+        }
+        IO::mkdirs(card());
+    }
+    std::string card() const { return temp / "card"; }
+    void put(const std::string& path, std::size_t size, std::uint64_t seed = 1) {
+        FileTree::make(card(), {{path, size}}, seed);
+    }
+    OffloadReport run() { return run(OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"})); }
+    OffloadReport run(OffloadPlan plan) {
+        engine = std::make_unique<OffloadEngine>(options);
+        if (prepareEngine)
+            prepareEngine(*engine);
+        return engine->run(std::move(plan), recorder);
+    }
+    // The card folder of a destination, as the last run named it.
+    std::string dest(std::size_t d) const { return engine->plan()->cardPaths()[d]; }
+    // What the card holds, and what a destination holds besides records.
+    std::map<std::string, std::string> cardTree() const { return FileTree::contents(card()); }
+    std::map<std::string, std::string> destTree(const std::string& cardPath) const {
+        auto tree = FileTree::contents(cardPath);
+        std::erase_if(tree, [](const auto& entry) { return entry.first.starts_with("_REPORT/"); });
+        return tree;
+    }
+    static std::vector<ManifestRecord> lines(const std::string& cardPath, std::string_view kind) {
+        std::vector<ManifestRecord> found = ManifestFile::read(cardPath);
+        std::erase_if(found, [&](const ManifestRecord& record) { return record.kind != kind; });
+        return found;
+    }
+    static const OffloadReport::FileEntry& entry(const OffloadReport& report, const std::string& path) {
+        for (const auto& file : report.files)
+            if (file.path == path)
+                return file;
+        throw std::runtime_error("not in the report: " + path);
+    }
+
+    TempFolder temp;
+    std::vector<std::string> roots;
+    OffloadOptions options;
+    Recorder recorder;
+    std::unique_ptr<OffloadEngine> engine;
+    std::function<void(OffloadEngine&)> prepareEngine;
+};
+
+} // namespace velmora::test

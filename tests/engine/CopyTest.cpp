@@ -1,0 +1,374 @@
+#include "engine/CopyFixture.h"
+
+#include "base/Hex.h"
+#include "blocks/HashStreams.h"
+#include "support/LoopImage.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace velmora::test {
+
+namespace {
+
+std::string xxh64Of(const std::string& bytes) {
+    XXH64Stream stream;
+    stream.update(bytes.data(), bytes.size());
+    return fmt::format("{:016x}", stream.digest());
+}
+
+struct Blocks {
+    std::int64_t block;
+    std::int64_t buffers;
+    std::int64_t threshold; // for a flush of its own
+};
+
+class CopySizes : public CopyTest, public ::testing::WithParamInterface<Blocks> {};
+
+} // namespace
+
+// Every size around the edges, in one tree: byte-equal files with equal times, empty folders, no temporary names, and
+// records that say what is there.
+TEST_P(CopySizes, LeaveTheSameTreeAndTrueRecords) {
+    const Blocks& p = GetParam();
+    options.chunkSize = p.block;
+    options.bufferCount = p.buffers;
+    options.fullSyncThreshold = p.threshold;
+    options.checkpointBlocks = 3;
+    const auto block = static_cast<std::size_t>(p.block);
+    std::vector<FileTree::File> files{{"empty folder/", 0}, {"A/deep/er/é ü 🎬 & <\"'>.mov", 77}};
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4095}, std::size_t{4096}, block - 1,
+                                   block, block + 1, 2 * block, 7 * block + 13})
+        files.push_back({fmt::format("DCIM/{}.bin", size), size});
+    FileTree::make(card(), files);
+    FileTree::write(card() + "/before1970.bin", "old", -1'000'000);
+
+    const OffloadReport report = run();
+
+    EXPECT_TRUE(report.safeToFormat());
+    EXPECT_EQ(engine->snapshot().phase, ProgressSnapshot::Phase::done);
+    EXPECT_EQ(engine->snapshot().readBytes, report.totalBytes);
+    for (std::size_t d = 0; d < 2; ++d) {
+        EXPECT_EQ(destTree(dest(d)).size(), cardTree().size() + 1) << "and _REPORT";
+        for (const auto& [path, content] : cardTree())
+            EXPECT_TRUE(destTree(dest(d))[path] == content) << path;
+        const auto records = lines(dest(d), ManifestRecord::fileKind);
+        EXPECT_EQ(records.size(), report.files.size());
+        for (const ManifestRecord& record : records) {
+            const std::string bytes = FileTree::read(card() + "/" + record.path);
+            EXPECT_EQ(record.xxh64, xxh64Of(bytes)) << record.path;
+            EXPECT_EQ(entry(report, record.path).xxh64, record.xxh64);
+            std::vector<std::uint64_t> blocks;
+            for (std::size_t at = 0; at < bytes.size(); at += block)
+                blocks.push_back(blockHash(bytes.data() + at, std::min(block, bytes.size() - at)));
+            EXPECT_EQ(record.blockValues(), blocks) << record.path;
+            EXPECT_EQ(IO::stat(dest(d) + "/" + record.path).modified, IO::stat(card() + "/" + record.path).modified);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Copy, CopySizes,
+                         ::testing::Values(Blocks{4096, 2, 1 << 28}, Blocks{8192, 3, 5000}, Blocks{1 << 20, 2, 1},
+                                           Blocks{16 << 20, 2, 1 << 25}, Blocks{64 << 20, 2, 1 << 28}));
+
+TEST_F(CopyTest, ClaimsItsFolderAgainstARunThatPreparedTheSameName) {
+    put("one.bin", 100);
+    const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
+    // Another run takes the name on the second disk only.
+    FileTree::write(temp / "b/2026-03-14/C/theirs.bin", "x");
+    EXPECT_TRUE(run(plan).safeToFormat());
+    EXPECT_EQ(engine->plan()->cardName, "C_2");
+    EXPECT_TRUE(IO::exists(dest(0) + "/one.bin"));
+    EXPECT_FALSE(IO::exists(temp / "a/2026-03-14/C")) << "what was taken of the lost name is given back";
+    EXPECT_FALSE(IO::exists(temp / "b/2026-03-14/C/one.bin"));
+}
+
+TEST_F(CopyTest, TwoRunsAtOnceNeverMix) {
+    for (int i = 0; i < 40; ++i)
+        put(fmt::format("f{}.bin", i), 5000);
+    const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
+    OffloadPlan turned = plan;
+    std::swap(turned.destRoots[0], turned.destRoots[1]);
+    std::vector<std::thread> runs;
+    for (int i = 0; i < 6; ++i)
+        runs.emplace_back([&, mine = i % 2 ? plan : turned] {
+            Recorder own;
+            OffloadEngine other(options);
+            EXPECT_TRUE(other.run(mine, own).safeToFormat());
+        });
+    for (std::thread& thread : runs)
+        thread.join();
+    for (const std::string& root : roots) {
+        EXPECT_EQ(IO::list(root + "/2026-03-14").size(), 6U);
+        for (const IOEntry& folder : IO::list(root + "/2026-03-14"))
+            EXPECT_EQ(lines(root + "/2026-03-14/" + folder.name, ManifestRecord::fileKind).size(), 40U) << folder.name;
+    }
+}
+
+TEST_F(CopyTest, NeverReplacesWhatIsNotOfItsMaking) {
+    put("a.bin", 9000, 1);
+    put("b.bin", 9000, 2);
+    put("c.bin", 9000, 3);
+    options.beforeFileCopy = [&](std::int64_t file) {
+        if (file == 0)
+            FileTree::write(engine->plan()->cardPaths()[0] + "/b.bin", "foreign");
+    };
+    const OffloadReport report = run();
+    EXPECT_EQ(FileTree::read(dest(0) + "/b.bin"), "foreign");
+    EXPECT_EQ(entry(report, "b.bin").errors[0], "file appeared meanwhile: " + dest(0) + "/b.bin");
+    EXPECT_EQ(entry(report, "b.bin").destinations, (std::vector<std::string>{"failed", "verified"}));
+    EXPECT_EQ(report.failedFiles().size(), 1U);
+    EXPECT_FALSE(IO::exists(dest(0) + "/.b.bin.offload-part"));
+    EXPECT_EQ(lines(dest(0), "file").size(), 2U);
+}
+
+// Names of the card that look like this program's own must come through, or fail loudly; never take another file down.
+TEST_F(CopyTest, KeepsCardFilesThatCarryItsOwnTemporaryNames) {
+    put(".A.MOV.offload-part", 300, 1);
+    put("A.MOV", 400, 2);
+    put(".offload-flush", 500, 3);
+    put(std::string(250, 'n') + ".bin", 600, 4);
+    const OffloadReport report = run();
+    EXPECT_EQ(FileTree::read(dest(0) + "/.A.MOV.offload-part"), FileTree::read(card() + "/.A.MOV.offload-part"));
+    EXPECT_EQ(FileTree::read(dest(0) + "/.offload-flush"), FileTree::read(card() + "/.offload-flush"));
+    EXPECT_EQ(entry(report, std::string(250, 'n') + ".bin").destinations[0], "verified");
+    EXPECT_EQ(entry(report, "A.MOV").errors[0],
+              "the temporary copy name .A.MOV.offload-part is another file of the card");
+    EXPECT_EQ(report.failedFiles().size(), 1U);
+}
+
+TEST_F(CopyTest, OneDestinationFailsAndTheOtherStaysWhole) {
+    struct Case {
+        const char* name;
+        std::function<void()> harm;
+        std::size_t lost; // files on the first destination
+    };
+    const auto fresh = [&](auto harm) {
+        return [this, harm] { options.beforeFileCopy = [this, harm](std::int64_t file) { harm(file); }; };
+    };
+    const Case cases[] = {
+        {"one folder is gone", fresh([this](std::int64_t file) {
+             if (file == 1)
+                 std::filesystem::remove_all(dest(0) + "/B");
+         }),
+         2},
+        {"the part of one file cannot be made", fresh([this](std::int64_t file) {
+             if (file == 0)
+                 IO::mkdirs(dest(0) + "/B/.1.bin.offload-part");
+         }),
+         1},
+        {"the root is a file in the end",
+         [this] {
+             std::filesystem::remove_all(roots[0]);
+             FileTree::write(roots[0], "no folder");
+         },
+         5},
+    };
+    for (const char* path : {"A/0.bin", "B/1.bin", "B/2.bin", "C/3.bin", "C/4.bin"})
+        put(path, 20000);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        options.beforeFileCopy = {};
+        const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
+        c.harm();
+        const OffloadReport report = run(plan);
+        EXPECT_EQ(report.failedFiles().size(), c.lost);
+        EXPECT_EQ(report.destinations[0].filesFailed, static_cast<std::int64_t>(c.lost));
+        EXPECT_EQ(report.destinations[1].filesOK, 5);
+        EXPECT_FALSE(report.safeToFormat());
+        EXPECT_EQ(lines(dest(1), "file").size(), 5U);
+        for (const auto* file : report.failedFiles())
+            EXPECT_TRUE(file->errors[0] && !file->errors[1] && !file->sourceError) << file->path;
+    }
+}
+
+TEST_F(CopyTest, FullDiskKeepsWhatFitted) {
+    if (const auto why = LoopImage::unavailable(LoopImage::Kind::ext4))
+        GTEST_SKIP() << *why;
+    const LoopImage disk(LoopImage::Kind::ext4, 32);
+    roots[0] = disk.path();
+    options.chunkSize = 1 << 20;
+    put("1 small.bin", 30000);
+    put("2 large.bin", 40 << 20);
+    put("3 small.bin", 30000);
+    const OffloadReport report = run();
+    EXPECT_THAT(entry(report, "2 large.bin").errors[0].value_or(""), ::testing::HasSubstr("errno 28"));
+    EXPECT_EQ(report.failedFiles().size(), 1U);
+    EXPECT_EQ(report.destinations[1].filesFailed, 0);
+    EXPECT_EQ(lines(dest(0), "file").size(), 2U);
+    EXPECT_FALSE(IO::exists(dest(0) + "/.2 large.bin.offload-part"));
+}
+
+TEST_F(CopyTest, SourceTroubleFailsTheFileEverywhereAndNothingElse) {
+    for (const char* path : {"1.bin", "2.bin", "3.bin", "4.bin", "5.bin", "6.bin"})
+        put(path, 3 * 4096);
+    put("small.bin", 100);
+    const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
+    std::filesystem::remove(card() + "/1.bin");
+    std::filesystem::resize_file(card() + "/2.bin", 5000);
+    FileTree::write(card() + "/3.bin", std::string(3 * 4096, 'x'), 1'700'000'000);
+    std::filesystem::remove(card() + "/4.bin");
+    std::filesystem::create_symlink("5.bin", card() + "/4.bin");
+    std::filesystem::resize_file(card() + "/small.bin", 101);
+    std::filesystem::resize_file(card() + "/6.bin", 4 * 4096);
+    const OffloadReport report = run(plan);
+    const auto why = [&](const std::string& path) { return entry(report, path).sourceError.value_or(""); };
+    EXPECT_THAT(why("1.bin"), ::testing::HasSubstr("open " + card() + "/1.bin"));
+    EXPECT_EQ(why("2.bin"), "source size changed during copy (12288 != 5000)");
+    EXPECT_THAT(why("3.bin"), ::testing::HasSubstr("source changed during copy (modified"));
+    EXPECT_THAT(why("4.bin"), ::testing::HasSubstr("errno 40")) << "a link is not followed";
+    EXPECT_EQ(why("small.bin"), "source size changed during copy (100 != 101)");
+    EXPECT_EQ(why("6.bin"), "source size changed during copy (12288 != 16384)");
+    EXPECT_EQ(entry(report, "5.bin").destinations, (std::vector<std::string>{"verified", "verified"}));
+    EXPECT_EQ(report.failedFiles().size(), 6U);
+    for (std::size_t d = 0; d < 2; ++d)
+        EXPECT_EQ(destTree(dest(d)).size(), 2U) << "5.bin and _REPORT: no part file remains";
+}
+
+TEST_F(CopyTest, CancelKeepsWhatIsCompleteAndNoPartFile) {
+    for (int i = 0; i < 4; ++i)
+        put(fmt::format("{}.bin", i), 10 * 4096);
+    prepareEngine = [&](OffloadEngine& e) {
+        e.options().afterChunkRead = [&](std::int64_t blocks) {
+            if (blocks == 25)
+                e.cancel();
+        };
+    };
+    const OffloadReport report = run();
+    EXPECT_FALSE(report.verified);
+    EXPECT_EQ(report.failedFiles().size(), 2U);
+    EXPECT_EQ(entry(report, "1.bin").destinations[0], "written");
+    EXPECT_EQ(entry(report, "2.bin").sourceError, "cancelled");
+    EXPECT_EQ(entry(report, "3.bin").sourceError, "cancelled");
+    for (std::size_t d = 0; d < 2; ++d) {
+        EXPECT_EQ(destTree(dest(d)).size(), 3U) << "two files and _REPORT";
+        EXPECT_EQ(lines(dest(d), "file").size(), 2U);
+    }
+    EXPECT_EQ(recorder.calls.size(), 2U);
+    EXPECT_EQ(recorder.calls[0].first, RunRecorder::Stage::unverified);
+}
+
+TEST_F(CopyTest, ReaderStopsWhenTheBuffersAreOutAndGoesOnWithTheDisk) {
+    options.bufferCount = 2;
+    put("a.bin", 8 * 4096);
+    std::atomic<std::int64_t> read{0};
+    std::atomic<bool> stalled{true};
+    std::int64_t readWhileStalled = 0;
+    prepareEngine = [&](OffloadEngine& e) {
+        e.options().afterChunkRead = [&](std::int64_t blocks) { read = blocks; };
+        e.options().checkpointBlocks = 1;
+        e.setBeforeRename([&](std::size_t, std::size_t file, const std::string&) {
+            if (file != 0)
+                return;
+            while (stalled)
+                std::this_thread::yield();
+        });
+    };
+    put("b.bin", 8 * 4096); // behind a.bin, whose rename is held up on both disks
+    std::thread watch([&] {
+        for (std::int64_t last = -1; last != read || last < 9;) {
+            last = read;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+        readWhileStalled = read;
+        stalled = false;
+    });
+    const OffloadReport report = run();
+    watch.join();
+    EXPECT_EQ(readWhileStalled, 8 + 2);
+    EXPECT_TRUE(report.safeToFormat());
+}
+
+TEST_F(CopyTest, PauseHoldsBetweenFilesAndNoticesAnotherCard) {
+    struct Case {
+        std::vector<std::optional<std::string>> identities; // at the start, then after the pause
+        std::size_t failed;
+    };
+    const Case cases[] = {
+        {{"X", "X"}, 0},           {{"X", std::nullopt, "Y", "X"}, 0}, // a volume that needs a moment
+        {{"X", "Y", "Y", "Y"}, 2}, {{"X", std::nullopt, std::nullopt, std::nullopt}, 2},
+        {{std::nullopt, "Y"}, 0}, // nothing to compare with
+    };
+    for (int i = 0; i < 4; ++i)
+        put(fmt::format("{}.bin", i), 10000);
+    for (const Case& c : cases) {
+        std::size_t asked = 0;
+        prepareEngine = [&](OffloadEngine& e) {
+            e.options().cardIdentity = [&](const std::string&) { return c.identities.at(asked++); };
+            e.options().beforeFileCopy = [&e](std::int64_t file) {
+                if (file != 2)
+                    return;
+                e.pauses().pause();
+                std::thread([&e] {
+                    while (!e.pauses().isHeld())
+                        std::this_thread::yield();
+                    EXPECT_EQ(e.snapshot().writtenBytes, (std::vector<std::int64_t>{20000, 20000}));
+                    e.pauses().resume();
+                }).detach();
+            };
+        };
+        const OffloadReport report = run();
+        EXPECT_EQ(report.failedFiles().size(), c.failed);
+        EXPECT_EQ(engine->cardChanged(), c.failed > 0);
+        EXPECT_GT(report.copyPausedSeconds.value_or(0), 0);
+        if (c.failed > 0) {
+            EXPECT_EQ(entry(report, "2.bin").sourceError, "card changed while paused");
+        } else {
+            EXPECT_EQ(asked, c.identities.size() - (c.identities[0] ? 0 : 1));
+        }
+    }
+}
+
+TEST_F(CopyTest, AReportThatIsNotWrittenEverywhereIsNoVerdict) {
+    put("a.bin", 100);
+    recorder.refuse = roots[0];
+    const OffloadReport report = run();
+    EXPECT_EQ(engine->reportProblems().size(), 1U);
+    EXPECT_THAT(engine->reportProblems()[0], ::testing::StartsWith("Could not write the report: "));
+    EXPECT_EQ(recorder.calls.size(), 1U);
+    EXPECT_TRUE(report.success());
+    EXPECT_FALSE(report.safeToFormat());
+}
+
+TEST_F(CopyTest, DeferredVerificationLeavesAProvisionalRecord) {
+    put("a.bin", 9000);
+    options.deferVerify = true;
+    bool asked = false;
+    prepareEngine = [&](OffloadEngine& e) { e.setBeforePendingReports([&] { asked = recorder.calls.empty(); }); };
+    const OffloadReport report = run();
+    EXPECT_TRUE(asked) << "before the first report";
+    EXPECT_EQ(report.verifyPending, true);
+    EXPECT_EQ(recorder.calls.at(1).first, RunRecorder::Stage::pending);
+    EXPECT_EQ(engine->fileBlocks().at(0).size(), 3U);
+    EXPECT_GT(engine->writeRates().at(0), 0);
+}
+
+// A bit that flips on a disk between copy and read-back, in the first, a middle and the last block.
+TEST_F(CopyTest, ReadBackFindsAFlippedBitAndNamesItsBlock) {
+    for (const std::int64_t offset : {std::int64_t{0}, std::int64_t{5 * 4096 + 77}, std::int64_t{9 * 4096 + 99}}) {
+        put("a.bin", 9 * 4096 + 100);
+        put("b.bin", 50);
+        options.deferVerify = options.verify = false;
+        prepareEngine = [&](OffloadEngine& e) {
+            e.options().verify = true;
+            e.options().afterVerifyChunk = [&, done = false]() mutable {
+                if (!std::exchange(done, true))
+                    FileTree::flipBit(dest(1) + "/b.bin", 7);
+            };
+            e.setBeforeRename([&, offset](std::size_t d, std::size_t file, const std::string& path) {
+                if (d == 1 && file == 0)
+                    FileTree::flipBit(path.substr(0, path.rfind('/')) + "/.a.bin.offload-part", offset);
+            });
+        };
+        const OffloadReport report = run();
+        EXPECT_THAT(entry(report, "a.bin").errors[1].value_or(""),
+                    ::testing::StartsWith(fmt::format("HASH MISMATCH: block {} dest ", offset / 4096)));
+        EXPECT_EQ(entry(report, "a.bin").destinations[0], "verified");
+        EXPECT_FALSE(report.safeToFormat());
+    }
+}
+
+} // namespace velmora::test
