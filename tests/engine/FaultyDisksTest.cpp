@@ -29,6 +29,7 @@ protected:
 
 TEST_F(FaultyDisks, ASourceErrorThatClearsLeavesNoTraceAndOneThatStaysFailsItsFile) {
     for (const std::int64_t times : {2, 3, 4}) {
+        disk.emplace();
         for (const auto& [path, content] : cardTree())
             if (!path.ends_with('/'))
                 FileTree::write(disk->root() + "/" + path, content);
@@ -53,20 +54,23 @@ TEST_F(FaultyDisks, ADestinationThatFailsLosesItsOwnFilesOnly) {
         const char* name;
         std::function<void()> harm;
         std::set<std::string> lost;
+        std::int64_t threshold = 1 << 28;
     };
     const std::set<std::string> all{"A/1.bin", "A/2.bin", "B/3.bin", "B/small.bin"};
     const Case cases[] = {
         {"write", [&] { disk->fail(EIO, {.ops = "write", .skip = 2, .pattern = "*/.2.bin.*"}); }, {"A/2.bin"}},
         {"short write", [&] { disk->cutShort(512, {.ops = "write", .pattern = "*/.2.bin.*"}); }, {}},
         {"open", [&] { disk->fail(EACCES, {.ops = "create", .pattern = "*/.3.bin.*"}); }, {"B/3.bin"}},
-        {"fsync", [&] { disk->fail(EIO, {.ops = "fsync", .pattern = "*/.1.bin.*"}); }, {"A/1.bin"}},
+        {"fsync", [&] { disk->fail(EIO, {.ops = "fsync", .pattern = "*/.1.bin.*"}); }, {"A/1.bin"}, 4096},
         {"rename", [&] { disk->fail(EIO, {.ops = "rename", .pattern = "*/.3.bin.*"}); }, {"B/3.bin"}},
         {"read-back", [&] { disk->fail(EIO, {.ops = "read", .times = 0, .pattern = "*/3.bin"}); }, {"B/3.bin"}},
         {"bit flipped on reading", [&] { disk->flip({.ops = "read", .times = 0, .pattern = "*/2.bin"}); }, {"A/2.bin"}},
         {"bit flipped once", [&] { disk->flip({.ops = "read", .pattern = "*/2.bin"}); }, {}},
         {"bit flipped on writing", [&] { disk->flip({.ops = "write", .pattern = "*/.1.bin.*"}); }, {"A/1.bin"}},
-        {"device flush", [&] { disk->fail(EIO, {.ops = "fsync", .pattern = "*/.offload-flush"}); }, all},
-        {"names not flushed", [&] { disk->fail(EIO, {.ops = "fsyncdir", .pattern = "*/A"}); }, all},
+        {"flush file", [&] { disk->fail(EIO, {.ops = "fsync", .pattern = "*/.offload-flush"}); }, all},
+        {"device flush", [&] { disk->fail(EIO, {.ops = "syncfs"}); }, all},
+        {"device flush behind large files", [&] { disk->fail(EIO, {.ops = "syncfs"}); }, {"B/small.bin"}, 4096},
+        {"names not flushed", [&] { disk->fail(EIO, {.ops = "fsyncdir", .pattern = "*/A"}); }, {"A/1.bin"}, 4096},
         {"read-only", [&] { disk->turnReadOnly({.ops = "write", .pattern = "*/.3.bin.*"}); }, all},
         {"pulled", [&] { disk->vanish({.ops = "write", .pattern = "*/.3.bin.*"}); }, all},
     };
@@ -75,6 +79,7 @@ TEST_F(FaultyDisks, ADestinationThatFailsLosesItsOwnFilesOnly) {
         SCOPED_TRACE(c.name);
         disk.emplace();
         roots[0] = disk->root();
+        options.fullSyncThreshold = c.threshold;
         OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
         c.harm();
         const OffloadReport report = run(plan);
@@ -103,6 +108,7 @@ TEST_F(FaultyDisks, NoLinePromisesWhatACrashTakesBack) {
     options.fullSyncThreshold = 5 * 4096;
     const auto content = cardTree();
     DurableOperation copy;
+    copy.prepare = [](const std::string&) {};
     copy.work = [&](const std::string& root) {
         OffloadOptions quiet = options;
         quiet.verify = false;
