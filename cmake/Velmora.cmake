@@ -40,6 +40,10 @@ endif()
 
 # What one folder finds, its neighbours and the tests may link.
 set(CMAKE_FIND_PACKAGE_TARGETS_GLOBAL ON)
+# Debian's Python modules (xxhash, dbusmock) belong to Debian's interpreter, whatever else the path holds.
+if(EXISTS /usr/bin/python3)
+  set(Python3_EXECUTABLE /usr/bin/python3 CACHE FILEPATH "Interpreter of the tests")
+endif()
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 
