@@ -4,6 +4,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
+#include "settings/AppSupport.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -87,6 +88,7 @@ int runCommandLine(int argc, const char* const* argv) {
     } catch (const CLI::ParseError& error) {
         return answerParse(program, error, console);
     }
+    AppSupport::migrateFromOffload([&](std::string_view line) { console.log(line); });
     CommandContext context{console, interrupts};
     for (const auto& [app, command] : declared) {
         if (app->parsed())

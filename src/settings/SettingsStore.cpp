@@ -223,8 +223,8 @@ void normalize(AppSettings& settings, const IsKnownLut& isKnownLut) {
     chooseOr(settings.appearance, SettingsFields::appearances, defaults.appearance);
 }
 
-AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut) {
-    return loadFile(folder + "/" + std::string(fileName), isKnownLut, nullptr);
+AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut, bool* damaged) {
+    return loadFile(folder + "/" + std::string(fileName), isKnownLut, damaged);
 }
 
 AppSettings update(const std::string& folder, const std::function<void(AppSettings&)>& change,

@@ -36,7 +36,7 @@ std::string encode(const AppSettings& settings);
 void normalize(AppSettings& settings, const IsKnownLut& isKnownLut = {});
 
 // The settings of a folder, the defaults when there are none. Throws IOError when the file is there and cannot be read.
-AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut = {});
+AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut = {}, bool* damaged = nullptr);
 // Reads, changes and writes under a lock between processes, so that two changes at once both survive. A document that
 // is no JSON object is renamed to "settings.json.corrupt-{yyyyMMdd-HHmmss}" first and the log says so. Throws IOError,
 // and what `change` throws; then nothing is written.

@@ -1,0 +1,104 @@
+#include "base/Text.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "settings/AppSupport.h"
+#include "settings/SettingsKeys.h"
+#include "settings/SettingsStore.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace velmora {
+
+namespace {
+
+class SettingsCommand : public Command {
+public:
+    CLI::App* declare(CLI::App& program) override {
+        CLI::App* app = program.add_subcommand("settings", "Show the settings, or set one");
+        app->add_option("KEY", key_, "A setting, as the list shows it; without it all are listed");
+        app->add_option("VALUE", values_,
+                        "The new value; several for a list, key=name for portNames. One empty value (\"\") makes an "
+                        "optional setting empty");
+        app->add_flag("--reset", reset_, "Set the default again");
+        app->add_flag("--json", json_, "Print JSON instead: one object for each setting");
+        app->footer("Examples:\n"
+                    "  velmora settings\n"
+                    "  velmora settings proxy.height 720\n"
+                    "  velmora settings destRoots /mnt/raid /mnt/shuttle\n"
+                    "  velmora settings proxy.height --reset");
+        return app;
+    }
+
+    ExitStatus run(CommandContext& context) override {
+        if (reset_ && (key_.empty() || !values_.empty()))
+            throw UsageError("--reset takes the name of one setting and no value.");
+        try {
+            if (reset_ || !values_.empty())
+                change(context.console);
+            else
+                show(context.console);
+        } catch (const SettingsError& error) {
+            throw UsageError(error.what());
+        }
+        return ExitStatus::ok;
+    }
+
+private:
+    void change(Console& console) {
+        const AppSettings settings = SettingsStore::update(
+            AppSupport::folder(),
+            [this](AppSettings& s) { reset_ ? SettingsKeys::reset(s, key_) : SettingsKeys::set(s, key_, values_); }, {},
+            [&](std::string_view line) { console.log(line); });
+        print(console, SettingsKeys::show(settings, key_), key_.size());
+    }
+
+    void show(Console& console) {
+        bool damaged = false;
+        const AppSettings settings = SettingsStore::load(AppSupport::folder(), {}, &damaged);
+        if (damaged)
+            console.log("settings: settings.json is damaged; these are the defaults. The next change sets it aside.");
+        if (!key_.empty()) {
+            const SettingLine line = SettingsKeys::show(settings, key_);
+            print(console, line, key_.size());
+            if (!json_)
+                console.print("May be: " + line.allowed);
+            return;
+        }
+        const auto lines = SettingsKeys::list(settings);
+        std::size_t width = 0;
+        for (const SettingLine& line : lines)
+            width = std::max(width, line.key.size());
+        for (const SettingLine& line : lines)
+            print(console, line, width);
+    }
+
+    void print(Console& console, const SettingLine& line, std::size_t width) const {
+        if (json_) {
+            console.event({{"event", "setting"},
+                           {"key", line.key},
+                           {"values", line.values},
+                           {"allowed", line.allowed},
+                           {"default", line.isDefault},
+                           {"unreadable", line.unreadable}});
+            return;
+        }
+        std::string text = fmt::format("{:<{}}  {}", line.key, width,
+                                       line.values.empty() ? "-" : escapeForDisplay(join(line.values, ", ")));
+        if (line.unreadable)
+            text += "  (the file holds something that this version does not understand; it is kept)";
+        console.print(text);
+    }
+
+    std::string key_;
+    std::vector<std::string> values_;
+    bool reset_ = false;
+    bool json_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeSettingsCommand() { return std::make_unique<SettingsCommand>(); }
+
+} // namespace velmora
