@@ -9,6 +9,7 @@ namespace velmora::AppSupportFolder {
 namespace {
 
 std::string variable(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the product never changes its environment
     const char* value = std::getenv(name);
     return value == nullptr ? "" : value;
 }

@@ -1,7 +1,7 @@
 #include "platform/linux/Bus.h"
 
 #include <cstdint>
-#include <cstring>
+#include <system_error>
 
 namespace velmora {
 
@@ -10,7 +10,7 @@ std::string BusError::text(int result) const {
         return error_.message;
     if (error_.name != nullptr)
         return error_.name;
-    return std::strerror(result < 0 ? -result : result);
+    return std::generic_category().message(result < 0 ? -result : result);
 }
 
 BusHandle openSystemBus(unsigned timeoutSeconds, std::string& problem) {
@@ -18,7 +18,7 @@ BusHandle openSystemBus(unsigned timeoutSeconds, std::string& problem) {
     const int result = sd_bus_open_system(&bus);
     BusHandle handle(bus);
     if (result < 0) {
-        problem = std::string("no system bus: ") + std::strerror(-result);
+        problem = "no system bus: " + std::generic_category().message(-result);
         return nullptr;
     }
     sd_bus_set_method_call_timeout(bus, std::uint64_t{timeoutSeconds} * 1'000'000);

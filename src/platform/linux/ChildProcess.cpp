@@ -5,15 +5,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <thread>
+#include <system_error>
 
 namespace velmora {
 
@@ -137,7 +136,9 @@ struct ChildProcess::State {
 };
 
 ChildProcess::ChildProcess(Options options) {
-    const auto refuse = [&](int code) -> ToolError { return {toolName(options.program), -1, std::strerror(code)}; };
+    const auto refuse = [&](int code) -> ToolError {
+        return {toolName(options.program), -1, std::generic_category().message(code)};
+    };
     int output[2];
     int error[2] = {-1, -1};
     if (::pipe2(output, O_CLOEXEC) != 0)

@@ -49,7 +49,7 @@ void demand(int result, const BusError& error = {}) {
 std::string readText(sd_bus_message* m, char type) {
     const char* text = nullptr;
     demand(sd_bus_message_enter_container(m, 'v', std::string(1, type).c_str()));
-    demand(sd_bus_message_read_basic(m, type, &text));
+    demand(sd_bus_message_read_basic(m, type, static_cast<void*>(&text)));
     demand(sd_bus_message_exit_container(m));
     return text == nullptr ? "" : text;
 }
@@ -112,7 +112,7 @@ void eachEntry(sd_bus_message* m, const char* types, char keyType, Entry entry) 
     demand(sd_bus_message_enter_container(m, 'a', ("{" + std::string(types) + "}").c_str()));
     while (sd_bus_message_enter_container(m, 'e', types) > 0) {
         const char* key = nullptr;
-        demand(sd_bus_message_read_basic(m, keyType, &key));
+        demand(sd_bus_message_read_basic(m, keyType, static_cast<void*>(&key)));
         entry(std::string(key));
         demand(sd_bus_message_exit_container(m));
     }

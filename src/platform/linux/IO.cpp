@@ -177,6 +177,7 @@ std::vector<IOEntry> list(const std::string& folder) {
     std::vector<IOEntry> entries;
     while (true) {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): one stream is used by one thread, which is all that glibc asks
         const dirent* entry = ::readdir(dir.get());
         if (entry == nullptr) {
             if (errno != 0)

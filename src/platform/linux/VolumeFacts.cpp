@@ -63,7 +63,7 @@ std::string realPath(const std::string& path) {
             const std::size_t slash = head.find_last_of('/');
             const std::string name = head.substr(slash == std::string::npos ? 0 : slash + 1);
             if (!name.empty() && name != ".")
-                tail = "/" + name + tail;
+                tail.insert(0, "/" + name);
             head = slash == std::string::npos ? "." : head.substr(0, std::max<std::size_t>(slash, 1));
             if (head == path)
                 return path; // nothing of it exists, not even where it starts
@@ -72,7 +72,7 @@ std::string realPath(const std::string& path) {
 }
 
 std::string underRoot(const std::string& path, const System& system) {
-    const std::string real = realPath(path);
+    std::string real = realPath(path);
     const auto entry = entryOf(path, system);
     if (!entry)
         return real;
