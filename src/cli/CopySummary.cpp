@@ -4,6 +4,7 @@
 #include "cli/TerminalText.h"
 #include "engine/Layout.h"
 #include "job/JobWords.h"
+#include "platform/IO.h"
 #include "records/OffloadReport.h"
 
 #include <algorithm>
@@ -38,9 +39,15 @@ std::string speed(std::string_view what, double seconds, std::int64_t bytes) {
     return fmt::format("{} {:.1f} s ({:.0f} MB/s)", what, seconds, static_cast<double>(bytes) / seconds / 1e6);
 }
 
+// In the first card folder where it stands; empty when it stands nowhere.
 std::string reportPath(const OffloadReport& report) {
-    return fmt::format("{}/{}/{}", report.destinations.empty() ? "" : report.destinations.front().cardPath,
-                       Layout::reportDirName, OffloadReport::textName(report.generationNumber()));
+    for (const auto& destination : report.destinations) {
+        const std::string path = fmt::format("{}/{}/{}", destination.cardPath, Layout::reportDirName,
+                                             OffloadReport::textName(report.generationNumber()));
+        if (IO::exists(path))
+            return path;
+    }
+    return {};
 }
 
 void Page::addAll(const OffloadReport& report) {
@@ -84,7 +91,7 @@ void Page::addFailures(const OffloadReport& report) {
         }
     }
     if (failed.size() > failuresShown)
-        add(fmt::format("  and {} more, all in {}", failed.size() - failuresShown, reportPath(report)));
+        add(fmt::format("  and {} more", failed.size() - failuresShown));
 }
 
 Tone toneOf(CardTone tone) {
@@ -111,8 +118,8 @@ void Page::addPromises(const JobStatus& status, const OffloadReport* report) {
         add(*promise);
     else if (status.safeToEject && report != nullptr && !report->verified)
         add("The card is copied, but the copy was not read back.");
-    if (report != nullptr && !report->destinations.empty())
-        add("Report: " + reportPath(*report));
+    if (const std::string path = report == nullptr ? "" : reportPath(*report); !path.empty())
+        add("Report: " + path);
 }
 
 } // namespace

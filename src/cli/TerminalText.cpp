@@ -89,7 +89,7 @@ std::string printable(std::string_view text) {
             continue;
         }
         for (int32_t k = start; k < i; ++k)
-            result += fmt::format("\\x{:02x}", bytes[k]);
+            result += fmt::format("\\x{:02X}", bytes[k]);
     }
     return result;
 }

@@ -11,7 +11,7 @@ namespace velmora {
 namespace TerminalText {
 
 // Replaces what must not reach a terminal: control characters, invalid UTF-8 and characters that turn the direction of
-// writing become "\x1b"-style escapes.
+// writing become "\x1B"-style escapes.
 std::string printable(std::string_view text);
 
 // Cells that printable text takes: 2 for wide characters and emoji, 0 for marks that join the one before.

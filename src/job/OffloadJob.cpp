@@ -121,7 +121,6 @@ void OffloadJob::run(const Log& log) {
         endAs(Phase::cancelled);
         return;
     }
-    const PowerInhibitor awake("Copying a card", log);
     try {
         openHistory(log);
         if (repair_)
@@ -140,6 +139,7 @@ void OffloadJob::run(const Log& log) {
         endAs(Phase::failed, error.what());
     }
     locks_.reset();
+    awake_.reset();
 }
 
 void OffloadJob::repairInto(std::vector<std::string> cardPaths) {
@@ -147,6 +147,7 @@ void OffloadJob::repairInto(std::vector<std::string> cardPaths) {
 }
 
 void OffloadJob::begin(Phase phase) {
+    awake_ = std::make_unique<PowerInhibitor>("Copying a card", [this](std::string_view line) { log(line); });
     MutexLock lock(mutex_);
     state_.phase = phase;
     if (!engine_.spaceWarnings().empty() && !state_.warning)
@@ -188,7 +189,7 @@ void OffloadJob::runCopy() {
         card_ = plan.scan.files;
         history_->start(plan, [this] { addWarning(std::string(Msg::historyBusy)); });
     }
-    ReportRecorder recorder(ReportWriter::Stamp::present(), plan.resuming);
+    ReportRecorder recorder(plan.resuming);
     settle(engine_.run(std::move(plan), recorder));
 }
 
@@ -214,7 +215,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
         card_ = append.fullScan.files;
         history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
     }
-    ReportRecorder recorder(ReportWriter::Stamp::present(), append.resuming);
+    ReportRecorder recorder(append.resuming);
     OffloadReport report = engine_.run(append.toPlan(), recorder);
     settle(std::move(report), checkWholeCard(append.fullScan, append.cardPaths));
 }
@@ -239,8 +240,7 @@ void OffloadJob::runRepair() {
         history_->reopen(checkedPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
     }
     engine_.setBeforeRename(repair_->mover(repair));
-    ReportRecorder recorder(ReportWriter::Stamp::present(), true,
-                            [this](OffloadReport& report) { repair_->amend(report); });
+    ReportRecorder recorder(true, [this](OffloadReport& report) { repair_->amend(report); });
     OffloadReport report = engine_.run(repair.plan, recorder);
     repair_->amend(report);
     settle(std::move(report), checkWholeCard(Scanner::scan(config_.source), checkedPaths));

@@ -16,6 +16,7 @@
 namespace velmora {
 
 class FolderLocks;
+class PowerInhibitor;
 class HistoryKeeper;
 class HistoryRecorder;
 class RepairWork;
@@ -98,6 +99,7 @@ private:
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
     std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
+    std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
     std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
     std::vector<SourceFile> card_;           // everything on the card, for the history
     OffloadEngine engine_;

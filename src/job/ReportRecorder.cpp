@@ -12,11 +12,13 @@ void ReportRecorder::write(Stage stage, const OffloadReport& built, const std::s
         amend_(amended);
     }
     const OffloadReport& report = amend_ ? amended : built;
+    if (!stamp_)
+        stamp_ = ReportWriter::Stamp::present();
     ReportWriter::writeReports(report, cardPath, !replaces_);
     if (stage == Stage::pending)
         return;
     if (!MHL::hasGeneration(report, cardPath))
-        MHL::write(report, cardPath, stamp_.now, stamp_.host);
+        MHL::write(report, cardPath, stamp_->now, stamp_->host);
     HashLists::write(report, cardPath, false);
 }
 

@@ -4,6 +4,7 @@
 #include "reports/ReportWriter.h"
 
 #include <functional>
+#include <optional>
 
 namespace velmora {
 
@@ -18,15 +19,14 @@ public:
     using Amend = std::function<void(OffloadReport&)>;
 
     // `replaces`: the run finishes an interrupted one, whose report may be there already.
-    explicit ReportRecorder(ReportWriter::Stamp stamp, bool replaces = false, Amend amend = {})
-        : stamp_(std::move(stamp)), replaces_(replaces), amend_(std::move(amend)) {}
+    explicit ReportRecorder(bool replaces, Amend amend = {}) : replaces_(replaces), amend_(std::move(amend)) {}
 
     void write(Stage stage, const OffloadReport& report, const std::string& cardPath) override;
 
 private:
-    ReportWriter::Stamp stamp_;
-    bool replaces_;
-    Amend amend_;
+    const bool replaces_;
+    const Amend amend_;
+    std::optional<ReportWriter::Stamp> stamp_; // of the first write, the same in all card folders
 };
 
 } // namespace velmora

@@ -16,9 +16,9 @@ TEST(TerminalText, CountsCellsAsATerminalDoes) {
 }
 
 TEST(TerminalText, LetsNothingThroughThatMovesTheCursor) {
-    EXPECT_EQ(TerminalText::printable("a\x1b[2Jb\n\r\tc"), "a\\x1b[2Jb\\x0a\\x0d\\x09c");
-    EXPECT_EQ(TerminalText::printable("bad\xff\xc3name"), "bad\\xff\\xc3name");
-    EXPECT_EQ(TerminalText::printable("x\u202Egnp.exe"), "x\\xe2\\x80\\xaegnp.exe"); // right-to-left override
+    EXPECT_EQ(TerminalText::printable("a\x1b[2Jb\n\r\tc"), "a\\x1B[2Jb\\x0A\\x0D\\x09c");
+    EXPECT_EQ(TerminalText::printable("bad\xff\xc3name"), "bad\\xFF\\xC3name");
+    EXPECT_EQ(TerminalText::printable("x\u202Egnp.exe"), "x\\xE2\\x80\\xAEgnp.exe"); // right-to-left override
     EXPECT_EQ(TerminalText::printable("日本 ünï 🎬"), "日本 ünï 🎬");
 }
 
