@@ -113,7 +113,7 @@ TEST_F(CopyProgramTest, RefusalsPrintTheirCodeAndCreateNothing) {
          "the original card, or remove those folders."},
         {{"copy", temp / "blank", "--dest", a, "--allow-source-volume"},
          "refused: emptySource: There are no files on the source."},
-        {copy({"--block-mib", "0"}),
+        {{"copy", card, "--dest", a, "--block-mib", "0"},
          "refused: chunkSize: Block size must be a multiple of 4096 B and at most 1 GiB (got 0)."},
         {{"copy", card, "--dest", a, "--block-mib", "9223372036854775807"}, "refused: chunkSize: "},
         {copy({"--buffers", "1"}), "refused: bufferCount: Buffer count must be at least 2 (got 1)."},
@@ -236,7 +236,7 @@ TEST_F(CopyProgramTest, ProgressLineStaysWithinTheTerminal) {
     EXPECT_TRUE(screen.ends_with("\r\x1b[K")) << "the line is gone when the result is printed";
 }
 
-// With a destination that stands still, a signal arrives at a known moment.
+// With a destination that stands still and two buffers, a signal arrives at a known moment: in the first file.
 class SignalledCopyTest : public CopyProgramTest {
 protected:
     void SetUp() override {
@@ -262,7 +262,7 @@ TEST_F(SignalledCopyTest, EverySignalThatEndsAProgramCancelsCleanly) {
         disk->clear();
         disk->stall({.ops = "write", .pattern = "*C1.mov*"});
         const auto hits = disk->hits();
-        Program program(copy({"--json"}, disk->root()), {.ignoredSignals = ignored});
+        Program program(copy({"--json", "--buffers", "2"}, disk->root()), {.ignoredSignals = ignored});
         ASSERT_TRUE(program.waitFor([&](const auto&) { return disk->hits() > hits; })) << program.err();
         for (const int signal : signals) {
             program.signal(signal);
@@ -281,7 +281,7 @@ TEST_F(SignalledCopyTest, EverySignalThatEndsAProgramCancelsCleanly) {
 }
 
 TEST_F(SignalledCopyTest, PausesAfterTheFileAndCountsTheStandApart) {
-    Program program(copy({"--json"}, disk->root()));
+    Program program(copy({"--json", "--buffers", "2"}, disk->root()));
     ASSERT_NO_FATAL_FAILURE(waitUntilItStands(program));
     program.signal(SIGUSR1);
     const auto pausing = program.waitFor([](const auto& event) { return event.value("paused", false); });
