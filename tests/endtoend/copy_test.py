@@ -22,6 +22,13 @@ SOAK = os.environ.get("VELMORA_SOAK") == "1"
 DATE, CARD = "2026-03-14", "A001"
 
 
+def count_lines(path):
+    if not os.path.exists(path):
+        return 0
+    with open(path, "rb") as file:
+        return len(file.readlines())
+
+
 def write(path, size, seed=0):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     generator = random.Random(f"{path}{size}{seed}")
@@ -53,7 +60,7 @@ class Case(unittest.TestCase):
         for root in roots:
             words += ["--dest", root]
         words += ["--name", CARD, "--date", DATE, "--block-mib", str(block), "--allow-same-device"]
-        return words + ["--allow-source-volume", "--no-history", "--no-day-report", "--no-clips", *options]
+        return words + ["--allow-source-volume", *options]
 
     def environment(self):
         own = {"XDG_DATA_HOME": self.folder + "/data", "VELMORA_REPORTS_DIR": self.folder + "/reports"}
@@ -95,7 +102,7 @@ class Case(unittest.TestCase):
 
 class GoodDisks(Case):
     def test_names_and_sizes_at_every_edge(self):
-        names = ["a b/c & d <e> \"f\".MOV", "it's/ключ 漢字 😀.mxf", "x" * 100 + "/" + "y" * 95 + ".bin", "-dash", "é", "é"]
+        names = ["a b/c & d <e> \"f\".MOV", "it's/ключ 漢字 😀.mxf", "x" * 100 + "/" + "y" * 95 + ".bin", "-dash", "e\u0301", "\u00e9"]
         sizes = [0, 1, 4095, 4096, 4097, MIB - 1, MIB, MIB + 1, 3 * MIB, 5 * MIB + 7]
         for number, size in enumerate(sizes):
             write(f"{self.source}/{names[number % len(names)]}{number}", size)
@@ -150,7 +157,9 @@ class GoodDisks(Case):
         self.assertGreaterEqual(len(victims), 10)
         generator = random.Random(1)
         for path in victims:
-            facts, data = os.stat(path), open(path, "rb").read()
+            facts = os.stat(path)
+            with open(path, "rb") as file:
+                data = file.read()
             # Every record line, and three bytes of every copied file.
             lines = data.count(b"\n") if "/_REPORT/" in path or "/ascmhl/" in path else min(3, len(data))
             for _ in range(lines):
@@ -187,13 +196,12 @@ class BadDisks(Case):
         return disk
 
     def test_a_file_that_cannot_be_written_fails_alone(self):
-        for ops, pattern in (("write", "*C0001*"), ("create", "*C0003*"), ("rename", "*C0002*"), ("fsync", "*C0001*")):
+        for ops, pattern in (("write", "*C0001*"), ("create", "*C0003*"), ("rename", "*C0002*")):
             with self.subTest(ops=ops):
                 shutil.rmtree(f"{self.a}/{DATE}", ignore_errors=True)
                 disk = self.with_bad_disk("fail", errno.EIO, ops, times=0, pattern=pattern)
                 status = self.copy([self.a, disk.root])
-                if disk.ask("hits") == "0":
-                    continue  # this build flushes small files all at once
+                self.assertNotEqual(disk.ask("hits"), "0")
                 self.assertEqual(status, 1)
                 failed = "DCIM/100/" + pattern.strip("*") + ".MOV"
                 self.judge([self.a, disk.root], 1, "--failed", f"2:{failed}")
@@ -257,8 +265,9 @@ class BadDisks(Case):
                 manifest = f"{image.root}/{DATE}/{CARD}/_REPORT/offload-manifest.jsonl"
                 path = f"{image.root}/{DATE}/{CARD}/{self.names[0]}"
                 deadline = time.monotonic() + 60
-                while not (os.path.exists(manifest) and len(open(manifest).readlines()) == len(self.names)):
+                while count_lines(manifest) < len(self.names):
                     self.assertLess(time.monotonic(), deadline, "no manifest")
+                    self.assertIsNone(process.poll(), "ended early")
                     time.sleep(0.01)
                 with open(path, "r+b") as file:
                     file.seek(MIB + 4321)
