@@ -155,14 +155,14 @@ class GoodDisks(Case):
         card = f"{self.a}/{DATE}/{CARD}"
         victims = [p for p in glob.glob(card + "/**", recursive=True) if os.path.isfile(p) and not p.endswith(".html")]
         self.assertGreaterEqual(len(victims), 10)
-        generator = random.Random(1)
+        generator, missed = random.Random(1), []
         for path in victims:
             facts = os.stat(path)
             with open(path, "rb") as file:
                 data = file.read()
-            # Every record line, and three bytes of every copied file.
+            # As many bytes as a record has lines, and three of every copied file.
             lines = data.count(b"\n") if "/_REPORT/" in path or "/ascmhl/" in path else min(3, len(data))
-            for _ in range(lines):
+            for _ in range(lines if SOAK else min(lines, 8)):
                 position = generator.randrange(len(data))
                 if data[position : position + 1] in b"\n 0123456789" and b"\n" in data[:-1]:
                     continue  # blanks between JSON values and speeds may differ; digits of hashes are met elsewhere
@@ -170,11 +170,15 @@ class GoodDisks(Case):
                 with open(path, "wb") as file:
                     file.write(changed)
                 os.utime(path, ns=(facts.st_mtime_ns, facts.st_mtime_ns))
-                with self.assertRaises(AssertionError, msg=f"{path}: {changed[max(0, position - 30) : position + 30]}"):
+                try:
                     self.judge([self.a], 0)
+                    missed.append((path, changed[max(0, position - 30) : position + 30]))
+                except AssertionError:
+                    pass
             with open(path, "wb") as file:
                 file.write(data)
             os.utime(path, ns=(facts.st_mtime_ns, facts.st_mtime_ns))
+        self.assertEqual(missed, [])
         self.judge([self.a], 0)
 
 

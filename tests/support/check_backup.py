@@ -248,6 +248,9 @@ class Card:
             place = f"{destination['root'].rstrip('/')}/{report['date']}/{report['cardName']}"
             equal(where, "cardPath", destination["cardPath"], place)
         equal(where, "hashAlgorithm", report["hashAlgorithm"], report.get("hashAlgorithms", ["xxh64"])[0])
+        equal(where, "tool", report["tool"], "offload")
+        method = report["destinations"][me].get("verifyMethod", "none")
+        equal(where, "verifyMethod", method in ("read-back", "verify-in-proxy"), report["verified"])
         if generation == 1:
             equal(where, "kind", report["kind"], "copy")
             equal(where, "source", os.path.realpath(report["source"]), os.path.realpath(self.options.source))
