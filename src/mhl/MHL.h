@@ -28,8 +28,8 @@ struct Entry {
 // The files that a generation on destination number `destination` lists, in the order of the report.
 std::vector<Entry> entries(const OffloadReport& report, std::size_t destination);
 
-// Does the chain hold this report's generation already, safe on the medium? Throws OffloadError when it holds another one of that number,
-// MHLFormatError and IOError.
+// Does the chain hold this report's generation already, safe on the medium? Throws OffloadError when it holds another
+// one of that number, MHLFormatError and IOError.
 bool hasGeneration(const OffloadReport& report, const std::string& cardPath);
 
 // Adds the generation of this report. The caller holds the lock of the card folder. Throws OffloadError for the
