@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <clocale>
 #include <cmath>
 #include <ctime>
 #include <limits>
-#include <locale.h>
 
 namespace velmora {
 
