@@ -24,6 +24,7 @@ std::int32_t lengthOf(std::string_view text) {
     return static_cast<std::int32_t>(std::min<std::size_t>(text.size(), std::numeric_limits<std::int32_t>::max()));
 }
 
+// NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): the length goes along, in the type of ICU
 icu::StringPiece piece(std::string_view text) { return {text.data(), lengthOf(text)}; }
 
 bool isAscii(std::string_view text) {
