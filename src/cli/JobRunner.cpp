@@ -1,6 +1,5 @@
 #include "cli/JobRunner.h"
 
-#include "base/Flag.h"
 #include "base/Mutex.h"
 #include "cli/Console.h"
 #include "cli/CopySummary.h"
@@ -16,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <pthread.h>
 #include <thread>
+#include <utility>
 
 namespace velmora {
 
@@ -124,21 +124,19 @@ ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificati
 ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
     Console& console = context.console;
     const Log log = [&console](std::string_view line) { console.log(line); };
-    Flag cancelled;
     {
-        const Interrupts::Route route(context.interrupts, {[&] {
-                                                               cancelled.set();
-                                                               job.cancel();
-                                                           },
-                                                           [&] { job.pause(); }, [&] { job.resume(); }});
+        const auto cancel = [&, told = false]() mutable { // on the thread of the signals, one at a time
+            const auto phase = job.status().phase;
+            job.cancel();
+            if (!std::exchange(told, true))
+                console.log(JobWords::cancellingText(phase));
+        };
+        const Interrupts::Route route(context.interrupts, {cancel, [&] { job.pause(); }, [&] { job.resume(); }});
         JobThread thread(job, log);
         Viewer viewer(job, console, json);
-        bool told = false;
-        do {
-            if (cancelled.isSet() && !std::exchange(told, true))
-                console.log(JobWords::cancellingText(job.status().phase));
+        do
             viewer.show();
-        } while (!thread.endsWithin(tick));
+        while (!thread.endsWithin(tick));
         thread.wait();
     }
     console.clearProgress();
