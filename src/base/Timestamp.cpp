@@ -185,7 +185,8 @@ namespace TimeText {
 
 std::string iso8601(Timestamp t) {
     const std::int64_t days = floorDiv(t.seconds, secondsPerDay);
-    const std::int64_t second = t.seconds - days * secondsPerDay;
+    const std::int64_t rest = t.seconds % secondsPerDay;
+    const std::int64_t second = rest < 0 ? rest + secondsPerDay : rest;
     const Date date = dateOf(days);
     const std::string year = date.year < 0 ? "-" + padded(-date.year, 4) : padded(date.year, 4);
     return year + "-" + padded(date.month, 2) + "-" + padded(date.day, 2) + "T" + padded(second / 3600, 2) + ":" +
