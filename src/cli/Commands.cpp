@@ -4,8 +4,10 @@ namespace velmora {
 
 std::vector<std::unique_ptr<Command>> allCommands() {
     std::vector<std::unique_ptr<Command>> commands;
-    commands.push_back(makeCopyCommand());
-    commands.push_back(makeSettingsCommand());
+    for (const auto make :
+         {makeCopyCommand, makeAppendCommand, makeRepairCommand, makeVerifyCommand, makeInspectCommand,
+          makeVolumesCommand, makeEjectCommand, makeHistoryCommand, makeSettingsCommand})
+        commands.push_back(make());
     return commands;
 }
 

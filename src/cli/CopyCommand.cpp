@@ -1,27 +1,35 @@
 #include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/CopyStart.h"
+#include "cli/HistorySession.h"
 #include "cli/JobRunner.h"
+#include "cli/TerminalText.h"
+#include "cli/TypedPath.h"
+#include "disks/CardIdentity.h"
+#include "job/CardEject.h"
+#include "job/QueueRules.h"
+#include "settings/SettingsStore.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <filesystem>
 
 namespace velmora {
 
 namespace {
 
-// The reports outlive the folder in which the command was typed.
-std::string absolute(const std::string& typed) {
-    if (typed.empty())
-        return typed;
-    std::filesystem::path path = std::filesystem::absolute(typed);
-    std::error_code failed; // ".." behind a link leads elsewhere than its text says
-    if (std::ranges::find(path, "..") != path.end())
-        if (const auto real = std::filesystem::weakly_canonical(path, failed); !failed)
-            path = real;
-    auto text = path.lexically_normal().string();
-    while (text.size() > 1 && text.back() == '/')
-        text.pop_back();
-    return text;
+// Ejects the card when the rules allow it: the copy is safe, and the card in the reader is the one that was copied.
+void ejectCard(const OffloadJob& job, Console& console) {
+    const std::string& source = job.config().source;
+    std::optional<std::string> problem;
+    if (!job.status().safeToEject)
+        problem = "the copy is not safe yet";
+    else
+        problem = QueueRules::ejectProblem(job.engine().cardAtStart(), CardIdentity::withVolume(source), false);
+    if (!problem)
+        problem = CardEject::eject(source);
+    if (problem)
+        console.log("Couldn't eject the card: " + TerminalText::printable(*problem));
+    else
+        console.print("The card is ejected.");
 }
 
 class CopyCommand : public Command {
@@ -34,7 +42,8 @@ public:
                         "ROOT/<date>/<card name>/")
             ->required()
             ->type_name("ROOT");
-        app->add_option("--name", cardName_, "Name of the card folder (default: the card's own name)");
+        app->add_option("--name", cardName_,
+                        "Name of the card folder (default: from the clips, the day, or the volume's label)");
         app->add_option("--date", date_, "Date folder, YYYY-MM-DD (default: today)");
         app->add_option("--project", project_, "Name of the project, for the reports");
         app->add_flag("--no-verify", noVerify_, "Do not read the copies back. The card is then never safe to format");
@@ -44,6 +53,9 @@ public:
         app->add_option("--buffers", buffers_, "Blocks in flight, at least 2")->capture_default_str()->type_name("N");
         app->add_flag("--allow-same-device", sameDevice_, "Allow two destinations on one drive");
         app->add_flag("--allow-source-volume", sourceVolume_, "Allow a destination on the card's own drive");
+        app->add_flag("--again", again_, "Copy a card that is already backed up");
+        app->add_flag("--no-history", noHistory_, "Neither look the card up in the card history nor record it there");
+        app->add_flag("--eject", eject_, "Eject the card when it is safe to");
         app->add_flag("--json", json_, "Print JSON instead: one object a line");
         app->footer("Examples:\n"
                     "  velmora copy /media/dit/A001 --dest /mnt/raid --dest /mnt/shuttle\n"
@@ -58,9 +70,7 @@ public:
     }
 
     ExitStatus run(CommandContext& context) override {
-        JobConfig config(absolute(source_), {});
-        for (const auto& root : roots_)
-            config.destRoots.push_back(absolute(root));
+        JobConfig config(TypedPath::absolute(source_), TypedPath::absolute(roots_));
         config.cardName = cardName_;
         config.date = date_;
         config.project = project_;
@@ -70,8 +80,16 @@ public:
         config.allowSameDevice = sameDevice_;
         OffloadOptions options;
         options.allowSourceVolume = sourceVolume_;
-        OffloadJob job(std::move(config), std::move(options));
-        return runJob(job, context, json_);
+        config.recordHistory = !noHistory_;
+        HistorySession history(context.console);
+        const AppSettings settings = SettingsStore::load(history.folder());
+        if (!CopyStart::prepare(config, {again_, settings.naming.suggestFromClips}, history, context))
+            return ExitStatus::refused;
+        OffloadJob job(std::move(config), std::move(options), history.services());
+        const ExitStatus status = runJob(job, context, json_);
+        if (eject_ && job.report())
+            ejectCard(job, context.console);
+        return status;
     }
 
 private:
@@ -85,6 +103,9 @@ private:
     std::int64_t buffers_ = JobConfig().buffers;
     bool sameDevice_ = false;
     bool sourceVolume_ = false;
+    bool again_ = false;
+    bool noHistory_ = false;
+    bool eject_ = false;
     bool json_ = false;
 };
 

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "memory/CardInspector.h"
+
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// What the terminal says of a card before it is copied.
+namespace CardWords {
+
+// What is on the card, and whether it is known.
+std::vector<std::string> describe(const CardInsight& insight);
+// What can be done with the card, as commands to type; empty when a plain copy is all there is.
+std::vector<std::string> offers(const CardInsight& insight);
+// "velmora append CARD --into …"
+std::string appendCommand(const CardInsight& insight);
+
+} // namespace CardWords
+
+} // namespace velmora

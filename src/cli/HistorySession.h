@@ -1,0 +1,35 @@
+#pragma once
+
+#include "job/OffloadJob.h"
+#include "memory/HistoryRecorder.h"
+#include "records/HistoryEntry.h"
+
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+class Console;
+
+// The card history for the length of one command. At the end it waits for records that a busy history has delayed, and
+// says so when one is lost.
+class HistorySession {
+public:
+    explicit HistorySession(Console& console);
+    ~HistorySession();
+    HistorySession(const HistorySession&) = delete;
+    HistorySession& operator=(const HistorySession&) = delete;
+
+    const std::string& folder() const noexcept { return folder_; } // the application-support folder
+    JobServices services();
+    // Newest first; what cannot be read is empty.
+    std::vector<HistoryEntry> load();
+    HistoryStore store() const;
+
+private:
+    Console& console_;
+    const std::string folder_;
+    HistoryRecorder recorder_;
+};
+
+} // namespace velmora

@@ -1,0 +1,95 @@
+#include "base/Flag.h"
+#include "cli/CardWords.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/HistorySession.h"
+#include "cli/Interrupts.h"
+#include "cli/TerminalText.h"
+#include "cli/TypedPath.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+namespace velmora {
+
+namespace {
+
+std::string_view kindName(HistoryMatchKind kind) {
+    switch (kind) {
+    case HistoryMatchKind::identical:
+        return "identical";
+    case HistoryMatchKind::newFiles:
+        return "newFiles";
+    case HistoryMatchKind::changed:
+        return "changed";
+    case HistoryMatchKind::notCompared:
+        break;
+    }
+    return "notCompared";
+}
+
+nlohmann::json toJson(const CardInsight& insight) {
+    nlohmann::json json = {{"event", "result"},
+                           {"source", insight.source},
+                           {"files", insight.fileCount},
+                           {"bytes", insight.totalBytes},
+                           {"clips", insight.clips.size()},
+                           {"fingerprint", insight.fingerprint},
+                           {"shape", insight.shape},
+                           {"appendReachable", insight.appendReachable},
+                           {"uncopied", insight.uncopied}};
+    if (insight.error)
+        json["error"] = *insight.error;
+    if (insight.filesystem)
+        json["filesystem"] = *insight.filesystem;
+    if (insight.nameSuggestion)
+        json["name"] = insight.nameSuggestion->name;
+    if (insight.match)
+        json["match"] = {{"kind", kindName(insight.match->kind)}, {"newFiles", insight.match->newFiles.size()},
+                         {"newBytes", insight.match->newBytes},   {"changed", insight.match->changed},
+                         {"removed", insight.match->removed},     {"entry", insight.match->entry}};
+    return json;
+}
+
+class InspectCommand final : public Command {
+public:
+    CLI::App* declare(CLI::App& program) override {
+        CLI::App* app = program.add_subcommand("inspect", "Say what is on a card and whether it is backed up");
+        app->add_option("SOURCE", source_, "The card, or any folder of footage")->required();
+        app->add_flag("--json", json_, "Print JSON instead");
+        app->footer("Reads folders only, no file: names, sizes and times are held against the card history.\n"
+                    "\n"
+                    "Exit status: 0 the card was read; 4 it could not be; 130 cancelled.");
+        return app;
+    }
+
+    ExitStatus run(CommandContext& context) override {
+        Flag cancelled;
+        const Interrupts::Route route(context.interrupts, {[&] { cancelled.set(); }, {}, {}});
+        HistorySession history(context.console);
+        HistoryStore store = history.store();
+        const CardInsight insight = CardInspector::inspect(
+            TypedPath::absolute(source_), &store, nullptr, [&] { return cancelled.isSet(); },
+            CardInspector::World::real());
+        Console& console = context.console;
+        if (json_) {
+            console.event(toJson(insight));
+        } else {
+            for (const std::string& line : CardWords::describe(insight))
+                console.print(TerminalText::printable(line));
+            for (const std::string& line : CardWords::offers(insight))
+                console.print(TerminalText::printable(line));
+        }
+        return insight.error ? ExitStatus::brokeOff : ExitStatus::ok;
+    }
+
+private:
+    std::string source_;
+    bool json_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeInspectCommand() { return std::make_unique<InspectCommand>(); }
+
+} // namespace velmora

@@ -1,0 +1,259 @@
+#include "base/Text.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/Interrupts.h"
+#include "cli/TerminalText.h"
+#include "cli/TypedPath.h"
+#include "platform/IO.h"
+#include "verify/BackupVerifier.h"
+#include "verify/VerifyJob.h"
+#include "verify/VerifyReport.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <thread>
+
+namespace velmora {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr auto tick = std::chrono::milliseconds(250);
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// One folder under verification.
+struct Item {
+    std::unique_ptr<VerifyJob> job;
+    double seconds = 0; // written before its thread ends
+};
+
+Console::Tone toneOf(VerifyReport::Tone tone) {
+    switch (tone) {
+    case VerifyReport::Tone::ok:
+        return Console::Tone::good;
+    case VerifyReport::Tone::warning:
+        return Console::Tone::warning;
+    default:
+        return Console::Tone::bad;
+    }
+}
+
+nlohmann::json resultJson(const VerifyResult& result, double seconds) {
+    nlohmann::json unreadable = nlohmann::json::array();
+    for (const auto& [path, error] : result.unreadable)
+        unreadable.push_back({{"path", path}, {"error", error}});
+    return {{"event", "result"},
+            {"cardPath", result.cardPath},
+            {"basis", result.basis},
+            {"generations", result.generations},
+            {"success", result.success()},
+            {"unfinished", result.unfinished},
+            {"cancelled", result.cancelled},
+            {"folderGone", result.folderGone},
+            {"totalFiles", result.totalFiles},
+            {"totalBytes", result.totalBytes},
+            {"ok", result.ok},
+            {"bytesRead", result.bytesRead},
+            {"seconds", seconds},
+            {"changed", result.changed},
+            {"missing", result.missing},
+            {"extra", result.extra},
+            {"failedAtCopy", result.failedAtCopy},
+            {"failedSuperseded", result.failedSuperseded},
+            {"unreadable", std::move(unreadable)},
+            {"chainProblems", result.chainProblems}};
+}
+
+class VerifyCommand final : public Command {
+public:
+    CLI::App* declare(CLI::App& program) override {
+        CLI::App* app = program.add_subcommand("verify", "Check earlier backups against their records");
+        app->add_option("PATH", paths_, "A card folder, or a day folder with card folders in it")->required();
+        app->add_flag("--machine", machine_, "Print one line a problem and nothing else");
+        app->add_flag("--json", json_, "Print JSON instead: one object a line");
+        app->footer(
+            "Example:\n"
+            "  velmora verify /mnt/raid/2026-03-14\n"
+            "\n"
+            "Every file is read from the disk, past the system's cache, and held against the ASC MHL history or,\n"
+            "where there is none, the checksum lists. Nothing is written. Several disks are read at once.\n"
+            "\n"
+            "Exit status: 0 everything matches; 1 a file or the history is not as recorded, or the backup is not\n"
+            "finished; 2 wrong usage; 3 nothing to compare with; 4 the run broke off; 130 cancelled.");
+        return app;
+    }
+
+    ExitStatus run(CommandContext& context) override {
+        collect(context.console);
+        std::map<std::uint64_t, std::vector<Item*>> byDevice;
+        for (Item& item : items_)
+            byDevice[deviceOf(item.job->cardPath())].push_back(&item);
+        std::atomic<bool> cancelled{false};
+        {
+            const Interrupts::Route route(context.interrupts, {[&] {
+                                                                   cancelled = true;
+                                                                   for (Item& item : items_)
+                                                                       item.job->cancel();
+                                                               },
+                                                               {},
+                                                               {}});
+            work(byDevice, context.console);
+        }
+        context.console.clearProgress();
+        ExitStatus worst = ExitStatus::ok;
+        for (const Item& item : items_)
+            worst = graver(worst, show(item, context.console));
+        return cancelled ? ExitStatus::cancelled : worst;
+    }
+
+private:
+    void collect(Console& console) {
+        for (const std::string& path : TypedPath::absolute(paths_)) {
+            std::vector<std::string> folders;
+            if (IO::isFolder(path))
+                folders = BackupVerifier::cardFolders(path);
+            if (folders.empty())
+                folders.push_back(path); // a folder with checksum lists only, or one that is not there: the job tells
+            for (const std::string& folder : folders)
+                items_.push_back(
+                    {std::make_unique<VerifyJob>(folder, [&console](std::string_view line) { console.log(line); })});
+        }
+    }
+
+    static std::uint64_t deviceOf(const std::string& path) {
+        try {
+            return IO::stat(path).device;
+        } catch (const IOError&) {
+            return 0;
+        }
+    }
+
+    // One thread a device, so that disks do not wait for each other and no disk has to seek between two readers.
+    void work(const std::map<std::uint64_t, std::vector<Item*>>& byDevice, Console& console) {
+        std::atomic<std::size_t> left{byDevice.size()};
+        std::vector<std::thread> threads;
+        const auto start = Clock::now();
+        for (const auto& [device, items] : byDevice)
+            threads.emplace_back([&left, &items] {
+                for (Item* item : items) {
+                    const auto began = Clock::now();
+                    item->job->run();
+                    item->seconds = secondsSince(began);
+                }
+                --left;
+            });
+        while (left > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (Clock::now() - shown_ >= tick)
+                showProgress(console, start);
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
+    void showProgress(Console& console, Clock::time_point start) {
+        shown_ = Clock::now();
+        std::int64_t bytes = 0;
+        std::int64_t total = 0;
+        std::string current;
+        for (const Item& item : items_) {
+            const VerifyJob::Status status = item.job->currentStatus();
+            if (!status.progress)
+                continue;
+            bytes += status.progress->bytes;
+            total += status.progress->totalBytes;
+            if (status.state == VerifyJob::State::running)
+                current = status.progress->file;
+        }
+        const double seconds = secondsSince(start);
+        if (json_)
+            console.event({{"event", "status"},
+                           {"phase", "verifying"},
+                           {"bytes", bytes},
+                           {"totalBytes", total},
+                           {"file", current}});
+        if (console.showsProgress() && seconds > 0) {
+            const double percent = total > 0 ? 100.0 * static_cast<double>(bytes) / static_cast<double>(total) : 0;
+            const std::string line =
+                fmt::format("Verifying {:.0f} %  {} of {}  {:.0f} MB/s  {}", percent, formatBytesShort(bytes),
+                            formatBytesShort(total), static_cast<double>(bytes) / seconds / 1e6, current);
+            console.progress(TerminalText::fitMiddle(line, console.columns()));
+        }
+    }
+
+    ExitStatus show(const Item& item, Console& console) const {
+        const VerifyJob::Status status = item.job->currentStatus();
+        if (status.state == VerifyJob::State::cancelled && !status.result)
+            return ExitStatus::cancelled;
+        if (!status.result) {
+            const std::string error = TerminalText::printable(status.error.value_or("not verified"));
+            if (status.errorCode) {
+                console.log(fmt::format("refused: {}: {}", name(*status.errorCode), error));
+                return ExitStatus::refused;
+            }
+            console.log("velmora: " + item.job->cardPath() + ": " + error);
+            return ExitStatus::brokeOff;
+        }
+        const VerifyResult& result = *status.result;
+        if (json_)
+            console.event(resultJson(result, item.seconds));
+        else if (machine_)
+            for (const std::string& line : VerifyReport::machineLines(result))
+                console.print(TerminalText::printable(line));
+        else
+            describe(result, item.seconds, console);
+        if (result.cancelled)
+            return ExitStatus::cancelled;
+        if (result.folderGone)
+            return ExitStatus::brokeOff;
+        return result.success() && !result.unfinished && result.chainProblems.empty() ? ExitStatus::ok
+                                                                                      : ExitStatus::dataProblem;
+    }
+
+    static void describe(const VerifyResult& result, double seconds, Console& console) {
+        console.print(console.toned(TerminalText::printable(result.cardPath), Console::Tone::bold));
+        const VerifyReport::Summary summary = VerifyReport::summary(result);
+        console.print("  " + console.toned(summary.text, toneOf(summary.tone)));
+        if (!result.folderGone && !result.cancelled)
+            console.print("  " + VerifyReport::cliSummary(result, seconds));
+        for (const std::string& line : VerifyReport::machineLines(result))
+            console.print("    " + TerminalText::printable(line));
+        for (const std::string& line : VerifyReport::warnings(result))
+            console.print("  " + console.toned(TerminalText::printable(line), Console::Tone::warning));
+    }
+
+    static ExitStatus graver(ExitStatus a, ExitStatus b) {
+        const auto rank = [](ExitStatus status) {
+            switch (status) {
+            case ExitStatus::ok:
+                return 0;
+            case ExitStatus::refused:
+                return 1;
+            case ExitStatus::brokeOff:
+                return 2;
+            default:
+                return 3; // something is wrong with the data: what a script must not miss
+            }
+        };
+        return rank(b) > rank(a) ? b : a;
+    }
+
+    std::vector<std::string> paths_;
+    bool machine_ = false;
+    bool json_ = false;
+    std::vector<Item> items_;
+    Clock::time_point shown_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeVerifyCommand() { return std::make_unique<VerifyCommand>(); }
+
+} // namespace velmora

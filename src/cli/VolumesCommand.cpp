@@ -1,0 +1,130 @@
+#include "base/Text.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/TerminalText.h"
+#include "cli/TypedPath.h"
+#include "disks/Volumes.h"
+#include "job/CardEject.h"
+#include "settings/AppSupport.h"
+#include "settings/SettingsStore.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+
+namespace velmora {
+
+namespace {
+
+std::string padded(const std::string& text, std::size_t width) {
+    const std::size_t cells = TerminalText::width(text);
+    return text + std::string(cells < width ? width - cells : 0, ' ');
+}
+
+class VolumesCommand final : public Command {
+public:
+    CLI::App* declare(CLI::App& program) override {
+        CLI::App* app = program.add_subcommand("volumes", "List cards and disks");
+        app->add_option("--dest", roots_, "Also list the volume of this folder")->type_name("ROOT");
+        app->add_flag("--json", json_, "Print JSON instead: one object a volume");
+        return app;
+    }
+
+    ExitStatus run(CommandContext& context) override {
+        std::vector<std::string> roots = TypedPath::absolute(roots_);
+        const AppSettings settings = SettingsStore::load(AppSupport::folder());
+        roots.insert(roots.end(), settings.destRoots.begin(), settings.destRoots.end());
+        const std::vector<VolumeItem> volumes = Volumes::scan(roots);
+        if (json_)
+            for (const VolumeItem& volume : volumes)
+                context.console.event(toJson(volume));
+        else
+            print(volumes, context.console);
+        return ExitStatus::ok;
+    }
+
+private:
+    static nlohmann::json toJson(const VolumeItem& volume) {
+        nlohmann::json json = {{"event", "volume"},
+                               {"name", volume.name},
+                               {"path", volume.path},
+                               {"total", volume.total},
+                               {"free", volume.free},
+                               {"format", volume.format},
+                               {"card", volume.looksLikeCard},
+                               {"destination", volume.isDestination},
+                               {"writable", volume.isWritable}};
+        if (volume.identity)
+            json["identity"] = *volume.identity;
+        if (volume.ejectProblem)
+            json["ejectProblem"] = *volume.ejectProblem;
+        return json;
+    }
+
+    static void print(const std::vector<VolumeItem>& volumes, Console& console) {
+        if (volumes.empty()) {
+            console.print("No card and no disk is mounted below /media, /run/media, /mnt or /Volumes.");
+            return;
+        }
+        std::vector<std::vector<std::string>> rows = {{"NAME", "KIND", "SIZE", "FREE", "FORMAT", "PATH", "NOTES"}};
+        for (const VolumeItem& volume : volumes) {
+            std::vector<std::string> notes;
+            if (volume.isDestination)
+                notes.push_back("destination");
+            if (!volume.isWritable)
+                notes.push_back("read-only");
+            if (volume.ejectProblem)
+                notes.push_back(*volume.ejectProblem);
+            rows.push_back({volume.name, volume.looksLikeCard ? "card" : "disk", formatBytesShort(volume.total),
+                            formatBytesShort(volume.free), volume.format, volume.path, join(notes, "; ")});
+        }
+        std::vector<std::size_t> widths(rows.front().size());
+        for (auto& row : rows)
+            for (std::size_t c = 0; c < row.size(); ++c) {
+                row[c] = TerminalText::printable(row[c]);
+                widths[c] = std::max(widths[c], TerminalText::width(row[c]));
+            }
+        for (std::size_t r = 0; r < rows.size(); ++r) {
+            std::string line;
+            for (std::size_t c = 0; c + 1 < rows[r].size(); ++c)
+                line += padded(rows[r][c], widths[c] + 2);
+            line += rows[r].back();
+            line.erase(line.find_last_not_of(' ') + 1);
+            console.print(r == 0 ? console.toned(line, Console::Tone::bold) : line);
+        }
+    }
+
+    std::vector<std::string> roots_;
+    bool json_ = false;
+};
+
+class EjectCommand final : public Command {
+public:
+    CLI::App* declare(CLI::App& program) override {
+        CLI::App* app = program.add_subcommand("eject", "Eject a card");
+        app->add_option("PATH", path_, "The card, as it is mounted")->required();
+        app->footer("Exit status: 0 the card may be pulled; 4 it was not ejected, and why.");
+        return app;
+    }
+
+    ExitStatus run(CommandContext& context) override {
+        if (const auto problem = CardEject::eject(TypedPath::absolute(path_))) {
+            context.console.log("Couldn't eject the card: " + TerminalText::printable(*problem));
+            return ExitStatus::brokeOff;
+        }
+        context.console.print("The card is ejected.");
+        return ExitStatus::ok;
+    }
+
+private:
+    std::string path_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeVolumesCommand() { return std::make_unique<VolumesCommand>(); }
+std::unique_ptr<Command> makeEjectCommand() { return std::make_unique<EjectCommand>(); }
+
+} // namespace velmora
