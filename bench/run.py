@@ -103,7 +103,7 @@ class Bench:
         settle(source)
         with open(os.path.join(self.work, "result.jsonl"), "wb") as output:
             cost = run([VELMORA, "copy", source, "--dest", self.a, "--dest", self.b, "--name", "BENCH", "--json",
-                        "--allow-same-device", "--allow-source-volume"], self.env, output)
+                        "--allow-same-device", "--allow-source-volume", "--no-history"], self.env, output)
         with open(output.name, encoding="utf-8") as lines:
             self.last_result = [json.loads(line) for line in lines][-1]
         return cost
