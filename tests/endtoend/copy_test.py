@@ -60,7 +60,7 @@ class Case(unittest.TestCase):
         for root in roots:
             words += ["--dest", root]
         words += ["--name", CARD, "--date", DATE, "--block-mib", str(block), "--allow-same-device"]
-        return words + ["--allow-source-volume", *options]
+        return words + ["--allow-source-volume", "--no-history", *options]
 
     def environment(self):
         own = {"XDG_DATA_HOME": self.folder + "/data", "VELMORA_REPORTS_DIR": self.folder + "/reports"}
