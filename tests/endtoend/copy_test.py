@@ -242,7 +242,7 @@ class BadDisks(Case):
                 card.strike("fail", errno.EIO, "read", skip=1, times=times, pattern="*C0001*")
                 self.assertEqual(self.copy([self.a, self.b], source=card.root), status)
                 bad = [] if status == 0 else ["--failed", "0:" + self.names[0]]
-                self.judge([self.a, self.b], status, *bad, source=card.medium)
+                self.judge([self.a, self.b], status, "--copied-from", card.root, *bad, source=card.medium)
                 if status == 1:
                     self.assertIn(f"errno {errno.EIO}", self.report(self.a)["files"][0]["sourceError"])
 

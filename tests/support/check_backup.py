@@ -253,7 +253,8 @@ class Card:
         equal(where, "verifyMethod", method in ("read-back", "verify-in-proxy"), report["verified"])
         if generation == 1:
             equal(where, "kind", report["kind"], "copy")
-            equal(where, "source", os.path.realpath(report["source"]), os.path.realpath(self.options.source))
+            copied_from = self.options.copied_from or self.options.source
+            equal(where, "source", os.path.realpath(report["source"]), os.path.realpath(copied_from))
         paths = [entry["path"] for entry in entries]
         equal(where, "generation", report.get("generation", 1), generation)
         equal(where, "kind", report.get("kind") in ("append", "repair"), generation > 1)
@@ -458,6 +459,7 @@ def main():
     parser.add_argument("cards", nargs="+")
     parser.add_argument("--block-mib", type=int, default=16)
     parser.add_argument("--unverified", action="store_true")
+    parser.add_argument("--copied-from", help="where the card stood, when SOURCE is the same data elsewhere")
     parser.add_argument("--exit", type=int)
     parser.add_argument("--failed", action="append", default=[])
     parser.add_argument("--time-slack", type=float, default=0)
