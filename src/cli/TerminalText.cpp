@@ -116,7 +116,7 @@ std::string fit(std::string_view text, std::size_t columns) {
 }
 
 std::string fitMiddle(std::string_view text, std::size_t columns) {
-    const std::string clean = printable(text);
+    std::string clean = printable(text);
     const auto all = clusters(clean);
     if (sum(all) <= columns)
         return clean;

@@ -8,8 +8,8 @@ namespace velmora {
 std::optional<std::string> CardIdentity::of(const std::string& path) {
     if (!IO::exists(path))
         return std::nullopt;
-    if (const auto uuid = VolumeFacts::volumeUUID(path); uuid && !uuid->empty())
-        return *uuid;
+    if (auto uuid = VolumeFacts::volumeUUID(path); uuid && !uuid->empty())
+        return uuid;
     // Only a medium without a UUID needs its date: the date is not known to every account on every system, and an
     // identity must come out the same whoever asks.
     if (const auto created = VolumeFacts::created(path))

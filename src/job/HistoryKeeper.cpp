@@ -12,7 +12,7 @@ namespace {
 constexpr double lookupSeconds = 2.0;
 } // namespace
 
-HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, std::string source, Log log)
+HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, const std::string& source, Log log)
     : recorder_(recorder), folder_(std::move(folder)), log_(std::move(log)) {
     if (VolumeFacts::isVolumeRoot(source))
         volume_ = cardVolumeOf(source);

@@ -18,7 +18,7 @@ namespace velmora {
 class HistoryKeeper {
 public:
     // `delayed` is called when a record has to wait for a busy history; it must outlive nothing but the call.
-    HistoryKeeper(HistoryRecorder& recorder, std::string folder, std::string source, Log log);
+    HistoryKeeper(HistoryRecorder& recorder, std::string folder, const std::string& source, Log log);
 
     // A copy that begins now.
     void start(const OffloadPlan& plan, const std::function<void()>& delayed);
