@@ -64,15 +64,16 @@ void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std:
 }
 
 void HistoryKeeper::finish(const OffloadReport& report, const std::vector<SourceFile>& card,
-                           const std::function<void()>& delayed) {
+                           const std::optional<BackupCheck>& wholeCard, const std::function<void()>& delayed) {
     if (id_.empty())
         return;
-    record(report.kind.value_or("copy"), delayed, [id = id_, report, card, volume = volume_](HistoryStore& store) {
-        return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
-            const auto stored = present ? store.readFileList(*present) : std::nullopt;
-            return HistoryRecords::finished(present, id, report, card, volume, stored);
-        });
-    });
+    record(report.kind.value_or("copy"), delayed,
+           [id = id_, report, card, wholeCard, volume = volume_](HistoryStore& store) {
+               return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
+                   const auto stored = present ? store.readFileList(*present) : std::nullopt;
+                   return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard);
+               });
+           });
 }
 
 void HistoryKeeper::forget() {

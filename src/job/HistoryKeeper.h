@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "memory/BackupCheck.h"
 #include "memory/HistoryRecorder.h"
 #include "records/CardKey.h"
 #include "records/OffloadPlan.h"
@@ -24,8 +25,9 @@ public:
     void start(const OffloadPlan& plan, const std::function<void()>& delayed);
     // An append, a finish or a repair: the entry of these folders is marked as unfinished.
     void reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed);
-    // `card` is everything on the card.
-    void finish(const OffloadReport& report, const std::vector<SourceFile>& card, const std::function<void()>& delayed);
+    // `card` are the files of the card that the backup covers; `wholeCard` as in HistoryRecords::finished.
+    void finish(const OffloadReport& report, const std::vector<SourceFile>& card,
+                const std::optional<BackupCheck>& wholeCard, const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
 

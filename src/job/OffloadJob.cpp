@@ -167,7 +167,7 @@ void OffloadJob::addWarning(const std::string& warning) {
     state_.warning = state_.warning ? *state_.warning + "\n" + warning : warning;
 }
 
-void OffloadJob::recordFinish(const OffloadReport& report) {
+void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard) {
     if (!history_)
         return;
     const auto isDone = [](const OffloadReport::FileEntry& file) {
@@ -177,7 +177,8 @@ void OffloadJob::recordFinish(const OffloadReport& report) {
     if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
         history_->forget();
     else
-        history_->finish(report, card_, [this] { addWarning(std::string(Msg::historyBusy)); });
+        history_->finish(report, wholeCard ? wholeCard->covered : card_, wholeCard,
+                         [this] { addWarning(std::string(Msg::historyBusy)); });
 }
 
 void OffloadJob::runCopy() {
@@ -211,10 +212,8 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     if (append.later > 0)
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
                                countedFiles(append.later)));
-    if (history_) {
-        card_ = append.fullScan.files;
+    if (history_)
         history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
-    }
     ReportRecorder recorder(append.resuming);
     OffloadReport report = engine_.run(append.toPlan(), recorder);
     settle(std::move(report), checkWholeCard(append.fullScan, append.cardPaths));
@@ -235,10 +234,8 @@ void OffloadJob::runRepair() {
     const RepairPlan repair = RepairPlanner::plan(config_.source, checkedPaths, IO::filesystemType(config_.source),
                                                   filesystemsOf(checkedPaths), findings, isCancelled);
     checkSpace(repair.plan);
-    if (history_) {
-        card_ = repair.plan.scan.files;
+    if (history_)
         history_->reopen(checkedPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
-    }
     engine_.setBeforeRename(repair_->mover(repair));
     ReportRecorder recorder(true, [this](OffloadReport& report) { repair_->amend(report); });
     OffloadReport report = engine_.run(repair.plan, recorder);
@@ -322,7 +319,7 @@ void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& 
     if (wholeCard)
         for (const std::string& line : wholeCard->messages())
             addWarning(line);
-    recordFinish(*this->report());
+    recordFinish(*this->report(), wholeCard);
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
     else if (cardChanged)

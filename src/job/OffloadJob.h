@@ -77,7 +77,7 @@ private:
     void lockFolders(const std::vector<std::string>& cardPaths);
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
     void openHistory(const Log& log);
-    void recordFinish(const OffloadReport& report);
+    void recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard);
     // `wholeCard` after a run that covered a part of the card: the promises hold for the whole card or not at all.
     void settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard = {}) EXCLUDES(mutex_);
     BackupCheck checkWholeCard(const SourceScan& card, const std::vector<std::string>& cardPaths) const;
@@ -101,7 +101,7 @@ private:
     std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
     std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
     std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
-    std::vector<SourceFile> card_;           // everything on the card, for the history
+    std::vector<SourceFile> card_;           // what a full copy covers, for the history
     OffloadEngine engine_;
 };
 

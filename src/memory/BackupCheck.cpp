@@ -56,6 +56,7 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<std::strin
             ++check.notInBackup;
             continue;
         }
+        check.covered.push_back(file);
         const BackupState state = BackupState::of(*words);
         check.state.failed += state.failed > 0 ? 1 : 0;
         check.state.unverified += state.failed == 0 && state.unverified > 0 ? 1 : 0;

@@ -16,6 +16,7 @@ struct BackupCheck {
     BackupState state;
     std::int64_t notInBackup = 0;     // files of the card that no report names, or names with another size or time
     std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
+    std::vector<SourceFile> covered;  // files of the card that every disk's reports name as they are on the card
 
     bool safeToEject() const { return !error && state.failed == 0 && notInBackup == 0; }
     bool safeToFormat() const { return safeToEject() && state.unverified == 0; }

@@ -85,7 +85,8 @@ HistoryEntry reopened(const HistoryEntry& entry) {
 
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
-                              const std::optional<std::vector<SourceFile>>& storedFiles) {
+                              const std::optional<std::vector<SourceFile>>& storedFiles,
+                              const std::optional<BackupCheck>& wholeCard) {
     HistoryEntry entry = present ? *present : HistoryEntry{};
     entry.id = id;
     entry.source = report.source;
@@ -107,15 +108,18 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
     addGeneration(entry, report);
     entry.verified = entry.success && std::all_of(entry.generations.begin(), entry.generations.end(),
                                                   [](const HistoryGeneration& g) { return g.verified; });
+    if (wholeCard) {
+        entry.success = entry.success && !wholeCard->error && wholeCard->state.failed == 0;
+        entry.failedFiles = std::max(failed, wholeCard->state.failed);
+        entry.verified = entry.verified && entry.success && wholeCard->state.unverified == 0;
+    }
     entry.unfinished = false;
     HistoryStore::Change change = withCard(entry, volume, card, first ? std::nullopt : storedFiles);
-    change.entry.files = 0;
+    // Of the whole backup; the generations do not add up to it where a file was repaired or an entry was lost.
+    change.entry.files = static_cast<std::int64_t>(change.files->size());
     change.entry.bytes = 0;
-    for (const HistoryGeneration& generation : change.entry.generations)
-        if (generation.kind != "repair") {
-            change.entry.files += generation.files;
-            change.entry.bytes += generation.bytes;
-        }
+    for (const SourceFile& file : *change.files)
+        change.entry.bytes += file.size;
     return change;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "memory/BackupCheck.h"
 #include "memory/HistoryStore.h"
 #include "records/CardKey.h"
 #include "records/OffloadPlan.h"
@@ -24,11 +25,14 @@ HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVo
 // The same for an append, a finish or a repair of a card that the history knows: its entry, marked as unfinished.
 HistoryEntry reopened(const HistoryEntry& entry);
 
-// The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` is the list of
-// everything on the card, `storedFiles` the list of the entry before this job.
+// The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` are the files
+// of the card that the backup covers, `storedFiles` the list of the entry before this job. `wholeCard` is what was
+// found of the whole card after a run that covered a part of it: the entry promises no more than that. Files that the
+// backup does not hold must not get into the list: a card that comes back with them would pass for safe to format.
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
-                              const std::optional<std::vector<SourceFile>>& storedFiles);
+                              const std::optional<std::vector<SourceFile>>& storedFiles,
+                              const std::optional<BackupCheck>& wholeCard = {});
 
 // The entry with the union of its stored list and what the card holds now (which wins, path by path), and the digests
 // of that union: the next insertion of the same card with nothing new is then identical.
