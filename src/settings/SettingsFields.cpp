@@ -136,6 +136,7 @@ SettingsField heightField() {
 }
 
 // The member of the settings, or of one of its sections.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member behind the dot takes no brackets
 #define IN(member) [](AppSettings& s) -> auto& { return s.member; }
 
 std::vector<SettingsField> proxyFields() {
