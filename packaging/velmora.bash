@@ -1,6 +1,6 @@
 # Completion of velmora for bash: the commands and options come from the program's own help.
 _velmora() {
-    local word=${COMP_WORDS[COMP_CWORD]} command= index
+    local word=${COMP_WORDS[COMP_CWORD]} command='' index
     for ((index = 1; index < COMP_CWORD; index++)); do
         case ${COMP_WORDS[index]} in
         -*) ;;

@@ -11,8 +11,6 @@
 #include <charconv>
 #include <numeric>
 #include <set>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace velmora::CardFolders {
 
@@ -35,8 +33,7 @@ std::string deepestExisting(std::string path) {
 // Like mkdir -p for the folders above; the folder itself must be new.
 void makeNew(const std::string& folder) {
     IO::mkdirs(parentOf(folder));
-    if (::mkdir(folder.c_str(), 0755) != 0)
-        throw IOError("mkdir", folder, errno);
+    IO::mkdirNew(folder);
 }
 
 // "A001_2" came of "A001" if that is taken somewhere: the next free name is looked for from there.
@@ -67,7 +64,7 @@ bool tryClaim(const std::vector<std::size_t>& order, std::vector<Destination>& a
         } catch (const IOError& error) {
             if (error.code() == EEXIST && error.path() == all[d].cardPath) {
                 for (const std::string* folder : taken)
-                    ::rmdir(folder->c_str());
+                    IO::removeEmptyFolder(*folder);
                 return false;
             }
             all[d].error = error.what();
@@ -87,11 +84,13 @@ std::vector<Destination> destinationsOf(const OffloadPlan& plan) {
 
 // One folder below an existing one; a link or a file in its place is no folder.
 void makeFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), 0755) == 0)
+    try {
+        IO::mkdirNew(path);
         return;
-    const int code = errno;
-    if (code != EEXIST)
-        throw IOError("mkdir", path, code);
+    } catch (const IOError& error) {
+        if (error.code() != EEXIST)
+            throw;
+    }
     const FileFacts facts = IO::lstat(path);
     if (!facts.isFolder)
         throw IOError("mkdir", path, facts.isLink ? ELOOP : ENOTDIR);

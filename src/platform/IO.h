@@ -23,6 +23,10 @@ AlignedBuffer allocateAligned(std::size_t bytes);
 // Creates a folder and its missing parents (mode 0755); existing ones are fine. A link in the place of a folder that
 // has to be created is not followed.
 void mkdirs(const std::string& path);
+// Creates one folder that must not exist yet: throws IOError("mkdir", path, EEXIST) when anything has its name.
+void mkdirNew(const std::string& path);
+// Removes an empty folder; false when that cannot be.
+bool removeEmptyFolder(const std::string& path) noexcept;
 
 // Writes a new file: temporary name in the same folder, fsync, rename that never replaces, fsync of the folder.
 // Throws IOError("create", path, EEXIST) when the name is taken.

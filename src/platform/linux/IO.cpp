@@ -88,6 +88,10 @@ void mkdirs(const std::string& path) {
     throw IOError("mkdir", folder, code);
 }
 
+void mkdirNew(const std::string& path) { check(::mkdir(path.c_str(), 0755), "mkdir", path); }
+
+bool removeEmptyFolder(const std::string& path) noexcept { return ::rmdir(path.c_str()) == 0; }
+
 void renameNoReplace(const std::string& from, const std::string& to) {
     int code = RenameNoReplace::byKernel(from, to);
     if (code == EINVAL || code == ENOSYS) {
