@@ -131,6 +131,13 @@ Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions&
     return result;
 }
 
+void Preflight::checkInto(const std::string& source, const std::vector<std::string>& cardPaths,
+                          const OffloadOptions& options) {
+    checkOptions(options);
+    checkSource(source);
+    checkRootsDiffer(cardPaths);
+}
+
 std::int64_t Preflight::demand(const SourceScan& scan) {
     const auto files = static_cast<std::int64_t>(scan.files.size());
     return plus(scan.totalBytes(), files * bytesPerFile + slack);

@@ -44,6 +44,10 @@ struct Result {
 Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra = {},
                const FreeSpace& freeSpace = {}, const IsCancelled& isCancelled = {});
 
+// The same for a run into card folders that exist already: its options, its source, and no folder given twice. What
+// the folders hold is for the planner to judge.
+void checkInto(const std::string& source, const std::vector<std::string>& cardPaths, const OffloadOptions& options);
+
 // The demand of one run: its bytes, and what file systems and this program's records add to them.
 std::int64_t demand(const SourceScan& scan);
 

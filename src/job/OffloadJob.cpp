@@ -87,7 +87,7 @@ OffloadJob::OffloadJob(JobConfig config, OffloadOptions options, JobServices ser
     // ahead of the first file is it known what is to be locked.
     auto& before = engine_.options().beforeFileCopy;
     before = [this, next = std::move(before)](std::int64_t index) {
-        if (locks_ == nullptr)
+        if (index == 0 && locks_ == nullptr)
             lockFolders();
         if (next)
             next(index);
@@ -195,6 +195,7 @@ void OffloadJob::runCopy() {
 }
 
 void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
+    Preflight::checkInto(config_.source, cardPaths, engine_.options());
     lockFolders(cardPaths);
     const auto isCancelled = [this] { return engine_.isCancelled(); };
     AppendPlan append;
@@ -223,6 +224,7 @@ void OffloadJob::runRepair() {
     const std::vector<std::string>& cardPaths = repair_->cardPaths();
     if (!config_.verify)
         throw OffloadError::preflight(PreflightCode::other, std::string(Msg::repairNeedsVerify));
+    Preflight::checkInto(config_.source, cardPaths, engine_.options());
     lockFolders(cardPaths);
     const auto isCancelled = [this] { return engine_.isCancelled(); };
     const std::vector<std::string> checkedPaths = RepairPlanner::checkBackup(cardPaths).paths;
@@ -240,7 +242,13 @@ void OffloadJob::runRepair() {
     ReportRecorder recorder(true, [this](OffloadReport& report) { repair_->amend(report); });
     OffloadReport report = engine_.run(repair.plan, recorder);
     repair_->amend(report);
-    settle(std::move(report), checkWholeCard(Scanner::scan(config_.source), checkedPaths));
+    BackupCheck wholeCard;
+    try {
+        wholeCard = checkWholeCard(Scanner::scan(config_.source), checkedPaths);
+    } catch (const std::exception& error) { // the card may be gone by now; the repair was made all the same
+        wholeCard.error = error.what();
+    }
+    settle(std::move(report), wholeCard);
 }
 
 void OffloadJob::nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) {
@@ -312,10 +320,10 @@ void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& 
             state_.safeToEject = state_.safeToEject && wholeCard->safeToEject();
             state_.safeToFormat = state_.safeToFormat && wholeCard->safeToFormat();
         }
-        if (!recorded)
-            state_.warning = problems.front();
         report_ = std::make_shared<const OffloadReport>(std::move(report));
     }
+    for (const std::string& problem : problems)
+        addWarning(problem);
     if (wholeCard)
         for (const std::string& line : wholeCard->messages())
             addWarning(line);

@@ -146,5 +146,38 @@ TEST_F(OffloadJobTest, ARefusalKeepsItsCodeAndCreatesNothing) {
     EXPECT_TRUE(test::FileTree::contents(temp / "a").empty());
 }
 
+TEST_F(OffloadJobTest, AnAppendThatCannotRunTouchesNothing) {
+    OffloadJob(config, options).run({});
+    test::FileTree::make(config.source, {{"4.mov", 10}});
+    const std::string folder = temp / "a/2026-03-14/CARD";
+    const auto before = test::FileTree::contents(folder);
+    config.appendInto = {folder, temp / "b/2026-03-14/CARD"};
+    struct Case {
+        PreflightCode code;
+        std::function<void(JobConfig&)> harm;
+    };
+    const Case cases[] = {
+        {PreflightCode::chunkSize, [](JobConfig& c) { c.chunkMB = 0; }},
+        {PreflightCode::bufferCount, [](JobConfig& c) { c.buffers = 0; }},
+        {PreflightCode::sourceNotFound, [](JobConfig& c) { c.source += "_none"; }},
+        {PreflightCode::duplicateDestination, [&](JobConfig& c) { c.appendInto = {folder, folder + "/"}; }},
+    };
+    for (const bool repair : {false, true}) {
+        for (const Case& each : cases) {
+            JobConfig bad = config;
+            each.harm(bad);
+            OffloadJob job(bad, options);
+            if (repair)
+                job.repairInto(*bad.appendInto);
+            job.run({});
+            EXPECT_EQ(job.status().errorCode, each.code) << job.status().error.value_or("");
+            EXPECT_EQ(test::FileTree::contents(folder), before);
+        }
+    }
+    OffloadJob job(config, options);
+    job.run({});
+    EXPECT_TRUE(job.status().safeToFormat) << job.status().error.value_or("");
+}
+
 } // namespace
 } // namespace velmora
