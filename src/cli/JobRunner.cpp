@@ -144,8 +144,12 @@ ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
     const JobStatus status = job.status();
     const auto report = job.report();
     const ExitStatus exit = exitStatusOf(status, report != nullptr, job.config().verify);
-    if (json)
-        console.event(StatusJson::result(status, report.get(), static_cast<int>(exit)));
+    if (json) {
+        auto result = StatusJson::result(status, report.get(), static_cast<int>(exit));
+        if (report != nullptr)
+            result["idleShare"] = job.engine().copyTimes().idleShare();
+        console.event(result);
+    }
     if (exit == ExitStatus::refused)
         console.log(fmt::format("refused: {}: {}", name(*status.errorCode), status.error.value_or("")));
     else if (exit == ExitStatus::brokeOff)
