@@ -67,6 +67,7 @@ private:
     bool verify(); // false when it did not run to its end
     void keepTimes(std::int64_t began);
     OffloadReport buildReport(bool verified) const;
+    void blameFlush(const OffloadReport& report);
     void recordReport(OffloadReport& report, RunRecorder& recorder, bool verified);
     bool isCancelled() const noexcept;
     void say(const std::string& text) const;

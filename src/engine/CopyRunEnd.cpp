@@ -6,6 +6,8 @@
 #include "engine/RunRecorder.h"
 #include "records/OffloadPlan.h"
 
+#include <fmt/format.h>
+
 // What comes behind the last block: flush, read-back, report.
 namespace velmora {
 
@@ -76,11 +78,32 @@ OffloadReport CopyRun::buildReport(bool verified) const {
                                  .pending = engine_.options_.deferVerify});
 }
 
+// Where every file had been flushed before, a failed flush of the whole disk finds none to blame. What it leaves
+// unknown, folders and their names, is no ground for a promise all the same.
+void CopyRun::blameFlush(const OffloadReport& report) {
+    for (const auto& writer : writers_) {
+        if (!writer || writer->deviceFlushed() || !report.success())
+            continue;
+        engine_.reportProblems_.push_back(fmt::format(
+            "{}: the last flush of the disk failed — the backup may not be on it for good.", writer->cardPath()));
+        say(engine_.reportProblems_.back());
+    }
+}
+
 void CopyRun::recordReport(OffloadReport& report, RunRecorder& recorder, bool verified) {
     using Stage = RunRecorder::Stage;
+    // What stands on some disks only, or not for good, is not a result that a card may be formatted on.
+    const auto deny = [&] {
+        if (engine_.reportProblems_.empty())
+            return;
+        report.verifyIncomplete = true;
+        report.safeToFormatSeconds.reset();
+    };
     const Stage stage = engine_.options_.deferVerify ? Stage::pending : verified ? Stage::verified : Stage::unverified;
     if (!verified && engine_.beforePendingReports_)
         engine_.beforePendingReports_();
+    blameFlush(report);
+    deny();
     for (const CardFolders::Destination& destination : destinations_) {
         try {
             recorder.write(stage, report, destination.cardPath);
@@ -89,11 +112,7 @@ void CopyRun::recordReport(OffloadReport& report, RunRecorder& recorder, bool ve
             say(destination.cardPath + ": " + engine_.reportProblems_.back());
         }
     }
-    // What stands on some disks only is not a result that a card may be formatted on.
-    if (!engine_.reportProblems_.empty()) {
-        report.verifyIncomplete = true;
-        report.safeToFormatSeconds.reset();
-    }
+    deny();
     engine_.fileBlocks_ = hasher_.takeBlocks();
     engine_.fileBlocks_.resize(report.files.size());
 }

@@ -76,8 +76,9 @@ public:
     const std::optional<std::string>& cardAtStart() const noexcept { return cardAtStart_; }
     std::int64_t resumedBytes() const noexcept { return resumedBytes_; } // taken over from part files
     const CopyTimes& copyTimes() const noexcept { return copyTimes_; }
-    // Why the record of the run does not stand in a card folder ("Could not write the report: …"), one a folder. The
-    // report that `run` returned then has `verifyIncomplete` set, and the card is not safe to format.
+    // Why the record of the run does not stand in a card folder ("Could not write the report: …"), or may not stand
+    // there for good, one a folder. The report that `run` returned then has `verifyIncomplete` set, and the card is not
+    // safe to format.
     const std::vector<std::string>& reportProblems() const noexcept { return reportProblems_; }
 
 private:
