@@ -1,6 +1,7 @@
 #include "cli/JobRunner.h"
 
 #include "base/Mutex.h"
+#include "base/Text.h"
 #include "cli/Console.h"
 #include "cli/CopySummary.h"
 #include "cli/Interrupts.h"
@@ -107,6 +108,13 @@ private:
     std::vector<std::string> roots_;
 };
 
+// A list of conflicts comes in lines, and stays in lines for the eye.
+void logRefusal(Console& console, PreflightCode code, const std::string& text) {
+    const std::string whole = fmt::format("refused: {}: {}", name(code), text);
+    for (const std::string_view line : split(whole, '\n', true))
+        console.log(line);
+}
+
 } // namespace
 
 ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted) {
@@ -151,7 +159,7 @@ ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
         console.event(result);
     }
     if (exit == ExitStatus::refused)
-        console.log(fmt::format("refused: {}: {}", name(*status.errorCode), status.error.value_or("")));
+        logRefusal(console, *status.errorCode, status.error.value_or(""));
     else if (exit == ExitStatus::brokeOff)
         console.log(fmt::format("velmora: {}", status.error.value_or("")));
     if (exit != ExitStatus::refused && !json)

@@ -63,7 +63,7 @@ bool sameContent(const ManifestRecord& a, const ManifestRecord& b) {
     return a.xxh64 == b.xxh64 && a.blockSize == b.blockSize && a.blocks == b.blocks;
 }
 
-// The record that proves a file on every disk, or none. A record that holds no usable hashes proves nothing.
+// The record that all agree on, or none. A record that holds no usable hashes proves nothing.
 const ManifestRecord* commonRecord(const std::vector<const ManifestRecord*>& records) {
     for (const ManifestRecord* record : records)
         if (!record || !record->toManifest() || !record->xxh64Value() || !sameContent(*record, *records.front()))
@@ -166,17 +166,13 @@ Decision decide(const Unfinished& unfinished, const std::vector<SourceFile>& fil
                 write[d] = true;
         }
         std::optional<ManifestRecord> known;
-        const bool complete = records.size() == destinations;
-        if (complete) {
-            if (const ManifestRecord* record = commonRecord(records))
-                known = *record;
-            else
-                write.assign(destinations, true);
-        } else if (!records.empty() && !commonRecord(records)) {
+        if (const ManifestRecord* record = commonRecord(records))
+            known = *record;
+        else if (!records.empty())
             write.assign(destinations, true);
-        }
-        decision.resume.push_back(known ? std::nullopt
-                                        : commonCheckpoint(unfinished, file, write, localTime, blockSize));
+        const bool complete = known && records.size() == destinations;
+        decision.resume.push_back(complete ? std::nullopt
+                                           : commonCheckpoint(unfinished, file, write, localTime, blockSize));
         decision.write.push_back(std::move(write));
         decision.known.push_back(std::move(known));
     }

@@ -33,12 +33,13 @@ using SizeOnDisk = std::function<std::optional<std::int64_t>(std::size_t dest, c
 
 struct Decision {
     std::vector<std::vector<bool>> write;              // per file, per destination
-    std::vector<std::optional<ManifestRecord>> known;  // set when the file is safe on every destination
+    std::vector<std::optional<ManifestRecord>> known;  // what the destinations that hold the file agree on
     std::vector<std::optional<PartCheckpoint>> resume; // where the destinations that need the file can continue
 };
 
-// A file that every disk holds complete and durable, by one and the same record, is known and not read again. A disk
-// whose records disagree with another's gets the file anew: which of the two is right, nobody can say.
+// A file that every disk holds complete and durable, by one and the same record, is known and not read again. One that
+// only some hold is known too: what the others get from the card must be the same. Where records disagree every disk
+// gets the file anew: which of them is right, nobody can say.
 Decision decide(const Unfinished& unfinished, const std::vector<SourceFile>& files, const SizeOnDisk& sizeOnDisk,
                 bool localTime, std::int64_t blockSize);
 

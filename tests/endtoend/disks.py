@@ -15,10 +15,11 @@ def possible():
 class FaultDisk:
     """See tests/support/FaultDisk.h; the commands are those of tests/support/faultdisk/main.cpp."""
 
-    def __init__(self, backing=None, power=False):
+    def __init__(self, backing=None, power=False, root=None):
+        """Over the backing of an earlier disk it shows what that one left; `root`: where to mount it, a folder."""
         self.own = tempfile.mkdtemp(prefix="velmora-disk-")
-        self.backing, self.root = backing or self.own, self.own + "/mount"
-        os.mkdir(self.root)
+        self.backing, self.root = backing or self.own, root or self.own + "/mount"
+        os.makedirs(self.root, exist_ok=True)
         command = [BIN + "/velmora_fault_disk", self.backing, self.root] + ([] if power else ["--no-power"])
         self.server = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True

@@ -5,8 +5,10 @@ Reads the source and every card folder, recomputes all digests, and compares eac
 checksum lists and the ASC MHL history with what it finds itself. Prints one line per complaint; exit status 1 if any.
 
     check_backup.py SOURCE CARD_FOLDER... [--block-mib 16] [--unverified] [--exit N] [--failed N:PATH]... [--time-slack S]
+                    [--after-crash]
 
 --failed N:PATH   that file must be reported failed on the Nth card folder (0: the source could not be read), and no other
+--after-crash     a killed run may have left temporary names, and a generation that never reached the chain
 --exit N          exit status of the run, judged by what the report says
 """
 
@@ -196,8 +198,26 @@ class Card:
                     complain(self.path(path), f"block {block} differs from the source")
         known = r"offload-manifest\.jsonl|offload_report(_\d{4,})?\.(json|txt)|.+_report(_\d{4,})?\.(html|pdf)|.+\.(xxh64|md5)|offload_verify_.*"
         for name in report_names:
-            if not re.fullmatch(known, name) or name.startswith("."):
+            if self.left_by_crash(name):
+                continue
+            if name == "set-aside":
+                self.check_set_aside()
+            elif not re.fullmatch(known, name) or name.startswith("."):
                 complain(self.report(), f"does not belong here: {name}")
+
+    def left_by_crash(self, name):
+        return self.options.after_crash and re.fullmatch(r"\.velmora-.*\.tmp", name)
+
+    def check_set_aside(self):
+        """Every copy that a report tells of is there, and none of them is the good one."""
+        for report in self.reports.values():
+            for copy in report.get("setAside", []):
+                if copy["destination"] != self.column(report):
+                    continue
+                if not os.path.isfile(self.path(copy["movedTo"])):
+                    complain(self.root, f"not set aside: {copy}")
+                elif hashes(self.path(copy["movedTo"]), self.options.block)["xxh64"] == self.source[copy["path"]]["xxh64"]:
+                    complain(self.root, f"a good copy was set aside: {copy}")
 
     def check_manifest(self):
         where, seen = self.report("offload-manifest.jsonl"), set()
@@ -397,7 +417,10 @@ class Card:
             self.check_generation(number, name, data)
             text += f'  <hashlist sequencenr="{number}">\n    <path>{escape(name)}</path>\n    <c4>{value}</c4>\n  </hashlist>\n'
         equal(where, "chain file", raw, text + "</ascmhldirectory>\n")
-        equal(where, "files", sorted(os.listdir(where)), sorted(listed + ["ascmhl_chain.xml"]))
+        names = [name for name in os.listdir(where) if not self.left_by_crash(name)]
+        if self.options.after_crash:
+            names = [name for name in names if name in listed or not re.fullmatch(r"\d{4,}_.*\.mhl(\.unchained)?", name)]
+        equal(where, "files", sorted(names), sorted(listed + ["ascmhl_chain.xml"]))
         equal(where, "number of generations", len(listed), len(self.reports))
 
     def check_generation(self, number, name, data):
@@ -419,7 +442,9 @@ class Card:
         if kind == "append":
             comment = f"Velmora append: {count} new file{'' if count == 1 else 's'} from {report['source']}"
         elif kind == "repair":
-            comment = info.findtext(MHL_NS + "comment").split(" · verification: ")[0]
+            read = sum(not any(entry.get("rewritten") or []) for entry in report["files"])
+            comment = f"Velmora repair: {count - read} file{'' if count - read == 1 else 's'} again from {report['source']}"
+            comment += f" {read} file{'' if read == 1 else 's'} only read back" if read else ""
         if method := report["destinations"][me].get("verifyMethod"):
             comment += f" · verification: {method}"
         lines = ['<?xml version="1.0" encoding="UTF-8"?>', '<hashlist version="2.0" xmlns="urn:ASC:MHL:v2.0">']
@@ -460,6 +485,7 @@ def main():
     parser.add_argument("--block-mib", type=int, default=16)
     parser.add_argument("--unverified", action="store_true")
     parser.add_argument("--copied-from", help="where the card stood, when SOURCE is the same data elsewhere")
+    parser.add_argument("--after-crash", action="store_true")
     parser.add_argument("--exit", type=int)
     parser.add_argument("--failed", action="append", default=[])
     parser.add_argument("--time-slack", type=float, default=0)

@@ -1,0 +1,274 @@
+#!/usr/bin/env python3
+"""`velmora` killed, or its disks cut off the power, at many moments of a copy, an append, a resume and a repair.
+
+After each the same command that a user would give (append, or repair after a repair) either finishes to a backup that
+holds every file once, verified, with a whole chain; or it refuses with a code and leaves everything as it is. Earlier
+generations never change. Prints a table: moment, what the power left, outcome, bytes read on the card again."""
+
+import collections
+import hashlib
+import json
+import os
+import random
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from disks import BIN, FaultDisk, possible
+
+MIB = 1 << 20
+CHECKER = os.path.join(os.path.dirname(__file__), "../support/check_backup.py")
+SOAK = os.environ.get("VELMORA_SOAK") == "1"
+SEED = int(os.environ.get("VELMORA_SEED", random.randrange(1 << 30) if SOAK else 1))
+ROUNDS = int(os.environ.get("VELMORA_ROUNDS", 250 if SOAK else 7))
+DATE, CARD = "2026-03-14", "A001"
+# What a refusal may say, and what is then wrong in the folders.
+FITTING = {
+    "appendUnavailable",  # one of the folders was never made
+    "appendNoReport",  # died before the first line of the manifest: nothing that could be finished
+    "appendConflict",  # files without a line lie about
+    "appendDiverged",  # one disk is committed, the other is not
+}
+
+
+def write(path, size, seed):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as file:
+        file.write(random.Random(f"{seed}{size}").randbytes(size))
+    os.utime(path, ns=(1_700_000_000_000_000_000 + seed, 1_700_000_000_000_000_000 + seed))
+
+
+def tree(root):
+    """Every file below a folder with its digest, every folder."""
+    found = {}
+    for folder, _, names in os.walk(root):
+        found[os.path.relpath(folder, root) + "/"] = ""
+        for name in names:
+            path = os.path.join(folder, name)
+            with open(path, "rb") as file:
+                found[os.path.relpath(path, root)] = hashlib.sha256(file.read()).hexdigest()
+    return found
+
+
+def history(files):
+    """The part of a tree that no later run may change: reports and generations."""
+    return {p: h for p, h in files.items() if re.search(r"_REPORT/offload_report.*|ascmhl/\d{4}_.*mhl", p)}
+
+
+@unittest.skipUnless(possible(), "needs root, FUSE and loop devices")
+class Crashes(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="velmora-crash-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.source, self.roots = self.folder + "/card", [self.folder + "/disk a", self.folder + "/disk b"]
+        self.cards = [f"{root}/{DATE}/{CARD}" for root in self.roots]
+        self.random = random.Random(f"{SEED}{self.id()}")
+        self.rows, self.outcomes, self.reread = [], collections.Counter(), 0
+        self.card(1)
+
+    def card(self, day):
+        sizes = [3 * MIB + 5, 100, 0, MIB] if day == 1 else [2 * MIB + 1, 0, 4097]
+        for number, size in enumerate(sizes):
+            write(f"{self.source}/DCIM/{day:03d}/C{number:04d}.MOV", size, day * 100 + number)
+        write(f"{self.source}/day {day}/side & car.txt", 33, day)
+
+    def run_velmora(self, *words):
+        environment = {**os.environ, "VELMORA_SETTINGS_DIR": self.folder + "/settings"}
+        environment |= {"XDG_DATA_HOME": self.folder + "/data", "VELMORA_REPORTS_DIR": self.folder + "/reports"}
+        found = subprocess.run(
+            [BIN + "/velmora", *words], capture_output=True, text=True, env=environment, timeout=120
+        )
+        self.output = found.stdout[-3000:] + found.stderr[-3000:]
+        self.events = [json.loads(line) for line in found.stdout.splitlines() if line.startswith("{")]
+        return found.returncode
+
+    def copy(self):
+        into = [word for root in self.roots for word in ("--dest", root)]
+        words = ["--name", CARD, "--date", DATE, "--block-mib", "1", "--no-history", "--json"]
+        return self.run_velmora("copy", self.source, *into, *words, "--allow-same-device", "--allow-source-volume")
+
+    def into(self, command, cards=None):
+        into = [word for card in cards or self.cards for word in ("--into", card)]
+        return self.run_velmora(command, self.source, *into, "--block-mib", "1", "--no-history", "--json")
+
+    def append(self):
+        return self.into("append")
+
+    def repair(self):
+        return self.into("repair")
+
+    def flip(self, root):
+        path = f"{root}/{DATE}/{CARD}/DCIM/001/C0000.MOV"
+        with open(path, "r+b") as file:
+            file.seek(MIB + 77)
+            byte = file.read(1)
+            file.seek(-1, os.SEEK_CUR)
+            file.write(bytes([byte[0] ^ 4]))
+        os.utime(path, ns=(1_700_000_000_000_000_100, 1_700_000_000_000_000_100))
+
+    # The disks of one round, made of what lies in two folders.
+    def disks(self, backings, power):
+        found = [FaultDisk(b, power=power, root=r) for b, r in zip(backings, self.roots)]
+        self.mounted = found
+        return found
+
+    def unmount(self):
+        for disk in self.mounted:
+            disk.__exit__()
+        self.mounted = []
+
+    def fresh(self, before):
+        backings = [tempfile.mkdtemp(dir=self.folder) for _ in self.roots]
+        for backing, content in zip(backings, before):
+            shutil.copytree(content, backing + "/tree", symlinks=True)
+        return backings
+
+    def snapshot(self, backings):
+        self.unmount()
+        kept = []
+        for backing in backings:
+            kept.append(tempfile.mkdtemp(dir=self.folder) + "/tree")
+            shutil.copytree(backing + "/tree", kept[-1])
+        return kept
+
+    def made(self, *steps, before=None):
+        """What lies on the disks after these steps went through in peace."""
+        backings = self.fresh(before or [tempfile.mkdtemp(dir=self.folder) for _ in self.roots])
+        self.disks(backings, False)
+        for step in steps:
+            self.assertIn(step(), (None, 0), getattr(self, "output", ""))
+        return self.snapshot(backings)
+
+    def changes(self, before, work):
+        backings = self.fresh(before)
+        disks = self.disks(backings, False)
+        self.assertEqual(work(), 0, self.output)
+        counts = [int(disk.ask("count change")) for disk in disks]
+        self.unmount()
+        return counts
+
+    def strike(self, before, work, disk, at, cut):
+        """Ends `work` at one operation of one disk; returns what a later mount finds."""
+        backings = self.fresh(before)
+        disks = self.disks(backings, cut is not None)
+        disks[disk].strike("crash", 0, "change", skip=at)
+        ended = work()
+        if cut is not None:
+            for each in disks:
+                each.ask(f"cut {cut} 20")
+        self.unmount()
+        return backings, ended
+
+    def matrix(self, name, before, work, recover):
+        counts = self.changes(before, work)
+        earlier = [history(tree(content)) for content in before]
+        for number in range(ROUNDS):
+            disk = self.random.randrange(2)
+            # Evenly over the run, with some play.
+            share = (number + self.random.random()) / ROUNDS
+            at, cut = int(share * counts[disk]), self.random.randrange(1 << 20) if number % 2 else None
+            moment = f"{name}: operation {at} of {counts[disk]} on disk {'ab'[disk]}" + (f", power {cut}" if cut else "")
+            with self.subTest(moment=moment, seed=SEED):
+                self.round(moment, before, earlier, lambda: self.strike(before, work, disk, at, cut), recover)
+        print(f"{name}: {ROUNDS} rounds, operations {counts}, {dict(self.outcomes)}", flush=True)
+        self.assertEqual(sum(self.outcomes.values()), ROUNDS)
+        self.assertGreater(self.outcomes["finished"], 0)
+
+    def round(self, moment, before, earlier, strike, recover):
+        backings, ended = strike()
+        try:
+            self.disks(backings, False)
+            left = [tree(root) for root in self.roots]
+            for was, now in zip(earlier, left):
+                for path, digest in was.items():
+                    self.assertEqual(now.get(path), digest, f"{path} of an earlier generation changed in the crash")
+            status = recover()
+            outcome = self.judge(status, left, earlier, ended)
+        finally:
+            self.unmount()
+            for backing in backings:
+                shutil.rmtree(backing, ignore_errors=True)
+        again = max([event.get("readBytes", 0) for event in self.events] + [0]) if status == 0 else 0
+        self.outcomes[outcome] += 1
+        self.rows.append((moment, outcome, again))
+        print(f"  {moment:62} {outcome:20} {again:>9}", flush=True)
+
+    def judge(self, status, left, earlier, ended):
+        said = self.output
+        now = [tree(root) for root in self.roots]
+        for was, is_ in zip(earlier, now):
+            for path, digest in was.items():
+                self.assertEqual(is_.get(path), digest, f"{path} of an earlier generation changed\n{said}")
+        if status == 3:
+            code = next(e["errorCode"] for e in self.events if e["event"] == "result")
+            self.assertEqual(left, now, "a refusal changed something")
+            self.assertFitting(code, said)
+            if code == "appendDiverged":
+                self.each_alone()
+            if code != "repairNothing":
+                return code
+        else:
+            self.assertEqual(status, 0, said)
+        events = self.events
+        self.assertEqual(self.run_velmora("verify", *self.cards), 0, said + self.output)
+        self.events = events
+        if status == 3:
+            return "repairNothing"
+        words = [sys.executable, CHECKER, self.source, *self.cards, "--block-mib", "1", "--after-crash"]
+        found = subprocess.run(words, capture_output=True, text=True)
+        self.assertEqual(found.returncode, 0, found.stdout[:3000] + found.stderr + said)
+        return "had finished" if ended == 0 and self.events[-1].get("note") else "finished"
+
+    def each_alone(self):
+        """The way out that the documentation names: the disks one by one, and they are in step again."""
+        for card in self.cards:
+            status = self.into(self.recovering, [card])
+            nothing = status == 3 and self.events[-1].get("errorCode") == "repairNothing"
+            self.assertTrue(status == 0 or nothing, self.output)
+        self.assertEqual(self.run_velmora("verify", *self.cards), 0, self.output)
+        self.assertEqual(self.append(), 0, self.output)
+        self.assertIn("Nothing new", self.events[-1].get("note", ""))
+
+    def assertFitting(self, code, said):
+        fits = code in FITTING or (code == "repairNothing" and self.recovering == "repair")
+        fits = fits or (code == "other" and "do not match the ASC MHL" in said)
+        self.assertTrue(fits, f"refused: {code}\n{said}")
+
+    @staticmethod
+    def manifest(backing):
+        with open(f"{backing}/tree/{DATE}/{CARD}/_REPORT/offload-manifest.jsonl", encoding="utf-8") as file:
+            return file.read()
+
+    def test_copy(self):
+        self.matrix("copy", self.made(), self.copy, self.append)
+
+    recovering = "append"
+
+    def test_append(self):
+        before = self.made(self.copy)
+        self.card(2)
+        self.matrix("append", before, self.append, self.append)
+
+    def test_resume(self):
+        """A run that finishes an interrupted append dies as well."""
+        copied = self.made(self.copy)
+        self.card(2)
+        operations = self.changes(copied, self.append)[0]
+        for share in range(100, 0, -4):  # the earliest moment that leaves something to finish
+            backings, _ = self.strike(copied, self.append, 0, operations * share // 100, None)
+            if not any('"gen":2' in self.manifest(backing) for backing in backings):
+                break
+            kept = [b + "/tree" for b in backings]
+        self.matrix("resume", kept, self.append, self.append)
+
+    def test_repair(self):
+        self.recovering = "repair"
+        before = self.made(self.copy, lambda: self.flip(self.roots[1]))
+        self.matrix("repair", before, self.repair, self.repair)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

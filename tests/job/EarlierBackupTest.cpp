@@ -1,0 +1,310 @@
+#include "base/RelativePath.h"
+#include "blocks/ManifestFile.h"
+#include "engine/FolderLocks.h"
+#include "job/OffloadJob.h"
+#include "memory/CardRecord.h"
+#include "memory/ResumePlanner.h"
+#include "mhl/MHLReader.h"
+#include "platform/IO.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+#include "support/FileTree.h"
+#include "support/TempFolder.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+// What an append and a repair do with the earlier backup that they find.
+namespace velmora {
+namespace {
+
+namespace fs = std::filesystem;
+using test::FileTree::contents;
+using testing::HasSubstr;
+using Phase = JobStatus::Phase;
+constexpr std::size_t mebibyte = 1 << 20;
+
+class EarlierBackup : public testing::Test {
+protected:
+    test::TempFolder temp;
+    OffloadOptions options;
+    std::unique_ptr<OffloadJob> job;
+    std::vector<std::string> cards{temp / "a/2026-03-14/CARD", temp / "b/2026-03-14/CARD"};
+
+    void SetUp() override {
+        ::setenv("VELMORA_SETTINGS_DIR", (temp / "settings").c_str(), 1);
+        options.allowSourceVolume = true;
+        options.checkpointBlocks = 2;
+        shoot({{"DCIM/1.mov", 2'100'000}, {"DCIM/2.mov", 1'000'000}, {"3.txt", 50}});
+        fs::create_directories(temp / "a");
+        fs::create_directories(temp / "b");
+    }
+    void TearDown() override { ::unsetenv("VELMORA_SETTINGS_DIR"); }
+
+    void shoot(const std::vector<test::FileTree::File>& files) { test::FileTree::make(temp / "card", files); }
+    JobConfig config() const {
+        JobConfig config(temp / "card", {temp / "a", temp / "b"});
+        config.date = "2026-03-14";
+        config.cardName = "CARD";
+        config.chunkMB = 1;
+        config.allowSameDevice = true;
+        return config;
+    }
+    JobStatus run(JobConfig config, const std::vector<std::string>* repair = nullptr) {
+        job = std::make_unique<OffloadJob>(std::move(config), options);
+        if (repair)
+            job->repairInto(*repair);
+        job->run({});
+        return job->status();
+    }
+    JobStatus copy() { return run(config()); }
+    JobStatus append(const std::vector<std::string>& paths) {
+        JobConfig into = config();
+        into.appendInto = paths;
+        return run(into);
+    }
+    JobStatus repair(const std::vector<std::string>& paths, bool verify = true) {
+        JobConfig into = config();
+        into.verify = verify;
+        return run(into, &paths);
+    }
+    std::map<std::string, std::string> disks() const {
+        auto all = contents(temp / "a");
+        for (const auto& [path, content] : contents(temp / "b"))
+            all["b/" + path] = content;
+        return all;
+    }
+    // Both disks and the card as they are now; `restore` brings them back, times and all.
+    void keep() const { shell("rm -rf kept; mkdir kept; cp -a card a b kept"); }
+    void restore() const { shell("rm -rf card a b; cp -a kept/card kept/a kept/b ."); }
+    void shell(const std::string& command) const {
+        ASSERT_EQ(std::system(("cd '" + (temp / "") + "' && " + command).c_str()), 0) << command;
+    }
+    static void replaceIn(const std::string& path, const std::string& what, const std::string& with) {
+        std::string text = test::FileTree::read(path);
+        const auto at = text.find(what);
+        ASSERT_NE(at, std::string::npos) << what;
+        test::FileTree::write(path, text.replace(at, what.size(), with));
+    }
+    std::string reportOf(std::size_t d) const { return ResumePlanner::reportPath(cards[d], 1); }
+};
+
+TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    keep();
+    const auto line = [&](std::int64_t generation, const std::string& path) {
+        ManifestRecord record;
+        record.gen = generation;
+        record.path = path;
+        ManifestFile::append(cards[0], std::span(&record, 1));
+        ManifestFile::append(cards[1], std::span(&record, 1));
+    };
+    const std::vector<std::string> both = cards;
+    enum Kind { appending, repairing };
+    struct Case {
+        const char* what;
+        std::function<void()> damage;
+        PreflightCode code;
+        std::vector<std::string> says;
+        Kind kind = appending;
+        std::vector<std::string> paths = {};
+    };
+    using enum PreflightCode;
+    const auto none = [] {};
+    const std::vector<Case> cases = {
+        {"the root", none, other, {"/ is not a card folder of a backup"}, appending, {"/"}},
+        {"folders of two names",
+         none,
+         other,
+         {"(2026-03-14/CARD, 2026-03-14/OTHER) — can append only into"},
+         appending,
+         {cards[0], temp / "b/2026-03-14/OTHER"}},
+        {"the same for a repair",
+         none,
+         other,
+         {"can repair only into"},
+         repairing,
+         {cards[0], temp / "b/2026-03-14/OTHER"}},
+        {"a disk that is away", [&] { shell("mv b elsewhere; mkdir b"); }, appendUnavailable, {cards[1]}},
+        {"no report", [&] { fs::remove(reportOf(0)); }, appendNoReport, {cards[0], "cannot append."}},
+        {"no report, repair", [&] { fs::remove(reportOf(0)); }, appendNoReport, {"cannot repair."}, repairing},
+        {"a report that is none", [&] { test::FileTree::write(reportOf(1), "{"); }, other, {"Cannot read the report"}},
+        {"a report without a list",
+         [&] { test::FileTree::write(reportOf(1), R"({"destinations":[],"files":[]})"); },
+         other,
+         {"Cannot read the report of the earlier backup in " + cards[1]}},
+        {"no history",
+         [&] { shell("rm -r */2026-03-14/CARD/ascmhl */2026-03-14/CARD/_REPORT/*.jsonl"); },
+         appendNoMhl,
+         {"has no ASC MHL (ascmhl/ascmhl_chain.xml) — cannot append."}},
+        {"a history on one disk only",
+         [&] { shell("rm -r b/2026-03-14/CARD/ascmhl"); },
+         appendDiverged,
+         {"the unfinished backup (generation 1) does not match the other destinations — check it by hand."}},
+        {"a generation that was changed",
+         [&] { shell("sed -i s/transfer/transfes/ b/2026-03-14/CARD/ascmhl/0001*"); },
+         appendMhlDamaged,
+         {"The ASC MHL history in " + cards[1] + " is damaged"}},
+        {"a report too many",
+         [&] {
+             shell(
+                 "cp a/2026-03-14/CARD/_REPORT/offload_report.json a/2026-03-14/CARD/_REPORT/offload_report_0003.json");
+         },
+         other,
+         {"the last report is generation 3, the last MHL generation 1"}},
+        {"a disk one generation ahead",
+         [&] {
+             shoot({{"DCIM/9.mov", 10}});
+             ASSERT_EQ(append({cards[0]}).phase, Phase::done);
+         },
+         appendDiverged,
+         {"has 2 MHL generations, ", "has 1 MHL generation)"}},
+        {"files that do not match, all of them",
+         [&] {
+             test::FileTree::write(temp / "card/3.txt", "longer than it was", 1'700'000'000);
+             test::FileTree::write(temp / "card/.new.mov.offload-part", "x");
+             test::FileTree::write(temp / "card/new.mov", "x");
+             test::FileTree::write(cards[1] + "/DCIM/mine.mov", "x");
+             test::FileTree::write(cards[0] + "/.DCIM.offload-part", "x");
+         },
+         appendConflict,
+         {"Append stopped — nothing was copied. 4 files do not match the backup:\n  ", "3.txt: different size or date",
+          "new.mov (the temporary copy name .new.mov.offload-part is another",
+          "has a file DCIM/mine.mov that no report", "has a file .DCIM.offload-part that no report knows",
+          "\nMake a full copy (it goes to "}},
+        {"another card",
+         [&] { shell("rm -r card/*; echo x > card/new"); },
+         appendOtherCard,
+         {"None of the files of the earlier backup is on the card"}},
+        {"a copy that failed",
+         [&] { replaceIn(reportOf(1), "\"verified\",\n        \"verified\"", "\"verified\",\n        \"failed\""); },
+         appendFailedFile,
+         {"3.txt was not copied correctly to "}},
+        {"a copy that is gone", [&] { fs::remove(cards[1] + "/DCIM/2.mov"); }, appendMissingFile, {"DCIM/2.mov"}},
+        {"a repair that never ended",
+         [&] {
+             line(2, "3.txt");
+             shoot({{"DCIM/9.mov", 10}});
+             test::FileTree::write(cards[1] + "/.3.txt.offload-part", "x");
+         },
+         appendConflict,
+         {".3.txt.offload-part"}},
+        {"nothing to repair", none, repairNothing, {"every file is good on every destination"}, repairing},
+        {"nothing new while files are unfinished", [&] { line(2, "new"); }, other, {"finish it first"}, repairing},
+        {"a repair without reading back", none, other, {"cannot run without verification"}, repairing, {"unverified"}},
+        {"a card that lost and changed files",
+         [&] {
+             shell("rm card/3.txt a/2026-03-14/CARD/3.txt b/2026-03-14/CARD/DCIM/1.mov");
+             test::FileTree::flipBit(temp / "card/DCIM/1.mov", 77);
+         },
+         repairConflict,
+         {"2 files cannot be repaired:\n  ", "3.txt: no longer on the card",
+          "DCIM/1.mov: the card has different content"},
+         repairing},
+        {"a repair from another card",
+         [&] { shell("rm -r card/* a/2026-03-14/CARD/3.txt; echo x > card/3.txt"); },
+         other,
+         {"The card in the reader is not the one the backup was made from"},
+         repairing},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        restore();
+        c.damage();
+        const auto before = disks();
+        const bool unverified = c.paths == std::vector<std::string>{"unverified"};
+        const auto& paths = c.paths.empty() || unverified ? both : c.paths;
+        const JobStatus status = c.kind == appending ? append(paths) : repair(paths, !unverified);
+        EXPECT_EQ(status.phase, Phase::failed);
+        EXPECT_EQ(status.errorCode, c.code) << status.error.value_or("");
+        for (const std::string& text : c.says)
+            EXPECT_THAT(status.error.value_or(""), HasSubstr(text));
+        EXPECT_FALSE(status.safeToEject || status.safeToFormat);
+        EXPECT_EQ(disks(), before);
+    }
+    restore();
+    const FolderLocks held = FolderLocks::acquire({cards[1]});
+    for (const JobStatus& status : {append(both), repair(both)})
+        EXPECT_EQ(status.errorCode, PreflightCode::appendBusy);
+}
+
+TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    const std::string first = test::FileTree::read(reportOf(0));
+    shoot({{"DCIM/4.mov", 1'500'000}, {"NEW/sub/z", 0}});
+    ASSERT_TRUE(append(cards).safeToFormat);
+    const auto again = append({cards[0] + "/", cards[1] + "/"});
+    EXPECT_EQ(again.note, "Nothing new — the backup is complete.");
+    EXPECT_TRUE(again.safeToFormat);
+
+    test::FileTree::flipBit(cards[1] + "/DCIM/4.mov", 1'200'000);
+    const std::string bad = test::FileTree::read(cards[1] + "/DCIM/4.mov");
+    fs::remove(cards[0] + "/3.txt");
+    EXPECT_TRUE(repair(cards).safeToFormat);
+    for (const auto& card : cards) {
+        for (const auto& [path, content] : contents(temp / "card"))
+            EXPECT_TRUE(path.ends_with('/') || test::FileTree::read(RelativePath::join(card, path)) == content) << path;
+        const CardRecord record = CardRecord::load(card);
+        EXPECT_EQ(record.generations.size(), 3U);
+        EXPECT_EQ(record.files.size(), 5U);
+        EXPECT_TRUE(record.verified() && record.failedFiles().empty() && !record.incomplete);
+        EXPECT_EQ(MHLReader::read(card).lastChained(), 3);
+        EXPECT_EQ(record.generations.back().report->kind, "repair");
+    }
+    EXPECT_EQ(test::FileTree::read(reportOf(0)), first);
+    const auto aside = job->report()->setAside;
+    ASSERT_TRUE(aside && aside->size() == 1);
+    EXPECT_EQ(test::FileTree::read(cards[1] + "/" + aside->front().movedTo), bad);
+}
+
+// A report that stands cannot grow: what the card got since is left to the next append, and said.
+TEST_F(EarlierBackup, AGenerationWithAReportTakesNoMoreFiles) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    shell("rm -r a/*/CARD/ascmhl b/*/CARD/ascmhl"); // died between the reports and the chain
+    shoot({{"DCIM/4.mov", 1'500'000}});
+    const JobStatus finished = append(cards);
+    EXPECT_EQ(finished.phase, Phase::done);
+    EXPECT_THAT(finished.warning.value_or(""), HasSubstr("1 file left for the next append"));
+    EXPECT_FALSE(finished.safeToEject || finished.safeToFormat);
+    EXPECT_EQ(finished.copy->readBytes, 0);
+    EXPECT_EQ(job->report()->files.size(), 3U);
+    EXPECT_EQ(job->report()->kind, "copy");
+    EXPECT_TRUE(append(cards).safeToFormat);
+    EXPECT_EQ(MHLReader::read(cards[1]).lastChained(), 2);
+}
+
+TEST_F(EarlierBackup, ALargeFileGoesOnFromItsLastCheckpoint) {
+    struct Case {
+        const char* what;
+        std::function<void(const std::string& part)> damage;
+        std::int64_t resumed;
+    };
+    const auto none = [](const std::string&) {};
+    const auto flip = [](const std::string& part) { test::FileTree::flipBit(part, 5 * mebibyte); };
+    const std::vector<Case> cases = {{"both disks have it", none, 8}, {"a block of one disk is bad", flip, 0}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        shell("rm -rf a/* b/*");
+        shoot({{"big.mov", 12 * mebibyte + 3}});
+        options.crashAfterBlock = [](std::int64_t, std::int64_t block) { return block == 9; };
+        job = std::make_unique<OffloadJob>(config(), options);
+        EXPECT_THROW(job->run({}), SimulatedCrash);
+        job.reset();
+        options.crashAfterBlock = {};
+        c.damage(cards[1] + "/.big.mov.offload-part");
+        const JobStatus status = append(cards);
+        EXPECT_TRUE(status.safeToFormat) << status.error.value_or("");
+        EXPECT_EQ(job->engine().resumedBytes() % static_cast<std::int64_t>(2 * mebibyte), 0);
+        const auto rest = status.copy->readBytes + job->engine().resumedBytes();
+        EXPECT_EQ(job->engine().resumedBytes() > 0, c.resumed > 0);
+        EXPECT_GE(job->engine().resumedBytes(), c.resumed * static_cast<std::int64_t>(mebibyte));
+        EXPECT_EQ(rest, fs::file_size(temp / "card/big.mov") + fs::file_size(temp / "card/3.txt") + 3'100'000);
+        for (const auto& card : cards)
+            EXPECT_TRUE(test::FileTree::read(card + "/big.mov") == test::FileTree::read(temp / "card/big.mov"));
+    }
+}
+
+} // namespace
+} // namespace velmora
