@@ -266,19 +266,15 @@ private:
                 if (backup_.records[d].files.contains(key) || (unfinished_ && newParts_.contains(key)))
                     continue;
                 const auto file = wanted.find(key);
-                if (!unfinished_ || file == wanted.end()) {
-                    if (!unfinished_ || !unfinished_->mentions(present.relPath))
-                        unknown(present.relPath);
+                // A name that a line of the dead run holds, on any disk, is of its making, whatever a power cut left
+                // of the file here.
+                if (unfinished_ && unfinished_->mentions(present.relPath))
                     continue;
-                }
-                if (unfinished_->fileOf(d, *file->second, localTime_) && present.size == file->second->size)
-                    continue; // durable, by its own line
                 // Renamed, but its line was still waiting for the device flush: whole only by luck, so it is written
                 // anew and the copy of the dead run gives way. What does not look like the card's file is somebody
                 // else's and stays.
-                const bool ofThisRun = unfinished_->owns(d, *file->second, present.size, localTime_) ||
-                                       (present.size == file->second->size &&
-                                        FileTimes::close(present.mtime, file->second->mtime, localTime_));
+                const bool ofThisRun = unfinished_ && file != wanted.end() && present.size == file->second->size &&
+                                       FileTimes::close(present.mtime, file->second->mtime, localTime_);
                 if (!ofThisRun)
                     unknown(present.relPath);
             }

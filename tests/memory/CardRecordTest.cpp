@@ -1,0 +1,249 @@
+#include "memory/CardRecord.h"
+
+#include "base/Text.h"
+#include "memory/BackupCheck.h"
+#include "memory/ResumePlanner.h"
+#include "platform/IO.h"
+#include "records/OffloadReport.h"
+#include "support/FileTree.h"
+#include "support/TempFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+constexpr std::int64_t block = 4096;
+
+SourceFile source(const std::string& path = "a.mov", std::int64_t size = 6 * block) { return {path, size, {1000, 0}}; }
+
+ManifestRecord record(std::uint64_t content, std::int64_t modified = 1000) {
+    ManifestRecord line;
+    line.path = "a.mov";
+    line.size = 6 * block;
+    line.modified = {modified, 0};
+    line.xxh64 = ManifestRecord::hex({content}).front();
+    line.blockSize = block;
+    line.blocks = ManifestRecord::hex({content, 2, 3, 4, 5, 6});
+    return line;
+}
+
+PartCheckpoint part(std::vector<std::uint64_t> blocks, std::int64_t modified = 1000, std::int64_t size = block) {
+    return {"a.mov", 6 * block, {modified, 0}, size, std::move(blocks)};
+}
+
+Unfinished openOn(const std::vector<std::optional<ManifestRecord>>& files,
+                  const std::vector<std::optional<PartCheckpoint>>& parts = {}) {
+    Unfinished open;
+    for (std::size_t d = 0; d < std::max(files.size(), parts.size()); ++d) {
+        open.files.emplace_back();
+        open.parts.emplace_back();
+        if (d < files.size() && files[d])
+            open.files[d].emplace(pathKey(files[d]->path), *files[d]);
+        if (d < parts.size() && parts[d])
+            open.parts[d].emplace(pathKey(parts[d]->path), *parts[d]);
+    }
+    return open;
+}
+
+TEST(ResumePlanner, WritesAgainWhatNoRecordProves) {
+    ManifestRecord torn = record(1);
+    torn.blocks.pop_back();
+    struct Case {
+        const char* what;
+        std::vector<std::optional<ManifestRecord>> records;
+        std::vector<std::int64_t> sizes; // on the disks; below 0: no file
+        std::vector<bool> write;
+        bool known;
+    };
+    const std::int64_t whole = 6 * block;
+    for (const Case& c : std::vector<Case>{
+             {"safe everywhere", {record(1), record(1)}, {whole, whole}, {false, false}, true},
+             {"one disk lacks the line", {record(1), {}}, {whole, whole}, {false, true}, true},
+             {"one disk lacks the file", {record(1), record(1)}, {whole, -1}, {false, true}, true},
+             {"one copy is short", {record(1), record(1)}, {block, whole}, {true, false}, true},
+             {"the disks disagree", {record(1), record(9)}, {whole, whole}, {true, true}, false},
+             {"shot again since", {record(1, 2000), record(1, 2000)}, {whole, whole}, {true, true}, false},
+             {"one line holds too few blocks", {record(1), torn}, {whole, whole}, {true, true}, false},
+             {"nobody has it", {{}, {}}, {-1, -1}, {true, true}, false},
+         }) {
+        const auto onDisk = [&](std::size_t d, const SourceFile&) {
+            return c.sizes[d] < 0 ? std::nullopt : std::optional(c.sizes[d]);
+        };
+        const auto decision = ResumePlanner::decide(openOn(c.records), {source()}, onDisk, false, block);
+        EXPECT_EQ(decision.write.front(), c.write) << c.what;
+        EXPECT_EQ(decision.known.front().has_value(), c.known) << c.what;
+    }
+}
+
+TEST(ResumePlanner, GoesOnFromTheLastBlockThatAllWhoNeedTheFileHave) {
+    struct Case {
+        const char* what;
+        std::vector<std::optional<PartCheckpoint>> parts;
+        std::vector<bool> write;
+        std::size_t blocks; // 0: from the beginning
+    };
+    for (const Case& c : std::vector<Case>{
+             {"at one place", {part({1, 2, 3, 4}), part({1, 2, 3, 4})}, {true, true}, 4},
+             {"at two places: the lower", {part({1, 2, 3, 4}), part({1, 2})}, {true, true}, 2},
+             {"up to where they part", {part({1, 2, 9, 4}), part({1, 2, 3, 4})}, {true, true}, 2},
+             {"different from the first", {part({9, 2}), part({1, 2})}, {true, true}, 0},
+             {"one has none", {part({1, 2}), {}}, {true, true}, 0},
+             {"the one without does not need it", {part({1, 2}), {}}, {true, false}, 2},
+             {"of another size of blocks", {part({1, 2}), part({1}, 1000, 2 * block)}, {true, true}, 0},
+             {"of another file", {part({1, 2}), part({1, 2}, 2000)}, {true, true}, 0},
+             {"more blocks than the file", {part({1, 2, 3, 4, 5, 6, 7, 8})}, {true}, 6},
+             {"nobody needs it", {part({1, 2}), part({1, 2})}, {false, false}, 0},
+         }) {
+        const auto found = ResumePlanner::commonCheckpoint(openOn({}, c.parts), source(), c.write, false, block);
+        EXPECT_EQ(found ? found->blocks.size() : 0, c.blocks) << c.what;
+    }
+}
+
+TEST(Unfinished, OwnsOnlyWhatItsLinesAgreeWith) {
+    const Unfinished open = openOn({record(1), {}}, {{}, part({1, 2})});
+    EXPECT_TRUE(open.owns(0, source(), 6 * block, false));
+    EXPECT_FALSE(open.owns(0, source(), block, false)); // the line says complete
+    EXPECT_TRUE(open.owns(1, source(), block, false));
+    EXPECT_FALSE(open.owns(1, source(), 7 * block, false));
+    EXPECT_FALSE(open.owns(0, source("b.mov"), 6 * block, false));
+    EXPECT_TRUE(open.mentions("A.MOV"));
+    SourceFile later = source();
+    later.mtime.seconds += 7200;
+    EXPECT_EQ(open.fileOf(0, later, false), nullptr);
+    EXPECT_NE(open.fileOf(0, later, true), nullptr); // a card that keeps local time
+}
+
+class CardRecords : public testing::Test {
+protected:
+    test::TempFolder temp;
+    std::string card = temp / "a/2026-03-14/CARD";
+    std::optional<std::optional<std::string>> serial{std::in_place, "S1"};
+
+    static OffloadReport::FileEntry entry(const std::string& path, const std::string& here, const std::string& there) {
+        OffloadReport::FileEntry file;
+        file.path = path;
+        file.size = 10;
+        file.modified = {1000, 0};
+        file.destinations = {here, there};
+        file.errors.resize(2);
+        return file;
+    }
+    OffloadReport report(std::int64_t generation, std::vector<OffloadReport::FileEntry> files) const {
+        OffloadReport report;
+        report.generation = generation;
+        report.verified = true;
+        report.started = {100 * generation, 0};
+        report.finished = {100 * generation + 50, 0};
+        for (const char* root : {"a", "b"}) {
+            report.destinations.emplace_back();
+            report.destinations.back().root = temp / root;
+            report.destinations.back().cardPath = temp / root + "/2026-03-14/CARD";
+        }
+        report.files = std::move(files);
+        return report;
+    }
+    void put(const OffloadReport& report, const std::string& in, std::int64_t number) const {
+        test::FileTree::write(in + "/_REPORT/" + OffloadReport::jsonName(number), report.jsonData());
+    }
+};
+
+TEST_F(CardRecords, MergesGenerationsAndKeepsTheNewestStateOfAFile) {
+    EXPECT_TRUE(CardRecord::load(card, {}, serial).reportMissing);
+    OffloadReport first = report(1, {entry("a.mov", "failed", "verified"), entry("b.mov", "verified", "verified")});
+    first.project = "Film";
+    put(first, card, 1);
+    EXPECT_EQ(CardRecord::load(card, {}, serial).failedFiles(), std::vector<std::string>{"a.mov"});
+    put(report(2, {entry("A.mov", "verified", "verified")}), card, 2); // a repair, under another case
+    put(report(4, {entry("c.mov", "verified", "verified")}), card, 4);
+    CardRecord record = CardRecord::load(card, {}, serial);
+    EXPECT_TRUE(record.failedFiles().empty());
+    EXPECT_EQ(record.files.size(), 3U);
+    EXPECT_EQ(record.files.at("a.mov").generation, 2);
+    EXPECT_EQ(record.highestReportNumber, 4);
+    EXPECT_EQ(record.project(), "Film");
+    EXPECT_EQ(record.started().seconds, 100);
+    EXPECT_EQ(record.finished().seconds, 450);
+    // What lies above the limit does not count, and still is seen.
+    record = CardRecord::load(card, 1, serial);
+    EXPECT_EQ(record.generations.size(), 1U);
+    EXPECT_EQ(record.highestReportNumber, 4);
+    // One report that cannot be read leaves the others; the first one does not.
+    test::FileTree::write(card + "/_REPORT/offload_report_0002.json", "{}");
+    record = CardRecord::load(card, {}, serial);
+    EXPECT_EQ(record.problems.size(), 1U);
+    EXPECT_FALSE(record.error);
+    put(report(1, {}), card, 1);
+    EXPECT_EQ(CardRecord::load(card, {}, serial).error, "the list of files or destinations is missing");
+}
+
+TEST_F(CardRecords, FindsItsColumnAndHearsOfTheOtherDisks) {
+    OffloadReport one = report(1, {entry("a.mov", "written", "verified")});
+    EXPECT_EQ(CardRecord::destinationIndex(one, temp / "B/./2026-03-14/card/", 0), 1U);
+    EXPECT_EQ(CardRecord::destinationIndex(one, "/elsewhere/CARD", 7), 7U);
+    EXPECT_FALSE(CardRecord::columnOf(one, "/elsewhere/CARD", std::nullopt));
+    // Mounted under another name the disk is still itself, and a folder of its old name is not.
+    one.destinations[0].cardPath = "/media/dit/RAID/2026-03-14/CARD";
+    one.destinations[0].volumeSerial = "S1";
+    one.destinations[1].cardPath = "/media/dit/SHUTTLE/2026-03-14/CARD";
+    one.destinations[1].volumeSerial = "S2";
+    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S2"), 1U);
+    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S9"), 1U);
+    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/RAID/2026-03-15/CARD", "S1"), std::nullopt);
+
+    one = report(1, {entry("a.mov", "written", "verified")});
+    put(one, card, 1);
+    EXPECT_FALSE(CardRecord::load(card, {}, serial).incomplete);
+    one.finished.seconds += 1;
+    put(one, temp / "b/2026-03-14/CARD", 1);
+    EXPECT_TRUE(CardRecord::load(card, {}, serial).incomplete);
+}
+
+TEST_F(CardRecords, TheWholeCardIsHeldAgainstAllDisks) {
+    const std::string other = temp / "b/2026-03-14/CARD";
+    struct Case {
+        const char* what;
+        OffloadReport::FileEntry inBackup;
+        std::vector<SourceFile> onCard;
+        bool eject, format;
+        std::vector<std::string> says;
+    };
+    const std::vector<SourceFile> same = {{"a.mov", 10, {1000, 0}}};
+    for (const Case& c : std::vector<Case>{
+             {"all verified", entry("a.mov", "verified", "verified"), same, true, true, {}},
+             {"written only",
+              entry("a.mov", "verified", "written"),
+              same,
+              true,
+              false,
+              {"1 file of the earlier backup is not verified — Verify backup recommended."}},
+             {"failed on one disk",
+              entry("a.mov", "verified", "failed"),
+              same,
+              false,
+              false,
+              {"1 file in the backup still does not match — do not eject the card, run Copy again."}},
+             {"new and changed files",
+              entry("a.mov", "verified", "verified"),
+              {{"a.mov", 11, {1000, 0}}, {"b.mov", 1, {}}},
+              false,
+              false,
+              {"The card has 2 files that the backup does not — do not eject the card, append to the backup."}},
+         }) {
+        for (const std::string& folder : {card, other})
+            put(report(1, {c.inBackup}), folder, 1);
+        SourceScan scan;
+        scan.files = c.onCard;
+        const auto check = BackupCheck::of(scan, {card, other}, false);
+        EXPECT_EQ(check.safeToEject(), c.eject) << c.what;
+        EXPECT_EQ(check.safeToFormat(), c.format) << c.what;
+        EXPECT_EQ(check.messages(), c.says) << c.what;
+    }
+    test::FileTree::write(other + "/_REPORT/offload_report.json", "{");
+    const auto check = BackupCheck::of({}, {card, other}, false);
+    EXPECT_FALSE(check.safeToEject());
+    EXPECT_TRUE(check.messages().at(0).starts_with("Cannot read the state of the backup ("));
+}
+
+} // namespace
+} // namespace velmora
