@@ -17,17 +17,21 @@ namespace velmora {
 namespace {
 
 // Ejects the card when the rules allow it: the copy is safe, and the card in the reader is the one that was copied.
-void ejectCard(const OffloadJob& job, Console& console) {
+void ejectCard(const OffloadJob& job, Console& console, bool json) {
     const std::string& source = job.config().source;
     std::optional<std::string> problem;
     if (!job.status().safeToEject)
         problem = "the copy is not safe yet";
     else
+        problem = CardEject::problem(source); // first, for a folder never is the card that was copied
+    if (!problem)
         problem = QueueRules::ejectProblem(job.engine().cardAtStart(), CardIdentity::withVolume(source), false);
     if (!problem)
         problem = CardEject::eject(source);
     if (problem)
         console.log("Couldn't eject the card: " + TerminalText::printable(*problem));
+    else if (json)
+        console.log("The card is ejected."); // standard output holds JSON and nothing else
     else
         console.print("The card is ejected.");
 }
@@ -88,7 +92,7 @@ public:
         OffloadJob job(std::move(config), std::move(options), history.services());
         const ExitStatus status = runJob(job, context, json_);
         if (eject_ && job.report())
-            ejectCard(job, context.console);
+            ejectCard(job, context.console, json_);
         return status;
     }
 

@@ -8,7 +8,8 @@ namespace velmora {
 
 namespace {
 constexpr double lockSeconds = 5.0;
-constexpr double drainSeconds = 10.0;
+// Another process that holds the history for ten seconds must not cost a record, even where several have to wait.
+constexpr double drainSeconds = 30.0;
 } // namespace
 
 HistorySession::HistorySession(Console& console) : console_(console), folder_(AppSupport::folder()) {

@@ -5,6 +5,7 @@
 #include "blocks/HashAlgo.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
+#include "memory/CardRecord.h"
 #include "memory/ResumePlanner.h"
 #include "mhl/IgnorePatterns.h"
 #include "mhl/MHL.h"
@@ -20,6 +21,7 @@
 #include <array>
 #include <cerrno>
 #include <map>
+#include <unordered_set>
 
 namespace velmora::BackupVerifier {
 
@@ -44,9 +46,7 @@ Task fromHistory(const MHLHistory& history, VerifyResult& result) {
     task.ignore = history.ignore;
     result.basis = "ascmhl";
     result.generations = static_cast<std::int64_t>(history.generations.size());
-    result.chainProblems = history.chainProblems;
-    for (const std::string& path : history.refusedPaths)
-        result.chainProblems.push_back(refusedLine(path));
+    result.chainProblems = history.chainProblems; // with the paths that lead out of the folder
     result.reportInsideCard = history.ignoresReportFolder();
     for (const auto& [path, newest] : history.files) {
         task.known.insert(path);
@@ -97,6 +97,21 @@ std::optional<Unfinished> openGeneration(const std::string& cardPath) {
     } catch (const OffloadError&) {
         return std::nullopt; // one folder cannot disagree with itself
     }
+}
+
+// What the open generation of a folder has put there, by path key: not finished, but no stranger. None when no
+// generation is open. A report that still waits for its verification tells as well where the manifest is gone.
+std::optional<std::unordered_set<std::string>> openFiles(const std::string& cardPath) {
+    const std::optional<Unfinished> open = openGeneration(cardPath);
+    const CardRecord record = CardRecord::load(cardPath);
+    if (!open && !record.verifyPending())
+        return std::nullopt;
+    std::unordered_set<std::string> files = open ? open->mentioned() : std::unordered_set<std::string>();
+    for (const CardRecord::Generation& generation : record.generations)
+        if (generation.report->verifyPending.value_or(false))
+            for (const auto& file : generation.report->files)
+                files.insert(pathKey(file.path));
+    return files;
 }
 
 // Reads the files of one folder through one buffer.
@@ -288,7 +303,7 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     result.started = Timestamp::now();
     if (!IO::isFolder(result.cardPath))
         throw OffloadError::failed("Folder not found: " + result.cardPath);
-    const std::optional<Unfinished> open = openGeneration(result.cardPath);
+    const auto open = openFiles(result.cardPath);
     result.unfinished = open.has_value();
     const MHLHistory history = MHLReader::read(result.cardPath);
     Task task;
@@ -308,13 +323,10 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     noteAlgorithms(task, result);
     if (Reading(result, task, chunkSize, progress, isCancelled).run()) {
         try {
-            // What the open generation has put there is not finished, but it is no stranger.
-            if (open) {
-                const auto own = open->mentioned();
+            if (open)
                 for (const SourceFile& file : Scanner::scan(result.cardPath, isCancelled).files)
-                    if (own.contains(pathKey(file.relPath)))
+                    if (open->contains(pathKey(file.relPath)))
                         task.known.insert(file.relPath);
-            }
             addExtra(result, result.cardPath, task.known, task.ignore, isCancelled);
         } catch (const Cancelled&) {
             result.cancelled = true;

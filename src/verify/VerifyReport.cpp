@@ -29,7 +29,8 @@ std::string basis(const VerifyResult& result) {
     std::vector<std::string> names;
     for (const std::string& algorithm : result.hashAlgorithms)
         names.push_back(HashAlgo::label(algorithm));
-    const std::string algorithms = join(names, ", ");
+    // A record in which every copy failed holds no checksum at all.
+    const std::string algorithms = names.empty() ? "no checksum" : join(names, ", ");
     if (result.basis == "pending")
         return "the record of the unfinished generation is not written yet";
     if (result.basis == "ascmhl")

@@ -43,8 +43,8 @@ Program::Program(const std::vector<std::string>& arguments, const How& how) {
     std::vector<std::string> all = {std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmora"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     How full = how;
-    full.environment.push_back("VELMORA_SETTINGS_DIR=" + folder_ / "settings");
-    full.environment.push_back("TERM=xterm");
+    full.environment.insert(full.environment.begin(), // what a test sets wins
+                            {"VELMORA_SETTINGS_DIR=" + folder_ / "settings", "TERM=xterm"});
     const int out =
         how.out >= 0 ? ::dup(how.out) : ::open((folder_ / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     int err = -1;

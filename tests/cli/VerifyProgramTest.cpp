@@ -1,0 +1,205 @@
+#include "cli/Program.h"
+#include "engine/FolderLocks.h"
+#include "platform/FileLock.h"
+#include "support/FileTree.h"
+#include "support/LoopImage.h"
+
+#include <chrono>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace velmora {
+namespace {
+
+using test::Program;
+using Arguments = std::vector<std::string>;
+namespace fs = std::filesystem;
+
+// The commands around a backup: they share one card history.
+class BackupProgramTest : public testing::Test {
+protected:
+    test::TempFolder temp;
+    std::string card = temp / "CARD";
+    std::string a = temp / "a";
+    std::string b = temp / "b";
+    std::string folder = a + "/2026-03-14/A001";
+    std::string out;
+    std::string err;
+
+    void SetUp() override {
+        fs::create_directory(a);
+        fs::create_directory(b);
+    }
+    void fill(const std::string& where) const {
+        test::FileTree::make(where, {{"DCIM/one.mov", 300'000}, {"DCIM/two.mov", 100'001}, {"empty", 0}});
+    }
+    int run(const Arguments& arguments) {
+        Program program(arguments, {.environment = {"VELMORA_SETTINGS_DIR=" + temp / "settings"}});
+        const int status = program.wait();
+        out = program.out();
+        err = program.err();
+        return status;
+    }
+    int copy(const std::string& source, const Arguments& more = {}) {
+        Arguments all = {"copy",
+                         source,
+                         "--dest",
+                         a,
+                         "--dest",
+                         b,
+                         "--name",
+                         "A001",
+                         "--date",
+                         "2026-03-14",
+                         "--block-mib",
+                         "1",
+                         "--allow-same-device",
+                         "--allow-source-volume"};
+        all.insert(all.end(), more.begin(), more.end());
+        return run(all);
+    }
+    bool printed(const std::string& text) const { return out.find(text) != std::string::npos; }
+    bool logged(const std::string& text) const { return err.find(text) != std::string::npos; }
+};
+
+TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
+    fill(card);
+    ASSERT_EQ(copy(card), 0) << err;
+    const auto before = test::FileTree::contents(a);
+    EXPECT_EQ(run({"verify", a + "/2026-03-14", b + "/2026-03-14/A001/"}), 0) << err;
+    EXPECT_TRUE(printed(folder + "\n  Verified: all 3 files match (ASC MHL, 1 generation, xxHash64)\n")) << out;
+    EXPECT_TRUE(printed("Verified 3 files (400 kB) in ")) << out;
+    EXPECT_EQ(run({"verify", folder, "--machine"}), 0);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(test::FileTree::contents(a), before) << "a verification writes nothing into the backup";
+
+    test::FileTree::flipBit(folder + "/DCIM/one.mov", 299'999);
+    fs::remove(folder + "/DCIM/two.mov");
+    test::FileTree::write(folder + "/new\nname", "x");
+    EXPECT_EQ(run({"verify", folder, "--machine"}), 1);
+    EXPECT_EQ(out, "MISMATCH  DCIM/one.mov\nMISSING  DCIM/two.mov\nEXTRA    new\\x0Aname\n");
+    EXPECT_EQ(run({"verify", folder, b + "/2026-03-14/A001"}), 1) << "one good folder does not hide the bad one";
+    EXPECT_TRUE(printed("Mismatch: 1 file, missing 1, unreadable 0 — details")) << out;
+    EXPECT_TRUE(printed("PROBLEMS FOUND: mismatch 1, missing 1, unreadable 0, extra 1,")) << out;
+    EXPECT_TRUE(printed("  1 file extra (not in the MHL).")) << out;
+    Program json({"verify", folder, "--json"});
+    EXPECT_EQ(json.wait(), 1);
+    EXPECT_EQ(json.events().back()["missing"], nlohmann::json({"DCIM/two.mov"}));
+
+    EXPECT_EQ(run({"verify", temp / "nowhere"}), 4);
+    EXPECT_TRUE(logged("Folder not found: " + temp / "nowhere")) << err;
+    EXPECT_EQ(run({"verify", card}), 3);
+    EXPECT_TRUE(logged("refused: noHashRecord: " + card + " has no ASC MHL and no checksum list")) << err;
+    EXPECT_EQ(run({"verify"}), 2);
+}
+
+TEST_F(BackupProgramTest, AKnownCardIsToldAndCopiedAgainOnlyOnDemand) {
+    fill(card);
+    ASSERT_EQ(copy(card), 0) << err;
+    EXPECT_EQ(copy(card), 3);
+    EXPECT_TRUE(logged("Card already backed up:\n  A001 — ")) << err;
+    EXPECT_TRUE(logged("Copy it again in full? A new folder will be created (e.g. A001_2).")) << err;
+    EXPECT_TRUE(logged("\nrefused: other: Card already backed up")) << err;
+    EXPECT_EQ(out, "");
+    EXPECT_FALSE(fs::exists(a + "/2026-03-14/A001_2"));
+
+    EXPECT_EQ(copy(card, {"--again", "--eject"}), 0) << err;
+    EXPECT_TRUE(fs::exists(a + "/2026-03-14/A001_2"));
+    EXPECT_TRUE(logged("Couldn't eject the card: the source is a folder, not a whole card")) << err;
+    EXPECT_EQ(copy(card, {"--no-history"}), 0) << "not looked up";
+    EXPECT_TRUE(fs::exists(a + "/2026-03-14/A001_3"));
+
+    ASSERT_EQ(run({"history"}), 0);
+    EXPECT_TRUE(printed("2026-03-14\n")) << out;
+    EXPECT_TRUE(printed("A001_2  3 files, ")) << out;
+    EXPECT_FALSE(printed("A001_3")) << "not recorded";
+    EXPECT_EQ(run({"history", "--date", "2026-03-15"}), 0);
+    EXPECT_EQ(out, "No card has been backed up yet.\n");
+    for (int left = 2; left > 0; --left) {
+        run({"history", "--json"});
+        EXPECT_EQ(std::ranges::count(out, '\n'), left) << out;
+        const auto entry = nlohmann::json::parse(out.substr(0, out.find('\n')));
+        EXPECT_EQ(run({"history", "--forget", entry["entry"]["id"]}), 0) << err;
+    }
+    EXPECT_EQ(run({"history", "--forget", "../settings"}), 4);
+    EXPECT_EQ(run({"inspect", card}), 0);
+    EXPECT_TRUE(printed("Not backed up yet, as far as this computer knows.")) << out;
+}
+
+TEST_F(BackupProgramTest, InspectFollowsACardThroughItsLife) {
+    if (const auto why = test::LoopImage::unavailable(test::LoopImage::Kind::ext4))
+        GTEST_SKIP() << *why;
+    test::LoopImage disk(test::LoopImage::Kind::ext4, 64, "A001");
+    fill(disk.path());
+    const auto says = [&](const std::string& text) {
+        EXPECT_EQ(run({"inspect", disk.path()}), 0) << err;
+        EXPECT_TRUE(printed(text)) << text << "\nnot in:\n" << out;
+    };
+    says("Not backed up yet");
+    ASSERT_EQ(copy(disk.path()), 0) << err;
+    says(" — verified, safe to format");
+    says("The card is identical to the backup.");
+
+    test::FileTree::write(disk / "DCIM/three.mov", std::string(2000, 'x'));
+    says("New on the card: 1 file, 2 kB\n  DCIM/three.mov\n");
+    says("velmora append '" + disk.path() + "' --into '" + folder + "' --into '" + b + "/2026-03-14/A001'");
+    ASSERT_EQ(run({"append", disk.path(), "--into", folder, "--into", b + "/2026-03-14/A001"}), 0) << err;
+    says("The card is identical to the backup.");
+
+    fs::rename(folder, folder + "-away");
+    test::FileTree::write(disk / "DCIM/four.mov", "4");
+    says("The earlier backup is not connected");
+    fs::rename(folder + "-away", folder);
+
+    fs::last_write_time(disk / "DCIM/one.mov", fs::file_time_type::clock::now());
+    says("1 files differ) — cannot append, only a full copy");
+    says("Changed since the backup:\n  DCIM/one.mov\n");
+
+    fs::remove_all(disk / "DCIM");
+    fs::remove(disk / "empty");
+    says("The card is empty — backed up earlier on ");
+    test::FileTree::write(disk / "other.mov", "o");
+    says("cannot append, only a full copy");
+
+    EXPECT_EQ(run({"inspect", temp / "nowhere"}), 4);
+}
+
+TEST_F(BackupProgramTest, VolumesAreListedAndOnlyCardsAreEjected) {
+    EXPECT_EQ(run({"volumes", "--dest", a}), 0);
+    EXPECT_TRUE(out.starts_with("NAME")) << out;
+    EXPECT_TRUE(printed("destination")) << out;
+    const std::pair<std::string, std::string> cases[] = {
+        {temp / "nowhere", "card is not connected"},
+        {a, "the source is a folder, not a whole card"},
+        {"/", "the system disk cannot be ejected"},
+    };
+    for (const auto& [path, why] : cases) {
+        EXPECT_EQ(run({"eject", path}), 4);
+        EXPECT_TRUE(logged("Couldn't eject the card: " + why + "\n")) << path << err;
+        EXPECT_EQ(out, "");
+    }
+}
+
+TEST_F(BackupProgramTest, AHistoryHeldForTenSecondsDelaysARecordAndLosesNone) {
+    fill(card);
+    const std::string settings = temp / "settings";
+    auto lock = FileLock::tryLock(Locks::history(settings, settings + "/locks"));
+    ASSERT_TRUE(lock);
+    std::thread other([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(10));
+        lock->release();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(copy(card), 0) << err;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(9)) << "it was not the history's lock";
+    other.join();
+    EXPECT_TRUE(logged("The card history is busy right now")) << err;
+    EXPECT_EQ(run({"history", "--json"}), 0);
+    const auto entry = nlohmann::json::parse(out);
+    EXPECT_EQ(entry["entry"]["unfinished"], false);
+    EXPECT_EQ(entry["entry"]["verified"], true);
+}
+
+} // namespace
+} // namespace velmora

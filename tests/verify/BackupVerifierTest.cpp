@@ -1,0 +1,336 @@
+#include "verify/BackupVerifier.h"
+
+#include "blocks/HashAlgo.h"
+#include "engine/FolderLocks.h"
+#include "reports/ReportWriter.h"
+#include "reports/SampleReport.h"
+#include "support/FileTree.h"
+#include "support/TempFolder.h"
+#include "verify/VerifyJob.h"
+#include "verify/VerifyReport.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace velmora {
+namespace {
+
+namespace fs = std::filesystem;
+using Paths = std::vector<std::string>;
+
+std::string digest(std::string_view algorithm, const std::string& content) {
+    auto running = HashAlgo::make(algorithm);
+    running->update(reinterpret_cast<const std::byte*>(content.data()), content.size());
+    return running->value();
+}
+
+// A backup of real files with real records, one generation at a time.
+class BackupVerifierTest : public testing::Test {
+protected:
+    struct File {
+        std::string path;
+        std::string content;
+        std::string status = "verified";
+    };
+    test::TempFolder temp;
+    std::string card = temp / "A001";
+
+    OffloadReport reportOf(std::int64_t number, const std::vector<File>& files) const {
+        OffloadReport report = sampleReport({card}, number);
+        const OffloadReport::FileEntry model = report.files.front();
+        report.files.clear();
+        report.totalBytes = 0;
+        for (const File& file : files) {
+            OffloadReport::FileEntry entry = model;
+            entry.path = file.path;
+            entry.size = static_cast<std::int64_t>(file.content.size());
+            entry.xxh64 = digest("xxh64", file.content);
+            entry.destinations = {file.status};
+            report.totalBytes += entry.size;
+            report.files.push_back(std::move(entry));
+        }
+        report.totalFiles = static_cast<std::int64_t>(files.size());
+        report.countFiles();
+        return report;
+    }
+    void generation(std::int64_t number, const std::vector<File>& files) const {
+        for (const File& file : files)
+            test::FileTree::write(card + "/" + file.path, file.content);
+        ReportWriter::write(reportOf(number, files), card, true, {{1773473420 + number, 0}, "cart"});
+    }
+    void sample() const {
+        generation(1, {{"DCIM/1.mov", test::FileTree::bytes(1, 300'001)},
+                       {"DCIM/2.mov", test::FileTree::bytes(2, 65'536)},
+                       {"empty", ""}});
+        generation(2, {{"DCIM/3.mov", test::FileTree::bytes(3, 10)}});
+    }
+    std::string mhl(int number) const {
+        for (const auto& entry : fs::directory_iterator(card + "/ascmhl"))
+            if (entry.path().filename().string().starts_with("000" + std::to_string(number)))
+                return entry.path();
+        throw std::runtime_error("no such generation");
+    }
+    void replaceIn(const std::string& path, const std::string& from, const std::string& to) const {
+        std::string text = test::FileTree::read(path);
+        const auto at = text.find(from);
+        ASSERT_NE(at, std::string::npos) << path;
+        test::FileTree::write(path, text.replace(at, from.size(), to));
+    }
+    VerifyResult verify() const { return BackupVerifier::verify(card, 65'536, {}, {}); }
+};
+
+TEST_F(BackupVerifierTest, AnUntouchedBackupMatchesAndIsNotWrittenTo) {
+    sample();
+    const auto before = test::FileTree::contents(card);
+    const VerifyResult result = verify();
+    EXPECT_TRUE(result.success());
+    EXPECT_EQ(result.ok, 4);
+    EXPECT_EQ(result.checked, 4);
+    EXPECT_EQ(result.totalFiles, 4);
+    EXPECT_EQ(result.totalBytes, 365'547);
+    EXPECT_EQ(result.bytesRead, 365'547);
+    EXPECT_EQ(result.generations, 2);
+    EXPECT_EQ(result.hashAlgorithms, Paths{"xxh64"});
+    EXPECT_TRUE(result.reportInsideCard);
+    EXPECT_EQ(VerifyReport::machineLines(result), Paths{});
+    EXPECT_EQ(VerifyReport::summary(result).text, "Verified: all 4 files match (ASC MHL, 2 generations, xxHash64)");
+    EXPECT_EQ(test::FileTree::contents(card), before);
+}
+
+TEST_F(BackupVerifierTest, NamesEachDamageExactly) {
+    const std::string one = card + "/DCIM/1.mov";
+    const struct {
+        const char* what;
+        std::function<void()> damage;
+        Paths lines;
+        bool success;
+    } cases[] = {
+        {"last bit", [&] { test::FileTree::flipBit(one, 300'000, 7); }, {"MISMATCH  DCIM/1.mov"}, false},
+        {"truncated", [&] { fs::resize_file(one, 300'000); }, {"MISMATCH  DCIM/1.mov"}, false},
+        {"grown", [&] { fs::resize_file(card + "/empty", 1); }, {"MISMATCH  empty"}, false},
+        {"deleted", [&] { fs::remove(one); }, {"MISSING  DCIM/1.mov"}, false},
+        {"folder deleted",
+         [&] { fs::remove_all(card + "/DCIM"); },
+         {"MISSING  DCIM/1.mov", "MISSING  DCIM/2.mov", "MISSING  DCIM/3.mov"},
+         false},
+        {"added",
+         [&] {
+             test::FileTree::write(card + "/new", "n");
+             test::FileTree::write(card + "/_REPORT/notes", "n");
+             test::FileTree::write(card + "/ascmhl/notes", "n");
+             test::FileTree::write(card + "/DCIM/.DS_Store", "n");
+             test::FileTree::write(card + "/_PROXY/x/p.mp4", "n");
+         },
+         {"EXTRA    new"},
+         true},
+        {"link in place of a file",
+         [&] {
+             fs::rename(one, temp / "outside.mov");
+             fs::create_symlink(temp / "outside.mov", one);
+         },
+         {"ERROR    DCIM/1.mov: "},
+         false},
+        {"link in place of a folder",
+         [&] {
+             fs::rename(card + "/DCIM", temp / "outside");
+             fs::create_symlink(temp / "outside", card + "/DCIM");
+         },
+         {"ERROR    DCIM/1.mov: ", "ERROR    DCIM/2.mov: ", "ERROR    DCIM/3.mov: "},
+         false},
+        {"pipe in place of a file",
+         [&] {
+             fs::remove(one);
+             ASSERT_EQ(::mkfifo(one.c_str(), 0600), 0);
+         },
+         {"ERROR    DCIM/1.mov: "},
+         false},
+        {"edited generation",
+         [&] { replaceIn(mhl(1), "<ignore>", "<ignore> "); },
+         {"CHAIN    ASC MHL generation 1 does not match the chain (the MHL file was changed)."},
+         true},
+        {"deleted generation",
+         [&] { fs::remove(mhl(2)); },
+         {"EXTRA    DCIM/3.mov", "CHAIN    The ASC MHL chain lists generation 0002, but its file is missing: "},
+         true},
+        {"deleted chain",
+         [&] { fs::remove(card + "/ascmhl/ascmhl_chain.xml"); },
+         {"CHAIN    ascmhl_chain.xml is missing — generations are read by the number in the file name."},
+         true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        fs::remove_all(card);
+        fs::remove_all(temp / "outside");
+        sample();
+        c.damage();
+        const VerifyResult result = verify();
+        const Paths lines = VerifyReport::machineLines(result);
+        ASSERT_GE(lines.size(), c.lines.size());
+        for (std::size_t i = 0; i < c.lines.size(); ++i)
+            EXPECT_TRUE(lines[i].starts_with(c.lines[i])) << lines[i];
+        // A link or a pipe is a stranger besides: what the folder holds is not what the record names.
+        for (std::size_t i = c.lines.size(); i < lines.size(); ++i)
+            EXPECT_TRUE(lines[i].starts_with("EXTRA    DCIM")) << lines[i];
+        EXPECT_EQ(result.success(), c.success);
+    }
+}
+
+TEST_F(BackupVerifierTest, ReadsAFailedFileAgainstItsLastGoodRecord) {
+    const std::string good = test::FileTree::bytes(7, 1000);
+    generation(1, {{"a", good}, {"b", "b", "failed"}});
+    generation(2, {{"a", good, "failed"}});
+    VerifyResult result = verify();
+    EXPECT_EQ(result.failedSuperseded, Paths{"a"});
+    EXPECT_EQ(result.failedAtCopy, Paths{"b"});
+    EXPECT_EQ(result.ok, 1);
+    EXPECT_EQ(result.changed, Paths{});
+    EXPECT_FALSE(result.success());
+    test::FileTree::flipBit(card + "/a", 0);
+    result = verify();
+    EXPECT_EQ(result.changed, Paths{"a"}) << "an older record is a record";
+}
+
+TEST_F(BackupVerifierTest, NoRecordLeadsOutOfTheFolder) {
+    test::FileTree::write(temp / "outside", "secret");
+    for (const std::string path : {"../outside", "DCIM/../../outside", "/etc/passwd", "./empty"}) {
+        SCOPED_TRACE(path);
+        fs::remove_all(card);
+        sample();
+        replaceIn(mhl(1), ">DCIM/1.mov<", ">" + path + "<");
+        VerifyResult result = verify();
+        EXPECT_EQ(result.bytesRead, 365'547 - 300'001) << "it was opened";
+        const auto lines = VerifyReport::machineLines(result);
+        EXPECT_EQ(std::ranges::count_if(lines, [&](auto& l) { return l.find(path) != std::string::npos; }), 1);
+        EXPECT_FALSE(result.chainProblems.empty());
+
+        fs::remove_all(card + "/ascmhl");
+        replaceIn(card + "/_REPORT/A001.xxh64", "  DCIM/1.mov\n", "  " + path + "\n");
+        result = verify();
+        EXPECT_EQ(result.basis, "hashList");
+        ASSERT_EQ(result.chainProblems.size(), 1U);
+        EXPECT_NE(result.chainProblems[0].find(path), std::string::npos);
+        EXPECT_EQ(result.bytesRead, 365'547 - 300'001);
+    }
+}
+
+TEST_F(BackupVerifierTest, ChecksumListsServeWhereThereIsNoHistory) {
+    sample();
+    fs::remove_all(card + "/ascmhl");
+    test::FileTree::write(card + "/_REPORT/A001.md5", digest("md5", "") + "  empty\nno line\n\n  \n");
+    VerifyResult result = verify();
+    EXPECT_TRUE(result.success());
+    EXPECT_EQ(result.generations, 0);
+    EXPECT_EQ(result.ok, 4);
+    EXPECT_EQ(VerifyReport::basis(result), "checksum list, xxHash64, MD5");
+    EXPECT_FALSE(result.reportInsideCard);
+
+    // Both digests must hold, and a renamed folder finds its list.
+    test::FileTree::write(card + "/_REPORT/A001.md5", digest("md5", "x") + "  empty\n");
+    fs::rename(card, temp / "B002");
+    result = BackupVerifier::verify(temp / "B002/", 65'536, {}, {});
+    EXPECT_EQ(result.changed, Paths{"empty"});
+    EXPECT_EQ(result.cardPath, temp / "B002");
+
+    fs::remove(temp / "B002/_REPORT/A001.md5");
+    fs::remove(temp / "B002/_REPORT/A001.xxh64");
+    try {
+        BackupVerifier::verify(temp / "B002", 65'536, {}, {});
+        FAIL() << "nothing to compare with";
+    } catch (const OffloadError& error) {
+        EXPECT_EQ(error.what(), temp / "B002" + " has no ASC MHL and no checksum list — nothing to compare against.");
+    }
+}
+
+TEST_F(BackupVerifierTest, AnUnfinishedGenerationIsToldAndItsFilesAreNoStrangers) {
+    sample();
+    OffloadReport open = reportOf(3, {{"DCIM/4.mov", "new", "written"}});
+    open.verifyPending = true;
+    test::FileTree::write(card + "/DCIM/4.mov", "new");
+    test::FileTree::write(card + "/DCIM/5.mov", "stranger");
+    ReportWriter::writeReports(open, card, true);
+    VerifyResult result = verify();
+    EXPECT_EQ(result.ok, 4);
+    EXPECT_TRUE(result.success());
+    EXPECT_TRUE(result.unfinished);
+    EXPECT_EQ(result.extra, Paths{"DCIM/5.mov"});
+
+    fs::remove_all(card);
+    open = reportOf(1, {{"4.mov", "new", "written"}});
+    open.verifyPending = true;
+    test::FileTree::write(card + "/4.mov", "new");
+    ReportWriter::writeReports(open, card, true);
+    result = verify();
+    EXPECT_EQ(VerifyReport::basis(result), "the record of the unfinished generation is not written yet");
+    EXPECT_TRUE(result.unfinished);
+    EXPECT_EQ(result.extra, Paths{});
+}
+
+TEST_F(BackupVerifierTest, AFolderThatVanishesIsNotAListOfMissingFiles) {
+    sample();
+    bool moved = false;
+    const VerifyResult result = BackupVerifier::verify(card, 65'536,
+                                                       [&](const VerifyProgress& now) {
+                                                           if (now.fileIndex == 1 && !moved) {
+                                                               fs::rename(card, temp / "gone");
+                                                               moved = true;
+                                                           }
+                                                       },
+                                                       {});
+    EXPECT_TRUE(result.folderGone);
+    EXPECT_EQ(result.missing, Paths{});
+    EXPECT_EQ(result.checked, 1);
+    const auto summary = VerifyReport::summary(result);
+    EXPECT_EQ(summary.tone, VerifyReport::Tone::error);
+    EXPECT_TRUE(summary.text.ends_with("The backup folder disappeared — the disk may have been disconnected."));
+    EXPECT_THROW(verify(), OffloadError);
+}
+
+TEST_F(BackupVerifierTest, TheJobEndsAsItsRunDoes) {
+    ::setenv("VELMORA_SETTINGS_DIR", (temp / "settings").c_str(), 1);
+    sample();
+    {
+        const FolderLocks busy = FolderLocks::acquire({card});
+        VerifyJob job(card);
+        job.run();
+        EXPECT_EQ(job.currentStatus().state, VerifyJob::State::failed) << "an append works there";
+        EXPECT_EQ(job.currentStatus().errorCode, PreflightCode::appendBusy);
+    }
+    test::FileTree::flipBit(card + "/DCIM/1.mov", 0);
+    VerifyJob job(card);
+    job.run();
+    EXPECT_EQ(job.currentStatus().state, VerifyJob::State::done) << "a mismatch is a result";
+    EXPECT_EQ(job.currentStatus().progress->bytes, 365'547);
+    VerifyJob stopped(card);
+    stopped.cancel();
+    stopped.run();
+    EXPECT_EQ(stopped.currentStatus().state, VerifyJob::State::cancelled);
+    EXPECT_FALSE(stopped.currentStatus().result);
+    ::unsetenv("VELMORA_SETTINGS_DIR");
+
+    int asked = 0;
+    const VerifyResult half = BackupVerifier::verify(card, 65'536, {}, [&] { return ++asked > 2; });
+    EXPECT_TRUE(half.cancelled);
+    EXPECT_EQ(half.bytesRead, 131'072) << "between two reads of one file";
+    EXPECT_TRUE(half.changed.empty() && half.extra.empty());
+}
+
+TEST(VerifyIgnore, PatternsMeanPathsNamesAndFolders) {
+    const struct {
+        std::string pattern, path;
+        bool ignored;
+    } cases[] = {
+        {"_REPORT", "_REPORT/x", true},       {"_REPORT/", "_REPORT/x", true},   {"_REPORT/", "a/_REPORT/x", false},
+        {".DS_Store", "a/b/.DS_Store", true}, {".DS_Store", "aDS_Store", false}, {"*.tmp", "a/x.tmp", true},
+        {"*.tmp", "a/x.tmp2", false},         {"a/*.mov", "a/x.mov", true},      {"a/*.mov", "a/b/x.mov", false},
+        {"a/**/x.mov", "a/b/c/x.mov", true},  {"a/**/x.mov", "a/x.mov", true},   {"c?.mov", "c1.mov", true},
+        {"c?.mov", "c/.mov", false},          {"(a|b)+", "aa", false},           {"", "a", false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(BackupVerifier::ignored(c.path, {c.pattern}), c.ignored) << c.pattern << " " << c.path;
+}
+
+} // namespace
+} // namespace velmora
