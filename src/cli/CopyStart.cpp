@@ -8,6 +8,7 @@
 #include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "engine/Layout.h"
+#include "job/RateMemory.h"
 #include "memory/BackedUpPrompt.h"
 #include "memory/CardNaming.h"
 #include "memory/HistoryText.h"
@@ -64,10 +65,8 @@ bool prepare(JobConfig& config, const Choice& choice, HistorySession& history, C
     // What keeps the card from being read is told by the job, with its code; a swapped card is known here only.
     if (insight.error && insight.fingerprint.empty())
         return true;
-    if (insight.error) {
-        console.log("velmora: " + TerminalText::printable(*insight.error));
-        throw Cancelled();
-    }
+    if (insight.error)
+        throw OffloadError::failed(*insight.error);
     const std::string today = Layout::today();
     const std::string date = config.date.value_or(today);
     const CardNameInput input{"card", config.cardName, &insight, Layout::defaultCardName(config.source)};
@@ -78,6 +77,13 @@ bool prepare(JobConfig& config, const Choice& choice, HistorySession& history, C
     if (insight.nameNote && !config.cardName)
         say(console, *insight.nameNote);
     config.cardName = name.name;
+    const RateMemory rates = RateMemory::load(RateMemory::pathIn(history.folder()));
+    if (const auto seconds = rates.estimate({.bytes = static_cast<double>(insight.totalBytes),
+                                             .readBack = config.verify,
+                                             .analyze = false,
+                                             .proxy = {}}))
+        say(console, countedFiles(insight.fileCount) + ", " + formatBytes(insight.totalBytes) + ":" +
+                         RateMemory::startText(*seconds, false));
     if (insight.isEmptied())
         say(console, HistoryText::emptied(insight.match->entry));
     else if (BackedUpPrompt::shouldAsk(&insight))

@@ -1,16 +1,12 @@
-#include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/HistorySession.h"
 #include "cli/TerminalText.h"
-#include "memory/HistoryText.h"
+#include "memory/HistoryView.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-
-#include <algorithm>
-#include <map>
 
 namespace velmora {
 
@@ -53,14 +49,10 @@ public:
                 console.event({{"event", "entry"}, {"entry", entry}});
             return ExitStatus::ok;
         }
-        std::stable_sort(entries.begin(), entries.end(),
-                         [](const HistoryEntry& a, const HistoryEntry& b) { return a.date > b.date; });
-        std::string day;
-        for (const HistoryEntry& entry : entries) {
-            if (entry.date != day || &entry == &entries.front())
-                console.print(console.toned(TerminalText::printable(entry.date), Console::Tone::bold));
-            day = entry.date;
-            show(entry, console);
+        for (const HistoryDay& day : HistoryView::build(entries)) {
+            console.print(console.toned(TerminalText::printable(day.date), Console::Tone::bold));
+            for (const HistoryRow& row : day.rows)
+                show(row, console);
         }
         if (entries.empty())
             console.print("No card has been backed up yet.");
@@ -86,18 +78,16 @@ private:
         return ExitStatus::brokeOff;
     }
 
-    static void show(const HistoryEntry& entry, Console& console) {
-        const HistoryText::Line state = HistoryText::state(entry);
-        std::string text = fmt::format("  {}  {}  {}, {}", HistoryText::when(entry.finished), entry.cardName,
-                                       countedFiles(entry.files), formatBytesShort(entry.bytes));
-        if (entry.generations.size() > 1)
-            text += fmt::format(", {} generations", entry.generations.size());
-        if (entry.project)
-            text += ", " + *entry.project;
-        console.print(TerminalText::printable(text) + "  " + console.toned(state.text, toneOf(state.tone)));
-        for (const HistoryDestination& destination : entry.destinations)
-            console.print("    " + TerminalText::printable(destination.cardPath));
-        console.print("    " + entry.id);
+    static void show(const HistoryRow& row, Console& console) {
+        std::string text = fmt::format("  {}  {}  {}", row.time, row.cardName, row.size);
+        if (row.generations > 1)
+            text += fmt::format(", {} generations", row.generations);
+        if (!row.project.empty())
+            text += ", " + row.project;
+        console.print(TerminalText::printable(text) + "  " + console.toned(row.status, toneOf(row.tone)));
+        for (const std::string& folder : row.folders)
+            console.print("    " + TerminalText::printable(folder));
+        console.print("    " + TerminalText::printable(row.id));
     }
 
     std::string date_;

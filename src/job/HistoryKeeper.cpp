@@ -43,17 +43,18 @@ void HistoryKeeper::start(const OffloadPlan& plan, const std::function<void()>& 
     });
 }
 
-void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed) {
+void HistoryKeeper::take(const std::vector<std::string>& cardPaths) {
     const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load();
     const HistoryEntry* entry = HistoryRecords::entryOf(entries, cardPaths);
-    if (!entry) {
-        id_ = HistoryStore::newId(Timestamp::now());
-        isNew_ = true;
+    isNew_ = entry == nullptr;
+    id_ = entry ? entry->id : HistoryStore::newId(Timestamp::now());
+    wasUnfinished_ = entry && entry->unfinished;
+}
+
+void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed) {
+    take(cardPaths);
+    if (isNew_)
         return; // nothing to mark; the finished record makes the entry
-    }
-    id_ = entry->id;
-    isNew_ = false;
-    wasUnfinished_ = entry->unfinished;
     record("start", delayed, [id = id_](HistoryStore& store) {
         return store.update(id, [](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
             if (!present || present->unfinished)
@@ -63,12 +64,12 @@ void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std:
     });
 }
 
-void HistoryKeeper::finish(const OffloadReport& report, const std::vector<SourceFile>& card,
+void HistoryKeeper::finish(const OffloadReport& report, std::vector<SourceFile> card,
                            const std::optional<BackupCheck>& wholeCard, const std::function<void()>& delayed) {
     if (id_.empty())
         return;
     record(report.kind.value_or("copy"), delayed,
-           [id = id_, report, card, wholeCard, volume = volume_](HistoryStore& store) {
+           [id = id_, report, card = std::move(card), wholeCard, volume = volume_](HistoryStore& store) {
                return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
                    const auto stored = present ? store.readFileList(*present) : std::nullopt;
                    return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard);

@@ -25,9 +25,12 @@ public:
     void start(const OffloadPlan& plan, const std::function<void()>& delayed);
     // An append, a finish or a repair: the entry of these folders is marked as unfinished.
     void reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed);
-    // `card` are the files of the card that the backup covers; `wholeCard` as in HistoryRecords::finished.
-    void finish(const OffloadReport& report, const std::vector<SourceFile>& card,
-                const std::optional<BackupCheck>& wholeCard, const std::function<void()>& delayed);
+    // The entry of these folders, or a new one, is the one to finish. Marks nothing.
+    void take(const std::vector<std::string>& cardPaths);
+    // `card` are the files of the card that the backup has; `wholeCard` is the state of the backup after a run that
+    // covered a part of it.
+    void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
+                const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
 

@@ -7,6 +7,7 @@
 #include "engine/FolderLocks.h"
 #include "engine/Scanner.h"
 #include "job/HistoryKeeper.h"
+#include "job/RateMemory.h"
 #include "job/RepairWork.h"
 #include "job/ReportRecorder.h"
 #include "memory/AppendPlanner.h"
@@ -132,10 +133,13 @@ void OffloadJob::run(const Log& log) {
     } catch (const SimulatedCrash&) {
         throw;
     } catch (const Cancelled&) {
+        takeBackStart();
         endAs(Phase::cancelled);
     } catch (const OffloadError& error) {
+        takeBackStart();
         endAs(Phase::failed, error.what(), error.code());
     } catch (const std::exception& error) {
+        takeBackStart();
         endAs(Phase::failed, error.what());
     }
     locks_.reset();
@@ -181,6 +185,12 @@ void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<B
                          [this] { addWarning(std::string(Msg::historyBusy)); });
 }
 
+// A run that broke off before it had claimed its card folders has left nothing that could be finished.
+void OffloadJob::takeBackStart() {
+    if (history_ && engine_.plan() == nullptr)
+        history_->forget();
+}
+
 void OffloadJob::runCopy() {
     OffloadPlan plan = prepare();
     if (engine_.isCancelled())
@@ -217,7 +227,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
         history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
     ReportRecorder recorder(append.resuming);
     OffloadReport report = engine_.run(append.toPlan(), recorder);
-    settle(std::move(report), checkWholeCard(append.fullScan, append.cardPaths));
+    settle(std::move(report), checkWholeCard(append.cardPaths, &append.fullScan));
 }
 
 void OffloadJob::runRepair() {
@@ -242,21 +252,20 @@ void OffloadJob::runRepair() {
     ReportRecorder recorder(true, [this](OffloadReport& report) { repair_->amend(report); });
     OffloadReport report = engine_.run(repair.plan, recorder);
     repair_->amend(report);
-    BackupCheck wholeCard;
-    try {
-        wholeCard = checkWholeCard(Scanner::scan(config_.source), checkedPaths);
-    } catch (const std::exception& error) { // the card may be gone by now; the repair was made all the same
-        wholeCard.error = error.what();
-    }
-    settle(std::move(report), wholeCard);
+    settle(std::move(report), checkWholeCard(checkedPaths));
 }
 
 void OffloadJob::nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) {
     // A run that died between the chain and the lists left them short; nothing else of it is open.
     for (const std::string& path : cardPaths)
         HashLists::heal(path, std::string(RelativePath::name(RelativePath::withoutTrailingSlash(path))));
-    const BackupCheck check =
-        checkWholeCard(Scanner::scan(config_.source, [this] { return engine_.isCancelled(); }), cardPaths);
+    const BackupCheck check = checkWholeCard(cardPaths);
+    // A run that died between its last record and the history left the entry open, or none: nothing else would ever
+    // close it.
+    if (history_ && check.newest) {
+        history_->take(cardPaths);
+        history_->finish(*check.newest, check.covered, check, [this] { addWarning(std::string(Msg::historyBusy)); });
+    }
     for (const std::string& line : check.messages())
         addWarning(line);
     {
@@ -269,11 +278,30 @@ void OffloadJob::nothingNew(const OffloadError& error, const std::vector<std::st
     endAs(Phase::done);
 }
 
-BackupCheck OffloadJob::checkWholeCard(const SourceScan& card, const std::vector<std::string>& cardPaths) const {
-    bool localTime = FileTimes::storesLocalTime(IO::filesystemType(config_.source));
-    for (const std::string& type : filesystemsOf(cardPaths))
-        localTime = localTime || FileTimes::storesLocalTime(type);
-    return BackupCheck::of(card, cardPaths, localTime);
+BackupCheck OffloadJob::checkWholeCard(const std::vector<std::string>& cardPaths, const SourceScan* card) const {
+    try {
+        bool localTime = FileTimes::storesLocalTime(IO::filesystemType(config_.source));
+        for (const std::string& type : filesystemsOf(cardPaths))
+            localTime = localTime || FileTimes::storesLocalTime(type);
+        return BackupCheck::of(card != nullptr ? *card : Scanner::scan(config_.source), cardPaths, localTime);
+    } catch (const std::exception& error) {
+        // The run itself is over and its records stand: a card that was pulled now costs the promise, not the run.
+        BackupCheck check;
+        check.error = error.what();
+        return check;
+    }
+}
+
+// Small cards teach nothing: what a run costs beside its bytes would pass for a slow disk.
+void OffloadJob::learnRates(const OffloadReport& report) {
+    constexpr std::int64_t tellingBytes = 64 << 20;
+    if (services_.supportFolder.empty() || engine_.isCancelled() || engine_.resumedBytes() > 0 ||
+        report.totalBytes < tellingBytes)
+        return;
+    const std::string path = RateMemory::pathIn(services_.supportFolder);
+    RateMemory rates = RateMemory::load(path);
+    rates.learn(report, false, {}, {}, false, true);
+    rates.save(path, [this](std::string_view line) { log(line); });
 }
 
 void OffloadJob::checkSpace(const OffloadPlan& plan) {
@@ -328,6 +356,7 @@ void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& 
         for (const std::string& line : wholeCard->messages())
             addWarning(line);
     recordFinish(*this->report(), wholeCard);
+    learnRates(*this->report());
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
     else if (cardChanged)

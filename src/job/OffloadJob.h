@@ -78,9 +78,12 @@ private:
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
     void openHistory(const Log& log);
     void recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard);
+    void takeBackStart();
+    void learnRates(const OffloadReport& report);
     // `wholeCard` after a run that covered a part of the card: the promises hold for the whole card or not at all.
     void settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard = {}) EXCLUDES(mutex_);
-    BackupCheck checkWholeCard(const SourceScan& card, const std::vector<std::string>& cardPaths) const;
+    // Never throws: what keeps it from looking stands in the check. Without `card` the card is scanned.
+    BackupCheck checkWholeCard(const std::vector<std::string>& cardPaths, const SourceScan* card = nullptr) const;
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
     void setExamining(bool examining) EXCLUDES(mutex_);
     void nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) EXCLUDES(mutex_);
@@ -101,7 +104,7 @@ private:
     std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
     std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
     std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
-    std::vector<SourceFile> card_;           // what a full copy covers, for the history
+    std::vector<SourceFile> card_;           // what a copy takes in, for the history
     OffloadEngine engine_;
 };
 

@@ -83,7 +83,9 @@ std::string RateMemory::startText(double seconds, bool proxies) {
     return " ~" + JobWords::etaText(seconds) + (proxies ? " incl. proxies" : "");
 }
 
-std::string RateMemory::defaultPath() { return AppSupportFolder::path() + "/rates.json"; }
+std::string RateMemory::defaultPath() { return pathIn(AppSupportFolder::path()); }
+
+std::string RateMemory::pathIn(const std::string& supportFolder) { return supportFolder + "/rates.json"; }
 
 RateMemory RateMemory::load(const std::string& path) {
     RateMemory memory;

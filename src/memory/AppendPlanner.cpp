@@ -9,6 +9,7 @@
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/BackupFolder.h"
+#include "memory/CaseTwins.h"
 #include "memory/HistoryText.h"
 #include "memory/ResumePlanner.h"
 #include "mhl/MHLReader.h"
@@ -117,7 +118,7 @@ public:
     Planning(const std::string& source, Backup backup, std::optional<Unfinished> unfinished, bool localTime,
              std::int64_t blockSize, const IsCancelled& isCancelled)
         : backup_(std::move(backup)), unfinished_(std::move(unfinished)), localTime_(localTime), blockSize_(blockSize),
-          isCancelled_(isCancelled), card_(Scanner::scan(source, isCancelled)) {
+          isCancelled_(isCancelled), card_(Scanner::scan(source, isCancelled)), twins_(card_.files) {
         for (const std::string& path : backup_.paths)
             folders_.emplace_back(path, isCancelled);
         columns_.resize(folders_.size());
@@ -137,6 +138,7 @@ public:
             throw refuse(PreflightCode::appendOtherCard,
                          "None of the files of the earlier backup is on the card — is it "
                          "a different card? Make a full copy.");
+        requireFixedFiles();
         findUnknownFiles();
         if (!conflicts_.empty())
             throw stopped(conflicts_, nextFreeFolder());
@@ -167,8 +169,10 @@ private:
         const bool onlyKnown = std::all_of(mentioned.begin(), mentioned.end(), [&](const std::string& key) {
             return backup_.records.front().files.contains(key);
         });
-        if (onlyKnown && !mentioned.empty() && !unfinished_->report)
+        if (onlyKnown && !mentioned.empty() && !unfinished_->report) {
             unfinished_.reset();
+            repairIsOpen_ = true;
+        }
     }
 
     // Names that a new file, or its temporary name, must not collide with.
@@ -188,16 +192,16 @@ private:
     }
 
     void look(const SourceFile& file) {
-        const std::string key = pathKey(file.relPath);
+        const bool exactly = twins_.contains(file.relPath);
         bool recorded = false;
         bool unverified = false;
         bool differs = false;
         for (std::size_t d = 0; d < folders_.size(); ++d) {
-            const auto found = backup_.records[d].files.find(key);
-            if (found == backup_.records[d].files.end())
+            const RecordedFile* found = backup_.records[d].find(file.relPath, exactly);
+            if (!found)
                 continue;
             recorded = true;
-            const RecordedFile& record = found->second;
+            const RecordedFile& record = *found;
             const auto& entry = *record.file;
             if (entry.size != file.size || !FileTimes::close(entry.modified, file.mtime, localTime_)) {
                 if (!std::exchange(differs, true))
@@ -223,7 +227,7 @@ private:
                          fmt::format("{} was not copied correctly to {} in the earlier backup — cannot append, make a "
                                      "full copy.",
                                      file.relPath, disk(backup_.paths[d])));
-        const SourceFile* present = folders_[d].file(file.relPath);
+        const SourceFile* present = folders_[d].file(file.relPath, twins_.contains(file.relPath));
         if (!present || present->size != file.size)
             throw refuse(PreflightCode::appendMissingFile,
                          fmt::format("A file of the earlier backup is missing on {}: {} — check the backup with {}.",
@@ -251,21 +255,30 @@ private:
         plan_.newFiles.push_back(file);
     }
 
+    // A report that is on a disk already must not lose a file either. What the card could not give then is excused.
+    void requireFixedFiles() {
+        if (!unfinished_ || !unfinished_->report)
+            return;
+        for (const auto& file : unfinished_->report->files)
+            if (!file.sourceError && !names_.contains(pathKey(file.path)))
+                conflicts_.push_back(Msg::repairNotOnCard(file.path));
+    }
+
     // Files on the disks that neither a report nor the interrupted run accounts for.
     void findUnknownFiles() {
         std::unordered_map<std::string, const SourceFile*> wanted;
         for (const SourceFile& file : plan_.newFiles)
-            wanted.emplace(pathKey(file.relPath), &file);
+            wanted.emplace(twins_.nameOf(file.relPath), &file);
         for (std::size_t d = 0; d < folders_.size(); ++d) {
             const auto unknown = [&](const std::string& path) {
                 conflicts_.push_back(fmt::format("{} has a file {} that no report knows (an unfinished append?)",
                                                  disk(backup_.paths[d]), path));
             };
             for (const SourceFile& present : folders_[d].files()) {
-                const std::string key = pathKey(present.relPath);
-                if (backup_.records[d].files.contains(key) || (unfinished_ && newParts_.contains(key)))
+                if (backup_.records[d].find(present.relPath, twins_.contains(present.relPath)) ||
+                    (unfinished_ && newParts_.contains(pathKey(present.relPath))))
                     continue;
-                const auto file = wanted.find(key);
+                const auto file = wanted.find(twins_.nameOf(present.relPath));
                 // A name that a line of the dead run holds, on any disk, is of its making, whatever a power cut left
                 // of the file here.
                 if (unfinished_ && unfinished_->mentions(present.relPath))
@@ -290,7 +303,7 @@ private:
 
     void decideResume() {
         const auto sizeOnDisk = [&](std::size_t d, const SourceFile& file) -> std::optional<std::int64_t> {
-            const SourceFile* present = folders_[d].file(file.relPath);
+            const SourceFile* present = folders_[d].file(file.relPath, twins_.contains(file.relPath));
             return present ? std::optional(present->size) : std::nullopt;
         };
         auto decision = ResumePlanner::decide(*unfinished_, plan_.newFiles, sizeOnDisk, localTime_, blockSize_);
@@ -304,6 +317,9 @@ private:
         if (unfinished_)
             decideResume();
         if (plan_.newFiles.empty() && !plan_.resuming) {
+            // Copies that a repair found bad are bad still, though every record calls them good: nothing is complete.
+            if (repairIsOpen_)
+                throw refuse(PreflightCode::other, VIPMsg::repairOpen(backup_.paths.front()));
             if (!card_.uncopied.empty())
                 throw refuse(
                     PreflightCode::other,
@@ -339,11 +355,13 @@ private:
     const std::int64_t blockSize_;
     const IsCancelled& isCancelled_;
     SourceScan card_;
+    const CaseTwins twins_;
     std::vector<BackupFolder> folders_;
     std::vector<std::unordered_map<const OffloadReport*, std::size_t>> columns_;
     std::unordered_set<std::string> names_;
     std::unordered_set<std::string> newParts_;
     std::vector<std::string> conflicts_;
+    bool repairIsOpen_ = false;
     std::size_t recordedOnCard_ = 0;
     AppendPlan plan_;
 };

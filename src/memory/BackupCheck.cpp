@@ -2,7 +2,9 @@
 
 #include "base/FileTimes.h"
 #include "base/Text.h"
+#include "memory/CaseTwins.h"
 
+#include <algorithm>
 #include <string_view>
 
 namespace velmora {
@@ -11,26 +13,32 @@ namespace {
 
 // One file of the card on every disk: its status words; none when a disk does not have it as it is on the card.
 std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, const std::vector<CardRecord>& records,
-                                                        bool localTime) {
+                                                        bool exactly, bool localTime) {
     std::vector<std::string_view> words;
-    const std::string key = pathKey(file.relPath);
     for (std::size_t d = 0; d < records.size(); ++d) {
         const CardRecord& record = records[d];
-        const auto found = record.files.find(key);
-        if (found == record.files.end() || found->second.file->size != file.size ||
-            !FileTimes::close(found->second.file->modified, file.mtime, localTime))
+        const RecordedFile* found = record.find(file.relPath, exactly);
+        if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
             return std::nullopt;
-        const OffloadReport& report = *found->second.report;
+        const OffloadReport& report = *found->report;
         const auto column = CardRecord::columnOf(report, record.cardPath, record.volumeSerial);
         const std::size_t at = column.value_or(CardRecord::destinationIndex(report, record.cardPath, d));
-        const auto& statuses = found->second.file->destinations;
-        words.push_back(found->second.file->sourceError || at >= statuses.size() ? std::string_view("failed")
-                                                                                 : std::string_view(statuses[at]));
+        const auto& statuses = found->file->destinations;
+        words.push_back(found->file->sourceError || at >= statuses.size() ? std::string_view("failed")
+                                                                          : std::string_view(statuses[at]));
         // A report whose result does not stand on every disk vouches for nothing.
-        if (words.back() == "verified" && report.verifyIncomplete.value_or(false))
+        if (words.back() == "verified" &&
+            (report.verifyIncomplete.value_or(false) || report.verifyPending.value_or(false)))
             words.back() = "written";
     }
     return words;
+}
+
+std::vector<HistoryGeneration> generationsOf(const CardRecord& record) {
+    std::vector<HistoryGeneration> all;
+    for (const CardRecord::Generation& generation : record.generations)
+        all.push_back(HistoryGeneration::of(*generation.report, generation.generation));
+    return all;
 }
 
 } // namespace
@@ -49,9 +57,15 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<std::strin
             check.error = path + " has no report";
         if (check.error)
             return check;
+        check.failedFiles = std::max(check.failedFiles, static_cast<std::int64_t>(record.failedFiles().size()));
     }
+    if (!records.empty() && !records.front().generations.empty()) {
+        check.generations = generationsOf(records.front());
+        check.newest = records.front().generations.back().report;
+    }
+    const CaseTwins twins(card.files);
     for (const SourceFile& file : card.files) {
-        const auto words = statusesOf(file, records, localTime);
+        const auto words = statusesOf(file, records, twins.contains(file.relPath), localTime);
         if (!words) {
             ++check.notInBackup;
             continue;

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "memory/CardRecord.h"
+#include "records/HistoryEntry.h"
 #include "records/SourceFile.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,10 +18,17 @@ struct BackupCheck {
     BackupState state;
     std::int64_t notInBackup = 0;     // files of the card that no report names, or names with another size or time
     std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
-    std::vector<SourceFile> covered;  // files of the card that every disk's reports name as they are on the card
+
+    // What the history is told of the backup as a whole.
+    std::vector<SourceFile> covered;             // the files of the card that every disk records as they are now
+    std::vector<HistoryGeneration> generations;  // of the first disk, ascending
+    std::shared_ptr<const OffloadReport> newest; // of the first disk; null when nothing was read
+    std::int64_t failedFiles = 0;                // recorded as failed, on the card or not
 
     bool safeToEject() const { return !error && state.failed == 0 && notInBackup == 0; }
     bool safeToFormat() const { return safeToEject() && state.unverified == 0; }
+    // Every file of the backup was read back and found good, as far as the card still has it.
+    bool allVerified() const { return !error && state.failed == 0 && state.unverified == 0 && failedFiles == 0; }
     // The sentences for the user, the gravest first; none when all is well.
     std::vector<std::string> messages() const;
 

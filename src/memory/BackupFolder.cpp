@@ -31,9 +31,16 @@ BackupFolder::BackupFolder(const std::string& cardPath, const IsCancelled& isCan
         byKey_.emplace(pathKey(scan_.files[i].relPath), i);
 }
 
-const SourceFile* BackupFolder::file(std::string_view relPath) const {
-    const auto found = byKey_.find(pathKey(relPath));
-    return found == byKey_.end() ? nullptr : &scan_.files[found->second];
+const SourceFile* BackupFolder::file(std::string_view relPath, bool exactly) const {
+    const SourceFile* other = nullptr;
+    const auto [begin, end] = byKey_.equal_range(pathKey(relPath));
+    for (auto entry = begin; entry != end; ++entry) {
+        const SourceFile& file = scan_.files[entry->second];
+        if (file.relPath == relPath)
+            return &file;
+        other = &file;
+    }
+    return exactly ? nullptr : other;
 }
 
 bool BackupFolder::hasFolder(std::string_view relPath) const {

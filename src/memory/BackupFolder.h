@@ -18,8 +18,8 @@ public:
     // Throws as the scan of a card does.
     BackupFolder(const std::string& cardPath, const IsCancelled& isCancelled);
 
-    // Null when no file of that name is there; names are compared as all records compare them.
-    const SourceFile* file(std::string_view relPath) const;
+    // Null when no file of that name is there; names are compared as all records compare them, or byte for byte.
+    const SourceFile* file(std::string_view relPath, bool exactly = false) const;
     bool hasFolder(std::string_view relPath) const;
     const std::vector<SourceFile>& files() const noexcept { return scan_.files; }
     // Names on the disk that no record can hold, for display.
@@ -28,7 +28,7 @@ public:
 private:
     SourceScan scan_;
     std::vector<std::string> unrecordable_;
-    std::unordered_map<std::string, std::size_t> byKey_;
+    std::unordered_multimap<std::string, std::size_t> byKey_;
 };
 
 } // namespace velmora

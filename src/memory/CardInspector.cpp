@@ -32,7 +32,7 @@ std::optional<SourceScan> scan(CardInsight& insight, const IsCancelled& isCancel
     return std::nullopt;
 }
 
-void matchHistory(CardInsight& insight, const std::vector<SourceFile>& files, HistoryStore* store,
+void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* store,
                   const std::vector<HistoryEntry>* history, const World& world) {
     std::vector<HistoryEntry> loaded;
     if (!history && store) {
@@ -50,7 +50,8 @@ void matchHistory(CardInsight& insight, const std::vector<SourceFile>& files, Hi
     std::optional<std::vector<SourceFile>> list;
     if (store && candidate->fingerprint != insight.fingerprint)
         list = store->readFileList(*candidate);
-    insight.match = HistoryMatcher::match(files, insight.fingerprint, *candidate, list, insight.filesystem);
+    insight.match = HistoryMatcher::match(scan.files, insight.fingerprint, *candidate, list, insight.filesystem);
+    insight.match->uncopied = static_cast<std::int64_t>(scan.uncopied.size());
     const HistoryMatch& match = *insight.match;
     const bool useful = match.kind == HistoryMatchKind::newFiles ||
                         (match.kind == HistoryMatchKind::identical && match.entry.unfinished);
@@ -100,7 +101,7 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
         insight.error = "The card was swapped while it was being read.";
         return insight;
     }
-    matchHistory(insight, scanned->files, store, history, world);
+    matchHistory(insight, *scanned, store, history, world);
     stopIf(isCancelled);
     insight.clips = ClipDetector::detect(scanned->files);
     ReelSuggestion::FromClips names = ReelSuggestion::fromClips(insight.clips);

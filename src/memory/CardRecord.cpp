@@ -49,9 +49,18 @@ std::vector<std::int64_t> reportNumbers(const std::string& cardPath) {
 }
 
 void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
-    for (const auto& file : generation.report->files)
-        record.files.insert_or_assign(pathKey(file.path),
-                                      RecordedFile{&file, generation.generation, generation.report});
+    for (const auto& file : generation.report->files) {
+        RecordedFile recorded{&file, generation.generation, generation.report};
+        const auto [slot, isNew] = record.files.try_emplace(pathKey(file.path), recorded);
+        if (isNew)
+            continue;
+        // Another name under the same key is another file; only a repair may record a file under a changed name.
+        if (slot->second.file->path != file.path && !generation.report->isRepair())
+            record.twins.insert_or_assign(slot->second.file->path, slot->second);
+        if (!record.twins.empty())
+            record.twins.erase(file.path);
+        slot->second = std::move(recorded);
+    }
 }
 
 // Clips by name, a later generation over an earlier one. Reports made without clip analysis list none: then the clips
@@ -190,11 +199,22 @@ bool CardRecord::verifyPending() const {
 
 std::vector<std::string> CardRecord::failedFiles() const {
     std::vector<std::string> failed;
-    for (const auto& [key, recorded] : files)
-        if (recorded.report->isFailed(*recorded.file))
-            failed.push_back(recorded.file->path);
+    for (const auto* map : {&files, &twins})
+        for (const auto& [key, recorded] : *map)
+            if (recorded.report->isFailed(*recorded.file))
+                failed.push_back(recorded.file->path);
     std::sort(failed.begin(), failed.end());
     return failed;
+}
+
+const RecordedFile* CardRecord::find(const std::string& relPath, bool exactly) const {
+    const auto found = files.find(pathKey(relPath));
+    if (found == files.end())
+        return nullptr;
+    if (!exactly || found->second.file->path == relPath)
+        return &found->second;
+    const auto twin = twins.find(relPath);
+    return twin == twins.end() ? nullptr : &twin->second;
 }
 
 bool CardRecord::verified() const {

@@ -34,6 +34,7 @@ struct CardRecord {
     std::string cardPath;
     std::vector<Generation> generations;                 // ascending
     std::unordered_map<std::string, RecordedFile> files; // by path key
+    std::unordered_map<std::string, RecordedFile> twins; // by path: files whose key another file holds in `files`
     std::vector<ClipEntry> clips;                        // of all generations, the newest of each name
     bool reportMissing = false;                          // there is no first report
     std::optional<std::string> error;
@@ -48,6 +49,9 @@ struct CardRecord {
     bool verifyPending() const;
     std::vector<std::string> failedFiles() const; // relative paths, ascending
     bool verified() const;                        // every generation is
+    // The newest record of a file; null when there is none. `exactly` asks for the very name: for a file whose name
+    // differs from that of another file of the card in case only.
+    const RecordedFile* find(const std::string& relPath, bool exactly) const;
 
     // Always gives a record; what went wrong stands in it. Reports above `maxGeneration` are not read, so that a
     // half-made generation does not count. `serial` is the serial of the folder's volume if the caller knows it (or

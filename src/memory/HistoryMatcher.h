@@ -24,6 +24,7 @@ struct HistoryMatch {
     std::int64_t newBytes = 0;
     std::vector<std::string> changed; // relative paths
     std::int64_t removed = 0;         // recorded files that are no longer on the card
+    std::int64_t uncopied = 0;        // names on the card that no backup can hold; the inspector counts them
 };
 
 namespace HistoryMatcher {

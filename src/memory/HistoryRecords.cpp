@@ -34,17 +34,10 @@ std::optional<HistoryCard> cardOf(const std::optional<CardVolume>& volume) {
     return HistoryCard{volume->identity, volume->fsSerial, volume->capacity, volume->label, volume->filesystem};
 }
 
-void addGeneration(HistoryEntry& entry, const OffloadReport& report) {
-    HistoryGeneration generation;
-    generation.seq = report.generationNumber();
-    generation.kind = report.kind.value_or("copy");
-    generation.finished = report.finished;
-    generation.files = report.totalFiles;
-    generation.bytes = report.totalBytes;
-    generation.verified = report.verified && !report.verifyIncomplete.value_or(false);
+void addGeneration(HistoryEntry& entry, const HistoryGeneration& generation) {
     auto& all = entry.generations;
     std::erase_if(all, [&](const HistoryGeneration& other) { return other.seq == generation.seq; });
-    all.push_back(std::move(generation));
+    all.push_back(generation);
     std::sort(all.begin(), all.end(),
               [](const HistoryGeneration& a, const HistoryGeneration& b) { return a.seq < b.seq; });
 }
@@ -100,19 +93,18 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
     for (const auto& destination : report.destinations)
         entry.destinations.push_back({destination.root, destination.cardPath});
     const bool first = entry.generations.empty() || report.generationNumber() == 1;
-    const auto failed = static_cast<std::int64_t>(report.failedFiles().size());
-    // A repair or an append says nothing about failures of earlier generations; the planners would not have let them
-    // pass, so what remains is this run's.
-    entry.failedFiles = failed;
-    entry.success = failed == 0;
-    addGeneration(entry, report);
-    entry.verified = entry.success && std::all_of(entry.generations.begin(), entry.generations.end(),
-                                                  [](const HistoryGeneration& g) { return g.verified; });
+    auto failed = static_cast<std::int64_t>(report.failedFiles().size());
     if (wholeCard) {
-        entry.success = entry.success && !wholeCard->error && wholeCard->state.failed == 0;
-        entry.failedFiles = std::max(failed, wholeCard->state.failed);
-        entry.verified = entry.verified && entry.success && wholeCard->state.unverified == 0;
+        failed = std::max({failed, wholeCard->failedFiles, wholeCard->state.failed});
+        for (const HistoryGeneration& generation : wholeCard->generations)
+            addGeneration(entry, generation);
     }
+    entry.failedFiles = failed;
+    entry.success = failed == 0 && (!wholeCard || !wholeCard->error);
+    addGeneration(entry, HistoryGeneration::of(report, report.generationNumber()));
+    entry.verified = entry.success && (!wholeCard || wholeCard->allVerified()) &&
+                     std::all_of(entry.generations.begin(), entry.generations.end(),
+                                 [](const HistoryGeneration& g) { return g.verified; });
     entry.unfinished = false;
     HistoryStore::Change change = withCard(entry, volume, card, first ? std::nullopt : storedFiles);
     // Of the whole backup; the generations do not add up to it where a file was repaired or an entry was lost.

@@ -26,9 +26,9 @@ HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVo
 HistoryEntry reopened(const HistoryEntry& entry);
 
 // The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` are the files
-// of the card that the backup covers, `storedFiles` the list of the entry before this job. `wholeCard` is what was
-// found of the whole card after a run that covered a part of it: the entry promises no more than that. Files that the
-// backup does not hold must not get into the list: a card that comes back with them would pass for safe to format.
+// of the card that the backup has, `storedFiles` is the list of the entry before this job. `wholeCard` is the state of
+// the backup after a run that covered a part of it: the entry may be new, or may have missed a generation, and must not
+// call verified what only this run's report is.
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,

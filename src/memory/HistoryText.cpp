@@ -33,6 +33,10 @@ Line sentence(const HistoryMatch& match) {
         return {fmt::format("{} — with errors ({} files)", begin, failedFiles(entry)), HistoryTone::error};
     if (!entry.verified)
         return {begin + " — NOT VERIFIED (safe to eject, do not format)", HistoryTone::warning};
+    if (match.uncopied > 0)
+        return {fmt::format("{} — verified, but {} on the card that no backup can hold — do not format", begin,
+                            counted(match.uncopied, "name", "names")),
+                HistoryTone::warning};
     // The promise to format covers what is on the card now, so it stands only when nothing was added since.
     switch (match.kind) {
     case HistoryMatchKind::newFiles:

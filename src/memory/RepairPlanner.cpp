@@ -8,6 +8,7 @@
 #include "blocks/HashStreams.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
+#include "memory/CaseTwins.h"
 #include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 
@@ -54,9 +55,9 @@ public:
     Planning(const std::string& source, AppendPlanner::Backup backup, const std::optional<Unfinished>& open,
              bool localTime, const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress)
         : source_(source), backup_(std::move(backup)), open_(open), localTime_(localTime), isCancelled_(isCancelled),
-          progress_(progress), card_(Scanner::scan(source, isCancelled)) {
+          progress_(progress), card_(Scanner::scan(source, isCancelled)), twins_(card_.files) {
         for (const SourceFile& file : card_.files)
-            onCard_.emplace(pathKey(file.relPath), &file);
+            onCard_.emplace(twins_.nameOf(file.relPath), &file);
     }
 
     RepairPlan run(const std::vector<Findings>& findings) {
@@ -77,7 +78,7 @@ private:
     const CardRecord& record(std::size_t d) const { return backup_.records[d]; }
 
     Bad& badFile(const std::string& relPath) {
-        Bad& bad = bad_[pathKey(relPath)];
+        Bad& bad = bad_[twins_.nameOf(relPath)];
         if (bad.relPath.empty()) {
             bad.relPath = relPath;
             bad.defective.resize(backup_.paths.size());
@@ -92,23 +93,23 @@ private:
                 badFile(path).defective[d] = true;
             for (const std::string& path : findings[d].missing)
                 badFile(path).missing[d] = true;
-            for (const auto& [key, recorded] : record(d).files) {
-                const auto column = CardRecord::columnOf(*recorded.report, record(d).cardPath, record(d).volumeSerial);
-                const std::size_t at =
-                    column.value_or(CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
-                const auto& statuses = recorded.file->destinations;
-                const std::string status = at < statuses.size() ? statuses[at] : "failed";
-                if (status == "verified" || status == "written")
-                    continue;
-                Bad& bad = badFile(recorded.file->path);
-                const std::string path = RelativePath::join(record(d).cardPath, recorded.file->path);
-                // A copy that failed when it was made is written again, whatever lies there now.
-                if (IO::exists(path))
-                    bad.defective[d] = true;
-                else
-                    bad.missing[d] = true;
-            }
+            for (const auto* map : {&record(d).files, &record(d).twins})
+                for (const auto& [key, recorded] : *map)
+                    collectFailed(recorded, d);
         }
+    }
+
+    // A copy that failed when it was made is written again, whatever lies there now.
+    void collectFailed(const RecordedFile& recorded, std::size_t d) {
+        const auto column = CardRecord::columnOf(*recorded.report, record(d).cardPath, record(d).volumeSerial);
+        const std::size_t at = column.value_or(CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
+        const auto& statuses = recorded.file->destinations;
+        const std::string status = at < statuses.size() ? statuses[at] : "failed";
+        if (status == "verified" || status == "written")
+            return;
+        Bad& bad = badFile(recorded.file->path);
+        const bool exists = IO::exists(RelativePath::join(record(d).cardPath, recorded.file->path));
+        (exists ? bad.defective : bad.missing)[d] = true;
     }
 
     // What an interrupted repair has put right already is read back and recorded by this one, so that its generation
@@ -117,7 +118,7 @@ private:
         if (!open_)
             return;
         for (const std::string& key : open_->mentioned())
-            if (const RecordedFile* known = recorded(key))
+            if (const RecordedFile* known = recorded(key, false))
                 badFile(known->file->path);
         if (open_->report)
             for (const auto& file : open_->report->files)
@@ -125,10 +126,10 @@ private:
     }
 
     // The record to hold a file against: the newest of any disk, they agree where they are in step.
-    const RecordedFile* recorded(const std::string& key) const {
+    const RecordedFile* recorded(const std::string& path, bool exactly) const {
         for (const CardRecord& each : backup_.records)
-            if (const auto found = each.files.find(key); found != each.files.end())
-                return &found->second;
+            if (const RecordedFile* found = each.find(path, exactly))
+                return found;
         return nullptr;
     }
 
@@ -139,7 +140,8 @@ private:
     // Some file of the backup is on the card as it was then. A card that was shot on since keeps the others.
     bool sameCard() const {
         for (const auto& [key, recorded] : record(0).files)
-            if (const auto found = onCard_.find(key); found != onCard_.end() && matches(*found->second, *recorded.file))
+            if (const auto found = onCard_.find(twins_.nameOf(recorded.file->path));
+                found != onCard_.end() && matches(*found->second, *recorded.file))
                 return true;
         return false;
     }
@@ -175,7 +177,7 @@ private:
             return;
         }
         const SourceFile& file = *found->second;
-        const RecordedFile* known = recorded(key);
+        const RecordedFile* known = recorded(bad.relPath, twins_.contains(bad.relPath));
         try {
             const Content content = readCard(file);
             const bool differs = known && (content.size != known->file->size ||
@@ -222,7 +224,7 @@ private:
             inOrder.emplace(onCard_.at(key)->relPath, &bad);
         std::vector<std::vector<bool>> writes;
         for (const auto& [path, bad] : inOrder) {
-            plan.scan.files.push_back(*onCard_.at(pathKey(path)));
+            plan.scan.files.push_back(*onCard_.at(twins_.nameOf(path)));
             std::vector<bool> write(backup_.paths.size());
             for (std::size_t d = 0; d < write.size(); ++d)
                 write[d] = bad->defective[d] || bad->missing[d];
@@ -242,6 +244,7 @@ private:
     const IsCancelled& isCancelled_;
     const std::function<void(std::int64_t)>& progress_;
     SourceScan card_;
+    const CaseTwins twins_;
     std::unordered_map<std::string, const SourceFile*> onCard_;
     std::map<std::string, Bad> bad_; // by path key
     std::vector<std::string> lines_;

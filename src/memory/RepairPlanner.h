@@ -35,8 +35,8 @@ struct Findings {
     std::vector<std::string> missing;
 };
 
-// `findings` runs parallel to `cardPaths`. A file that a report calls failed or never verified counts as bad too, and
-// is written again where the disk lacks it or holds it wrong, else only read back. `progress` gets the bytes read on
+// `findings` runs parallel to `cardPaths`. A file that a report calls failed counts as bad too and is written again.
+// What an interrupted repair has put right already is only read back and recorded. `progress` gets the bytes read on
 // the card. Throws OffloadError with a code, Cancelled, and the scan's IOError.
 RepairPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
                 const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,

@@ -12,7 +12,8 @@ namespace {
 template <class Record>
 const Record* agreeing(const std::map<std::string, Record>& records, const SourceFile& file, bool localTime) {
     const auto found = records.find(pathKey(file.relPath));
-    if (found == records.end() || found->second.size != file.size ||
+    // Byte for byte: a name that differs in case only may be another file of the card.
+    if (found == records.end() || found->second.path != file.relPath || found->second.size != file.size ||
         !FileTimes::close(found->second.modified, file.mtime, localTime))
         return nullptr;
     return &found->second;

@@ -1,6 +1,7 @@
 #include "records/HistoryEntry.h"
 
 #include "base/JsonFields.h"
+#include "records/OffloadReport.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,6 +18,18 @@ std::vector<T> list(const JsonFields& fields, const char* key) {
 }
 
 } // namespace
+
+HistoryGeneration HistoryGeneration::of(const OffloadReport& report, std::int64_t seq) {
+    HistoryGeneration generation;
+    generation.seq = seq;
+    generation.kind = report.kind.value_or("copy");
+    generation.finished = report.finished;
+    generation.files = report.totalFiles;
+    generation.bytes = report.totalBytes;
+    generation.verified =
+        report.verified && !report.verifyIncomplete.value_or(false) && !report.verifyPending.value_or(false);
+    return generation;
+}
 
 void to_json(json& j, const HistoryCard& value) {
     j = {{"fsSerial", value.fsSerial}, {"capacity", value.capacity}};

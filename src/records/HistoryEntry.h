@@ -12,6 +12,8 @@
 
 namespace velmora {
 
+struct OffloadReport;
+
 // The medium of a backed-up card.
 struct HistoryCard {
     std::optional<std::string> identity;
@@ -37,6 +39,8 @@ struct HistoryGeneration {
     std::int64_t files = 0;
     std::int64_t bytes = 0;
     bool verified = false;
+
+    static HistoryGeneration of(const OffloadReport& report, std::int64_t seq);
     bool operator==(const HistoryGeneration&) const = default;
 };
 

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "records/SourceFile.h"
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+namespace velmora {
+
+// The names of a card that differ only in case. Records are looked up without regard to case, since a card or a disk
+// may fold it; two files that share such a key would then stand in for each other, so theirs is compared byte for byte.
+class CaseTwins {
+public:
+    CaseTwins() = default;
+    explicit CaseTwins(const std::vector<SourceFile>& files);
+
+    bool contains(std::string_view relPath) const;
+    // What a file is filed under: its path key, or the path itself where the key is shared.
+    std::string nameOf(std::string_view relPath) const;
+
+private:
+    std::unordered_set<std::string> keys_; // of the shared names; empty on nearly every card
+};
+
+} // namespace velmora

@@ -1,0 +1,102 @@
+#include "memory/BackupCheck.h"
+#include "memory/HistoryRecords.h"
+#include "memory/HistoryView.h"
+#include "platform/IO.h"
+#include "support/TempFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+SourceFile fileOf(const std::string& path, std::int64_t size = 10) { return {path, size, Timestamp{1'700'000'000, 0}}; }
+
+OffloadReport reportOf(const std::vector<SourceFile>& files, std::int64_t generation, const std::string& status,
+                       const std::string& cardPath) {
+    OffloadReport report;
+    report.generation = generation;
+    report.kind = generation > 1 ? "append" : "copy";
+    report.verified = status == "verified";
+    report.totalFiles = static_cast<std::int64_t>(files.size());
+    report.destinations.emplace_back();
+    report.destinations.back().cardPath = cardPath;
+    for (const SourceFile& file : files) {
+        OffloadReport::FileEntry entry;
+        entry.path = file.relPath;
+        entry.size = file.size;
+        entry.modified = file.mtime;
+        entry.destinations = {status};
+        entry.errors.resize(1);
+        report.files.push_back(std::move(entry));
+    }
+    return report;
+}
+
+class WholeBackup : public ::testing::Test {
+protected:
+    void stand(const OffloadReport& report) {
+        IO::mkdirs(card() + "/_REPORT");
+        IO::writeFileDurably(card() + "/_REPORT/" + OffloadReport::jsonName(report.generationNumber()),
+                             report.jsonData());
+    }
+    std::string card() const { return folder_.path() + "/A001"; }
+    BackupCheck check(const std::vector<SourceFile>& files) {
+        SourceScan scan;
+        scan.files = files;
+        return BackupCheck::of(scan, {card()}, false);
+    }
+
+    test::TempFolder folder_;
+};
+
+TEST_F(WholeBackup, ANameThatDiffersInCaseOnlyIsAnotherFile) {
+    stand(reportOf({fileOf("A.MOV")}, 1, "verified", card()));
+    EXPECT_TRUE(check({fileOf("A.MOV")}).safeToFormat());
+    EXPECT_TRUE(check({fileOf("a.mov")}).safeToFormat()) << "a card may fold the case of its names";
+    const BackupCheck both = check({fileOf("A.MOV"), fileOf("a.mov")});
+    EXPECT_EQ(both.notInBackup, 1);
+    ASSERT_EQ(both.covered.size(), 1U);
+    EXPECT_EQ(both.covered[0].relPath, "A.MOV");
+    EXPECT_FALSE(both.safeToEject());
+    stand(reportOf({fileOf("a.mov")}, 2, "verified", card()));
+    EXPECT_TRUE(check({fileOf("A.MOV"), fileOf("a.mov")}).safeToFormat());
+}
+
+TEST_F(WholeBackup, TheHistoryPromisesNoMoreThanEveryGenerationHolds) {
+    for (const std::string earlier : {"verified", "written", "failed"}) {
+        const OffloadReport first = reportOf({fileOf("A.MOV")}, 1, earlier, card());
+        const OffloadReport second = reportOf({fileOf("B.MOV")}, 2, "verified", card());
+        stand(first);
+        stand(second);
+        const BackupCheck whole = check({fileOf("A.MOV"), fileOf("B.MOV"), fileOf("LATER.MOV")});
+        // The history of another computer made the backup: there is no entry to add to.
+        const auto change = HistoryRecords::finished(nullptr, "x", second, whole.covered, {}, {}, whole);
+        EXPECT_EQ(change.entry.verified, earlier == "verified") << earlier;
+        EXPECT_EQ(change.entry.success, earlier != "failed") << earlier;
+        EXPECT_EQ(change.entry.generations.size(), 2U);
+        EXPECT_EQ(change.entry.files, 2);
+        ASSERT_TRUE(change.files);
+        EXPECT_EQ(change.files->size(), 2U) << "what the backup lacks must be new when the card comes back";
+    }
+}
+
+TEST(HistoryView, GroupsByDayNewestFirst) {
+    std::vector<HistoryEntry> entries(3);
+    const char* const dates[] = {"2026-03-14", "2026-03-15", "2026-03-14"};
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        entries[i].id = std::to_string(i);
+        entries[i].date = dates[i];
+        entries[i].success = true;
+        entries[i].verified = i != 2;
+    }
+    const auto days = HistoryView::build(entries);
+    ASSERT_EQ(days.size(), 2U);
+    EXPECT_EQ(days[0].date, "2026-03-15");
+    ASSERT_EQ(days[1].rows.size(), 2U);
+    EXPECT_EQ(days[1].rows[0].id, "0");
+    EXPECT_EQ(days[1].rows[1].status, "NOT VERIFIED");
+    EXPECT_EQ(days[1].rows[1].tone, HistoryTone::warning);
+}
+
+} // namespace
+} // namespace velmora
