@@ -20,7 +20,7 @@ else
   install = @scripts/install-dependencies
 endif
 
-.PHONY: help demo test build bench lint fuzz soak package clean
+.PHONY: help demo test sanitize build bench lint fuzz soak package clean
 
 help: ## show this list
 	@echo "Velmora $(VERSION)"
@@ -35,9 +35,13 @@ build: ## build the program: build/release/bin/velmora
 	$(install) build
 	@$(MAKE) --no-print-directory compile
 
-test: ## run every test: plain, under sanitizers, lock annotations, a few seconds of fuzzing
+test: ## run every test, and check the lock annotations
 	$(install) run build test
 	@scripts/run-tests
+
+sanitize: ## run the tests under the sanitizers, and each fuzz target for a few seconds
+	$(install) run build test
+	@scripts/run-tests asan tsan fuzz
 
 bench: ## measure against ordinary tools on this machine (ARGS=--quick for a short round)
 	$(install) build bench

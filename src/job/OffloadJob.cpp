@@ -66,6 +66,20 @@ Phase phaseOf(ProgressSnapshot::Phase phase) {
     return Phase::reporting;
 }
 
+// Files that are on the card now and were not there, or not so, in the scan that the copy was made from.
+std::int64_t filesAddedSince(const SourceScan& before, const SourceScan& now) {
+    std::int64_t added = 0;
+    auto known = before.files.begin(); // both lists are sorted by path
+    for (const SourceFile& file : now.files) {
+        while (known != before.files.end() && known->relPath < file.relPath)
+            ++known;
+        added += known == before.files.end() || *known != file ? 1 : 0;
+    }
+    if (now.uncopied.size() > before.uncopied.size())
+        added += static_cast<std::int64_t>(now.uncopied.size() - before.uncopied.size());
+    return added;
+}
+
 std::vector<std::string> filesystemsOf(const std::vector<std::string>& cardPaths) {
     std::vector<std::string> types;
     for (const std::string& path : cardPaths)
@@ -201,7 +215,9 @@ void OffloadJob::runCopy() {
         history_->start(plan, [this] { addWarning(std::string(Msg::historyBusy)); });
     }
     ReportRecorder recorder(plan.resuming);
-    settle(engine_.run(std::move(plan), recorder));
+    const SourceScan before = plan.scan;
+    OffloadReport report = engine_.run(std::move(plan), recorder);
+    settle(std::move(report), {}, filesAddedSince(before, scanAgain(before)));
 }
 
 void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
@@ -227,7 +243,8 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
         history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
     ReportRecorder recorder(append.resuming);
     OffloadReport report = engine_.run(append.toPlan(), recorder);
-    settle(std::move(report), checkWholeCard(append.cardPaths, &append.fullScan));
+    const SourceScan card = scanAgain(append.fullScan);
+    settle(std::move(report), checkWholeCard(append.cardPaths, &card));
 }
 
 void OffloadJob::runRepair() {
@@ -304,6 +321,17 @@ void OffloadJob::learnRates(const OffloadReport& report) {
     rates.save(path, [this](std::string_view line) { log(line); });
 }
 
+// A camera, or a helping hand, may write onto a card while it is copied. When the card cannot be read any more, what
+// was seen of it stands.
+SourceScan OffloadJob::scanAgain(const SourceScan& before) const {
+    try {
+        return Scanner::scan(config_.source);
+    } catch (const std::exception& error) {
+        log(fmt::format("the card was not looked at once more: {}", error.what()));
+        return before;
+    }
+}
+
 void OffloadJob::checkSpace(const OffloadPlan& plan) {
     const Preflight::Space space = Preflight::checkSpace(Preflight::demand(plan.scan), plan.cardPaths(), {});
     if (!space.warnings.empty())
@@ -332,7 +360,7 @@ void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
     locks_ = std::make_unique<FolderLocks>(FolderLocks::acquire(cardPaths));
 }
 
-void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard) {
+void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard, std::int64_t filesAdded) {
     const auto& problems = engine_.reportProblems();
     if (!problems.empty())
         markIncomplete(report);
@@ -342,7 +370,7 @@ void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& 
     {
         MutexLock lock(mutex_);
         state_.copySucceeded = copied;
-        state_.safeToEject = copied && recorded && !cardChanged;
+        state_.safeToEject = copied && recorded && !cardChanged && filesAdded == 0;
         state_.safeToFormat = state_.safeToEject && report.safeToFormat();
         if (wholeCard) {
             state_.safeToEject = state_.safeToEject && wholeCard->safeToEject();
@@ -352,6 +380,8 @@ void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& 
     }
     for (const std::string& problem : problems)
         addWarning(problem);
+    if (filesAdded > 0)
+        addWarning(BackupMessage::notInBackup(filesAdded));
     if (wholeCard)
         for (const std::string& line : wholeCard->messages())
             addWarning(line);

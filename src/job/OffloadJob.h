@@ -81,7 +81,10 @@ private:
     void takeBackStart();
     void learnRates(const OffloadReport& report);
     // `wholeCard` after a run that covered a part of the card: the promises hold for the whole card or not at all.
-    void settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard = {}) EXCLUDES(mutex_);
+    // `filesAdded` came onto the card while it was copied.
+    void settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard, std::int64_t filesAdded = 0)
+        EXCLUDES(mutex_);
+    SourceScan scanAgain(const SourceScan& before) const;
     // Never throws: what keeps it from looking stands in the check. Without `card` the card is scanned.
     BackupCheck checkWholeCard(const std::vector<std::string>& cardPaths, const SourceScan* card = nullptr) const;
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);

@@ -26,6 +26,9 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
         const auto& statuses = found->file->destinations;
         words.push_back(found->file->sourceError || at >= statuses.size() ? std::string_view("failed")
                                                                           : std::string_view(statuses[at]));
+        // A run into some of the disks must not vouch for a card whose copy on another one failed.
+        if (std::ranges::find(statuses, "failed") != statuses.end())
+            words.back() = "failed";
         // A report whose result does not stand on every disk vouches for nothing.
         if (words.back() == "verified" &&
             (report.verifyIncomplete.value_or(false) || report.verifyPending.value_or(false)))

@@ -284,10 +284,9 @@ void MHL::write(const OffloadReport& report, const std::string& cardPath, Timest
     const std::vector<Entry> listed = entries(report, column);
     refuseUnwritable(listed, name);
 
-    if (!IO::exists(folder)) {
-        IO::mkdirs(folder);
-        IO::syncFolder(RelativePath::withoutTrailingSlash(cardPath));
-    }
+    IO::mkdirs(folder);
+    // Also when the folder was there: a run that was killed may have made it a moment ago.
+    IO::syncFolder(std::string(RelativePath::withoutTrailingSlash(cardPath)));
     setAsideLeftovers(history, folder, seq);
     const std::string text = generationText(report, column, listed, now, host);
     IO::writeFileNew(folder + "/" + name, text);

@@ -40,15 +40,14 @@ void writeReports(const OffloadReport& report, const std::string& cardPath, bool
         {folder + "/" + OffloadReport::jsonName(generation), report.jsonData()},
         {folder + "/" + OffloadReport::textName(generation), ReportText::summary(report)},
     }};
-    if (!IO::exists(folder)) {
-        IO::mkdirs(folder);
-        IO::syncFolder(cardPath);
-    }
+    IO::mkdirs(folder);
     if (create) {
         for (const auto& [path, bytes] : files)
             if (IO::exists(path))
                 throw IOError("create", path, EEXIST);
     }
+    // Also when the folder was there: a run that was killed may have made it a moment ago.
+    IO::syncFolder(cardPath);
     for (const auto& [path, bytes] : files)
         create ? IO::writeFileNew(path, bytes) : IO::writeFileDurably(path, bytes);
 }
