@@ -1,5 +1,6 @@
 #include "blocks/HashAlgo.h"
 
+#include "base/Hex.h"
 #include "blocks/C4.h"
 
 #include <algorithm>
@@ -19,14 +20,7 @@ std::string lower(std::string_view text) {
     return out;
 }
 
-std::string plainHex(std::span<const std::uint8_t> digest) {
-    std::string out;
-    out.reserve(digest.size() * 2);
-    for (const std::uint8_t byte : digest) {
-        fmt::format_to(std::back_inserter(out), "{:02x}", byte);
-    }
-    return out;
-}
+std::string plainHex(std::span<const std::uint8_t> digest) { return Hex::ofBytes(digest); }
 
 std::string c4Text(std::span<const std::uint8_t> digest) { return C4::fromSHA512(digest.first<64>()); }
 

@@ -7,8 +7,6 @@
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <set>
 
@@ -38,7 +36,7 @@ std::vector<IOEntry> visible(const std::string& folder) {
 bool hasMedia(const std::vector<IOEntry>& entries) {
     return std::any_of(entries.begin(), entries.end(), [](const IOEntry& entry) {
         const std::size_t dot = entry.name.rfind('.');
-        if (entry.type != DT_REG || dot == std::string::npos)
+        if (!entry.isFile() || dot == std::string::npos)
             return false;
         return std::ranges::find(mediaExtensions, toLower(entry.name.substr(dot + 1))) != mediaExtensions.end();
     });
@@ -86,13 +84,13 @@ bool contains(const std::vector<std::string>& list, const std::string& text) {
 bool looksLikeCameraCard(const std::string& path) {
     const std::vector<IOEntry> entries = visible(path);
     for (const IOEntry& entry : entries)
-        if (entry.type == DT_DIR && std::ranges::find(markers, toUpper(entry.name)) != markers.end())
+        if (entry.isFolder() && std::ranges::find(markers, toUpper(entry.name)) != markers.end())
             return true;
     if (hasMedia(entries))
         return true;
     std::size_t folders = 0;
     for (const IOEntry& entry : entries) {
-        if (entry.type != DT_DIR)
+        if (!entry.isFolder())
             continue;
         if (folders++ == foldersLookedInto)
             return false;

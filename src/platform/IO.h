@@ -13,6 +13,9 @@ namespace velmora {
 struct IOEntry {
     std::string name;
     std::uint32_t type = 0; // a DT_ constant of readdir(3); DT_UNKNOWN is resolved with lstat before it is handed out
+
+    bool isFile() const noexcept; // a link is neither
+    bool isFolder() const noexcept;
 };
 
 // Small operations on paths. All throw IOError with the failing call and its path unless they say otherwise.

@@ -15,8 +15,6 @@
 #include "records/SourceFile.h"
 #include "reports/HashLists.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -218,7 +216,7 @@ std::optional<std::string> readList(const std::string& cardPath, std::string_vie
         if (!IO::exists(path)) {
             std::vector<std::string> found;
             for (const IOEntry& entry : IO::list(folder))
-                if (entry.type == DT_REG && entry.name.ends_with("." + std::string(algorithm)))
+                if (entry.isFile() && entry.name.ends_with("." + std::string(algorithm)))
                     found.push_back(entry.name);
             if (found.size() != 1)
                 return std::nullopt;
@@ -240,7 +238,7 @@ std::vector<std::string> cardFolders(const std::string& path) {
         return {folder};
     std::vector<std::string> found;
     for (const IOEntry& entry : IO::list(folder))
-        if (entry.type == DT_DIR && isCardFolder(folder + "/" + entry.name))
+        if (entry.isFolder() && isCardFolder(folder + "/" + entry.name))
             found.push_back(folder + "/" + entry.name);
     std::sort(found.begin(), found.end());
     return found;

@@ -14,7 +14,12 @@
 #include <sys/statvfs.h>
 #include <sys/vfs.h>
 
-namespace velmora::IO {
+namespace velmora {
+
+bool IOEntry::isFile() const noexcept { return type == DT_REG; }
+bool IOEntry::isFolder() const noexcept { return type == DT_DIR; }
+
+namespace IO {
 
 namespace {
 
@@ -221,4 +226,6 @@ Capacity capacity(const std::string& path) {
     return {static_cast<std::int64_t>(info.f_blocks) * unit, static_cast<std::int64_t>(info.f_bavail) * unit};
 }
 
-} // namespace velmora::IO
+} // namespace IO
+
+} // namespace velmora
