@@ -49,6 +49,7 @@ private:
     void makeWriters();
     void copyAll();
     bool holdBetweenFiles();
+    void drainAll();
     bool sameCardAsAtStart() const;
     void endAt(std::size_t file, std::string reason);
     const Task& taskOf(std::size_t file);

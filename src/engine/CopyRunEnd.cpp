@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include <exception>
+
 // What comes behind the last block: flush, read-back, report.
 namespace velmora {
 
@@ -44,9 +46,24 @@ void CopyRun::flush() {
     for (const auto& writer : writers_)
         if (writer)
             writer->flushDevice();
-    for (const auto& writer : writers_)
-        if (writer)
-            writer->drain();
+    drainAll();
+}
+
+// Waits for every destination, also when the queue of one has thrown: the others still work with what belongs to this
+// run. Then throws the first of it.
+void CopyRun::drainAll() {
+    std::exception_ptr failure;
+    for (const auto& writer : writers_) {
+        try {
+            if (writer)
+                writer->drain();
+        } catch (...) {
+            if (!failure)
+                failure = std::current_exception();
+        }
+    }
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 // The buffers of the copy serve the read-back as well: one for each destination, which waits when there are fewer.
@@ -56,9 +73,7 @@ bool CopyRun::verify() {
         if (writer)
             writer->verify(pool_.take(), engine_.pauses_, cancelled);
     }
-    for (const auto& writer : writers_)
-        if (writer)
-            writer->drain();
+    drainAll();
     return !isCancelled();
 }
 

@@ -126,7 +126,7 @@ public:
     }
 
     AppendPlan run() {
-        dropUnfinishedRepair();
+        refuseOpenRepair();
         collectNames();
         std::size_t seen = 0;
         for (const SourceFile& file : card_.files) {
@@ -158,21 +158,17 @@ private:
         return found->second;
     }
 
-    // A repair that died left lines for files that the reports know. It is for a repair to finish; an append goes past
-    // it, as long as the folder is otherwise in order.
-    void dropUnfinishedRepair() {
+    // A repair that died left lines for files that the reports know. It is for a repair to finish: the copies that it
+    // found bad may be bad still, though every record calls them good.
+    void refuseOpenRepair() const {
         if (!unfinished_)
             return;
-        if (unfinished_->report && unfinished_->report->isRepair())
-            throw refuse(PreflightCode::other, VIPMsg::repairOpen(backup_.paths.front()));
         const auto mentioned = unfinished_->mentioned();
-        const bool onlyKnown = std::all_of(mentioned.begin(), mentioned.end(), [&](const std::string& key) {
+        const bool onlyKnown = !mentioned.empty() && std::ranges::all_of(mentioned, [&](const std::string& key) {
             return backup_.records.front().files.contains(key);
         });
-        if (onlyKnown && !mentioned.empty() && !unfinished_->report) {
-            unfinished_.reset();
-            repairIsOpen_ = true;
-        }
+        if (unfinished_->report ? unfinished_->report->isRepair() : onlyKnown)
+            throw refuse(PreflightCode::other, VIPMsg::repairOpen(backup_.paths.front()));
     }
 
     // Names that a new file, or its temporary name, must not collide with.
@@ -317,9 +313,6 @@ private:
         if (unfinished_)
             decideResume();
         if (plan_.newFiles.empty() && !plan_.resuming) {
-            // Copies that a repair found bad are bad still, though every record calls them good: nothing is complete.
-            if (repairIsOpen_)
-                throw refuse(PreflightCode::other, VIPMsg::repairOpen(backup_.paths.front()));
             if (!card_.uncopied.empty())
                 throw refuse(
                     PreflightCode::other,
@@ -361,7 +354,6 @@ private:
     std::unordered_set<std::string> names_;
     std::unordered_set<std::string> newParts_;
     std::vector<std::string> conflicts_;
-    bool repairIsOpen_ = false;
     std::size_t recordedOnCard_ = 0;
     AppendPlan plan_;
 };

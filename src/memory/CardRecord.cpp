@@ -199,10 +199,16 @@ bool CardRecord::verifyPending() const {
 
 std::vector<std::string> CardRecord::failedFiles() const {
     std::vector<std::string> failed;
-    for (const auto* map : {&files, &twins})
-        for (const auto& [key, recorded] : *map)
-            if (recorded.report->isFailed(*recorded.file))
-                failed.push_back(recorded.file->path);
+    const auto add = [&](const RecordedFile& recorded) {
+        if (recorded.report->isFailed(*recorded.file))
+            failed.push_back(recorded.file->path);
+    };
+    for (const auto& [key, recorded] : files)
+        add(recorded);
+    // Two names in one report are two files; in two reports the later may be the same file under another case.
+    for (const auto& [path, recorded] : twins)
+        if (files.at(pathKey(path)).report == recorded.report)
+            add(recorded);
     std::sort(failed.begin(), failed.end());
     return failed;
 }
