@@ -189,8 +189,8 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
              shoot({{"DCIM/9.mov", 10}});
              test::FileTree::write(cards[1] + "/.3.txt.offload-part", "x");
          },
-         appendConflict,
-         {".3.txt.offload-part"}},
+         other,
+         {"was not finished — run it again first (velmora repair)"}},
         {"nothing to repair", none, repairNothing, {"every file is good on every destination"}, repairing},
         {"nothing new while files are unfinished", [&] { line(2, "new"); }, other, {"finish it first"}, repairing},
         {"a repair without reading back", none, other, {"cannot run without verification"}, repairing, {"unverified"}},
