@@ -120,8 +120,10 @@ void normalizeProxy(ProxySettings& proxy, const IsKnownLut& isKnownLut) {
                                                 std::abs(static_cast<double>(b) - static_cast<double>(proxy.height));
                                      });
     proxy.bitrateMbps = std::clamp(proxy.bitrateMbps, minBitrate, maxBitrate);
-    if (!(proxy.frameScale > minScale && proxy.frameScale <= 1)) // also takes care of a NaN
+    // NOLINTNEXTLINE(readability-simplify-boolean-expr): written so that a NaN is out of bounds
+    if (!(proxy.frameScale > minScale && proxy.frameScale <= 1))
         proxy.frameScale = 1;
+    // NOLINTNEXTLINE(readability-simplify-boolean-expr): written so that a NaN is out of bounds
     if (proxy.frameAspect && !(*proxy.frameAspect >= minAspect && *proxy.frameAspect <= maxAspect))
         proxy.frameAspect.reset();
     for (auto* text : {&proxy.lutPath, &proxy.lutBuiltin, &proxy.lutFallback, &proxy.extraFolder})
