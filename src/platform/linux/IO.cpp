@@ -129,8 +129,10 @@ FileSystemSync::FileSystemSync(const std::string& folder)
     : path_(folder), fd_(retryInterrupted([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })) {
     check(fd_, "open", folder);
     struct statfs info{};
-    if (retryInterrupted([&] { return ::fstatfs(fd_, &info); }) != 0)
+    if (retryInterrupted([&] { return ::fstatfs(fd_, &info); }) != 0) {
+        coversEveryFile_ = false; // unknown: every file is then flushed by itself
         return;
+    }
     const auto type = static_cast<unsigned long>(static_cast<std::uint32_t>(info.f_type));
     fuse_ = type == FUSE_SUPER_MAGIC;
     const bool forwardsOnlyFsync = type == SMB_SUPER_MAGIC || type == CIFS_SUPER_MAGIC || type == SMB2_SUPER_MAGIC ||
