@@ -3,6 +3,7 @@
 #include "base/Hex.h"
 #include "base/JsonFields.h"
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -25,19 +26,27 @@ std::optional<BlockManifest> BlockManifest::make(std::int64_t size, std::int64_t
     return BlockManifest{size, blockSize, std::move(blocks)};
 }
 
-std::vector<std::string> ManifestRecord::hex(const std::vector<std::uint64_t>& blocks) {
-    std::vector<std::string> result;
+BlockDigits::BlockDigits(std::string_view text) {
+    if (Hex::isHex(text, digits_.size()))
+        std::ranges::copy(text, digits_.begin());
+}
+
+std::vector<BlockDigits> ManifestRecord::hex(const std::vector<std::uint64_t>& blocks) {
+    std::vector<BlockDigits> result;
     result.reserve(blocks.size());
-    for (const std::uint64_t block : blocks)
-        result.push_back(Hex::of64(block));
+    std::array<char, 16> digits{};
+    for (const std::uint64_t block : blocks) {
+        fmt::format_to(digits.data(), "{:016x}", block);
+        result.emplace_back(std::string_view(digits.data(), digits.size()));
+    }
     return result;
 }
 
 std::optional<std::vector<std::uint64_t>> ManifestRecord::blockValues() const {
     std::vector<std::uint64_t> values;
     values.reserve(blocks.size());
-    for (const std::string& block : blocks) {
-        const auto value = Hex::parse64(block);
+    for (const BlockDigits& block : blocks) {
+        const auto value = Hex::parse64(block.text());
         if (!value)
             return std::nullopt;
         values.push_back(*value);
@@ -52,14 +61,22 @@ std::optional<BlockManifest> ManifestRecord::toManifest() const {
     return values ? BlockManifest::make(size, blockSize, *std::move(values)) : std::nullopt;
 }
 
-void to_json(nlohmann::json& j, const ManifestRecord& value) {
-    j = {{"v", value.v},       {"kind", value.kind},           {"gen", value.gen},     {"path", value.path},
-         {"size", value.size}, {"blockSize", value.blockSize}, {"first", value.first}, {"blocks", value.blocks}};
+namespace {
+
+// All but the blocks, whose list is empty.
+nlohmann::json head(const ManifestRecord& value) {
+    nlohmann::json j = {{"v", value.v},         {"kind", value.kind},
+                        {"gen", value.gen},     {"path", value.path},
+                        {"size", value.size},   {"blockSize", value.blockSize},
+                        {"first", value.first}, {"blocks", nlohmann::json::array()}};
     Json::put(j, "modified", value.modified);
     Json::put(j, "xxh64", value.xxh64);
     Json::put(j, "xxh128", value.xxh128);
     Json::put(j, "md5", value.md5);
+    return j;
 }
+
+} // namespace
 
 void from_json(const nlohmann::json& j, ManifestRecord& value) {
     const JsonFields fields(j);
@@ -74,10 +91,24 @@ void from_json(const nlohmann::json& j, ManifestRecord& value) {
     value.md5 = fields.optionalString("md5");
     value.blockSize = fields.integerOr("blockSize", 0);
     value.first = fields.integerOr("first", 0);
-    value.blocks = fields.optionalStrings("blocks").value_or(std::vector<std::string>{});
+    const auto blocks = fields.optionalStrings("blocks").value_or(std::vector<std::string>{});
+    value.blocks.reserve(blocks.size());
+    for (const std::string& block : blocks)
+        value.blocks.emplace_back(block);
 }
 
-std::string ManifestRecord::line() const { return Json::compact(*this); }
+// The blocks are put into the finished text: as JSON values each of them would cost two allocations, on every disk.
+// "blocks" is the first list of the line, since only the number "blockSize" sorts before it.
+std::string ManifestRecord::line() const {
+    std::string line = Json::compact(head(*this));
+    const std::size_t at = line.find('[') + 1;
+    std::string list;
+    list.reserve(blocks.size() * 19);
+    for (const BlockDigits& block : blocks)
+        list.append(list.empty() ? "\"" : ",\"").append(block.text()).append("\"");
+    line.insert(at, list);
+    return line;
+}
 
 std::optional<ManifestRecord> ManifestRecord::parse(std::string_view line) {
     try {

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -38,6 +39,18 @@ struct PartCheckpoint {
     bool operator==(const PartCheckpoint&) const = default;
 };
 
+// The 16 hexadecimal digits of a block hash, in place: a card has as many of them as blocks. Text of any other shape is
+// kept as none.
+class BlockDigits {
+public:
+    explicit BlockDigits(std::string_view text);
+    std::string_view text() const noexcept { return {digits_.data(), digits_[0] == 0 ? 0 : digits_.size()}; }
+    bool operator==(const BlockDigits&) const = default;
+
+private:
+    std::array<char, 16> digits_{};
+};
+
 // One line of the manifest in a card folder. A "file" line says that the file is complete and durable on this
 // destination and holds the hashes of all its blocks. A "part" line is a checkpoint of a file still being written and
 // holds only the blocks since the checkpoint before.
@@ -55,10 +68,10 @@ struct ManifestRecord {
     std::optional<std::string> xxh128;
     std::optional<std::string> md5;
     std::int64_t blockSize = 0;
-    std::int64_t first = 0;          // index of the first block in `blocks`
-    std::vector<std::string> blocks; // 16 hexadecimal digits each
+    std::int64_t first = 0; // index of the first block in `blocks`
+    std::vector<BlockDigits> blocks;
 
-    static std::vector<std::string> hex(const std::vector<std::uint64_t>& blocks);
+    static std::vector<BlockDigits> hex(const std::vector<std::uint64_t>& blocks);
     std::optional<std::vector<std::uint64_t>> blockValues() const; // none when one of them is malformed
     std::optional<std::uint64_t> xxh64Value() const;
     std::optional<BlockManifest> toManifest() const; // none for a "part" line
@@ -70,7 +83,6 @@ struct ManifestRecord {
     bool operator==(const ManifestRecord&) const = default;
 };
 
-void to_json(nlohmann::json& j, const ManifestRecord& value);
 void from_json(const nlohmann::json& j, ManifestRecord& value);
 
 } // namespace velmora

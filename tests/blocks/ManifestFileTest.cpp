@@ -22,7 +22,7 @@ ManifestRecord fileLine(const std::string& path, std::int64_t gen = 1) {
     record.modified = {1'700'000'000, 0};
     record.xxh64 = "00000000000000ab";
     record.blockSize = 4096;
-    record.blocks = {"0123456789abcdef"};
+    record.blocks = {BlockDigits("0123456789abcdef")};
     return record;
 }
 
@@ -33,7 +33,7 @@ ManifestRecord partLine(const std::string& path, std::int64_t first, std::size_t
     record.xxh64.reset();
     record.size = size;
     record.first = first;
-    record.blocks.assign(blocks, "0123456789abcdef");
+    record.blocks.assign(blocks, BlockDigits("0123456789abcdef"));
     return record;
 }
 
@@ -192,7 +192,7 @@ TEST(ManifestRecords, FilesAreTheLastLinesOfTheirGeneration) {
 
 TEST(ManifestRecords, CheckpointsJoinWithoutAGap) {
     ManifestRecord shortHash = partLine("a", 64, 1);
-    shortHash.blocks[0].pop_back();
+    shortHash.blocks[0] = BlockDigits("0123456789abcde");
     ManifestRecord otherTime = partLine("a", 64, 64);
     otherTime.modified.seconds += 1;
     ManifestRecord otherBlocks = partLine("a", 64, 64);

@@ -30,7 +30,7 @@ ManifestRecord record(const std::string& path) {
     line.modified = {1'700'000'000, 0};
     line.xxh64 = "0123456789abcdef";
     line.blockSize = 1;
-    line.blocks.assign(200, "fedcba9876543210"); // long enough to lie in several sectors
+    line.blocks.assign(200, BlockDigits("fedcba9876543210")); // long enough to lie in several sectors
     return line;
 }
 

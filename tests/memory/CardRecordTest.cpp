@@ -1,4 +1,5 @@
 #include "memory/CardRecord.h"
+#include "base/Hex.h"
 
 #include "base/Text.h"
 #include "memory/BackupCheck.h"
@@ -22,7 +23,7 @@ ManifestRecord record(std::uint64_t content, std::int64_t modified = 1000) {
     line.path = "a.mov";
     line.size = 6 * block;
     line.modified = {modified, 0};
-    line.xxh64 = ManifestRecord::hex({content}).front();
+    line.xxh64 = Hex::of64(content);
     line.blockSize = block;
     line.blocks = ManifestRecord::hex({content, 2, 3, 4, 5, 6});
     return line;

@@ -97,7 +97,7 @@ TEST(ManifestRecord, GivesBlocksOnlyWhenAllOfThemAreSound) {
     record.first = 1;
     EXPECT_FALSE(record.toManifest());
     record = fileRecord();
-    record.blocks[1].pop_back();
+    record.blocks[1] = BlockDigits("000000000000002");
     EXPECT_FALSE(record.blockValues() || record.toManifest());
     record = fileRecord();
     record.size = 32;
