@@ -20,7 +20,7 @@ else
   install = @scripts/install-dependencies
 endif
 
-.PHONY: help demo test sanitize build bench lint fuzz soak package clean
+.PHONY: help demo test check build bench lint fuzz soak package clean
 
 help: ## show this list
 	@echo "Velmora $(VERSION)"
@@ -35,13 +35,13 @@ build: ## build the program: build/release/bin/velmora
 	$(install) build
 	@$(MAKE) --no-print-directory compile
 
-test: ## run every test, and check the lock annotations
+test: ## run every test, plain and under the sanitizers, and each fuzz target for a few seconds
 	$(install) run build test
 	@scripts/run-tests
 
-sanitize: ## run the tests under the sanitizers, and each fuzz target for a few seconds
+check: ## run every test once, plain: the quick answer while working
 	$(install) run build test
-	@scripts/run-tests asan tsan fuzz
+	@scripts/run-tests release
 
 bench: ## measure against ordinary tools on this machine (ARGS=--quick for a short round)
 	$(install) build bench
@@ -51,13 +51,13 @@ bench: ## measure against ordinary tools on this machine (ARGS=--quick for a sho
 
 lint: ## check format, clang-tidy, scripts (second runs look only at what changed)
 	$(install) build lint
-	@scripts/configure clang
+	@scripts/configure asan
 	@scripts/lint
 
 fuzz: ## run every fuzz target for FUZZ_SECONDS (60)
 	$(install) build test
-	@scripts/configure fuzz
-	@cmake --build build/fuzz -j $(JOBS)
+	@scripts/configure asan
+	@cmake --build build/asan -j $(JOBS) --target velmora_fuzz
 	@scripts/run-fuzzers $(FUZZ_SECONDS)
 
 soak: ## run the fault and crash loops in full length (hours)

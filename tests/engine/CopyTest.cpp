@@ -146,7 +146,7 @@ TEST_F(CopyTest, OneDestinationFailsAndTheOtherStaysWhole) {
         std::size_t lost; // files on the first destination
     };
     const auto fresh = [&](auto harm) {
-        return [this, harm] { options.beforeFileCopy = [this, harm](std::int64_t file) { harm(file); }; };
+        return [this, harm] { options.beforeFileCopy = [harm](std::int64_t file) { harm(file); }; };
     };
     const Case cases[] = {
         {"one folder is gone", fresh([this](std::int64_t file) {
