@@ -4,6 +4,7 @@
 #include "blocks/HashStreams.h"
 #include "support/LoopImage.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/resource.h>
@@ -352,10 +353,11 @@ TEST_F(CopyTest, ReadBackFindsAFlippedBitAndNamesItsBlock) {
         put("a.bin", 9 * 4096 + 100);
         put("b.bin", 50);
         options.deferVerify = options.verify = false;
+        std::atomic_flag flipped; // each disk is read back by a thread of its own
         prepareEngine = [&](OffloadEngine& e) {
             e.options().verify = true;
-            e.options().afterVerifyChunk = [&, done = false]() mutable {
-                if (!std::exchange(done, true))
+            e.options().afterVerifyChunk = [&] {
+                if (!flipped.test_and_set())
                     FileTree::flipBit(dest(1) + "/b.bin", 7);
             };
             e.setBeforeRename([&, offset](std::size_t d, std::size_t file, const std::string& path) {

@@ -1,5 +1,7 @@
 #include "platform/linux/BlockDevice.h"
 
+#include "base/Mutex.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -40,7 +42,15 @@ std::string decoded(const char* value) {
     return out;
 }
 
+// libudev asks that no two threads use it at once: behind its handles stands a seed that all of them share. The lock
+// is held over the read of one small file in /run.
+Mutex& udevLock() {
+    static Mutex lock;
+    return lock;
+}
+
 Identity fromUdev(dev_t number) {
+    const MutexLock held(udevLock());
     const std::unique_ptr<udev, Release> handle(udev_new());
     if (handle == nullptr)
         return {};
