@@ -74,7 +74,7 @@ bool isSettled(const BlockVerifier& verifier) {
 
 BlockReads::Completed completeFile(UncachedReader& file, const std::string& path, BlockVerifier& verifier,
                                    const BlockReads::Hooks& hooks) {
-    const bool fromDisk = CacheProbe::readsFromDisk(path);
+    const bool fromDisk = CacheProbe::driveOut(path);
     verifier.observeLength(file.facts().size);
     const BlockManifest& manifest = verifier.manifest();
     AlignedBuffer buffer(BlockPass::bufferBytes(manifest.blockSize, manifest.size, path));

@@ -82,12 +82,18 @@ std::optional<CacheProbe::Pages> CacheProbe::residentPages(const std::string& pa
     return pages ? std::optional(Pages{pages->first, pages->second}) : std::nullopt;
 }
 
-bool CacheProbe::evict(const std::string& path) { return PageCache::evict(path); }
+bool CacheProbe::evict(const std::string& path) try { return PageCache::evict(path); } catch (const IOError&) {
+    return false;
+}
 
-bool CacheProbe::readsFromDisk(const std::string& path) {
+bool CacheProbe::readsFromDisk(const std::string& path) try { return driveOut(path); } catch (const IOError&) {
+    return false;
+}
+
+bool CacheProbe::driveOut(const std::string& path) {
     auto pages = residentPages(path);
     if (pages && pages->resident > 0) {
-        evict(path);
+        PageCache::evict(path);
         pages = residentPages(path);
     }
     return pages && pages->resident == 0;

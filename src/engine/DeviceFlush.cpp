@@ -13,8 +13,11 @@ std::string parentOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// A full disk cannot take the byte, yet it can be flushed: what was written before it filled up is as good as ever.
-bool meansFull(int code) { return code == ENOSPC || code == EDQUOT; }
+// A full disk cannot take the byte, yet it can be flushed: what was written before it filled up is as good as ever, and
+// the flush of the file system that follows tells whether it got there. Of a flush, no failure is excused.
+bool meansFull(const IOError& error) {
+    return (error.code() == ENOSPC || error.code() == EDQUOT) && error.op() != "fsync";
+}
 
 } // namespace
 
@@ -68,7 +71,7 @@ void DeviceFlush::writeFlushFile() {
             } catch (const IOError&) { // the first failure is the one to tell
             }
         }
-        if (!meansFull(error.code()))
+        if (!meansFull(error))
             throw;
     }
 }

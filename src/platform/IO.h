@@ -37,6 +37,10 @@ void writeFileNew(const std::string& path, std::string_view bytes);
 // The same, replacing an existing file atomically: a reader and a crash see the old bytes or the new ones.
 void writeFileDurably(const std::string& path, std::string_view bytes);
 
+// Removes what the two above left in a folder when their process died: regular files of their temporary names. Call it
+// only while nobody else writes there. Does nothing where that cannot be, and follows no link, to the folder neither.
+void removeTemporaries(const std::string& folder) noexcept;
+
 // Never replaces: throws IOError("rename", to, EEXIST). What stands in where the file system
 // has no such call is described in linux/RenameNoReplace.h.
 void renameNoReplace(const std::string& from, const std::string& to);
@@ -45,7 +49,8 @@ void unlink(const std::string& path);
 
 // fsync of a folder: names created, renamed or removed in it are on the medium.
 void syncFolder(const std::string& path);
-// syncfs on the file system that holds `path`: all data and names written before it are on the medium.
+// syncfs on the file system that holds `path`, and fsync of that folder: all data and names written before it are on
+// the medium.
 // Hold the object from before the first write, so that an error of any file written meanwhile is seen.
 class FileSystemSync {
 public:
@@ -62,7 +67,6 @@ private:
     std::string path_;
     int fd_ = -1;
     bool coversEveryFile_ = true;
-    bool fuse_ = false;
 };
 
 bool exists(const std::string& path);     // lstat succeeds

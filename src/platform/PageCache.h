@@ -15,7 +15,8 @@ namespace PageCache {
 std::optional<std::pair<std::int64_t, std::int64_t>> residentPages(const std::string& path);
 
 // Writes out what is dirty and drops the file's pages. True when every stretch was given up to the kernel for dropping;
-// whether they have really gone is for residentPages to say (tmpfs has nowhere else to keep them).
+// whether they have really gone is for residentPages to say (tmpfs has nowhere else to keep them). Throws IOError when
+// writing out failed: what was dirty is lost, though the pages may remain and read well.
 bool evict(const std::string& path);
 
 } // namespace PageCache

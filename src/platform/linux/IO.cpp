@@ -134,20 +134,20 @@ FileSystemSync::FileSystemSync(const std::string& folder)
         return;
     }
     const auto type = static_cast<unsigned long>(static_cast<std::uint32_t>(info.f_type));
-    fuse_ = type == FUSE_SUPER_MAGIC;
     const bool forwardsOnlyFsync = type == SMB_SUPER_MAGIC || type == CIFS_SUPER_MAGIC || type == SMB2_SUPER_MAGIC ||
                                    type == V9FS_MAGIC || type == AFS_SUPER_MAGIC;
     // A daemon that owns a whole block device (fuseblk: exFAT, NTFS) flushes all of it on any fsync it is sent.
-    coversEveryFile_ = fuse_ ? ownsBlockDevice(folder) : !forwardsOnlyFsync;
+    coversEveryFile_ = type == FUSE_SUPER_MAGIC ? ownsBlockDevice(folder) : !forwardsOnlyFsync;
 }
 
 FileSystemSync::~FileSystemSync() { ::close(fd_); }
 
 void FileSystemSync::sync() {
     check(retryInterrupted([&] { return ::syncfs(fd_); }), "syncfs", path_);
-    // The kernel gives a FUSE daemon all dirty pages on syncfs, but tells it to reach the disk only on fsync.
-    if (fuse_)
-        check(retryInterrupted([&] { return ::fsync(fd_); }), "syncfs", path_);
+    // syncfs hands everything over to a FUSE daemon, or to a drive with FAT on it. Only fsync tells the daemon to go on
+    // to the disk, and the drive to empty its own cache.
+    if (retryInterrupted([&] { return ::fsync(fd_); }) != 0 && errno != EINVAL)
+        throwErrno("syncfs", path_);
 }
 
 bool exists(const std::string& path) {

@@ -110,6 +110,29 @@ std::optional<std::int64_t> countByMincore(int fd, std::int64_t size) {
     return resident;
 }
 
+// False where there is no such flush, or not for us; throws when it failed.
+bool flushed(int result, const std::string& path) {
+    if (result == 0)
+        return true;
+    switch (errno) {
+    case EINVAL:
+    case ENOSYS:
+    case EOPNOTSUPP:
+    case ESPIPE:
+    case EBADF:
+    case EROFS:
+    case EPERM:
+    case EACCES:
+        return false;
+    default:
+        throwErrno("fsync", path);
+    }
+}
+
+Descriptor openToEvict(const std::string& path) try { return openRegular(path, O_RDONLY); } catch (const IOError&) {
+    return {};
+}
+
 } // namespace
 
 std::optional<std::pair<std::int64_t, std::int64_t>> PageCache::residentPages(const std::string& path) try {
@@ -138,24 +161,24 @@ std::optional<std::pair<std::int64_t, std::int64_t>> PageCache::residentPages(co
     return std::nullopt;
 }
 
-bool PageCache::evict(const std::string& path) try {
-    const Descriptor fd = openRegular(path, O_RDONLY);
+bool PageCache::evict(const std::string& path) {
+    const Descriptor fd = openToEvict(path);
+    if (!fd)
+        return false;
     // DONTNEED passes over dirty pages and pages under write-back, so they are written and waited for first. An overlay
     // file answers sync_file_range without looking at the file below it; only fdatasync gets there.
     constexpr unsigned all = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
     const int written = retryInterrupted(
         [&] { return isOverlay(fd.get()) ? ::fdatasync(fd.get()) : ::sync_file_range(fd.get(), 0, 0, all); });
-    if (written != 0 || ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED) != 0)
+    if (!flushed(written, path) || ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED) != 0)
         return false;
     const DaemonCache daemon = daemonCacheOf(fd.get());
     if (!daemon.exists)
         return true;
     // fsync makes the daemon give up what it still holds; then its device can be emptied like a file.
-    return daemon.device && retryInterrupted([&] { return ::fsync(fd.get()); }) == 0 &&
-           retryInterrupted([&] { return ::fdatasync(daemon.device.get()); }) == 0 &&
+    return daemon.device && flushed(retryInterrupted([&] { return ::fsync(fd.get()); }), path) &&
+           flushed(retryInterrupted([&] { return ::fdatasync(daemon.device.get()); }), path) &&
            ::posix_fadvise(daemon.device.get(), 0, 0, POSIX_FADV_DONTNEED) == 0;
-} catch (const IOError&) {
-    return false;
 }
 
 } // namespace velmora
