@@ -88,6 +88,12 @@ std::optional<ReadBack::Outcome> judgeBlocks(UncachedReader& file, std::span<std
     if (outcome.result.state == FileState::verified) {
         outcome.unstable = verifier.unstableBlocks();
     }
+    for (std::size_t block = 0; block < pass.blocks.size(); ++block) {
+        const auto number = static_cast<std::int64_t>(block);
+        if (const auto hash = verifier.diskHash(number)) {
+            outcome.wrong.push_back({number, *hash});
+        }
+    }
     return outcome;
 }
 
@@ -105,7 +111,7 @@ ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::strin
             outcome.result = failed(sizeMismatch(onDisk, expected.size));
             return outcome;
         }
-        outcome.throughCache = !CacheProbe::readsFromDisk(path);
+        outcome.throughCache = !CacheProbe::driveOut(path);
         const std::int64_t blockSize =
             expected.blockSize > 0 ? expected.blockSize : static_cast<std::int64_t>(buffer_.size());
         FirstPass pass = readWhole(file, buffer_, expected.size, blockSize, hooks);
@@ -124,7 +130,7 @@ ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::strin
         }
     } catch (const Cancelled&) {
         outcome.result = {FileState::written, std::nullopt};
-    } catch (const IOError& error) {
+    } catch (const std::exception& error) { // a hook, or the memory: whatever it was, the file is not verified
         outcome.result = failed(fmt::format("verify: {}", error.what()));
     }
     return outcome;

@@ -30,10 +30,15 @@ public:
         IsCancelled isCancelled;                          // asked before every read
         std::function<void(std::int64_t bytes)> progress; // after every read
     };
+    struct WrongBlock {
+        std::int64_t number = 0;
+        std::uint64_t hash = 0; // what the disk gave the second time
+    };
     struct Outcome {
         DestFileResult result;              // verified; failed with its text; written when it was cancelled
         bool throughCache = false;          // the file could not be driven out of memory before it was read
         std::vector<std::int64_t> unstable; // blocks that gave two answers and were right the second time
+        std::vector<WrongBlock> wrong;      // blocks that were wrong both times
         std::optional<std::string> xxh128;  // of the bytes that were verified; absent when a block was unstable
     };
 

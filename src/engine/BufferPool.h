@@ -32,6 +32,20 @@ public:
     void share(int consumers) noexcept { pending_.store(consumers, std::memory_order_release); }
     // One consumer is done with it; any thread.
     void release() noexcept;
+    // A consumer's hold, given up on every way out: a buffer that never comes back would stop the reader for good.
+    class Hold {
+    public:
+        explicit Hold(Chunk* chunk) noexcept : chunk_(chunk) {}
+        ~Hold() {
+            if (chunk_ != nullptr)
+                chunk_->release();
+        }
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+
+    private:
+        Chunk* const chunk_;
+    };
 
 private:
     friend class BufferPool;

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <charconv>
 #include <numeric>
-#include <set>
 
 namespace velmora::CardFolders {
 
@@ -112,6 +111,8 @@ std::vector<Destination> claim(OffloadPlan& plan) {
         for (Destination& destination : all) {
             try {
                 IO::mkdirs(destination.cardPath);
+                for (const char* records : {"/_REPORT", "/ascmhl"})
+                    IO::removeTemporaries(destination.cardPath + records);
             } catch (const IOError& error) {
                 destination.error = error.what();
             }
@@ -130,12 +131,13 @@ std::vector<Destination> claim(OffloadPlan& plan) {
     throw OffloadError::failed("No free name for the card folder could be had: " + plan.cardName);
 }
 
-void createTree(const std::string& cardPath, const OffloadPlan& plan) {
+std::set<std::string, std::less<>> createTree(const std::string& cardPath, const OffloadPlan& plan) {
     std::set<std::string, std::less<>> made;
     for (const std::string& dir : plan.scan.dirs)
         makeBelow(cardPath, dir, made);
     for (const SourceFile& file : plan.scan.files)
         makeBelow(cardPath, RelativePath::folder(file.relPath), made);
+    return made;
 }
 
 } // namespace velmora::CardFolders

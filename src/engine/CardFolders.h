@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,12 +22,13 @@ struct Destination {
 // Takes the card folder of a full copy into possession on all destinations: mkdir is what decides between two runs
 // that found the same name free. The loser gives back what it has taken and tries the next free name, which is put
 // into the plan. Roots are taken in one order by all runs, so that two of them never wait for each other's leavings.
-// The folders of any other plan stand already, or are made without such care.
+// The folders of any other plan stand already, and are the caller's by their locks: what a write that was cut off left
+// in their record folders goes.
 std::vector<Destination> claim(OffloadPlan& plan);
 
 // Every folder of the scan, the empty ones as well, and every folder that a file of the plan goes to. No link is
-// followed below the card folder. Throws IOError.
-void createTree(const std::string& cardPath, const OffloadPlan& plan);
+// followed below the card folder. Returns them, relative to it. Throws IOError.
+std::set<std::string, std::less<>> createTree(const std::string& cardPath, const OffloadPlan& plan);
 
 } // namespace CardFolders
 

@@ -130,7 +130,7 @@ void CopyRun::makeWriters() {
             };
         try {
             auto writer = std::make_unique<DestWriter>(std::move(settings));
-            CardFolders::createTree(destination.cardPath, *plan_);
+            writer->keepFolders(CardFolders::createTree(destination.cardPath, *plan_));
             writers_.back() = std::move(writer);
             any = true;
         } catch (const IOError& error) {
@@ -183,9 +183,7 @@ bool CopyRun::holdBetweenFiles() {
         return !isCancelled();
     const SourceClock::Visit standing(sourceClock_);
     hasher_.wait();
-    for (const auto& writer : writers_)
-        if (writer)
-            writer->drain();
+    drainAll();
     if (!worker_->waitWhilePaused([this] { return isCancelled(); }))
         return false;
     if (!sameCardAsAtStart() && !isCancelled())

@@ -1,6 +1,7 @@
 #include "engine/CopyRun.h"
 
 #include "base/Msg.h"
+#include "blocks/BlockReads.h"
 #include "engine/OffloadEngine.h"
 #include "engine/ReportBuilder.h"
 #include "engine/RunRecorder.h"
@@ -21,9 +22,7 @@ double seconds(std::int64_t nanos) { return static_cast<double>(nanos) / 1e9; }
 
 void CopyRun::keepTimes(std::int64_t began) {
     hasher_.wait();
-    for (const auto& writer : writers_)
-        if (writer)
-            writer->drain();
+    drainAll();
     const std::int64_t now = monotonicNanos();
     CopyTimes& times = engine_.copyTimes_;
     times.wall = seconds(now - began);
@@ -68,11 +67,9 @@ void CopyRun::drainAll() {
 
 // The buffers of the copy serve the read-back as well: one for each destination, which waits when there are fewer.
 bool CopyRun::verify() {
-    const IsCancelled cancelled = [this] { return isCancelled(); };
-    for (const auto& writer : writers_) {
+    for (const auto& writer : writers_)
         if (writer)
-            writer->verify(pool_.take(), engine_.pauses_, cancelled);
-    }
+            writer->verify(pool_.take(), engine_.pauses_, [this] { return isCancelled(); });
     drainAll();
     return !isCancelled();
 }
@@ -90,7 +87,13 @@ OffloadReport CopyRun::buildReport(bool verified) const {
                                  .copyPaused = copyPaused_,
                                  .verifyPaused = verifyPaused_,
                                  .verified = verified,
-                                 .pending = engine_.options_.deferVerify});
+                                 .pending = engine_.options_.deferVerify,
+                                 .readCard = [this](std::size_t file, std::int64_t block) {
+                                     return isCancelled() ? std::nullopt
+                                                          : BlockReads::readCardBlock(
+                                                                plan_->source + "/" + plan_->scan.files[file].relPath,
+                                                                block, engine_.options_.chunkSize);
+                                 }});
 }
 
 // Where every file had been flushed before, a failed flush of the whole disk finds none to blame. What it leaves

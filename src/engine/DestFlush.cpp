@@ -15,47 +15,45 @@ constexpr std::size_t linesAtOnce = 4096; // bounds the memory of an append, not
 
 } // namespace
 
+void DestWriter::keepFolders(const std::set<std::string, std::less<>>& folders) {
+    flush_.touched(set_.cardPath);
+    for (const std::string& folder : folders)
+        flush_.touched(set_.cardPath + "/" + folder);
+}
+
 void DestWriter::record(std::size_t file) {
     if (!flushedAlone(file)) {
         wait(file, false);
         return;
     }
-    set_.hasher->wait();
-    if (auto error = mismatch(file, blockHashes_)) {
-        fail(file, std::move(*error));
-        return;
-    }
-    const ManifestRecord record = line(file);
     try {
+        const ManifestRecord record = line(file);
         ManifestFile::append(set_.cardPath, std::span(&record, 1));
-    } catch (const IOError& error) {
-        say(fmt::format("{} not recorded: {}", record.path, error.what()));
+    } catch (const std::exception& error) {
+        say(fmt::format("{} not recorded: {}", fileAt(file).relPath, error.what()));
     }
 }
 
 void DestWriter::wait(std::size_t file, bool adopted) {
-    const std::size_t blocks = adopted ? 0 : blockHashes_.size();
-    waiting_.push_back({static_cast<std::uint32_t>(file), static_cast<std::uint32_t>(blocks), adopted});
+    waiting_.push_back({file, adopted});
     if (adopted)
         return;
-    waitingBlocks_.insert(waitingBlocks_.end(), blockHashes_.begin(), blockHashes_.end());
     waitingSize_ += fileAt(file).size;
     if (waiting_.size() >= waitingFiles || waitingSize_ >= waitingBytes)
         flushWaiting();
 }
 
 bool DestWriter::flushWaiting() {
+    waitingSize_ = 0;
     try {
         flush_.flush(!set_.clashes->flushFile);
-    } catch (const IOError& error) {
+    } catch (const std::exception& error) {
         say(fmt::format("{}: the flush failed: {}", set_.cardPath, error.what()));
         // What an earlier run has recorded was durable before this flush.
         for (const Waiting& waiting : waiting_)
             if (!waiting.adopted)
                 fail(waiting.file, error.what());
         waiting_.clear();
-        waitingBlocks_.clear();
-        waitingSize_ = 0;
         return false;
     }
     set_.hasher->wait();
@@ -65,40 +63,31 @@ bool DestWriter::flushWaiting() {
 
 // Lines that cannot be appended stay for the next flush: the files are as good as ever, only nobody would know.
 void DestWriter::appendWaiting() {
-    std::vector<ManifestRecord> lines;
     std::size_t done = 0;
-    std::size_t block = 0;
-    std::size_t doneBlocks = 0;
     try {
-        for (std::size_t at = 0; at < waiting_.size(); ++at) {
-            const Waiting& waiting = waiting_[at];
-            const std::span written(waitingBlocks_.data() + block, waiting.blocks);
-            block += waiting.blocks;
-            auto error = waiting.adopted ? std::nullopt : mismatch(waiting.file, written);
-            if (error)
-                fail(waiting.file, std::move(*error));
-            else if (hasLine(waiting.file))
-                lines.push_back(line(waiting.file));
-            if (lines.size() >= linesAtOnce || at + 1 == waiting_.size()) {
-                ManifestFile::append(set_.cardPath, lines);
-                lines.clear();
-                done = at + 1;
-                doneBlocks = block;
-            }
+        std::vector<ManifestRecord> lines;
+        while (done < waiting_.size()) {
+            const std::size_t end = std::min(done + linesAtOnce, waiting_.size());
+            for (std::size_t at = done; at < end; ++at)
+                if (hasLine(waiting_[at].file))
+                    lines.push_back(line(waiting_[at].file));
+            ManifestFile::append(set_.cardPath, lines);
+            lines.clear();
+            done = end;
         }
-    } catch (const IOError& error) {
+    } catch (const std::exception& error) {
         say(fmt::format("{}: finished files not recorded: {}", set_.cardPath, error.what()));
     }
     waiting_.erase(waiting_.begin(), waiting_.begin() + static_cast<std::ptrdiff_t>(done));
-    waitingBlocks_.erase(waitingBlocks_.begin(), waitingBlocks_.begin() + static_cast<std::ptrdiff_t>(doneBlocks));
-    waitingSize_ = 0;
 }
 
-// What was written is what was read, or the memory between the two has failed.
-std::optional<std::string> DestWriter::mismatch(std::size_t file, std::span<const std::uint64_t> blocks) const {
+// What was written is what was read, or the memory between the two has failed. Asked before the file gets its final
+// name.
+std::optional<std::string> DestWriter::mismatch(std::size_t file) const {
+    set_.hasher->waitFor(file);
     const std::vector<std::uint64_t>& source = set_.hasher->blocksOf(file);
-    for (std::size_t b = 0; b < std::max(blocks.size(), source.size()); ++b) {
-        const std::uint64_t dest = b < blocks.size() ? blocks[b] : 0;
+    for (std::size_t b = 0; b < std::max(blockHashes_.size(), source.size()); ++b) {
+        const std::uint64_t dest = b < blockHashes_.size() ? blockHashes_[b] : 0;
         const std::uint64_t expected = b < source.size() ? source[b] : 0;
         if (dest != expected)
             return fmt::format("HASH MISMATCH: block {} dest {:016x} != source {:016x}", b, dest, expected);

@@ -29,6 +29,8 @@ void DestWriter::doVerify(std::span<std::byte> buffer, PauseGate::Worker& worker
             failures_.add(1);
         if (outcome.result.state == FileState::verified && outcome.throughCache)
             ++cachedReads_;
+        if (!outcome.wrong.empty())
+            wrong_.push_back({file, std::move(outcome.wrong)});
         if (!outcome.unstable.empty())
             unstable_.push_back({file, std::move(outcome.unstable)});
         results_[file] = std::move(outcome.result);

@@ -82,7 +82,10 @@ void DestWriter::beginResume(std::size_t file, const PartCheckpoint& checkpoint)
 }
 
 void DestWriter::write(Chunk& chunk) {
-    post([this, &chunk] { doWrite(chunk); });
+    post([this, &chunk] {
+        const Chunk::Hold hold(&chunk);
+        doWrite(chunk);
+    });
 }
 
 void DestWriter::finish(std::size_t file) {
@@ -102,6 +105,7 @@ void DestWriter::abortQuietly(std::size_t file, std::string reason) {
 
 void DestWriter::whole(std::size_t file, Chunk* chunk) {
     post([this, file, chunk] {
+        const Chunk::Hold hold(chunk);
         doBegin(file, nullptr);
         if (chunk != nullptr)
             doWrite(*chunk);
@@ -125,11 +129,10 @@ void DestWriter::flushDevice() {
 }
 
 // The worker signs on here, not when the queue gets to it: a pause must not find the gate without it.
-void DestWriter::verify(Chunk& chunk, PauseGate& gate, const IsCancelled& isCancelled) {
-    post([this, &chunk, worker = gate.work(), &isCancelled] {
-        doVerify(chunk.memory(), *worker, isCancelled);
-        worker->leave();
-        chunk.release();
+void DestWriter::verify(Chunk& chunk, PauseGate& gate, IsCancelled isCancelled) {
+    post([this, &chunk, worker = gate.work(), cancelled = std::move(isCancelled)] {
+        const Chunk::Hold hold(&chunk);
+        doVerify(chunk.memory(), *worker, cancelled);
     });
 }
 
@@ -191,7 +194,6 @@ void DestWriter::doWrite(Chunk& chunk) {
             dropPart();
         }
     }
-    chunk.release();
 }
 
 // The blocks that the line names are on the medium, and so is the part file's name, before the line is written. A line
@@ -223,6 +225,8 @@ void DestWriter::doFinish(std::size_t file) {
         fail(file, currentError_.value_or("write failed"));
     } else {
         try {
+            if (auto error = mismatch(file))
+                throw OffloadError::failed(std::move(*error));
             makeFinal(file);
             results_[file] = {FileState::written, std::nullopt};
             writtenHere_[file] = true;
@@ -291,9 +295,12 @@ void DestWriter::dropPart() noexcept {
     }
 }
 
-void DestWriter::say(const std::string& text) const {
-    if (set_.log)
-        set_.log(text);
+void DestWriter::say(const std::string& text) const noexcept {
+    try {
+        if (set_.log)
+            set_.log(text);
+    } catch (...) { // a log that fails has nobody to tell
+    }
 }
 
 } // namespace velmora

@@ -4,6 +4,7 @@
 #include "base/Errors.h"
 #include "base/PauseGate.h"
 #include "base/SerialQueue.h"
+#include "blocks/ReadBack.h"
 #include "engine/BufferPool.h"
 #include "engine/DeviceFlush.h"
 #include "engine/SourceClock.h"
@@ -75,6 +76,9 @@ public:
     // cut and told apart by a hash.
     static std::string partName(std::string_view relPath);
 
+    // Before the first file: the names of these folders, relative to the card folder, are to last, the empty ones too.
+    void keepFolders(const std::set<std::string, std::less<>>& folders);
+
     // The reader's calls. Every chunk is released by the writer.
     void begin(std::size_t file);
     void beginResume(std::size_t file, const PartCheckpoint& checkpoint);
@@ -87,8 +91,8 @@ public:
     // The file lies there already; with `record` it gets a line in this generation.
     void adopt(std::size_t file, bool record);
     void flushDevice();
-    // Reads back every written file through the memory of `chunk`, then releases it. Ends early when cancelled.
-    void verify(Chunk& chunk, PauseGate& gate, const IsCancelled& isCancelled);
+    // Reads back every written file through the memory of `chunk`, which it releases. Ends early when cancelled.
+    void verify(Chunk& chunk, PauseGate& gate, IsCancelled isCancelled);
     // Waits for everything queued so far.
     void drain() { queue_.drain(); }
 
@@ -101,6 +105,12 @@ public:
 
     // After drain():
     const std::vector<DestFileResult>& results() const noexcept { return results_; }
+    // Blocks that a read-back found wrong, file by file in their order.
+    struct Wrong {
+        std::size_t file;
+        std::vector<ReadBack::WrongBlock> blocks;
+    };
+    const std::vector<Wrong>& wrong() const noexcept { return wrong_; }
     bool wasWritten(std::size_t file) const noexcept { return writtenHere_[file]; } // by this run
     bool deviceFlushed() const noexcept { return deviceFlushed_; }
     std::int64_t cachedReads() const noexcept { return cachedReads_; }
@@ -123,8 +133,7 @@ public:
 private:
     class Turn;
     struct Waiting {
-        std::uint32_t file;
-        std::uint32_t blocks; // how many stand in waitingBlocks_
+        std::size_t file;
         bool adopted;
     };
     template <class F>
@@ -147,10 +156,10 @@ private:
     void wait(std::size_t file, bool adopted);
     bool flushWaiting();
     void appendWaiting();
-    std::optional<std::string> mismatch(std::size_t file, std::span<const std::uint64_t> blocks) const;
+    std::optional<std::string> mismatch(std::size_t file) const;
     bool hasLine(std::size_t file) const;
     ManifestRecord line(std::size_t file) const;
-    void say(const std::string& text) const;
+    void say(const std::string& text) const noexcept;
 
     const Settings set_;
     DeviceFlush flush_;
@@ -169,12 +178,12 @@ private:
     std::vector<DestFileResult> results_;
     std::vector<bool> writtenHere_;
     std::vector<Waiting> waiting_; // for the device flush
-    std::vector<std::uint64_t> waitingBlocks_;
     std::int64_t waitingSize_ = 0;
     bool deviceFlushed_ = false;
     std::optional<bool> unbuffered_;
     std::int64_t cachedReads_ = 0;
     std::vector<Unstable> unstable_;
+    std::vector<Wrong> wrong_;
     std::int64_t busyNanos_ = 0; // in calls that write
     std::int64_t idleNanos_ = 0;
     std::int64_t needlessNanos_ = 0;

@@ -8,7 +8,9 @@
 #include "platform/VolumeFacts.h"
 #include "records/OffloadPlan.h"
 
+#include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
 
 namespace velmora::ReportBuilder {
 
@@ -102,8 +104,37 @@ OffloadReport::FileEntry entryOf(const UncopiedItem& item, std::size_t columns) 
     return entry;
 }
 
-std::vector<std::string> notesOf(const Results& results) {
+// Blocks that are wrong on two or more disks, by file and number: the card is asked where that came from.
+std::vector<std::string> questionsToTheCard(const Results& results) {
+    std::map<std::size_t, std::map<std::int64_t, CardVerdict::SharedMismatch>> found;
+    for (std::size_t d = 0; d < results.writers.size(); ++d) {
+        if (!results.writers[d])
+            continue;
+        const std::string disk = diskName(results.destinations[d].cardPath);
+        for (const DestWriter::Wrong& wrong : results.writers[d]->wrong())
+            for (const ReadBack::WrongBlock& block : wrong.blocks) {
+                CardVerdict::SharedMismatch& shared = found[wrong.file][block.number];
+                shared.block = block.number;
+                shared.recorded = results.hasher.blocksOf(wrong.file).at(static_cast<std::size_t>(block.number));
+                shared.diskHashes.insert(block.hash);
+                shared.disks.push_back(disk);
+            }
+    }
     std::vector<std::string> notes;
+    for (const auto& [file, blocks] : found) {
+        std::vector<CardVerdict::SharedMismatch> shared;
+        for (const auto& [number, mismatch] : blocks)
+            if (mismatch.disks.size() > 1)
+                shared.push_back(mismatch);
+        const auto readCard = [&, f = file](std::int64_t block) { return results.readCard(f, block); };
+        std::ranges::move(CardVerdict::notes(results.plan.scan.files[file].relPath, shared, readCard),
+                          std::back_inserter(notes));
+    }
+    return notes;
+}
+
+std::vector<std::string> notesOf(const Results& results) {
+    std::vector<std::string> notes = questionsToTheCard(results);
     for (std::size_t d = 0; d < results.writers.size(); ++d) {
         const DestWriter* writer = results.writers[d].get();
         if (writer == nullptr)

@@ -7,8 +7,10 @@
 #include "records/OffloadReport.h"
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -33,6 +35,8 @@ struct Results {
     double verifyPaused = 0;
     bool verified = false; // every file was read back
     bool pending = false;  // and will be later
+    // The card once more: the hash of one block of one file, absent when it cannot be read.
+    std::function<std::optional<std::uint64_t>(std::size_t file, std::int64_t block)> readCard = {};
 };
 
 OffloadReport build(const Results& results);

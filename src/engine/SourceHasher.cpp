@@ -11,9 +11,21 @@ void SourceHasher::begin() {
 
 void SourceHasher::update(Chunk& chunk) {
     queue_.async([this, &chunk] {
-        stream_->update(chunk.bytes().data(), static_cast<std::int64_t>(chunk.bytes().size()));
-        chunk.release();
+        const Chunk::Hold hold(&chunk);
+        hash(chunk);
     });
+}
+
+// A file whose hashing broke off has no digest, and no disk can have the right blocks of it.
+void SourceHasher::hash(const Chunk& chunk) {
+    if (!stream_)
+        return;
+    try {
+        stream_->update(chunk.bytes().data(), static_cast<std::int64_t>(chunk.bytes().size()));
+    } catch (...) {
+        stream_.reset();
+        throw;
+    }
 }
 
 void SourceHasher::finish(std::size_t file) {
@@ -33,11 +45,10 @@ void SourceHasher::forget(std::size_t file) {
 
 void SourceHasher::whole(std::size_t file, Chunk* chunk) {
     queue_.async([this, file, chunk] {
+        const Chunk::Hold hold(chunk);
         stream_.emplace(HashKinds::xxh64, blockSize_, false);
-        if (chunk != nullptr) {
-            stream_->update(chunk->bytes().data(), static_cast<std::int64_t>(chunk->bytes().size()));
-            chunk->release();
-        }
+        if (chunk != nullptr)
+            hash(*chunk);
         store(file);
     });
 }
@@ -50,12 +61,15 @@ void SourceHasher::setKnown(std::size_t file, std::uint64_t hash, std::vector<st
 }
 
 void SourceHasher::store(std::size_t file) {
+    if (!stream_)
+        return;
     auto [digests, blocks] = stream_->finish();
     stream_.reset();
     hashes_[file] = digests.xxh64;
     // A hundred thousand small files: no list keeps room that it does not need.
     blocks.shrink_to_fit();
     blocks_[file] = std::move(blocks);
+    passed_.store(file + 1, std::memory_order_release);
 }
 
 } // namespace velmora

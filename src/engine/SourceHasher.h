@@ -5,6 +5,7 @@
 #include "blocks/MultiHasher.h"
 #include "engine/BufferPool.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -35,11 +36,17 @@ public:
     void wait() {
         queue_.sync([] {});
     }
+    // The same for one file, which was finished before the call. Costs nothing where the hashing is ahead.
+    void waitFor(std::size_t file) {
+        if (passed_.load(std::memory_order_acquire) <= file)
+            wait();
+    }
     std::optional<std::uint64_t> hashOf(std::size_t file) const { return hashes_[file]; }
     const std::vector<std::uint64_t>& blocksOf(std::size_t file) const { return blocks_[file]; }
     std::vector<std::vector<std::uint64_t>> takeBlocks() { return std::move(blocks_); }
 
 private:
+    void hash(const Chunk& chunk);
     void store(std::size_t file);
 
     const std::int64_t blockSize_;
@@ -47,7 +54,8 @@ private:
     std::optional<MultiHasher> stream_;
     std::vector<std::optional<std::uint64_t>> hashes_;
     std::vector<std::vector<std::uint64_t>> blocks_;
-    SerialQueue queue_; // last: its tasks use what stands above
+    std::atomic<std::size_t> passed_{0}; // every file below it that was finished is hashed
+    SerialQueue queue_;                  // last: its tasks use what stands above
 };
 
 } // namespace velmora

@@ -3,9 +3,12 @@
 
 #include <atomic>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <sys/random.h>
+#include <sys/stat.h>
 
 // Small files that must be there whole or not at all: temporary name in the same folder, data flushed, renamed, folder
 // flushed. A crash before the rename leaves at most a file ".velmora-….tmp"; a crash after it leaves the new file, and
@@ -30,6 +33,17 @@ std::string temporaryName(const std::string& folder) {
     char name[80];
     std::snprintf(name, sizeof name, "/.velmora-%d-%u-%016llx.tmp", ::getpid(), count.fetch_add(1), random);
     return folder + name;
+}
+
+bool isTemporaryName(const char* name) {
+    int pid = 0;
+    unsigned count = 0;
+    unsigned long long random = 0;
+    char again[80];
+    if (std::sscanf(name, ".velmora-%d-%u-%16llx.tmp", &pid, &count, &random) != 3)
+        return false;
+    std::snprintf(again, sizeof again, ".velmora-%d-%u-%016llx.tmp", pid, count, random);
+    return std::string_view(name) == again;
 }
 
 void writeAll(int fd, std::string_view bytes, const std::string& path) {
@@ -105,6 +119,21 @@ void writeFileDurably(const std::string& path, std::string_view bytes) {
     rename(temporary.path(), path);
     temporary.taken();
     syncFolder(folder);
+}
+
+void removeTemporaries(const std::string& folder) noexcept {
+    Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opened ? ::fdopendir(opened.get()) : nullptr, ::closedir);
+    if (dir == nullptr)
+        return;
+    const int fd = opened.release(); // the stream closes it
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one stream is used by one thread, which is all that glibc asks
+    while (const dirent* entry = ::readdir(dir.get())) {
+        struct stat info{};
+        if (isTemporaryName(entry->d_name) && ::fstatat(fd, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(info.st_mode))
+            ::unlinkat(fd, entry->d_name, 0);
+    }
 }
 
 } // namespace velmora::IO
