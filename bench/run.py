@@ -20,69 +20,13 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import time
+
+import backups
+from measure import MIB, Cost, forget, make_files, run, settle
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 VELMORA = os.environ.get("VELMORA", os.path.join(ROOT, "build", "release", "bin", "velmora"))
-MIB = 1 << 20
 BUFFERS = 16 * 16 * MIB  # the pool of the default block size and buffer count
-
-
-class Cost:
-    """What a run cost: seconds of wall time, seconds of processor time, peak resident bytes."""
-
-    def __init__(self, wall=0.0, cpu=0.0, peak=0):
-        self.wall, self.cpu, self.peak = wall, cpu, peak
-
-    def __add__(self, other):
-        return Cost(self.wall + other.wall, self.cpu + other.cpu, max(self.peak, other.peak))
-
-
-def run(command, env=None, output=None):
-    """Runs a program to its end and returns its cost; any other status than 0 ends the benchmark."""
-    begin = time.monotonic()
-    process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, stdout=output or subprocess.DEVNULL,
-                               stderr=subprocess.PIPE)
-    errors = process.stderr.read()  # ends when the program does
-    _, status, usage = os.wait4(process.pid, 0)
-    wall = time.monotonic() - begin
-    process.returncode = os.waitstatus_to_exitcode(status)
-    process.stderr.close()
-    if process.returncode != 0:
-        sys.exit(f"bench: {' '.join(command[:6])} … ended with {process.returncode}:\n{errors.decode(errors='replace')}")
-    return Cost(wall, usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024)
-
-
-def files_below(folder):
-    for top, _, names in os.walk(folder):
-        for name in names:
-            yield os.path.join(top, name)
-
-
-def forget(*folders):
-    """Drops the clean pages of all files below the folders from the page cache."""
-    for folder in folders:
-        for path in files_below(folder):
-            fd = os.open(path, os.O_RDONLY)
-            os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
-            os.close(fd)
-
-
-def settle(source):
-    os.sync()
-    forget(source)
-
-
-def make_files(folder, count, size, per_folder=1000):
-    pool = os.urandom(min(size, 64 * MIB) + 4 * MIB)
-    for index in range(count):
-        place = folder if count <= per_folder or per_folder == 0 else os.path.join(folder, f"D{index // per_folder:03}")
-        os.makedirs(place, exist_ok=True)
-        with open(os.path.join(place, f"F{index:06}.BIN"), "wb") as file:
-            left = size
-            while left > 0:  # every stretch starts elsewhere in the pool, so no two files are alike
-                offset = int.from_bytes(os.urandom(4), "big") % (4 * MIB)
-                left -= file.write(memoryview(pool)[offset:offset + min(left, len(pool) - 4 * MIB)])
 
 
 class Bench:
@@ -119,18 +63,20 @@ class Bench:
     def progress(self, text):
         print(text, file=sys.stderr, flush=True)
 
-    def compare(self, name, source, copy, rounds):
-        """Alternates both sides and returns their medians as two Costs."""
-        costs = {"velmora": [], "tools": []}
+    def alternate(self, name, rounds, **sides):
+        """Runs the sides (two callables that return Costs) in turns and returns their medians in that order."""
+        costs = {side: [] for side in sides}
         for number in range(rounds):
-            order = ["velmora", "tools"] if number % 2 == 0 else ["tools", "velmora"]
-            for side in order:
-                cost = self.velmora(source) if side == "velmora" else self.ordinary(source, copy)
+            for side in list(sides) if number % 2 == 0 else reversed(sides):
+                cost = sides[side]()
                 costs[side].append(cost)
                 self.progress(f"  {name}, round {number + 1}, {side}: {cost.wall:.2f} s wall, {cost.cpu:.2f} s processor")
         self.raw[name] = {side: [vars(cost) for cost in list_] for side, list_ in costs.items()}
-        return [Cost(statistics.median(cost.wall for cost in costs[side]), statistics.median(cost.cpu for cost in costs[side]),
-                     max(cost.peak for cost in costs[side])) for side in ("velmora", "tools")]
+        return [Cost(statistics.median(cost.wall for cost in list_), statistics.median(cost.cpu for cost in list_),
+                     max(cost.peak for cost in list_)) for list_ in costs.values()]
+
+    def compare(self, name, source, copy, rounds):
+        return self.alternate(name, rounds, velmora=lambda: self.velmora(source), tools=lambda: self.ordinary(source, copy))
 
     def row(self, what, ours, theirs, limit, unit="s"):
         ratio = ours / theirs if theirs else float("inf")
@@ -214,7 +160,7 @@ def main():
     parser = argparse.ArgumentParser(description="Velmora against ordinary tools.")
     parser.add_argument("--quick", action="store_true", help="small amounts, one round: shows that it works, proves nothing")
     parser.add_argument("--rounds", type=int, default=0, help="rounds of each comparison (5)")
-    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large,small,many,allocations")
+    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, inspect, verify, plan")
     parser.add_argument("--work", default=os.path.join(ROOT, "build"), help="folder on the disk to measure")
     options = parser.parse_args()
     options.long_rounds = 1 if options.quick else 2
@@ -227,7 +173,8 @@ def main():
     with tempfile.TemporaryDirectory(prefix="bench-", dir=options.work) as work:
         bench = Bench(options, work)
         parts = {"large": bench.large_files, "small": bench.small_files, "many": bench.many_files,
-                 "allocations": bench.allocations}
+                 "allocations": bench.allocations, "inspect": lambda: backups.inspect(bench),
+                 "verify": lambda: backups.verify(bench), "plan": lambda: backups.plan(bench)}
         for name in options.only.split(",") if options.only else parts:
             bench.progress(f"{name} …")
             parts[name]()

@@ -117,8 +117,9 @@ std::vector<Clip> detect(const std::vector<SourceFile>& files) {
         clips.push_back(joined(key, group, ClipFormat::r3d));
     for (const auto& [key, group] : arri)
         clips.push_back(joined(key, group, ClipFormat::arriraw));
-    std::stable_sort(clips.begin(), clips.end(),
-                     [](const Clip& a, const Clip& b) { return compareNatural(a.path, b.path) < 0; });
+    const auto before = [](const Clip& a, const Clip& b) { return compareNatural(a.path, b.path) < 0; };
+    if (!std::ranges::is_sorted(clips, before)) // cameras number their clips with leading zeros: mostly it is
+        std::ranges::stable_sort(clips, before);
     return clips;
 }
 

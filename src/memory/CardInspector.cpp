@@ -10,6 +10,7 @@
 #include "platform/VolumeFacts.h"
 
 #include <algorithm>
+#include <future>
 
 namespace velmora::CardInspector {
 
@@ -33,18 +34,11 @@ std::optional<SourceScan> scan(CardInsight& insight, const IsCancelled& isCancel
 }
 
 void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* store,
-                  const std::vector<HistoryEntry>* history, const World& world) {
-    std::vector<HistoryEntry> loaded;
-    if (!history && store) {
-        loaded = store->load();
-        history = &loaded;
-    }
-    if (!history)
-        return;
+                  const std::vector<HistoryEntry>& history, const World& world) {
     std::optional<CardKey> key;
     if (insight.volume)
         key = CardKey{insight.volume->fsSerial, insight.volume->capacity};
-    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, *history);
+    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, history);
     if (!candidate)
         return;
     std::optional<std::vector<SourceFile>> list;
@@ -89,10 +83,15 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
     }
     if (!insight.filesystem)
         insight.filesystem = IO::filesystemType(source);
+    std::future<std::vector<HistoryEntry>> loading; // while the card is read
+    if (!history && store)
+        loading = std::async(std::launch::async, [store] { return store->load(); });
     std::optional<SourceScan> scanned = scan(insight, isCancelled);
     if (!scanned)
         return insight;
     stopIf(isCancelled);
+    std::future<std::vector<Clip>> detecting =
+        std::async(std::launch::async, [&files = scanned->files] { return ClipDetector::detect(files); });
     const CardFingerprint::Digests digests = CardFingerprint::compute(scanned->files);
     insight.fingerprint = digests.fingerprint;
     insight.shape = digests.shape;
@@ -101,9 +100,15 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
         insight.error = "The card was swapped while it was being read.";
         return insight;
     }
-    matchHistory(insight, *scanned, store, history, world);
+    std::vector<HistoryEntry> loaded;
+    if (loading.valid()) {
+        loaded = loading.get();
+        history = &loaded;
+    }
+    if (history)
+        matchHistory(insight, *scanned, store, *history, world);
+    insight.clips = detecting.get();
     stopIf(isCancelled);
-    insight.clips = ClipDetector::detect(scanned->files);
     ReelSuggestion::FromClips names = ReelSuggestion::fromClips(insight.clips);
     insight.nameSuggestion = std::move(names.suggestion);
     insight.nameNote = std::move(names.note);

@@ -35,6 +35,41 @@ auto withId(std::vector<HistoryEntry>& entries, const std::string& id) {
     return std::find_if(entries.begin(), entries.end(), [&](const HistoryEntry& e) { return e.id == id; });
 }
 
+// Decodes each entry as soon as the parser has it and takes it out of the document again: a history of thousands of
+// cards is never held as JSON. What is left in "entries" after that is none.
+class EntryReader {
+public:
+    // As nlohmann::json::parser_callback_t: false takes `value` out of the document.
+    bool operator()(int depth, nlohmann::json::parse_event_t event, nlohmann::json& value) {
+        using Event = nlohmann::json::parse_event_t;
+        if (depth == 1 && event == Event::key) { // of a repeated key the last one counts
+            inEntries_ = value == "entries";
+            if (inEntries_) {
+                entries_.clear();
+                good_ = true;
+            }
+        }
+        if (depth != 2 || event != Event::object_end || !inEntries_)
+            return true;
+        decode(value);
+        return false;
+    }
+    bool good() const { return good_; }
+    std::vector<HistoryEntry> take() { return std::move(entries_); }
+
+private:
+    void decode(const nlohmann::json& value) try {
+        entries_.push_back(value.get<HistoryEntry>());
+        good_ = good_ && isId(entries_.back().id);
+    } catch (const std::exception&) {
+        good_ = false;
+    }
+
+    std::vector<HistoryEntry> entries_;
+    bool inEntries_ = false;
+    bool good_ = true;
+};
+
 void removeList(const std::string& path) {
     try {
         IO::unlink(path);
@@ -68,30 +103,19 @@ HistoryStore::Contents HistoryStore::read() const {
             throw;
         return contents;
     }
-    const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
-    text.clear();
-    text.shrink_to_fit();
-    const auto entries = document.is_object() ? document.find("entries") : document.end();
+    EntryReader reader;
+    const nlohmann::json document = nlohmann::json::parse(text, std::ref(reader), false);
     const auto number = document.is_object() ? document.find("version") : document.end();
     if (!document.is_object() || number == document.end() || !number->is_number_integer()) {
         contents.state = State::damaged;
         return contents;
     }
     contents.state = number->get<std::int64_t>() > version ? State::newer : State::good;
-    try {
-        if (entries == document.end() || !entries->is_array())
-            throw std::runtime_error("no entries");
-        contents.entries.reserve(entries->size());
-        for (const nlohmann::json& entry : *entries) {
-            contents.entries.push_back(entry.get<HistoryEntry>());
-            if (!isId(contents.entries.back().id))
-                throw std::runtime_error("an id that is none");
-        }
-    } catch (const std::exception&) {
-        contents.entries.clear();
-        if (contents.state == State::good)
-            contents.state = State::damaged;
-    }
+    const auto left = document.find("entries");
+    if (reader.good() && left != document.end() && left->is_array() && left->empty())
+        contents.entries = reader.take();
+    else if (contents.state == State::good)
+        contents.state = State::damaged;
     return contents;
 }
 
