@@ -202,7 +202,7 @@ TEST(PowerCutDisk, KeepsWhatWasFlushedAndLosesSomethingElse) {
         GTEST_SKIP() << *reason;
     bool lost = false;
     for (std::uint64_t seed = 1; seed <= 4; ++seed) {
-        PowerCutDisk disk(64 << 20);
+        PowerCutDisk disk(64);
         ASSERT_EQ(write(disk.root() + "/flushed", std::string(300'000, 'f'), true), 0);
         ASSERT_EQ(flushFolder(disk.root(), fsync), 0);
         ASSERT_EQ(write(disk.root() + "/loose", std::string(300'000, 'l'), false), 0);

@@ -1,7 +1,8 @@
 #include "engine/CopyFixture.h"
 
-#include "base/Hex.h"
 #include "blocks/HashStreams.h"
+#include "engine/DestWriter.h"
+#include "engine/SourceHasher.h"
 #include "support/LoopImage.h"
 
 #include <atomic>
@@ -41,9 +42,12 @@ TEST_P(CopySizes, LeaveTheSameTreeAndTrueRecords) {
     options.checkpointBlocks = 3;
     const auto block = static_cast<std::size_t>(p.block);
     std::vector<FileTree::File> files{{"empty folder/", 0}, {"A/deep/er/é ü 🎬 & <\"'>.mov", 77}};
-    for (const std::size_t size :
-         {std::size_t{0}, std::size_t{1}, std::size_t{4095}, std::size_t{4096}, block - 1, block, block + 1,
-          block > (std::size_t{1} << 20) ? std::size_t{12288} : 7 * block + 13})
+    std::vector<std::size_t> sizes{0, 1, 4095, 4096, block + 1};
+    if (block <= std::size_t{16} << 20)
+        sizes.insert(sizes.end(), {block - 1, block});
+    if (block <= std::size_t{1} << 20)
+        sizes.push_back(7 * block + 13);
+    for (const std::size_t size : sizes)
         files.push_back({fmt::format("DCIM/{}.bin", size), size});
     FileTree::make(card(), files);
     FileTree::write(card() + "/before1970.bin", "old", -1'000'000);
@@ -140,49 +144,50 @@ TEST_F(CopyTest, KeepsCardFilesThatCarryItsOwnTemporaryNames) {
     EXPECT_EQ(report.failedFiles().size(), 1U);
 }
 
-TEST_F(CopyTest, OneDestinationFailsAndTheOtherStaysWhole) {
-    struct Case {
-        const char* name;
-        std::function<void()> harm;
-        std::size_t lost; // files on the first destination
-    };
-    const auto fresh = [&](auto harm) {
-        return [this, harm] { options.beforeFileCopy = [harm](std::int64_t file) { harm(file); }; };
-    };
-    const Case cases[] = {
-        {"one folder is gone", fresh([this](std::int64_t file) {
-             if (file == 1)
-                 std::filesystem::remove_all(dest(0) + "/B");
-         }),
-         2},
-        {"the part of one file cannot be made", fresh([this](std::int64_t file) {
-             if (file == 0)
-                 IO::mkdirs(dest(0) + "/B/.1.bin.offload-part");
-         }),
-         1},
-        {"the root is a file in the end",
-         [this] {
-             std::filesystem::remove_all(roots[0]);
-             FileTree::write(roots[0], "no folder");
-         },
-         5},
-    };
-    for (const char* path : {"A/0.bin", "B/1.bin", "B/2.bin", "C/3.bin", "C/4.bin"})
-        put(path, 20000);
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        options.beforeFileCopy = {};
-        const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
-        c.harm();
-        const OffloadReport report = run(plan);
-        EXPECT_EQ(report.failedFiles().size(), c.lost);
-        EXPECT_EQ(report.destinations[0].filesFailed, static_cast<std::int64_t>(c.lost));
-        EXPECT_EQ(report.destinations[1].filesOK, 5);
-        EXPECT_FALSE(report.safeToFormat());
-        EXPECT_EQ(lines(dest(1), "file").size(), 5U);
-        for (const auto* file : report.failedFiles())
-            EXPECT_TRUE(file->errors[0] && !file->errors[1] && !file->sourceError) << file->path;
+TEST_F(CopyTest, ADestinationThatTakesNoFolderLosesAllAndTheOtherStaysWhole) {
+    put("A/0.bin", 20000);
+    put("1.bin", 100);
+    const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
+    std::filesystem::remove(roots[0]);
+    FileTree::write(roots[0], "no folder");
+    const OffloadReport report = run(plan);
+    EXPECT_EQ(report.destinations[0].filesFailed, 2);
+    EXPECT_EQ(report.destinations[1].filesOK, 2);
+    EXPECT_FALSE(report.safeToFormat());
+    EXPECT_EQ(lines(dest(1), "file").size(), 2U);
+    for (const auto* file : report.failedFiles())
+        EXPECT_TRUE(file->errors[0] && !file->errors[1] && !file->sourceError) << file->path;
+}
+
+// Memory that fails between the reader and a disk: what is not what was read gets no final name.
+TEST_F(CopyTest, NothingWrongIsGivenAFinalName) {
+    const std::vector<SourceFile> files{{"small", 4096, {}}, {"flushed alone", 8192, {}}};
+    options.fullSyncThreshold = 8192;
+    const NameClashes clashes;
+    const SourceClock clock;
+    BufferPool pool(8192, 2);
+    SourceHasher hasher(8192, 2, {});
+    DestWriter writer({.cardPath = roots[0],
+                       .topFolder = roots[0],
+                       .options = &options,
+                       .files = &files,
+                       .clashes = &clashes,
+                       .hasher = &hasher,
+                       .clock = &clock,
+                       .beforeRename = {},
+                       .log = {}});
+    for (std::size_t file = 0; file < 2; ++file) {
+        Chunk& read = pool.take();
+        Chunk& torn = pool.take();
+        torn.memory()[7] = read.memory()[7] ^ std::byte{1};
+        for (Chunk* chunk : {&read, &torn})
+            chunk->set(0, static_cast<std::size_t>(files[file].size));
+        hasher.whole(file, &read);
+        writer.whole(file, &torn);
+        writer.drain();
+        EXPECT_THAT(writer.results()[file].error.value_or(""), ::testing::StartsWith("HASH MISMATCH: block 0 dest "));
     }
+    EXPECT_TRUE(IO::list(roots[0]).empty());
 }
 
 TEST_F(CopyTest, FullDiskKeepsWhatFitted) {
@@ -204,8 +209,8 @@ TEST_F(CopyTest, FullDiskKeepsWhatFitted) {
 }
 
 TEST_F(CopyTest, SourceTroubleFailsTheFileEverywhereAndNothingElse) {
-    for (const char* path : {"1.bin", "2.bin", "3.bin", "4.bin", "5.bin", "6.bin"})
-        put(path, 3 * 4096);
+    for (int i = 1; i <= 6; ++i)
+        put(fmt::format("{}.bin", i), 3 * 4096);
     put("small.bin", 100);
     const OffloadPlan plan = OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"});
     std::filesystem::remove(card() + "/1.bin");
@@ -347,30 +352,42 @@ TEST_F(CopyTest, DeferredVerificationLeavesAProvisionalRecord) {
     EXPECT_GT(engine->writeRates().at(0), 0);
 }
 
-// A bit that flips on a disk between copy and read-back, in the first, a middle and the last block.
+// A bit that flips on a disk between copy and read-back, in the first, a middle and the last block. When it is wrong on
+// both disks, the card is asked.
 TEST_F(CopyTest, ReadBackFindsAFlippedBitAndNamesItsBlock) {
     for (const std::int64_t offset : {std::int64_t{0}, std::int64_t{5 * 4096 + 77}, std::int64_t{9 * 4096 + 99}}) {
+        const std::size_t disks = offset == 0 ? 2 : 1;
         put("a.bin", 9 * 4096 + 100);
-        put("b.bin", 50);
-        options.deferVerify = options.verify = false;
-        std::atomic_flag flipped; // each disk is read back by a thread of its own
-        prepareEngine = [&](OffloadEngine& e) {
-            e.options().verify = true;
-            e.options().afterVerifyChunk = [&] {
-                if (!flipped.test_and_set())
-                    FileTree::flipBit(dest(1) + "/b.bin", 7);
-            };
-            e.setBeforeRename([&, offset](std::size_t d, std::size_t file, const std::string& path) {
-                if (d == 1 && file == 0)
+        prepareEngine = [=](OffloadEngine& e) {
+            e.setBeforeRename([=](std::size_t d, std::size_t, const std::string& path) {
+                if (d < disks)
                     FileTree::flipBit(path.substr(0, path.rfind('/')) + "/.a.bin.offload-part", offset);
             });
         };
         const OffloadReport report = run();
-        EXPECT_THAT(entry(report, "a.bin").errors[1].value_or(""),
+        EXPECT_THAT(entry(report, "a.bin").errors[0].value_or(""),
                     ::testing::StartsWith(fmt::format("HASH MISMATCH: block {} dest ", offset / 4096)));
-        EXPECT_EQ(entry(report, "a.bin").destinations[0], "verified");
+        EXPECT_EQ(entry(report, "a.bin").destinations[1], disks == 2 ? "failed" : "verified");
         EXPECT_FALSE(report.safeToFormat());
+        ASSERT_EQ(report.verifyNotes.has_value(), disks == 2);
+        if (disks == 2) {
+            EXPECT_THAT(report.verifyNotes->at(0),
+                        ::testing::AllOf(::testing::StartsWith("a.bin: block 0 mismatches the same way on "),
+                                         ::testing::HasSubstr("the card now gives the recorded data")));
+        }
     }
+}
+
+// Whatever breaks a read-back off, no buffer is lost, the run ends with its report, and nothing counts as verified.
+TEST_F(CopyTest, AReadBackThatBreaksOffFailsItsFiles) {
+    options.bufferCount = 2;
+    put("a.bin", 9000);
+    put("b.bin", 9000);
+    options.afterVerifyChunk = [] { throw std::bad_alloc(); };
+    const OffloadReport report = run();
+    EXPECT_EQ(report.failedFiles().size(), 2U);
+    EXPECT_THAT(entry(report, "b.bin").errors[1].value_or(""), ::testing::StartsWith("verify: "));
+    EXPECT_EQ(recorder.calls.size(), 2U);
 }
 
 } // namespace velmora::test

@@ -9,8 +9,6 @@
 namespace velmora {
 namespace {
 
-namespace fs = std::filesystem;
-
 class FolderLocksTest : public testing::Test {
 protected:
     bool isFree(const std::string& path) { return FileLock::tryLock(Locks::cardFolder(path, locks)).has_value(); }
@@ -24,8 +22,7 @@ protected:
 TEST_F(FolderLocksTest, HoldsAllFoldersOrNone) {
     {
         const FolderLocks held = FolderLocks::acquire({b, a, b, a + "/"}, locks);
-        EXPECT_FALSE(isFree(a));
-        EXPECT_FALSE(isFree(b));
+        EXPECT_FALSE(isFree(a) || isFree(b));
     }
     for (const auto& [taken, other] : {std::pair(a, b), std::pair(b, a)}) {
         const auto foreign = FileLock::tryLock(Locks::cardFolder(taken, locks));
@@ -45,8 +42,8 @@ TEST_F(FolderLocksTest, HoldsAllFoldersOrNone) {
 }
 
 TEST_F(FolderLocksTest, KnowsAFolderHoweverItIsWritten) {
-    fs::create_directories(a);
-    fs::create_directory_symlink(folder / "disk1", folder / "link");
+    std::filesystem::create_directories(a);
+    std::filesystem::create_directory_symlink(folder / "disk1", folder / "link");
     FolderLocks held = FolderLocks::acquire({folder / "link/2026-11-22/./a001/"}, locks);
     EXPECT_FALSE(isFree(a));
     FolderLocks moved = std::move(held);
@@ -55,9 +52,6 @@ TEST_F(FolderLocksTest, KnowsAFolderHoweverItIsWritten) {
     moved.release();
     moved.release();
     EXPECT_TRUE(isFree(a));
-}
-
-TEST_F(FolderLocksTest, NamesLocksByKindAndDigest) {
     const std::string card = Locks::cardFolder("/Volumes/X", "/l");
     EXPECT_EQ(card, "/l/append-5160ebf788d11e89fc2898796c92ea2bdc8766d734870772698dd3f9c69130de.lock");
     EXPECT_EQ(Locks::day("/volumes/x/", "/l"), "/l/day-" + card.substr(10));

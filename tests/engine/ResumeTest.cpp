@@ -48,18 +48,6 @@ protected:
 
 } // namespace
 
-TEST_F(ResumeTest, ACrashLeavesThePartAndItsCheckpoints) {
-    crashIn(1, 6);
-    for (std::size_t d = 0; d < 2; ++d) {
-        EXPECT_TRUE(IO::exists(part(d)));
-        EXPECT_FALSE(IO::exists(dest(d) + "/b.bin"));
-        EXPECT_TRUE(lines(dest(d), "file").empty()) << "nothing was flushed yet";
-        const auto parts = ManifestFile::parts(ManifestFile::read(dest(d)), 1);
-        ASSERT_TRUE(parts.contains("b.bin"));
-        EXPECT_EQ(parts.at("b.bin").blocks.size(), 6U);
-    }
-}
-
 TEST_F(ResumeTest, GoesOnBehindTheCheckpointOrFromTheStart) {
     struct Case {
         const char* name;
@@ -156,7 +144,7 @@ TEST_F(ResumeTest, HashOnlyFilesAreReadBackAgainstTheCard) {
     EXPECT_FALSE(IO::exists(dest(0) + "/c.bin.bad"));
 }
 
-TEST_F(ResumeTest, AnAppendGoesThroughNoLink) {
+TEST_F(ResumeTest, AnAppendClearsUpAfterItsLikeAndGoesThroughNoLink) {
     run();
     OffloadPlan plan = *engine->plan();
     plan.fixedCardPaths = plan.cardPaths();
@@ -164,11 +152,18 @@ TEST_F(ResumeTest, AnAppendGoesThroughNoLink) {
     plan.generation = 2;
     put("new/d.bin", 100);
     plan.scan.files = {{"new/d.bin", 100, IO::stat(card() + "/new/d.bin").modified}};
-    std::filesystem::create_directory(temp / "elsewhere");
-    std::filesystem::create_directory_symlink(temp / "elsewhere", dest(0) + "/new");
+    const std::string cutOff = "/.velmora-7-0-0123456789abcdef.tmp";
+    const std::string elsewhere = temp / "elsewhere";
+    for (const std::string& path : {dest(0) + "/_REPORT" + cutOff, dest(0) + "/_REPORT" + cutOff + "x",
+                                    dest(0) + "/A" + cutOff, elsewhere + cutOff})
+        FileTree::write(path, "half");
+    std::filesystem::create_directory_symlink(elsewhere, dest(0) + "/new");
+    std::filesystem::create_directory_symlink(elsewhere, dest(0) + "/ascmhl");
     const OffloadReport report = run(plan);
-    EXPECT_TRUE(IO::list(temp / "elsewhere").empty());
+    EXPECT_EQ(IO::list(elsewhere).size(), 1U);
     EXPECT_EQ(report.files[0].destinations, (std::vector<std::string>{"failed", "verified"}));
+    EXPECT_FALSE(IO::exists(dest(0) + "/_REPORT" + cutOff));
+    EXPECT_TRUE(IO::exists(dest(0) + "/_REPORT" + cutOff + "x") && IO::exists(dest(0) + "/A" + cutOff));
 }
 
 } // namespace velmora::test

@@ -22,25 +22,22 @@ using testing::UnorderedElementsAre;
 
 void touch(const std::string& path) { test::FileTree::write(path, "x"); }
 
-std::vector<std::string> names(const std::vector<SourceFile>& files) {
+template <class T>
+std::vector<std::string> all(const std::vector<T>& items, std::string T::* what) {
     std::vector<std::string> result;
-    for (const SourceFile& file : files)
-        result.push_back(file.relPath);
+    for (const T& item : items)
+        result.push_back(item.*what);
     return result;
 }
-
-std::vector<std::string> shown(const std::vector<UncopiedItem>& items) {
-    std::vector<std::string> result;
-    for (const UncopiedItem& item : items)
-        result.push_back(item.shown);
-    return result;
-}
+auto names(const SourceScan& scan) { return all(scan.files, &SourceFile::relPath); }
+auto shown(const SourceScan& scan) { return all(scan.uncopied, &UncopiedItem::shown); }
 
 TEST(Scanner, TellsFilesFoldersAndSystemJunkApart) {
     const TempFolder card;
-    for (const char* path : {"DCIM/b.mov", "DCIM/B.mov", "DCIM/a/z.mov", "DCIM-2/x", "ascmhl.txt", "Sub/.Trashes",
-                             "Sub/._", "Sub/._b.mov", "Sub/.DS_Store", ".Spotlight-V100/store", ".fseventsd/log",
-                             "Sub/.Trashes2/kept", ".TemporaryItems/t", "Sub/.DocumentRevisions-V100/db"})
+    for (const char* path :
+         {"DCIM/b.mov", "DCIM/B.mov", "DCIM/a/z.mov", "DCIM-2/x", "ascmhl.txt", "Sub/.Trashes", "Sub/._", "Sub/._b.mov",
+          "Sub/.DS_Store", ".Spotlight-V100/store", ".fseventsd/log", "Sub/.Trashes2/kept", ".TemporaryItems/t",
+          ".Trashes/deleted.mov", "Sub/.DocumentRevisions-V100/db"})
         touch(card / path);
     test::FileTree::write(card / "sized", std::string(1234, 'x'), 1'700'000'000);
     fs::create_directories(card / "empty/inner");
@@ -50,25 +47,15 @@ TEST(Scanner, TellsFilesFoldersAndSystemJunkApart) {
 
     const SourceScan scan = Scanner::scan(card.path());
     EXPECT_EQ(scan.root, card.path());
-    EXPECT_THAT(names(scan.files), ElementsAre("DCIM-2/x", "DCIM/B.mov", "DCIM/a/z.mov", "DCIM/b.mov", "Sub/.Trashes",
-                                               "Sub/.Trashes2/kept", "ascmhl.txt", "sized"));
+    EXPECT_THAT(names(scan), ElementsAre("DCIM-2/x", "DCIM/B.mov", "DCIM/a/z.mov", "DCIM/b.mov", "Sub/.Trashes",
+                                         "Sub/.Trashes2/kept", "ascmhl.txt", "sized"));
     EXPECT_THAT(scan.dirs, ElementsAre("DCIM", "DCIM-2", "DCIM/a", "Sub", "Sub/.Trashes2", "empty", "empty/inner"));
-    EXPECT_THAT(scan.skipped,
-                UnorderedElementsAre("Sub/._", "Sub/._b.mov", "Sub/.DS_Store", ".Spotlight-V100", ".fseventsd",
-                                     ".TemporaryItems", "Sub/.DocumentRevisions-V100", "link", "rootlink", "fifo"));
+    EXPECT_THAT(scan.skipped, UnorderedElementsAre("Sub/._", "Sub/._b.mov", "Sub/.DS_Store", ".Spotlight-V100",
+                                                   ".fseventsd", ".Trashes", ".TemporaryItems",
+                                                   "Sub/.DocumentRevisions-V100", "link", "rootlink", "fifo"));
     EXPECT_THAT(scan.uncopied, IsEmpty());
     EXPECT_EQ(scan.files.back().size, 1234);
     EXPECT_EQ(scan.files.back().mtime, (Timestamp{1'700'000'000, 0}));
-}
-
-TEST(Scanner, NeverEntersAFolderOfSystemJunk) {
-    const TempFolder card;
-    touch(card / ".Trashes/deleted.mov");
-    touch(card / "x");
-    const SourceScan scan = Scanner::scan(card.path());
-    EXPECT_THAT(names(scan.files), ElementsAre("x"));
-    EXPECT_THAT(scan.skipped, ElementsAre(".Trashes"));
-    EXPECT_THAT(scan.dirs, IsEmpty());
 }
 
 TEST(Scanner, ListsWhatNoRecordCanHoldInsteadOfLosingIt) {
@@ -77,11 +64,10 @@ TEST(Scanner, ListsWhatNoRecordCanHoldInsteadOfLosingIt) {
                              "sound/\xc3\x28/deep/._junk", "sound/ok.wav", "nonchar\xef\xbf\xbf"})
         touch(card / path);
     const SourceScan scan = Scanner::scan(card.path());
-    EXPECT_THAT(names(scan.files), ElementsAre("good.mov", "sound/ok.wav"));
+    EXPECT_THAT(names(scan), ElementsAre("good.mov", "sound/ok.wav"));
     EXPECT_THAT(scan.dirs, ElementsAre("sound")) << "no folder is made for what is not copied";
-    EXPECT_THAT(shown(scan.uncopied),
-                UnorderedElementsAre("b\\xFF.mov", "two\\x0Alines", "esc\\x1B[1m", "sound/\\xC3(",
-                                     "sound/\\xC3(/deep/clip.mov", testing::StartsWith("nonchar")));
+    EXPECT_THAT(shown(scan), UnorderedElementsAre("b\\xFF.mov", "two\\x0Alines", "esc\\x1B[1m", "sound/\\xC3(",
+                                                  "sound/\\xC3(/deep/clip.mov", testing::StartsWith("nonchar")));
     EXPECT_THAT(scan.skipped, ElementsAre("sound/\\xC3(/deep/._junk"));
     for (const UncopiedItem& item : scan.uncopied) {
         EXPECT_EQ(item.isFolder, item.shown == "sound/\\xC3(") << item.shown;
@@ -100,35 +86,28 @@ TEST(Scanner, SaysWhichFoldersItCouldNotList) {
     fs::permissions(card / "DCIM/shut", fs::perms(0700));
     SourceScan scan;
     test::asNobody([&] { scan = Scanner::scan(card.path()); });
-    EXPECT_THAT(names(scan.files), ElementsAre("DCIM/open/a.mov"));
-    ASSERT_THAT(shown(scan.uncopied), ElementsAre("DCIM/shut"));
+    EXPECT_THAT(names(scan), ElementsAre("DCIM/open/a.mov"));
+    ASSERT_THAT(shown(scan), ElementsAre("DCIM/shut"));
     EXPECT_TRUE(scan.uncopied[0].isFolder);
     EXPECT_THAT(scan.uncopied[0].error, HasSubstr("Permission denied"));
 
     fs::permissions(card.path(), fs::perms(0700));
-    std::optional<PreflightCode> code;
+    std::string code = "none";
     test::asNobody([&] {
         try {
             Scanner::scan(card.path());
         } catch (const OffloadError& e) {
-            code = e.code();
+            code = name(*e.code());
         }
     });
-    EXPECT_EQ(code, PreflightCode::noReadAccess);
+    EXPECT_EQ(code, "noReadAccess");
 }
 
 TEST(Scanner, NeedsAFolderToScan) {
     const TempFolder card;
     touch(card / "file");
     for (const char* root : {"missing", "file"}) {
-        try {
-            Scanner::scan(card / root);
-            ADD_FAILURE() << root;
-        } catch (const IOError& e) {
-            EXPECT_EQ(e.op(), "scan");
-            EXPECT_EQ(e.path(), card / root);
-            EXPECT_EQ(e.code(), ENOENT);
-        }
+        EXPECT_THROW(Scanner::scan(card / root), IOError) << root;
         EXPECT_NO_THROW(Scanner::checkReadAccess(card / root)) << "not a matter of access";
     }
 }
@@ -160,7 +139,7 @@ TEST(Scanner, StopsBelowPathsThatNoCallCanOpen) {
     ::close(fd);
     touch(card / (name + "/reachable"));
     const SourceScan scan = Scanner::scan(card.path());
-    EXPECT_THAT(names(scan.files), ElementsAre(name + "/reachable"));
+    EXPECT_THAT(names(scan), ElementsAre(name + "/reachable"));
     EXPECT_EQ(scan.dirs.size(), 17U) << "16 that can be listed, and the one that cannot";
     ASSERT_EQ(scan.uncopied.size(), 1U);
     EXPECT_THAT(scan.uncopied[0].error, HasSubstr("File name too long"));

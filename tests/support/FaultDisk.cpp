@@ -27,16 +27,6 @@ std::string freshFolder() {
     return pattern;
 }
 
-// Runs a command of the system and gives its standard output without the last line end.
-std::string run(const std::string& command) {
-    FILE* pipe = popen((command + " 2>&1").c_str(), "re");
-    std::string output(4096, '\0');
-    output.resize(fread(output.data(), 1, output.size(), pipe));
-    if (pclose(pipe) != 0)
-        throw std::runtime_error(command + ": " + output);
-    return output.substr(0, output.find_last_not_of('\n') + 1);
-}
-
 } // namespace
 
 std::optional<std::string> FaultDisk::unavailable() {
@@ -54,7 +44,10 @@ FaultDisk::FaultDisk(const std::string& backing, Power power) {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::runtime_error("socketpair");
     const char* const arguments[] = {VELMORA_FAULT_DISK, backing_.c_str(), mount_.c_str(),
-                                     power == Power::ignored ? "--no-power" : nullptr, nullptr};
+                                     power == Power::ignored   ? "--no-power"
+                                     : power == Power::perFile ? "--no-syncfs"
+                                                               : nullptr,
+                                     nullptr};
     server_ = fork();
     if (server_ == 0) {
         setsid(); // Ctrl-C at the test's terminal is the test's business
@@ -118,8 +111,9 @@ void FaultDisk::cutShort(std::int64_t bytes, const At& at) { rule("short", bytes
 void FaultDisk::flip(const At& at, std::int64_t bit) { rule("flip", bit, at); }
 void FaultDisk::delay(std::int64_t milliseconds, const At& at) { rule("delay", milliseconds, at); }
 void FaultDisk::stall(const At& at) { rule("stall", 0, at); }
-void FaultDisk::crash(const At& at) { rule("crash", 0, at); }
+void FaultDisk::crash(const At& at, bool behind) { rule("crash", behind ? 1 : 0, at); }
 void FaultDisk::clear() { ask("clear"); }
+void FaultDisk::settle() { ask("settle"); }
 
 void FaultDisk::fillUp(std::int64_t bytesLeft, const std::string& pattern) {
     rule("full", bytesLeft, {.ops = "write", .times = 0, .pattern = pattern});
@@ -139,53 +133,22 @@ std::string FaultDisk::cutPower(std::uint64_t seed, unsigned garbagePercent) {
 }
 
 std::optional<std::string> PowerCutDisk::unavailable() {
-    if (auto reason = FaultDisk::unavailable())
-        return reason;
-    if (access("/dev/loop-control", R_OK | W_OK) != 0)
-        return "no loop devices here";
-    return std::nullopt;
+    auto reason = FaultDisk::unavailable();
+    return reason ? reason : LoopImage::unavailable(LoopImage::Kind::ext4);
 }
 
-PowerCutDisk::PowerCutDisk(std::int64_t bytes, const std::string& type) : folder_(freshFolder()), type_(type) {
-    mount_ = folder_ + "/mount";
-    fs::create_directory(mount_);
-    disk_.emplace();
-    const std::string image = disk_->medium() + "/disk.img";
-    run(fmt::format("truncate -s {} {}", bytes, image));
-    run(fmt::format("mkfs.{} -q {}", type_, image));
-    attach(disk_->root() + "/disk.img");
-}
-
-PowerCutDisk::~PowerCutDisk() {
-    try {
-        detach();
-        disk_.reset();
-        fs::remove_all(folder_);
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "PowerCutDisk: {}\n", error.what());
-    }
-}
-
-void PowerCutDisk::attach(const std::string& image) {
-    // Past the cache of the loop device: every block write and every flush of the file system reaches the image.
-    loop_ = run(fmt::format("losetup --find --show --direct-io=on {}", image));
-    run(fmt::format("mount -t {} {} {}", type_, loop_, mount_));
-}
-
-void PowerCutDisk::detach() {
-    if (loop_.empty())
-        return;
-    if (umount2(mount_.c_str(), MNT_FORCE) != 0)
-        umount2(mount_.c_str(), MNT_DETACH);
-    run("losetup --detach " + std::exchange(loop_, {}));
+PowerCutDisk::PowerCutDisk(std::int64_t mebibytes) {
+    const std::string image = disk_.medium() + "/disk.img";
+    shell(fmt::format("truncate -s {}M {} && mkfs.ext4 -q {}", mebibytes, image, image));
+    image_.emplace(LoopImage::Kind::ext4, disk_.root() + "/disk.img");
 }
 
 std::string PowerCutDisk::cutPowerAndRestart(std::uint64_t seed) {
     // The device dies under the mounted file system; what that still tries to write meets errors.
-    disk_->fail(EIO, {.ops = "write,fsync", .times = 0});
-    detach();
-    const auto said = disk_->cutPower(seed, 0);
-    attach(disk_->medium() + "/disk.img");
+    disk_.fail(EIO, {.ops = "write,fsync", .times = 0});
+    image_.reset();
+    const auto said = disk_.cutPower(seed, 0);
+    image_.emplace(LoopImage::Kind::ext4, disk_.medium() + "/disk.img");
     return said;
 }
 

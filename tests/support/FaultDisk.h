@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/LoopImage.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,7 +24,9 @@ public:
     // The words why no FUSE file system can be mounted here, for GTEST_SKIP.
     static std::optional<std::string> unavailable();
 
-    enum class Power { remembered, ignored }; // ignored: no memory is spent on what a cut would take back
+    // ignored: no memory is spent on what a cut would take back. perFile: no syncfs reaches the disk, each file and
+    // folder has to be flushed by itself.
+    enum class Power { remembered, ignored, perFile };
     // Over an own temporary folder, or over `backing`, a folder of an earlier FaultDisk.
     explicit FaultDisk(const std::string& backing = {}, Power power = Power::remembered);
     ~FaultDisk();
@@ -45,11 +49,14 @@ public:
     void flip(const At& at, std::int64_t bit = -1);  // of the bytes read or written; -1: one in the middle
     void delay(std::int64_t milliseconds, const At& at);
     void stall(const At& at); // until clear()
-    void crash(const At& at); // SIGKILL to the process whose operation it is; EIO for everybody from then on
+    // SIGKILL to the process whose operation it is, EIO for everybody from then on; `behind`: at the next change of the
+    // disk after that operation.
+    void crash(const At& at, bool behind = false);
     void fillUp(std::int64_t bytesLeft, const std::string& pattern = "*");
     void turnReadOnly(const At& at); // for good: EROFS for every change
     void vanish(const At& at);       // for good: ENODEV for everything
     void clear();                    // heals all faults
+    void settle();                   // what is unflushed counts as flushed
 
     std::int64_t count(std::string_view ops = "change");
     std::int64_t hits();   // operations that a fault has struck
@@ -57,7 +64,8 @@ public:
 
     // The power goes: of the changes that were never flushed, some land, some vanish, some turn to garbage. The disk
     // is unmounted afterwards; medium() holds what a later mount would find. Returns what was done, for the message of
-    // a failing test.
+    // a failing test. With `nothingLands` for a seed, all of them vanish.
+    static constexpr std::uint64_t nothingLands = ~std::uint64_t{0};
     std::string cutPower(std::uint64_t seed, unsigned garbagePercent = 20);
     void unmount();
 
@@ -72,27 +80,21 @@ private:
     std::string pending_; // bytes behind the last answer
 };
 
-// A real file system, ext4 unless told otherwise, on a block device whose power can be cut: the image file lies on a
-// FaultDisk, so that the blocks written since the last device flush are known. Needs root and loop devices.
+// ext4 on a block device whose power can be cut: the image file lies on a FaultDisk, so that the blocks written since
+// the last device flush are known.
 class PowerCutDisk {
 public:
     static std::optional<std::string> unavailable();
-    explicit PowerCutDisk(std::int64_t bytes = 256 << 20, const std::string& type = "ext4");
-    ~PowerCutDisk();
-    PowerCutDisk(const PowerCutDisk&) = delete;
-    PowerCutDisk& operator=(const PowerCutDisk&) = delete;
-
-    const std::string& root() const { return mount_; }
-    FaultDisk& device() { return *disk_; } // faults of single blocks: read, write, fsync of "/disk.img"
+    explicit PowerCutDisk(std::int64_t mebibytes);
+    const std::string& root() const { return image_->path(); }
+    FaultDisk& device() { return disk_; } // faults of single blocks: read, write, fsync of "/disk.img"
     // Cuts the power and mounts again what survived, as a computer does that comes up again: root() is usable and on a
     // sound device afterwards. Returns what was done.
     std::string cutPowerAndRestart(std::uint64_t seed);
 
 private:
-    void attach(const std::string& image);
-    void detach();
-    std::optional<FaultDisk> disk_;
-    std::string folder_, mount_, loop_, type_;
+    FaultDisk disk_;
+    std::optional<LoopImage> image_;
 };
 
 } // namespace velmora::test

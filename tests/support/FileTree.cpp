@@ -1,6 +1,5 @@
 #include "support/FileTree.h"
 
-#include <array>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -87,17 +86,6 @@ void make(const std::string& root, const std::vector<File>& files, std::uint64_t
             write(path, bytes(seed * 1000003 + std::hash<std::string>()(file.path), file.size), morning + 60 * index);
         ++index;
     }
-}
-
-std::vector<File> cameraLike(std::size_t count, std::size_t largest, std::uint64_t seed) {
-    static constexpr std::array extensions = {"MOV", "XML", "BIM", "PPN"};
-    std::vector<File> files;
-    std::uint64_t state = seed;
-    for (std::size_t i = 0; i < count; ++i)
-        files.push_back({fmt::format("DCIM/{:03}CLIPS/A{:03}C{:04}.{}", 100 + i / 100, i / 100 + 1, i % 100,
-                                     extensions[i % extensions.size()]),
-                         largest == 0 ? 0 : static_cast<std::size_t>(next(state) % (largest + 1))});
-    return files;
 }
 
 std::map<std::string, std::string> contents(const std::string& root) {

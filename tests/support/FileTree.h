@@ -27,8 +27,6 @@ struct File {
 };
 // Makes all of them below `root`; content from `seed` and the path, times a minute apart from 2026-03-14 08:00:00 UTC.
 void make(const std::string& root, const std::vector<File>& files, std::uint64_t seed = 1);
-// A tree as cameras write it, `count` files in folders of a hundred, sizes from 0 to `largest` bytes.
-std::vector<File> cameraLike(std::size_t count, std::size_t largest, std::uint64_t seed = 1);
 
 // Relative path → content of every file, "/" for every folder (whose path ends in "/"), "-> target" for links.
 std::map<std::string, std::string> contents(const std::string& root);

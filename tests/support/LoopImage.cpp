@@ -1,24 +1,19 @@
 #include "support/LoopImage.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fmt/format.h>
 #include <fstream>
-#include <initializer_list>
-#include <linux/loop.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdexcept>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace velmora::test {
 
@@ -28,44 +23,17 @@ namespace {
 const bool ownNamespace =
     ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 
-[[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
+constexpr const char* exfatProgram = "/usr/sbin/mount.exfat-fuse";
 
-std::string programFor(LoopImage::Kind kind) { return std::string("mkfs.") + LoopImage::name(kind); }
-
-std::string findProgram(const std::string& name) {
-    for (const char* folder : {"/usr/sbin/", "/sbin/", "/usr/bin/", "/bin/"})
-        if (::access((folder + name).c_str(), X_OK) == 0)
-            return folder + name;
-    return "";
-}
-
-// Starts a program with its output thrown away; it dies with the thread that started it.
-pid_t start(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid < 0)
-        fail("fork");
-    if (pid == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int nothing = ::open("/dev/null", O_RDWR);
-        for (const int fd : {0, 1, 2})
-            ::dup2(nothing, fd);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    return pid;
-}
-
-void run(const std::vector<std::string>& arguments) {
-    const pid_t pid = start(arguments);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (status != 0)
-        throw std::runtime_error(arguments[0] + " ended with status " + std::to_string(status));
+struct Facts {
+    const char* name;
+    std::int64_t leastMebibytes;
+    const char* makeOptions;
+};
+const Facts& factsOf(LoopImage::Kind kind) {
+    static constexpr Facts all[] = {
+        {"ext4", 64, "-q -F"}, {"xfs", 320, "-q -f"}, {"btrfs", 256, "-q -f"}, {"exfat", 64, ""}};
+    return all[static_cast<int>(kind)];
 }
 
 bool isMountPoint(const std::string& path) {
@@ -75,30 +43,32 @@ bool isMountPoint(const std::string& path) {
            here.st_dev != above.st_dev;
 }
 
-std::vector<std::string> makeCommand(LoopImage::Kind kind, const std::string& label, const std::string& device) {
-    const std::string program = findProgram(programFor(kind));
-    switch (kind) {
-    case LoopImage::Kind::ext4:
-        return {program, "-q", "-F", "-L", label, device};
-    case LoopImage::Kind::xfs:
-        return {program, "-q", "-f", "-L", label, device};
-    case LoopImage::Kind::btrfs:
-        return {program, "-q", "-f", "-L", label, device};
-    default:
-        return {program, "-L", label, device};
+// In the foreground, where it is our child and dies with the thread that started it.
+pid_t startExfatDaemon(const char* mode, const std::string& device, const std::string& mountPoint) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int nothing = ::open("/dev/null", O_RDWR);
+        for (const int fd : {0, 1, 2})
+            ::dup2(nothing, fd);
+        ::execl(exfatProgram, exfatProgram, "-d", "-o", mode, device.c_str(), mountPoint.c_str(), nullptr);
+        ::_exit(127);
     }
-}
-
-std::int64_t leastMebibytes(LoopImage::Kind kind) {
-    return kind == LoopImage::Kind::xfs ? 320 : kind == LoopImage::Kind::btrfs ? 256 : 64;
+    return pid;
 }
 
 } // namespace
 
-const char* LoopImage::name(Kind kind) {
-    static constexpr const char* names[] = {"ext4", "xfs", "btrfs", "exfat"};
-    return names[static_cast<int>(kind)];
+std::string shell(const std::string& command) {
+    FILE* pipe = ::popen(("{ PATH=$PATH:/usr/sbin:/sbin; " + command + "; } 2>&1").c_str(), "re");
+    std::string output(4096, '\0');
+    output.resize(::fread(output.data(), 1, output.size(), pipe));
+    if (::pclose(pipe) != 0)
+        throw std::runtime_error(command + ": " + output);
+    return output.substr(0, output.find_last_not_of('\n') + 1);
 }
+
+const char* LoopImage::name(Kind kind) { return factsOf(kind).name; }
 
 std::optional<std::string> LoopImage::unavailable(Kind kind) {
     if (::geteuid() != 0)
@@ -107,11 +77,10 @@ std::optional<std::string> LoopImage::unavailable(Kind kind) {
         return "needs a mount namespace of its own";
     if (::access("/dev/loop-control", R_OK | W_OK) != 0)
         return "there are no loop devices";
-    if (findProgram(programFor(kind)).empty())
-        return programFor(kind) + " is not installed";
+    if (::access(fmt::format("/usr/sbin/mkfs.{}", name(kind)).c_str(), X_OK) != 0)
+        return fmt::format("mkfs.{} is not installed", name(kind));
     if (kind == Kind::exfat)
-        return findProgram("mount.exfat-fuse").empty() ? std::optional("mount.exfat-fuse is not installed")
-                                                       : std::nullopt;
+        return ::access(exfatProgram, X_OK) == 0 ? std::nullopt : std::optional("mount.exfat-fuse is not installed");
     std::ifstream known("/proc/filesystems");
     for (std::string word; known >> word;)
         if (word == name(kind))
@@ -121,56 +90,37 @@ std::optional<std::string> LoopImage::unavailable(Kind kind) {
 
 LoopImage::LoopImage(Kind kind, std::int64_t mebibytes, const std::string& label)
     : kind_(kind), mountPoint_(folder_ / "mounted") {
-    std::ofstream(image()).close();
-    std::filesystem::resize_file(image(), static_cast<std::uintmax_t>(std::max(mebibytes, leastMebibytes(kind))) << 20);
-    std::filesystem::create_directory(mountPoint_);
-    try {
-        attach();
-        run(makeCommand(kind, label, device_));
-        mount();
-    } catch (...) {
-        detach();
-        throw;
-    }
+    const std::string image = folder_ / "image";
+    const Facts& facts = factsOf(kind);
+    shell(fmt::format("truncate -s {}M '{}'", std::max(mebibytes, facts.leastMebibytes), image));
+    shell(fmt::format("mkfs.{} {} -L '{}' '{}'", facts.name, facts.makeOptions, label, image));
+    attach(image, "");
+}
+
+LoopImage::LoopImage(Kind kind, const std::string& image) : kind_(kind), mountPoint_(folder_ / "mounted") {
+    attach(image, "--direct-io=on"); // past the cache of the loop device
 }
 
 LoopImage::~LoopImage() { detach(); }
 
-// Two programs may be told the same free number; the slower one asks again.
-void LoopImage::attach() {
-    const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-    const int file = ::open(image().c_str(), O_RDWR | O_CLOEXEC);
-    for (int attempt = 0; control >= 0 && file >= 0 && attempt < 100 && deviceFd_ < 0; ++attempt) {
-        const int number = ::ioctl(control, LOOP_CTL_GET_FREE);
-        if (number < 0)
-            break;
-        device_ = "/dev/loop" + std::to_string(number);
-        const int fd = ::open(device_.c_str(), O_RDWR | O_CLOEXEC);
-        loop_config config{};
-        config.fd = static_cast<std::uint32_t>(file);
-        config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-        if (fd >= 0 && ::ioctl(fd, LOOP_CONFIGURE, &config) == 0)
-            deviceFd_ = fd;
-        else if (fd >= 0)
-            ::close(fd);
-    }
-    const int code = errno;
-    for (const int fd : {control, file})
-        if (fd >= 0)
-            ::close(fd);
-    errno = code;
-    if (deviceFd_ < 0)
-        fail("loop device");
+void LoopImage::attach(const std::string& image, const std::string& options) try {
+    std::filesystem::create_directory(mountPoint_);
+    device_ = shell(fmt::format("losetup --find --show {} '{}'", options, image));
+    deviceFd_ = ::open(device_.c_str(), O_RDWR | O_CLOEXEC);
+    shell("losetup --detach " + device_); // it is in use: it goes with its last user
+    mount();
+} catch (...) {
+    detach();
+    throw;
 }
 
 void LoopImage::mount(bool readOnly) {
+    const char* mode = readOnly ? "ro" : "rw";
     if (kind_ != Kind::exfat) {
-        if (::mount(device_.c_str(), mountPoint_.c_str(), name(kind_), readOnly ? MS_RDONLY : 0, nullptr) != 0)
-            fail("mount " + device_);
+        shell(fmt::format("mount -t {} -o {} {} '{}'", name(kind_), mode, device_, mountPoint_));
         return;
     }
-    // -d keeps the daemon in the foreground, where it is our child and dies with us.
-    daemon_ = start({findProgram("mount.exfat-fuse"), "-d", "-o", readOnly ? "ro" : "rw", device_, mountPoint_});
+    daemon_ = startExfatDaemon(mode, device_, mountPoint_);
     for (int wait = 0; wait < 500 && !isMountPoint(mountPoint_); ++wait)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     if (!isMountPoint(mountPoint_))
@@ -178,15 +128,14 @@ void LoopImage::mount(bool readOnly) {
 }
 
 void LoopImage::unmount() {
-    if (isMountPoint(mountPoint_) && ::umount2(mountPoint_.c_str(), 0) != 0)
-        fail("umount " + mountPoint_);
+    shell("umount '" + mountPoint_ + "'");
     if (daemon_ > 0)
         ::waitpid(daemon_, nullptr, 0); // it writes its last blocks after the umount has returned
     daemon_ = -1;
 }
 
 void LoopImage::detach() noexcept {
-    if (isMountPoint(mountPoint_))
+    if (isMountPoint(mountPoint_) && ::umount2(mountPoint_.c_str(), MNT_FORCE) != 0)
         ::umount2(mountPoint_.c_str(), MNT_DETACH);
     if (daemon_ > 0) {
         ::kill(daemon_, SIGTERM);
@@ -194,8 +143,6 @@ void LoopImage::detach() noexcept {
     }
     if (deviceFd_ >= 0)
         ::close(deviceFd_);
-    deviceFd_ = -1;
-    daemon_ = -1;
 }
 
 } // namespace velmora::test

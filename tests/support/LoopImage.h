@@ -9,6 +9,9 @@
 
 namespace velmora::test {
 
+// Runs a command of the system and gives what it printed, without the last line end; throws with that when it failed.
+std::string shell(const std::string& command);
+
 // A real file system in an image file on a loop device, mounted for as long as the object lives. Every program that
 // uses it runs in a mount namespace of its own, and the loop device clears itself with its last user: whatever way the
 // program ends, no mount, device or daemon stays behind.
@@ -22,6 +25,8 @@ public:
 
     // A sparse image of `mebibytes`, never smaller than the file system's own least size. Throws when a step fails.
     explicit LoopImage(Kind kind, std::int64_t mebibytes = 0, const std::string& label = "VELMORA");
+    // Over a file that holds such a file system; each of its writes and flushes reaches the file as one.
+    LoopImage(Kind kind, const std::string& image);
     ~LoopImage();
     LoopImage(const LoopImage&) = delete;
     LoopImage& operator=(const LoopImage&) = delete;
@@ -29,13 +34,12 @@ public:
     const std::string& path() const { return mountPoint_; } // where it is mounted
     std::string operator/(const std::string& name) const { return mountPoint_ + "/" + name; }
     const std::string& device() const { return device_; } // "/dev/loop3"
-    std::string image() const { return folder_ / "image"; }
 
     void unmount();
     void mount(bool readOnly = false); // after unmount()
 
 private:
-    void attach();
+    void attach(const std::string& image, const std::string& options);
     void detach() noexcept;
 
     Kind kind_;

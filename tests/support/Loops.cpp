@@ -1,7 +1,5 @@
 #include "support/Loops.h"
 
-#include "support/FaultDisk.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -17,13 +15,6 @@
 namespace velmora::test {
 
 namespace {
-
-void flushAll(const std::string& root) {
-    const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || syncfs(fd) != 0)
-        throw std::runtime_error("cannot flush " + root);
-    close(fd);
-}
 
 // Runs the work in a child. Empty when it came to its end and succeeded, else what it said, or how it ended.
 std::string runInChild(const std::function<void(const std::string&)>& work, const std::string& root) {
@@ -83,8 +74,7 @@ std::uint64_t seed() {
     return value;
 }
 
-int faultLoop(const DurableOperation& operation, int error,
-              const std::function<void(const std::string& root, bool succeeded)>& check) {
+int faultLoop(const DurableOperation& operation, int error, const Check& check) {
     int rounds = 0;
     auto positions = strikes(operation, 40);
     positions.push_back(positions.empty() ? 0 : positions.back() + 1); // the clean round
@@ -108,8 +98,7 @@ int faultLoop(const DurableOperation& operation, int error,
     return rounds;
 }
 
-int crashLoop(const DurableOperation& operation, const CrashOptions& options,
-              const std::function<void(const std::string& root, bool succeeded)>& check) {
+int crashLoop(const DurableOperation& operation, const CrashOptions& options, const Check& check) {
     int rounds = 0;
     auto positions = strikes(operation, options.sample);
     const auto beyond = positions.empty() ? 1 : positions.back() + 1;
@@ -118,9 +107,9 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
     for (const auto position : positions) {
         const auto roundSeed = random() % 1'000'000;
         const bool powerCut = options.powerCuts && (position == beyond || rounds % 2 == 0 || soaking());
-        auto disk = std::make_unique<FaultDisk>();
+        auto disk = std::make_unique<FaultDisk>(std::string(), operation.power);
         operation.prepare(disk->root());
-        flushAll(disk->root());
+        disk->settle();
         disk->crash({.ops = operation.ops, .skip = position});
         bool succeeded = runInChild(operation.work, disk->root()).empty();
         std::string story = fmt::format("VELMORA_SEED={} round {}: killed at operation {} of {} ({})", seed(), rounds,
@@ -130,7 +119,7 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
             if (!cut)
                 return disk->clear();
             story += "; " + disk->cutPower(cutSeed);
-            auto next = std::make_unique<FaultDisk>(disk->backing());
+            auto next = std::make_unique<FaultDisk>(disk->backing(), operation.power);
             if (!first)
                 first = std::move(disk);
             disk = std::move(next);
@@ -151,6 +140,22 @@ int crashLoop(const DurableOperation& operation, const CrashOptions& options,
         ++rounds;
     }
     return rounds;
+}
+
+int worstMoments(const DurableOperation& operation, FaultDisk::At at, const Check& check) {
+    for (bool struck = true; struck; ++at.skip) {
+        FaultDisk disk(std::string(), operation.power);
+        operation.prepare(disk.root());
+        disk.settle();
+        disk.crash(at, true);
+        const bool succeeded = runInChild(operation.work, disk.root()).empty();
+        struck = disk.hits() > 0;
+        SCOPED_TRACE(fmt::format("killed behind {} {} of {}, at {}", at.ops, at.skip, at.pattern, disk.lastHit()));
+        disk.cutPower(FaultDisk::nothingLands);
+        EXPECT_TRUE(struck || succeeded);
+        check(disk.medium(), succeeded);
+    }
+    return static_cast<int>(at.skip);
 }
 
 } // namespace velmora::test

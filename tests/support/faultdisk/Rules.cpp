@@ -115,6 +115,8 @@ void RuleBook::apply(Rule& rule, Op op, std::size_t bytes, pid_t caller, Verdict
     } else if (rule.action == "stall") {
         ++hits_;
         cleared_.wait(lock, [&, g = generation_] { return generation_ != g; });
+    } else if (rule.action == "crash" && rule.arg == 1) {
+        rule = {.action = "crash", .ops = change, .times = 1, .pattern = "*"};
     } else if (rule.action == "crash") {
         crashed_ = true;
         if (caller > 0)

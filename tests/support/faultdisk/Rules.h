@@ -56,7 +56,8 @@ class RuleBook {
 public:
     // "ACTION ARG OPS SKIP TIMES PATTERN": lets SKIP matching operations pass, then strikes TIMES times (0: for ever).
     // ACTION: fail (ARG errno), short (bytes kept), delay (ms), flip (bit, -1: one in the middle), full (bytes that
-    // still fit), stall (until the rules are cleared), crash (SIGKILL to the caller, EIO for everybody from then on),
+    // still fit), stall (until the rules are cleared), crash (SIGKILL to the caller, EIO for everybody from then on; ARG 1: at the next
+    // change after the operation),
     // readonly (ARG errno for every change from then on), vanish (ARG errno for everything from then on). PATTERN: a
     // glob over the path below the mount point, which may hold blanks.
     void add(const std::string& line);

@@ -1,14 +1,16 @@
-// velmora_fault_disk BACKING MOUNT [--no-power]
+// velmora_fault_disk BACKING MOUNT [--no-power|--no-syncfs]
 //
 // Shows BACKING/tree at MOUNT and puts faults in. Commands come on standard input, one a line, each answered by one
 // line on standard output ("ok …" or "error …"):
 //   rule ACTION ARG OPS SKIP TIMES PATTERN    see Rules.h
 //   clear | count OPS | hits | last
+//   settle                                    what is unflushed counts as flushed
 //   cut SEED GARBAGE                          the power goes: unflushed changes are taken back, the disk answers EIO
 // The end of standard input unmounts and ends the program, so no test can leave a mount behind; if the program itself
 // is killed, a watcher process unmounts.
 //
-// --no-power does not remember what is unflushed, for big data.
+// --no-power does not remember what is unflushed, for big data. --no-syncfs mounts without a block device of its own,
+// so that only the flushes of single files and folders get here.
 
 #define FUSE_USE_VERSION 314
 #include "Disk.h"
@@ -121,7 +123,10 @@ std::string obey(const std::string& line, Disk& disk) {
         disk.rules.add(rest);
     else if (verb == "clear")
         disk.rules.clear();
-    else if (verb == "count")
+    else if (verb == "settle") {
+        const std::lock_guard lock(disk.mutex);
+        disk.power.flushAll(PowerModel::Flush::done);
+    } else if (verb == "count")
         return "ok " + std::to_string(disk.rules.count(parseOps(rest)));
     else if (verb == "hits")
         return "ok " + std::to_string(disk.rules.hits());
@@ -161,12 +166,12 @@ int main(int argc, char** argv) {
     unmountTheDead();
     for (const char* name : {"/tree", "/grave"})
         mkdir((backing + name).c_str(), 0755);
+    const std::string_view option = argc < 4 ? "" : argv[3];
     Disk disk(open((backing + "/tree").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC),
-              open((backing + "/grave").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC),
-              argc < 4 || std::string_view(argv[3]) != "--no-power");
+              open((backing + "/grave").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC), option != "--no-power");
 
     int device = -1;
-    const std::string block = blockDevice(backing, device);
+    const std::string block = option == "--no-syncfs" ? "" : blockDevice(backing, device);
     fuse_args args = FUSE_ARGS_INIT(0, nullptr);
     const std::string options =
         "-oallow_other,default_permissions" +
