@@ -3,6 +3,7 @@
 #include "base/FileTimes.h"
 #include "base/Msg.h"
 #include "base/RelativePath.h"
+#include "base/SideBySide.h"
 #include "base/Text.h"
 #include "engine/FolderLocks.h"
 #include "engine/Scanner.h"
@@ -274,8 +275,10 @@ void OffloadJob::runRepair() {
 
 void OffloadJob::nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) {
     // A run that died between the chain and the lists left them short; nothing else of it is open.
-    for (const std::string& path : cardPaths)
-        HashLists::heal(path, std::string(RelativePath::name(RelativePath::withoutTrailingSlash(path))));
+    sideBySide(cardPaths.size(), [&](std::size_t d) {
+        const std::string path = RelativePath::withoutTrailingSlash(cardPaths[d]);
+        return HashLists::heal(path, std::string(RelativePath::name(path)));
+    });
     const BackupCheck check = checkWholeCard(cardPaths);
     // A run that died between its last record and the history left the entry open, or none: nothing else would ever
     // close it.

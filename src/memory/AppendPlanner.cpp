@@ -3,6 +3,7 @@
 #include "base/FileTimes.h"
 #include "base/Msg.h"
 #include "base/RelativePath.h"
+#include "base/SideBySide.h"
 #include "base/Text.h"
 #include "disks/Volumes.h"
 #include "engine/DestWriter.h"
@@ -119,8 +120,8 @@ public:
              std::int64_t blockSize, const IsCancelled& isCancelled)
         : backup_(std::move(backup)), unfinished_(std::move(unfinished)), localTime_(localTime), blockSize_(blockSize),
           isCancelled_(isCancelled), card_(Scanner::scan(source, isCancelled)), twins_(card_.files) {
-        for (const std::string& path : backup_.paths)
-            folders_.emplace_back(path, isCancelled);
+        folders_ = sideBySide(backup_.paths.size(),
+                              [&](std::size_t d) { return BackupFolder(backup_.paths[d], isCancelled); });
         columns_.resize(folders_.size());
         plan_.source = source;
     }
@@ -411,18 +412,23 @@ Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int
                      fmt::format("The folders of the earlier backup have different names ({}) — can append only into "
                                  "folders with the same date and card name.",
                                  join(tails, ", ")));
-    std::vector<std::int64_t> generations;
-    for (const std::string& path : backup.paths) {
-        backup.records.push_back(loadRecord(path, unfinishedGeneration));
-        generations.push_back(lastMhlGeneration(path, unfinishedGeneration));
-        const std::int64_t report = lastReport(backup.records.back(), unfinishedGeneration);
-        if (report != generations.back())
+    auto loaded = sideBySide(backup.paths.size(), [&](std::size_t d) {
+        CardRecord record = loadRecord(backup.paths[d], unfinishedGeneration);
+        const std::int64_t generation = lastMhlGeneration(backup.paths[d], unfinishedGeneration);
+        const std::int64_t report = lastReport(record, unfinishedGeneration);
+        if (report != generation)
             throw refuse(
                 PreflightCode::other,
                 fmt::format("The reports in {} do not match the ASC MHL (the last report is generation {}, the "
                             "last MHL generation {}) — an earlier append did not finish. Check the backup with "
                             "{} and fix the folder by hand; cannot append.",
-                            path, report, generations.back(), verifyHint));
+                            backup.paths[d], report, generation, verifyHint));
+        return std::pair(std::move(record), generation);
+    });
+    std::vector<std::int64_t> generations;
+    for (auto& [record, generation] : loaded) {
+        backup.records.push_back(std::move(record));
+        generations.push_back(generation);
     }
     if (std::adjacent_find(generations.begin(), generations.end(), std::not_equal_to<>()) != generations.end())
         throw refuse(PreflightCode::appendDiverged,

@@ -1,6 +1,7 @@
 #include "memory/BackupCheck.h"
 
 #include "base/FileTimes.h"
+#include "base/SideBySide.h"
 #include "base/Text.h"
 #include "memory/CaseTwins.h"
 
@@ -48,16 +49,15 @@ std::vector<HistoryGeneration> generationsOf(const CardRecord& record) {
 
 BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<std::string>& cardPaths, bool localTime) {
     BackupCheck check;
-    std::vector<CardRecord> records;
-    for (const std::string& path : cardPaths) {
-        records.push_back(CardRecord::load(path));
-        const CardRecord& record = records.back();
+    const std::vector<CardRecord> records =
+        sideBySide(cardPaths.size(), [&](std::size_t d) { return CardRecord::load(cardPaths[d]); });
+    for (const CardRecord& record : records) {
         if (record.error)
             check.error = record.error;
         else if (!record.problems.empty())
             check.error = record.problems.front();
         else if (record.reportMissing)
-            check.error = path + " has no report";
+            check.error = record.cardPath + " has no report";
         if (check.error)
             return check;
         check.failedFiles = std::max(check.failedFiles, static_cast<std::int64_t>(record.failedFiles().size()));

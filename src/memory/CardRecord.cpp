@@ -63,29 +63,6 @@ void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
     }
 }
 
-// Clips by name, a later generation over an earlier one. Reports made without clip analysis list none: then the clips
-// are found from the file list, as names and sizes.
-void mergeClips(CardRecord& record) {
-    std::map<std::string, ClipEntry> newest;
-    for (const auto& generation : record.generations) {
-        std::vector<ClipEntry> clips = generation.report->clips;
-        if (clips.empty()) {
-            std::vector<SourceFile> files;
-            for (const auto& file : generation.report->files)
-                files.push_back({file.path, file.size, file.modified});
-            for (Clip& clip : ClipDetector::detect(files)) {
-                ClipEntry entry;
-                entry.clip = std::move(clip);
-                clips.push_back(std::move(entry));
-            }
-        }
-        for (ClipEntry& entry : clips)
-            newest.insert_or_assign(entry.clip.name + "\n" + entry.clip.path, std::move(entry));
-    }
-    for (auto& [key, entry] : newest)
-        record.clips.push_back(std::move(entry));
-}
-
 // A generation whose report stands elsewhere with another end has been finished there and not here.
 bool incompleteElsewhere(const CardRecord& record) {
     for (const auto& generation : record.generations) {
@@ -93,10 +70,12 @@ bool incompleteElsewhere(const CardRecord& record) {
         for (const auto& destination : here.destinations) {
             if (standardised(destination.cardPath) == standardised(record.cardPath))
                 continue;
-            const std::string path =
-                reportFolder(destination.cardPath) + "/" + OffloadReport::jsonName(generation.generation);
+            const std::string name = OffloadReport::jsonName(generation.generation);
+            const std::string path = reportFolder(destination.cardPath) + "/" + name;
             try {
-                if (IO::exists(path) && ReportFile::read(path).finished != here.finished)
+                // Every disk gets the same bytes, so a second report is hardly ever worth reading as one.
+                if (IO::exists(path) && !ReportFile::same(path, reportFolder(record.cardPath) + "/" + name) &&
+                    ReportFile::read(path).finished != here.finished)
                     return true;
             } catch (const std::exception&) {
                 // What cannot be read there says nothing about this folder.
@@ -165,9 +144,29 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
                      [](const Generation& a, const Generation& b) { return a.generation < b.generation; });
     for (const Generation& generation : record.generations)
         mergeFiles(record, generation);
-    mergeClips(record);
     record.incomplete = incompleteElsewhere(record);
     return record;
+}
+
+// Reports made without clip analysis list no clips: then they are found from the file list, as names and sizes.
+std::vector<ClipEntry> CardRecord::clips() const {
+    std::map<std::string, ClipEntry> newest;
+    for (const auto& generation : generations) {
+        std::vector<ClipEntry> listed = generation.report->clips;
+        if (listed.empty()) {
+            std::vector<SourceFile> scanned;
+            for (const auto& file : generation.report->files)
+                scanned.push_back({file.path, file.size, file.modified});
+            for (Clip& clip : ClipDetector::detect(scanned))
+                listed.emplace_back().clip = std::move(clip);
+        }
+        for (ClipEntry& entry : listed)
+            newest.insert_or_assign(entry.clip.name + "\n" + entry.clip.path, std::move(entry));
+    }
+    std::vector<ClipEntry> all;
+    for (auto& [key, entry] : newest)
+        all.push_back(std::move(entry));
+    return all;
 }
 
 std::optional<std::string> CardRecord::project() const {

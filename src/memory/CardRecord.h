@@ -35,7 +35,6 @@ struct CardRecord {
     std::vector<Generation> generations;                 // ascending
     std::unordered_map<std::string, RecordedFile> files; // by path key
     std::unordered_map<std::string, RecordedFile> twins; // by path: files whose key another file holds in `files`
-    std::vector<ClipEntry> clips;                        // of all generations, the newest of each name
     bool reportMissing = false;                          // there is no first report
     std::optional<std::string> error;
     std::vector<std::string> problems;    // findings on single reports that leave the rest readable
@@ -43,6 +42,7 @@ struct CardRecord {
     std::optional<std::string> volumeSerial;
     bool incomplete = false; // the same generation went on elsewhere
 
+    std::vector<ClipEntry> clips() const;       // of all generations, the newest of each name
     std::optional<std::string> project() const; // of the newest report that has one
     Timestamp started() const;
     Timestamp finished() const;

@@ -20,4 +20,8 @@ OffloadReport read(const std::string& path) {
     return report;
 }
 
+bool same(const std::string& path, const std::string& other) {
+    return IO::readFile(path, largestReport) == IO::readFile(other, largestReport);
+}
+
 } // namespace velmora::ReportFile
