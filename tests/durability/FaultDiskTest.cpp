@@ -5,10 +5,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <set>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 // The disk that everything else is judged with has to be judged first.
@@ -51,28 +49,21 @@ int flushFolder(const std::string& path, int (*flush)(int)) {
     return error;
 }
 
-TEST_F(FaultDiskTest, FailsExactlyTheChosenOperation) {
+TEST_F(FaultDiskTest, FailsCorruptsFillsUpTurnsReadOnlyAndVanishesWhereItIsTold) {
     FaultDisk disk;
     disk.fail(EDQUOT, {.ops = "write", .skip = 1, .pattern = "/b*"});
-    EXPECT_EQ(write(disk.root() + "/a", "1", false), 0);
     EXPECT_EQ(write(disk.root() + "/b1", "2", false), 0);
     EXPECT_EQ(write(disk.root() + "/b2", "3", false), EDQUOT);
-    EXPECT_EQ(write(disk.root() + "/b3", "4", false), 0);
+    EXPECT_EQ(write(disk.root() + "/a", "abcd", true), 0);
     EXPECT_EQ(disk.hits(), 1);
     EXPECT_EQ(disk.lastHit(), "write /b2");
-    EXPECT_EQ(disk.count("create"), 4);
+    EXPECT_EQ(disk.count("create"), 3);
     disk.fail(EIO, {.ops = "syncfs"});
     EXPECT_EQ(flushFolder(disk.root(), syncfs), EIO);
     EXPECT_EQ(flushFolder(disk.root(), syncfs), 0);
-}
-
-TEST_F(FaultDiskTest, CorruptsFillsUpTurnsReadOnlyAndVanishes) {
-    FaultDisk disk;
-    ASSERT_EQ(write(disk.root() + "/a", "abcd", true), 0);
     disk.flip({.ops = "read", .pattern = "/a"}, 8);
     EXPECT_EQ(read(disk.root() + "/a"), "accd");
     EXPECT_EQ(read(disk.medium() + "/a"), "abcd");
-    disk.clear();
     disk.fillUp(6);
     EXPECT_EQ(write(disk.root() + "/b", "1234", false), 0);
     EXPECT_EQ(write(disk.root() + "/c", "5678", false), -1) << "short write";
@@ -80,7 +71,7 @@ TEST_F(FaultDiskTest, CorruptsFillsUpTurnsReadOnlyAndVanishes) {
     disk.clear();
     disk.turnReadOnly({.ops = "write"});
     EXPECT_EQ(write(disk.root() + "/e", "1", false), EROFS);
-    EXPECT_EQ(unlink((disk.root() + "/a").c_str()) == 0 ? 0 : errno, EROFS);
+    EXPECT_NE(unlink((disk.root() + "/a").c_str()), 0);
     EXPECT_EQ(access((disk.root() + "/a").c_str(), F_OK), 0);
     disk.clear();
     disk.vanish({.ops = "mkdir"});
@@ -88,61 +79,38 @@ TEST_F(FaultDiskTest, CorruptsFillsUpTurnsReadOnlyAndVanishes) {
     EXPECT_NE(access((disk.root() + "/a").c_str(), F_OK), 0);
 }
 
-TEST_F(FaultDiskTest, StallsUntilReleased) {
-    FaultDisk disk;
-    disk.stall({.ops = "write"});
-    std::atomic<bool> done = false;
-    std::thread writer([&] {
-        write(disk.root() + "/a", "x", false);
-        done = true;
-    });
-    while (disk.hits() == 0)
-        std::this_thread::yield();
-    EXPECT_FALSE(done);
-    disk.clear();
-    writer.join();
-    EXPECT_EQ(read(disk.root() + "/a"), "x");
-}
-
-TEST_F(FaultDiskTest, KillsTheProcessThatReachesTheOperation) {
-    FaultDisk disk;
-    disk.crash({.ops = "write", .skip = 1});
-    const pid_t child = fork();
-    if (child == 0) {
-        for (const char* name : {"/a", "/b", "/c"})
-            write(disk.root() + name, "x", false);
-        _exit(0);
+TEST_F(FaultDiskTest, KillsTheProcessThatReachesTheOperationOrTheOneBehindIt) {
+    for (const bool behind : {false, true}) {
+        FaultDisk disk;
+        disk.crash({.ops = "write", .skip = 1}, behind);
+        const pid_t child = fork();
+        if (child == 0) {
+            for (const char* name : {"/a", "/b", "/c"})
+                write(disk.root() + name, "x", false);
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        EXPECT_EQ(disk.lastHit(), behind ? "create /c" : "write /b");
+        disk.clear();
+        EXPECT_EQ(read(disk.root() + "/b"), behind ? "x" : "");
+        EXPECT_FALSE(fs::exists(disk.root() + "/c"));
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-    disk.clear();
-    EXPECT_EQ(read(disk.root() + "/a"), "x");
-    EXPECT_EQ(read(disk.root() + "/b"), "");
-    EXPECT_FALSE(fs::exists(disk.root() + "/c"));
 }
 
 // What a cut may leave of five histories of one file. Over many seeds every outcome listed must come up, and no other.
 TEST_F(FaultDiskTest, PowerCutTakesBackOnlyWhatWasNotFlushed) {
     const std::string data(4096, 'd');
     enum Flush { none, file, fileAndFolder, everything, failedThenGood };
-    struct Case {
-        Flush flush;
-        bool mayVanish, mayBeWrong;
-    };
-    for (const auto& [flush, mayVanish, mayBeWrong] : std::initializer_list<Case>{{none, true, true},
-                                                                                  {file, true, false},
-                                                                                  {fileAndFolder, false, false},
-                                                                                  {everything, false, false},
-                                                                                  {failedThenGood, false, true}}) {
+    for (const Flush flush : {none, file, fileAndFolder, everything, failedThenGood}) {
+        const bool flushesFile = flush == file || flush == fileAndFolder || flush == failedThenGood;
         bool vanished = false, wrong = false, right = false;
         for (std::uint64_t seed = 0; seed < 12; ++seed) {
             FaultDisk disk;
             if (flush == failedThenGood)
                 disk.fail(EIO, {.ops = "fsync"});
-            EXPECT_EQ(
-                write(disk.root() + "/.part", data, flush == file || flush == fileAndFolder || flush == failedThenGood),
-                flush == failedThenGood ? EIO : 0);
+            EXPECT_EQ(write(disk.root() + "/.part", data, flushesFile), flush == failedThenGood ? EIO : 0);
             ASSERT_EQ(rename((disk.root() + "/.part").c_str(), (disk.root() + "/final").c_str()), 0);
             if (flush == fileAndFolder)
                 flushFolder(disk.root(), fsync);
@@ -155,8 +123,8 @@ TEST_F(FaultDiskTest, PowerCutTakesBackOnlyWhatWasNotFlushed) {
             wrong |= there && read(disk.medium() + "/final") != data;
             right |= there && read(disk.medium() + "/final") == data;
         }
-        EXPECT_EQ(vanished, mayVanish) << flush;
-        EXPECT_EQ(wrong, mayBeWrong) << flush;
+        EXPECT_EQ(vanished, flush == none || flush == file) << flush;
+        EXPECT_EQ(wrong, flush == none || flush == failedThenGood) << flush;
         EXPECT_EQ(right, flush != failedThenGood) << flush;
     }
 }
@@ -175,26 +143,6 @@ TEST_F(FaultDiskTest, PowerCutBringsBackWhatWasRemovedOrReplaced) {
         seen.insert(read(disk.medium() + "/gone") + read(disk.medium() + "/old"));
     }
     EXPECT_EQ(seen, (std::set<std::string>{"/gone/old", "/gone/new", "/old", "/new"}));
-}
-
-TEST_F(FaultDiskTest, LeavesNoMountWhenItsServerIsKilledOrItsUserDies) {
-    const auto mounts = [] {
-        const auto table = read("/proc/self/mountinfo");
-        int count = 0;
-        for (std::size_t at = 0; (at = table.find("fuseblk", at)) != std::string::npos; ++at)
-            ++count;
-        return count;
-    };
-    const int before = mounts();
-    const pid_t user = fork();
-    if (user == 0) {
-        FaultDisk disk;
-        kill(getpid(), SIGKILL);
-    }
-    waitpid(user, nullptr, 0);
-    for (int i = 0; i < 200 && mounts() != before; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(mounts(), before);
 }
 
 TEST(PowerCutDisk, KeepsWhatWasFlushedAndLosesSomethingElse) {

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-// The records of a backup: manifest lines and the ASC MHL history.
+// The records of a backup: small files, manifest lines and the ASC MHL history.
 
 namespace velmora::test {
 namespace {
@@ -22,6 +22,32 @@ protected:
             GTEST_SKIP() << *reason;
     }
 };
+
+// Whoever looks, after whatever accident, sees the old bytes or the new ones. An empty string: no file.
+TEST_F(Records, SmallFilesAreOldOrNewWhateverHappens) {
+    for (const std::string& before : {std::string(), std::string(3000, 'o')}) {
+        const std::string after(9000, 'n');
+        DurableOperation operation;
+        operation.prepare = [&](const std::string& root) {
+            if (!before.empty())
+                std::ofstream(root + "/state") << before;
+        };
+        operation.work = [&](const std::string& root) {
+            before.empty() ? IO::writeFileNew(root + "/state", after) : IO::writeFileDurably(root + "/state", after);
+        };
+        const Check check = [&](const std::string& root, bool succeeded) {
+            const std::string found = IO::exists(root + "/state") ? IO::readFile(root + "/state", 1 << 20) : "";
+            EXPECT_TRUE(found == after || (!succeeded && found == before)) << found.substr(0, 40);
+        };
+        const Check clean = [&](const std::string& root, bool succeeded) {
+            check(root, succeeded);
+            EXPECT_LE(IO::list(root).size(), 1U) << "a temporary file was left behind";
+        };
+        for (const int error : {EIO, ENOSPC})
+            EXPECT_GE(faultLoop(operation, error, clean), 5); // create, write, fsync, rename, fsync of the folder
+        EXPECT_GE(crashLoop(operation, {}, check), 8);
+    }
+}
 
 ManifestRecord record(const std::string& path) {
     ManifestRecord line;
@@ -36,14 +62,8 @@ ManifestRecord record(const std::string& path) {
 
 const std::vector<ManifestRecord> lines{record("a"), record("b"), record("c"), record("d")};
 
-DurableOperation appendTwo(bool toExisting) {
-    return {.prepare =
-                [=](const std::string& root) {
-                    IO::mkdirs(root + "/card");
-                    if (toExisting)
-                        ManifestFile::append(root + "/card", {lines.data(), 1});
-                },
-            .work = [](const std::string& root) { ManifestFile::append(root + "/card", {lines.data() + 1, 2}); }};
+void append(const std::string& root, std::size_t first, std::size_t count) {
+    ManifestFile::append(root + "/card", {lines.data() + first, count});
 }
 
 // The records that can be read, all of which must be ones that were written, in their order.
@@ -56,37 +76,31 @@ std::string readable(const std::string& root) {
     return paths;
 }
 
-TEST_F(Records, ManifestKeepsItsGoodLinesWhateverFails) {
-    for (const bool toExisting : {false, true})
-        for (const int error : {EIO, ENOSPC}) {
-            const int rounds = faultLoop(appendTwo(toExisting), error, [&](const std::string& root, bool succeeded) {
-                const std::string first = toExisting ? "a" : "";
+TEST_F(Records, ManifestKeepsItsGoodLinesWhateverHappens) {
+    for (const std::string first : {"", "a"}) {
+        DurableOperation operation;
+        operation.prepare = [&](const std::string& root) {
+            IO::mkdirs(root + "/card");
+            append(root, 0, first.size());
+        };
+        operation.work = [](const std::string& root) { append(root, 1, 2); };
+        const Check check = [&](const std::string& root, bool succeeded) {
+            const auto found = readable(root);
+            EXPECT_TRUE(found.starts_with(first) && (!succeeded || found == first + "bc")) << found;
+        };
+        for (const int error : {EIO, ENOSPC})
+            faultLoop(operation, error, [&](const std::string& root, bool succeeded) {
+                check(root, succeeded);
                 const auto before = readable(root);
-                EXPECT_TRUE(!succeeded || before == first + "bc") << before;
-                EXPECT_TRUE(before.starts_with(first));
-                ManifestFile::append(root + "/card", {lines.data() + 3, 1});
+                append(root, 3, 1);
                 EXPECT_EQ(readable(root), before + "d") << "a torn line swallowed a good one";
             });
-            EXPECT_GE(rounds, toExisting ? 3 : 7);
-        }
-}
-
-TEST_F(Records, ManifestKeepsItsGoodLinesThroughKillsAndPowerCuts) {
-    for (const bool toExisting : {false, true}) {
-        const std::string first = toExisting ? "a" : "";
-        int rounds = crashLoop(appendTwo(toExisting), {}, [&](const std::string& root, bool succeeded) {
-            const auto found = readable(root);
-            EXPECT_TRUE(found.starts_with(first)) << found;
-            EXPECT_TRUE(!succeeded || found == first + "bc") << found;
-        });
-        const auto appendAnother = [](const std::string& root) {
-            ManifestFile::append(root + "/card", {lines.data() + 3, 1});
-        };
-        rounds += crashLoop(appendTwo(toExisting), {.recover = appendAnother}, [&](const std::string& root, bool) {
-            const auto found = readable(root);
-            EXPECT_TRUE(found.starts_with(first) && found.ends_with("d")) << found;
-        });
-        EXPECT_GE(rounds, 10);
+        EXPECT_GE(crashLoop(operation, {}, check), 5);
+        crashLoop(operation, {.recover = [](const std::string& root) { append(root, 3, 1); }},
+                  [&](const std::string& root, bool) {
+                      const auto found = readable(root);
+                      EXPECT_TRUE(found.starts_with(first) && found.ends_with("d")) << found;
+                  });
     }
 }
 
@@ -116,16 +130,6 @@ void writeGeneration(const std::string& root, int generation) {
         MHL::write(wanted, root + "/card", {1'700'000'000 + getpid(), 0}, "host"); // another second for every try
 }
 
-DurableOperation writeGenerationOperation(int generation) {
-    return {.prepare =
-                [=](const std::string& root) {
-                    IO::mkdirs(root + "/card");
-                    for (int earlier = 1; earlier < generation; ++earlier)
-                        writeGeneration(root, earlier);
-                },
-            .work = [=](const std::string& root) { writeGeneration(root, generation); }};
-}
-
 // The earlier generations stand unharmed, and this one stands whole or not at all.
 void expectSoundHistory(const std::string& root, int generation, bool written) {
     const auto history = MHLReader::read(root + "/card");
@@ -136,28 +140,27 @@ void expectSoundHistory(const std::string& root, int generation, bool written) {
     EXPECT_TRUE(!written || MHL::hasGeneration(report(generation, root), root + "/card"));
 }
 
-TEST_F(Records, HistoryGrowsByWholeGenerationsWhateverFails) {
+TEST_F(Records, HistoryGrowsByWholeGenerationsWhateverHappens) {
     for (const int generation : {1, 2}) {
-        const int rounds =
-            faultLoop(writeGenerationOperation(generation), EIO, [&](const std::string& root, bool succeeded) {
-                expectSoundHistory(root, generation, succeeded);
-                writeGeneration(root, generation);
-                expectSoundHistory(root, generation, true);
-            });
+        DurableOperation operation;
+        operation.prepare = [=](const std::string& root) {
+            IO::mkdirs(root + "/card");
+            for (int earlier = 1; earlier < generation; ++earlier)
+                writeGeneration(root, earlier);
+        };
+        operation.work = [=](const std::string& root) { writeGeneration(root, generation); };
+        const Check check = [=](const std::string& root, bool succeeded) {
+            expectSoundHistory(root, generation, succeeded);
+        };
+        const int rounds = faultLoop(operation, EIO, [&](const std::string& root, bool succeeded) {
+            check(root, succeeded);
+            writeGeneration(root, generation);
+            check(root, true);
+        });
         EXPECT_GE(rounds, 9);
-    }
-}
-
-TEST_F(Records, HistoryGrowsByWholeGenerationsThroughKillsAndPowerCuts) {
-    for (const int generation : {1, 2}) {
-        const auto operation = writeGenerationOperation(generation);
-        int rounds = crashLoop(operation, {}, [&](const std::string& root, bool succeeded) {
-            expectSoundHistory(root, generation, succeeded);
-        });
-        rounds += crashLoop(operation, {.recover = operation.work}, [&](const std::string& root, bool succeeded) {
-            expectSoundHistory(root, generation, succeeded);
-        });
-        EXPECT_GE(rounds, 18);
+        EXPECT_GE(crashLoop(operation, {}, check), 9);
+        crashLoop(operation, {.recover = operation.work}, check);
+        EXPECT_GE(worstMoments(operation, {.ops = "rename"}, check), 2);
     }
 }
 

@@ -84,26 +84,8 @@ int opGetattr(const char* path, struct stat* facts, fuse_file_info* info) {
     return answer(fstatat(disk().tree, relative(path), facts, AT_SYMLINK_NOFOLLOW));
 }
 
-int opReadlink(const char* path, char* text, std::size_t size) {
-    if (const auto verdict = judge(Op::readlink, path); verdict.error != 0)
-        return -verdict.error;
-    const auto length = readlinkat(disk().tree, relative(path), text, size - 1);
-    if (length >= 0)
-        text[length] = '\0';
-    return answer(static_cast<int>(length));
-}
-
 int opMkdir(const char* path, mode_t mode) {
     return makeName(Op::mkdir, path, [&](int at, const char* name) { return mkdirat(at, name, mode); });
-}
-
-int opSymlink(const char* target, const char* path) {
-    return makeName(Op::symlink, path, [&](int at, const char* name) { return symlinkat(target, at, name); });
-}
-
-int opLink(const char* from, const char* path) {
-    return makeName(Op::link, path,
-                    [&](int at, const char* name) { return linkat(disk().tree, relative(from), at, name, 0); });
 }
 
 int opUnlink(const char* path) { return removeName(Op::unlink, path); }
@@ -293,10 +275,7 @@ const fuse_operations& operations() {
         fuse_operations ops = {};
         ops.init = opInit;
         ops.getattr = opGetattr;
-        ops.readlink = opReadlink;
         ops.mkdir = opMkdir;
-        ops.symlink = opSymlink;
-        ops.link = opLink;
         ops.unlink = opUnlink;
         ops.rmdir = opRmdir;
         ops.rename = opRename;

@@ -13,9 +13,8 @@ namespace velmora::faultdisk {
 namespace {
 
 constexpr std::array<std::string_view, static_cast<std::size_t>(Op::count)> names{
-    "lookup", "open",     "read",   "readdir", "readlink", "statfs",   "close", "create",
-    "write",  "truncate", "mkdir",  "rmdir",   "unlink",   "rename",   "link",  "symlink",
-    "fsync",  "fsyncdir", "syncfs", "chmod",   "utimens",  "fallocate"};
+    "lookup", "open",   "read",   "readdir", "statfs",   "close",  "create", "write",   "truncate", "mkdir",
+    "rmdir",  "unlink", "rename", "fsync",   "fsyncdir", "syncfs", "chmod",  "utimens", "fallocate"};
 
 constexpr OpSet bit(Op op) { return OpSet{1} << static_cast<unsigned>(op); }
 

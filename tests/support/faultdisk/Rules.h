@@ -17,7 +17,6 @@ enum class Op : unsigned {
     open,
     read,
     readdir,
-    readlink,
     statfs,
     close, // look only
     create,
@@ -27,8 +26,6 @@ enum class Op : unsigned {
     rmdir,
     unlink,
     rename,
-    link,
-    symlink,
     fsync,
     fsyncdir,
     syncfs, // change
@@ -56,10 +53,9 @@ class RuleBook {
 public:
     // "ACTION ARG OPS SKIP TIMES PATTERN": lets SKIP matching operations pass, then strikes TIMES times (0: for ever).
     // ACTION: fail (ARG errno), short (bytes kept), delay (ms), flip (bit, -1: one in the middle), full (bytes that
-    // still fit), stall (until the rules are cleared), crash (SIGKILL to the caller, EIO for everybody from then on; ARG 1: at the next
-    // change after the operation),
-    // readonly (ARG errno for every change from then on), vanish (ARG errno for everything from then on). PATTERN: a
-    // glob over the path below the mount point, which may hold blanks.
+    // still fit), stall (until the rules are cleared), crash (SIGKILL to the caller, EIO for everybody from then on;
+    // ARG 1: at the next change after the operation), readonly (ARG errno for every change from then on), vanish (ARG
+    // errno for everything from then on). PATTERN: a glob over the path below the mount point, which may hold blanks.
     void add(const std::string& line);
     // Forgets all rules and lets stalled operations go on.
     void clear();

@@ -6,8 +6,7 @@
 //   clear | count OPS | hits | last
 //   settle                                    what is unflushed counts as flushed
 //   cut SEED GARBAGE                          the power goes: unflushed changes are taken back, the disk answers EIO
-// The end of standard input unmounts and ends the program, so no test can leave a mount behind; if the program itself
-// is killed, a watcher process unmounts.
+// The end of standard input unmounts and ends the program, so no test can leave a mount behind.
 //
 // --no-power does not remember what is unflushed, for big data. --no-syncfs mounts without a block device of its own,
 // so that only the flushes of single files and folders get here.
@@ -16,7 +15,6 @@
 #include "Disk.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -30,7 +28,6 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
@@ -64,28 +61,7 @@ std::string blockDevice(const std::string& backing, int& device) {
     return name;
 }
 
-// A process of its own that unmounts when this one dies without a word. Gives the end to write the word to.
-pid_t startWatcher(const std::string& mountPoint, int& word) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        return -1;
-    const pid_t child = fork();
-    if (child != 0) {
-        close(ends[0]);
-        word = ends[1];
-        return child;
-    }
-    setsid();
-    close(ends[1]);
-    for (int fd : {STDIN_FILENO, STDOUT_FILENO})
-        close(fd);
-    char said = 0;
-    if (read(ends[0], &said, 1) == 0)
-        umount2(mountPoint.c_str(), MNT_DETACH);
-    _exit(0);
-}
-
-// A test runner that kills a whole tree of processes kills the watcher too: what it left is dead, and cleared here.
+// What a server that was killed has left is dead, and cleared by the next one.
 void unmountTheDead() {
     std::ifstream table("/proc/self/mounts");
     for (std::string device, path, rest; table >> device >> path && std::getline(table, rest);)
@@ -147,14 +123,6 @@ std::string obey(const std::string& line, Disk& disk) {
     return "ok";
 }
 
-void raiseDescriptorLimit() {
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -162,7 +130,10 @@ int main(int argc, char** argv) {
         return 2;
     const std::string backing = argv[1], mountPoint = argv[2];
     umask(0);
-    raiseDescriptorLimit();
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = descriptors.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
     unmountTheDead();
     for (const char* name : {"/tree", "/grave"})
         mkdir((backing + name).c_str(), 0755);
@@ -184,9 +155,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     if (device >= 0)
-        close(device); // the mount holds it now
-    int word = -1;
-    const pid_t watcher = startWatcher(mountPoint, word);
+        close(device);           // the mount holds it now
     for (int i = 0; i < 16; ++i) // more than a stalled test can block
         std::thread([&] { serve(fuse_get_session(instance), disk); }).detach();
     std::cout << (block.empty() ? "ok without syncfs" : "ok") << std::endl;
@@ -201,7 +170,5 @@ int main(int argc, char** argv) {
     }
     disk.rules.clear();
     umount2(mountPoint.c_str(), MNT_DETACH);
-    std::ignore = write(word, "q", 1);
-    waitpid(watcher, nullptr, 0);
     _exit(0);
 }
