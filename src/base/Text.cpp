@@ -202,7 +202,28 @@ int compareUtf16(std::string_view a, std::string_view b) {
     return rank(*x) < rank(*y) ? -1 : 1;
 }
 
+namespace {
+
+// Names of a camera mostly differ in a number of as many digits: then its digits decide, and nothing behind them
+// counts. 0 when it is not so simple.
+int compareNumbers(std::string_view a, std::string_view b) {
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    const auto [x, y] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
+    if (x == a.end() || y == b.end() || !isDigit(*x) || !isDigit(*y))
+        return 0;
+    const auto endX = std::find_if_not(x, a.end(), isDigit);
+    const auto endY = std::find_if_not(y, b.end(), isDigit);
+    const auto goesOn = [](auto at, auto end) { return at != end && (*at & 0x80) != 0; }; // in another script's digits
+    if (endX - x != endY - y || goesOn(endX, a.end()) || goesOn(endY, b.end()))
+        return 0;
+    return *x < *y ? -1 : 1;
+}
+
+} // namespace
+
 int compareNatural(std::string_view a, std::string_view b) {
+    if (const int order = compareNumbers(a, b); order != 0)
+        return order;
     const icu::Collator* collator = naturalCollator();
     UErrorCode status = U_ZERO_ERROR;
     if (collator) {

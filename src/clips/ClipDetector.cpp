@@ -56,7 +56,7 @@ Clip oneFile(const SourceFile& file, std::string_view stem, ClipFormat format) {
     clip.name = stem;
     clip.path = file.relPath;
     clip.format = format;
-    clip.segments = {file.relPath};
+    clip.segments.push_back(file.relPath);
     clip.bytes = file.size;
     return clip;
 }
@@ -93,6 +93,9 @@ bool isCameraProxy(std::string_view path) {
 
 std::vector<Clip> detect(const std::vector<SourceFile>& files) {
     std::vector<Clip> clips;
+    clips.reserve(files.size());
+    std::string_view lastFolder;
+    bool inProxyFolder = false;
     std::map<std::string, Group> red;
     std::map<std::string, Group> arri;
     for (const SourceFile& file : files) {
@@ -109,7 +112,11 @@ std::vector<Clip> detect(const std::vector<SourceFile>& files) {
             clips.push_back(oneFile(file, name.stem, ClipFormat::canonRaw));
         } else if (file.size > 0 && std::ranges::find(videoExtensions, name.extension) != videoExtensions.end()) {
             Clip clip = oneFile(file, name.stem, ClipFormat::video);
-            clip.isCameraProxy = isCameraProxy(file.relPath);
+            if (name.folder != lastFolder) {
+                lastFolder = name.folder;
+                inProxyFolder = isCameraProxy(file.relPath);
+            }
+            clip.isCameraProxy = inProxyFolder;
             clips.push_back(std::move(clip));
         }
     }

@@ -20,7 +20,7 @@ namespace Scanner {
 
 // Throws OffloadError (`noReadAccess`) when the system does not let this program read the card, IOError("scan") when
 // `root` cannot be listed at all, IOError("stat") when an entry cannot be looked at, Cancelled when `isCancelled`,
-// asked at every 1000th path, says so.
+// asked at every 1000th path, says so. Two threads walk the card, so `isCancelled` is asked on either.
 SourceScan scan(const std::string& root, const IsCancelled& isCancelled = {});
 
 // Throws OffloadError (`noReadAccess`) if the folder may not be listed; every other failure passes here and shows

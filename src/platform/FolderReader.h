@@ -17,8 +17,8 @@ public:
     FolderReader(FolderReader&&) noexcept;
     FolderReader& operator=(FolderReader&&) = delete;
 
-    // The folder `relative` below this one. IOError("open", …): a link on the way is ELOOP or ENOTDIR, an unsafe path
-    // EXDEV, a path that other calls could not take ENAMETOOLONG.
+    // The folder `relative` below this one, or with "" this one anew. IOError("open", …): a link on the way is ELOOP or
+    // ENOTDIR, an unsafe path EXDEV, a path that other calls could not take ENAMETOOLONG.
     FolderReader beneath(const std::string& relative) const;
 
     // The next name, without "." and ".."; false at the end. IOError("read", …).

@@ -102,6 +102,8 @@ TEST(Text, SortsNaturallyWithNumbersAndWithoutCase) {
     EXPECT_THAT(names,
                 ::testing::ElementsAre("a002", "A010", "clip1", "Clip2", "clip2b", "clip10", "Éclair", "eclipse"));
     EXPECT_EQ(compareNatural("CLIP1", "clip01"), 0);
+    EXPECT_LT(compareNatural("a19z", "a20"), 0); // a number of as many digits decides,
+    EXPECT_GT(compareNatural("a1٣٣", "a2"), 0);  // but not the half of a longer one
     EXPECT_NE(compareNatural("\xFF", "a"), 0);
 }
 

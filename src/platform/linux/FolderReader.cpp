@@ -43,6 +43,11 @@ Descriptor openFolderBeneath(int parent, const std::string& relative, const std:
     if (relative.size() >= PATH_MAX)
         throw IOError("open", path, ENAMETOOLONG);
     Descriptor folder;
+    if (relative.empty()) {
+        folder = Descriptor(retryInterrupted([&] { return ::openat(parent, ".", folderFlags); }));
+        check(folder.get(), "open", path);
+        return folder;
+    }
     for (const std::string_view part : split(relative, '/')) {
         if (part.empty() || part == "." || part == "..")
             throw IOError("open", path, EXDEV);
@@ -65,7 +70,7 @@ FolderReader::~FolderReader() = default;
 FolderReader::FolderReader(FolderReader&&) noexcept = default;
 
 FolderReader FolderReader::beneath(const std::string& relative) const {
-    const std::string path = stream_->path + '/' + relative;
+    const std::string path = relative.empty() ? stream_->path : stream_->path + '/' + relative;
     return FolderReader(std::make_unique<Stream>(path, openFolderBeneath(stream_->fd(), relative, path)));
 }
 
