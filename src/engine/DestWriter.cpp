@@ -225,8 +225,8 @@ void DestWriter::doFinish(std::size_t file) {
         fail(file, currentError_.value_or("write failed"));
     } else {
         try {
-            if (auto error = mismatch(file))
-                throw OffloadError::failed(std::move(*error));
+            if (const auto error = mismatch(file))
+                throw OffloadError::failed(*error);
             makeFinal(file);
             results_[file] = {FileState::written, std::nullopt};
             writtenHere_[file] = true;

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,8 @@ protected:
     void put(const std::string& path, std::size_t size, std::uint64_t seed = 1) {
         FileTree::make(card(), {{path, size}}, seed);
     }
-    OffloadReport run() { return run(OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"})); }
+    OffloadPlan prepare() { return OffloadEngine(options).prepare({card(), roots, "C", "2026-03-14"}); }
+    OffloadReport run() { return run(prepare()); }
     OffloadReport run(OffloadPlan plan) {
         engine = std::make_unique<OffloadEngine>(options);
         if (prepareEngine)
@@ -53,23 +55,23 @@ protected:
     }
     // The card folder of a destination, as the last run named it.
     std::string dest(std::size_t d) const { return engine->plan()->cardPaths()[d]; }
-    // What the card holds, and what a destination holds besides records.
     std::map<std::string, std::string> cardTree() const { return FileTree::contents(card()); }
-    std::map<std::string, std::string> destTree(const std::string& cardPath) const {
-        auto tree = FileTree::contents(cardPath);
+    std::map<std::string, std::string> destTree(std::size_t d) const { // besides records
+        auto tree = FileTree::contents(dest(d));
         std::erase_if(tree, [](const auto& entry) { return entry.first.starts_with("_REPORT/"); });
         return tree;
     }
-    static std::vector<ManifestRecord> lines(const std::string& cardPath, std::string_view kind) {
+    static std::vector<ManifestRecord> fileLines(const std::string& cardPath) {
         std::vector<ManifestRecord> found = ManifestFile::read(cardPath);
-        std::erase_if(found, [&](const ManifestRecord& record) { return record.kind != kind; });
+        std::erase_if(found, [&](const ManifestRecord& record) { return record.kind != ManifestRecord::fileKind; });
         return found;
     }
     static const OffloadReport::FileEntry& entry(const OffloadReport& report, const std::string& path) {
-        for (const auto& file : report.files)
-            if (file.path == path)
-                return file;
-        throw std::runtime_error("not in the report: " + path);
+        const auto found = std::ranges::find(report.files, path, &OffloadReport::FileEntry::path);
+        return found != report.files.end() ? *found : throw std::runtime_error("not in the report: " + path);
+    }
+    static std::string error(const OffloadReport& report, const std::string& path, std::size_t d) {
+        return entry(report, path).errors.at(d).value_or("");
     }
 
     TempFolder temp;

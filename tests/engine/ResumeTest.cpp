@@ -87,7 +87,7 @@ TEST_F(ResumeTest, KnownFilesAreAdoptedAndMissingOnesWritten) {
     OffloadPlan plan = resumePlan();
     plan.resume.reset();
     plan.known.emplace();
-    for (const ManifestRecord& record : lines(dest(0), "file"))
+    for (const ManifestRecord& record : fileLines(dest(0)))
         plan.known->push_back(record);
     plan.write = {{false, false}, {false, true}, {false, false}};
     std::filesystem::remove(dest(1) + "/b.bin");
@@ -97,7 +97,7 @@ TEST_F(ResumeTest, KnownFilesAreAdoptedAndMissingOnesWritten) {
     for (std::size_t file = 0; file < 3; ++file)
         EXPECT_EQ(report.files[file].xxh64, first.files[file].xxh64);
     EXPECT_EQ(entry(report, "b.bin").rewritten, (std::vector<bool>{false, true}));
-    EXPECT_EQ(lines(dest(1), "file").size(), 6U) << "adopted files have a line in this run as well";
+    EXPECT_EQ(fileLines(dest(1)).size(), 6U) << "adopted files have a line in this run as well";
 
     // The card no longer holds what the record and the first disk do.
     std::filesystem::remove(dest(1) + "/b.bin");
@@ -130,8 +130,8 @@ TEST_F(ResumeTest, HashOnlyFilesAreReadBackAgainstTheCard) {
     const OffloadReport report = run(plan);
     EXPECT_EQ(report.kind, "repair");
     EXPECT_EQ(report.failedFiles().size(), 1U);
-    EXPECT_THAT(entry(report, "c.bin").errors[1].value_or(""), ::testing::StartsWith("HASH MISMATCH: block 0"));
-    EXPECT_EQ(lines(dest(0), "file").size(), 3U) << "no line for what was only read";
+    EXPECT_THAT(error(report, "c.bin", 1), ::testing::StartsWith("HASH MISMATCH: block 0"));
+    EXPECT_EQ(fileLines(dest(0)).size(), 3U) << "no line for what was only read";
 
     // The repair: the bad copy is moved aside at the last moment, and the file comes anew from the card.
     plan.hashOnly = {true, true, false};

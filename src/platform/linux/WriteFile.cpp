@@ -1,6 +1,7 @@
 #include "platform/IO.h"
 #include "platform/linux/OpenFile.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <dirent.h>
@@ -35,15 +36,20 @@ std::string temporaryName(const std::string& folder) {
     return folder + name;
 }
 
-bool isTemporaryName(const char* name) {
-    int pid = 0;
-    unsigned count = 0;
-    unsigned long long random = 0;
-    char again[80];
-    if (std::sscanf(name, ".velmora-%d-%u-%16llx.tmp", &pid, &count, &random) != 3)
+bool isTemporaryName(std::string_view name) {
+    constexpr std::string_view prefix = ".velmora-";
+    constexpr std::string_view suffix = ".tmp";
+    if (name.size() < prefix.size() + suffix.size() || !name.starts_with(prefix) || !name.ends_with(suffix))
         return false;
-    std::snprintf(again, sizeof again, ".velmora-%d-%u-%016llx.tmp", pid, count, random);
-    return std::string_view(name) == again;
+    name.remove_prefix(prefix.size());
+    name.remove_suffix(suffix.size());
+    const auto take = [&](std::string_view digits) {
+        const std::size_t count = std::min(name.find_first_not_of(digits), name.size());
+        name.remove_prefix(count);
+        return count;
+    };
+    return take("0123456789") > 0 && take("-") == 1 && take("0123456789") > 0 && take("-") == 1 &&
+           take("0123456789abcdef") == 16 && name.empty();
 }
 
 void writeAll(int fd, std::string_view bytes, const std::string& path) {
