@@ -11,6 +11,7 @@
 #include "job/RateMemory.h"
 #include "job/RepairWork.h"
 #include "job/ReportRecorder.h"
+#include "job/SetAside.h"
 #include "memory/AppendPlanner.h"
 #include "memory/BackupCheck.h"
 #include "platform/IO.h"
@@ -50,6 +51,20 @@ OffloadOptions engineOptions(const JobConfig& config, OffloadOptions options) {
     options.verify = config.verify;
     options.allowSameDevice = config.allowSameDevice;
     return options;
+}
+
+// What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
+// gives way without a trace only when it looks like the file that will replace it, or holds nothing.
+OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
+    return [&append](std::size_t destination, std::size_t file, const std::string& finalPath) {
+        if (!IO::exists(finalPath))
+            return;
+        const SourceFile& source = append.newFiles[file];
+        const FileFacts there = IO::lstat(finalPath);
+        const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
+        if (!there.isFile || (there.size > 0 && !alike))
+            SetAside::move(append.cardPaths[destination], append.generation, source.relPath);
+    };
 }
 
 Phase phaseOf(ProgressSnapshot::Phase phase) {
@@ -242,8 +257,11 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
                                countedFiles(append.later)));
     if (history_)
         history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
-    ReportRecorder recorder(append.resuming);
+    if (append.resuming)
+        engine_.setBeforeRename(makingWay(append));
+    ReportRecorder recorder(append.resuming, SetAside::list);
     OffloadReport report = engine_.run(append.toPlan(), recorder);
+    SetAside::list(report);
     const SourceScan card = scanAgain(append.fullScan);
     settle(std::move(report), checkWholeCard(append.cardPaths, &card));
 }
@@ -267,9 +285,9 @@ void OffloadJob::runRepair() {
     if (history_)
         history_->reopen(checkedPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
     engine_.setBeforeRename(repair_->mover(repair));
-    ReportRecorder recorder(true, [this](OffloadReport& report) { repair_->amend(report); });
+    ReportRecorder recorder(true, SetAside::list);
     OffloadReport report = engine_.run(repair.plan, recorder);
-    repair_->amend(report);
+    SetAside::list(report);
     settle(std::move(report), checkWholeCard(checkedPaths));
 }
 

@@ -4,7 +4,6 @@
 #include "base/Mutex.h"
 #include "engine/OffloadEngine.h"
 #include "memory/RepairPlanner.h"
-#include "records/OffloadReport.h"
 
 #include <cstdint>
 #include <string>
@@ -33,8 +32,6 @@ public:
 
     // The hook of the engine that moves a defective copy aside. `plan` must outlive the run.
     OffloadEngine::BeforeRename mover(const RepairPlan& plan);
-    // Writes what was moved into the report.
-    void amend(OffloadReport& report) const;
 
 private:
     struct Progress {
@@ -45,7 +42,6 @@ private:
     const std::vector<std::string> cardPaths_;
     mutable Mutex mutex_;
     std::vector<Progress> progress_ GUARDED_BY(mutex_);
-    std::vector<SetAsideCopy> setAside_ GUARDED_BY(mutex_);
 };
 
 } // namespace velmora

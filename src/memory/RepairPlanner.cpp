@@ -5,7 +5,7 @@
 #include "base/Msg.h"
 #include "base/RelativePath.h"
 #include "base/Text.h"
-#include "blocks/HashStreams.h"
+#include "blocks/HashAlgo.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/CaseTwins.h"
@@ -48,6 +48,7 @@ struct Bad {
     std::string relPath;
     std::vector<bool> defective; // per destination
     std::vector<bool> missing;
+    std::string cardHash; // xxh64 of the card's file while planning
 };
 
 class Planning {
@@ -67,7 +68,7 @@ public:
             throw refuse(PreflightCode::repairNothing, "Nothing to repair — every file is good on every destination.");
         if (!sameCard())
             throw refuse(PreflightCode::other, Msg::repairOtherCard);
-        for (const auto& [key, bad] : bad_)
+        for (auto& [key, bad] : bad_)
             examine(key, bad);
         if (!lines_.empty())
             throw conflict();
@@ -146,20 +147,33 @@ private:
         return false;
     }
 
-    // Size and digest of what the card gives now.
+    // A digest that the record has; every report but a foreign one has the first.
+    static std::pair<std::string, std::string> digestOf(const OffloadReport::FileEntry& entry) {
+        for (const auto& [name, value] :
+             {std::pair("xxh64", entry.xxh64), std::pair("xxh128", entry.xxh128), std::pair("md5", entry.md5)})
+            if (value)
+                return {name, *value};
+        return {};
+    }
+
+    // What the card gives now.
     struct Content {
         std::int64_t size = 0;
         std::string xxh64;
+        std::string recorded; // by the algorithm of the record
     };
 
-    Content readCard(const SourceFile& file) {
+    Content readCard(const SourceFile& file, const std::string& algorithm) {
         auto reader = UncachedReader::beneath(source_, file.relPath);
         if (buffer_.size() == 0)
             buffer_ = IO::allocateAligned(readBytes);
         XXH64Stream hash;
+        const auto other = HashAlgo::make(algorithm);
         Content content;
         while (const std::size_t got = reader.readAt(buffer_.span(), content.size)) {
             hash.update(buffer_.data(), got);
+            if (other)
+                other->update(buffer_.data(), got);
             content.size += static_cast<std::int64_t>(got);
             if (progress_)
                 progress_(static_cast<std::int64_t>(got));
@@ -167,10 +181,11 @@ private:
                 throw Cancelled();
         }
         content.xxh64 = Hex::of64(hash.digest());
+        content.recorded = other ? other->value() : "-";
         return content;
     }
 
-    void examine(const std::string& key, const Bad& bad) {
+    void examine(const std::string& key, Bad& bad) {
         const auto found = onCard_.find(key);
         if (found == onCard_.end()) {
             lines_.push_back(Msg::repairNotOnCard(bad.relPath));
@@ -178,20 +193,25 @@ private:
         }
         const SourceFile& file = *found->second;
         const RecordedFile* known = recorded(bad.relPath, twins_.contains(bad.relPath));
+        const auto [algorithm, digest] = known ? digestOf(*known->file) : std::pair<std::string, std::string>();
         try {
-            const Content content = readCard(file);
-            const bool differs = known && (content.size != known->file->size ||
-                                           (known->file->xxh64 && *known->file->xxh64 != content.xxh64));
-            if (differs)
-                lines_.push_back(Msg::repairCardDiffers(bad.relPath, describe(content.size, content.xxh64),
-                                                        describe(known->file->size, known->file->xxh64.value_or("-"))));
+            const Content content = readCard(file, algorithm);
+            // Without any digest, size and time are all that tells the file from another.
+            const bool same = !known || (content.size == known->file->size &&
+                                         (algorithm.empty() ? matches(file, *known->file)
+                                                            : HashAlgo::equal(algorithm, digest, content.recorded)));
+            if (!same)
+                lines_.push_back(Msg::repairCardDiffers(bad.relPath,
+                                                        describe(content.size, algorithm, content.recorded),
+                                                        describe(known->file->size, algorithm, digest)));
+            bad.cardHash = content.xxh64;
         } catch (const IOError& error) {
             lines_.push_back(Msg::repairCardUnreadable(bad.relPath, error.what()));
         }
     }
 
-    static std::string describe(std::int64_t size, const std::string& digest) {
-        return fmt::format("{}, xxh64 {}", formatBytes(size), digest);
+    static std::string describe(std::int64_t size, const std::string& algorithm, const std::string& digest) {
+        return algorithm.empty() ? formatBytes(size) : fmt::format("{}, {} {}", formatBytes(size), algorithm, digest);
     }
 
     OffloadError conflict() const {
@@ -223,8 +243,14 @@ private:
         for (const auto& [key, bad] : bad_)
             inOrder.emplace(onCard_.at(key)->relPath, &bad);
         std::vector<std::vector<bool>> writes;
+        std::vector<std::optional<ManifestRecord>> known;
         for (const auto& [path, bad] : inOrder) {
-            plan.scan.files.push_back(*onCard_.at(twins_.nameOf(path)));
+            const SourceFile& file = plan.scan.files.emplace_back(*onCard_.at(twins_.nameOf(path)));
+            // What the card gives while copying must be what it gave now: another card may have come meanwhile.
+            ManifestRecord& seen = known.emplace_back().emplace();
+            seen.path = file.relPath;
+            seen.size = file.size;
+            seen.xxh64 = bad->cardHash;
             std::vector<bool> write(backup_.paths.size());
             for (std::size_t d = 0; d < write.size(); ++d)
                 write[d] = bad->defective[d] || bad->missing[d];
@@ -234,6 +260,7 @@ private:
             writes.push_back(std::move(write));
         }
         plan.write = std::move(writes);
+        plan.known = std::move(known);
         return repair;
     }
 
@@ -283,11 +310,6 @@ RepairPlan plan(const std::string& source, const std::vector<std::string>& cardP
     for (const std::string& type : destFilesystems)
         localTime = localTime || FileTimes::storesLocalTime(type);
     return Planning(source, std::move(checked.backup), checked.open, localTime, isCancelled, progress).run(findings);
-}
-
-std::string asidePath(const std::string& cardPath, std::int64_t generation, const std::string& relPath) {
-    return RelativePath::join(
-        fmt::format("{}/{}/set-aside/{:04}", cardPath, std::string_view(Layout::reportDirName), generation), relPath);
 }
 
 } // namespace velmora::RepairPlanner

@@ -47,9 +47,6 @@ RepairPlan plan(const std::string& source, const std::vector<std::string>& cardP
 // before it spends hours on reading.
 AppendPlanner::Backup checkBackup(const std::vector<std::string>& cardPaths);
 
-// Where a defective copy goes: below _REPORT, which the ASC MHL ignores, in a folder of its generation.
-std::string asidePath(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
-
 } // namespace RepairPlanner
 
 } // namespace velmora

@@ -88,19 +88,20 @@ protected:
         ASSERT_NE(at, std::string::npos) << what;
         test::FileTree::write(path, text.replace(at, what.size(), with));
     }
+    // A line in the manifests of both disks, as a run that died leaves it.
+    void line(std::int64_t generation, const std::string& path) const {
+        ManifestRecord record;
+        record.gen = generation;
+        record.path = path;
+        for (const std::string& card : cards)
+            ManifestFile::append(card, std::span(&record, 1));
+    }
     std::string reportOf(std::size_t d) const { return ResumePlanner::reportPath(cards[d], 1); }
 };
 
 TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
     ASSERT_EQ(copy().phase, Phase::done);
     keep();
-    const auto line = [&](std::int64_t generation, const std::string& path) {
-        ManifestRecord record;
-        record.gen = generation;
-        record.path = path;
-        ManifestFile::append(cards[0], std::span(&record, 1));
-        ManifestFile::append(cards[1], std::span(&record, 1));
-    };
     const std::vector<std::string> both = cards;
     enum Kind { appending, repairing };
     struct Case {
@@ -257,6 +258,30 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
     const auto aside = job->report()->setAside;
     ASSERT_TRUE(aside && aside->size() == 1);
     EXPECT_EQ(test::FileTree::read(cards[1] + "/" + aside->front().movedTo), bad);
+
+    // A card that changes between the plan and the copy: what was planned is not what would be written.
+    test::FileTree::flipBit(cards[1] + "/DCIM/4.mov", 5);
+    options.cardIdentity = [&](const std::string&) {
+        test::FileTree::flipBit(temp / "card/DCIM/4.mov", 9);
+        return std::optional<std::string>("card");
+    };
+    EXPECT_FALSE(repair(cards).safeToFormat);
+    EXPECT_THAT(job->report()->files.front().sourceError.value_or(""), HasSubstr("the card has different content"));
+}
+
+// What a person put where a dead run had begun a file is not that run's to destroy.
+TEST_F(EarlierBackup, AResumedRunMovesAsideWhatItDidNotWrite) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    shoot({{"DCIM/4.mov", 1'500'000}});
+    line(2, "DCIM/4.mov");
+    test::FileTree::write(cards[1] + "/DCIM/4.mov", "notes");
+    test::FileTree::write(cards[0] + "/_REPORT/set-aside/0002/DCIM/4.mov.2", "of a run that died");
+    EXPECT_TRUE(append(cards).safeToFormat);
+    ASSERT_TRUE(job->report()->setAside);
+    EXPECT_THAT(*job->report()->setAside,
+                testing::ElementsAre(SetAsideCopy{0, "DCIM/4.mov", "_REPORT/set-aside/0002/DCIM/4.mov.2"},
+                                     SetAsideCopy{1, "DCIM/4.mov", "_REPORT/set-aside/0002/DCIM/4.mov"}));
+    EXPECT_EQ(test::FileTree::read(cards[1] + "/_REPORT/set-aside/0002/DCIM/4.mov"), "notes");
 }
 
 // A report that stands cannot grow: what the card got since is left to the next append, and said.

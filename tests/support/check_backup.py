@@ -209,14 +209,15 @@ class Card:
         return self.options.after_crash and re.fullmatch(r"\.velmora-.*\.tmp", name)
 
     def check_set_aside(self):
-        """Every copy that a report tells of is there, and none of them is the good one."""
+        """Every copy that a report tells of is there, and a repair moved no good one."""
         for report in self.reports.values():
             for copy in report.get("setAside", []):
                 if copy["destination"] != self.column(report):
                     continue
                 if not os.path.isfile(self.path(copy["movedTo"])):
                     complain(self.root, f"not set aside: {copy}")
-                elif hashes(self.path(copy["movedTo"]), self.options.block)["xxh64"] == self.source[copy["path"]]["xxh64"]:
+                elif (report["kind"] == "repair" and hashes(self.path(copy["movedTo"]), self.options.block)["xxh64"]
+                      == self.source[copy["path"]]["xxh64"]):
                     complain(self.root, f"a good copy was set aside: {copy}")
 
     def check_manifest(self):
