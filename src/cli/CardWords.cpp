@@ -74,10 +74,10 @@ void addMatch(std::vector<std::string>& lines, const CardInsight& insight) {
 
 } // namespace
 
-std::string appendCommand(const CardInsight& insight) {
-    std::string command = "velmora append " + quoted(insight.source);
-    for (const HistoryDestination& destination : insight.match->entry.destinations)
-        command += " --into " + quoted(destination.cardPath);
+std::string intoCommand(const std::string& verb, const std::string& source, const std::vector<std::string>& cardPaths) {
+    std::string command = "velmora " + verb + " " + quoted(source);
+    for (const std::string& path : cardPaths)
+        command += " --into " + quoted(path);
     return command;
 }
 
@@ -114,12 +114,17 @@ std::vector<std::string> describe(const CardInsight& insight) {
 std::vector<std::string> offers(const CardInsight& insight) {
     if (insight.error || !insight.match || insight.isEmptied())
         return {};
-    if (AppendRules::offer(&insight))
+    if (AppendRules::offer(&insight)) {
+        std::vector<std::string> cardPaths;
+        for (const HistoryDestination& destination : insight.match->entry.destinations)
+            cardPaths.push_back(destination.cardPath);
         return {AppendRules::checkboxText(*insight.match), "  " + AppendRules::folderText(insight.match->entry),
-                "  " + appendCommand(insight)};
+                "  " + intoCommand("append", insight.source, cardPaths)};
+    }
     const bool useful = insight.match->kind == HistoryMatchKind::newFiles || insight.match->entry.unfinished;
     if (useful && !insight.appendReachable)
-        return {"The earlier backup is not connected — connect its disks to append to it or to finish it."};
+        return {"The earlier backup is not connected, or left no record there — connect its disks to append to it or to "
+                "finish it, or copy the card again in full."};
     if (BackedUpPrompt::shouldAsk(&insight))
         return {"Copy it again in full: velmora copy " + quoted(insight.source) + " --again --dest …"};
     return {};

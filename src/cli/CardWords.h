@@ -14,8 +14,8 @@ namespace CardWords {
 std::vector<std::string> describe(const CardInsight& insight);
 // What can be done with the card, as commands to type; empty when a plain copy is all there is.
 std::vector<std::string> offers(const CardInsight& insight);
-// "velmora append CARD --into …"
-std::string appendCommand(const CardInsight& insight);
+// "velmora append CARD --into …", as a shell takes it; `verb` is append or repair.
+std::string intoCommand(const std::string& verb, const std::string& source, const std::vector<std::string>& cardPaths);
 
 } // namespace CardWords
 

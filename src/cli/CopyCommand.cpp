@@ -1,3 +1,4 @@
+#include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/CopyStart.h"
@@ -43,14 +44,15 @@ public:
         app->add_option("SOURCE", source_, "The card, or any folder of footage")->required();
         app->add_option("--dest", roots_,
                         "A disk, or a folder on it; once for each copy. The card goes to "
-                        "ROOT/<date>/<card name>/")
-            ->required()
+                        "ROOT/<date>/<card name>/ (default: the setting destRoots)")
             ->type_name("ROOT");
         app->add_option("--name", cardName_,
                         "Name of the card folder (default: from the clips, the day, or the volume's label)");
         app->add_option("--date", date_, "Date folder, YYYY-MM-DD (default: today)");
         app->add_option("--project", project_, "Name of the project, for the reports");
-        app->add_flag("--no-verify", noVerify_, "Do not read the copies back. The card is then never safe to format");
+        auto* verify = app->add_flag("--verify", verify_, "Read the copies back, whatever the setting verify says");
+        app->add_flag("--no-verify", noVerify_, "Do not read the copies back. The card is then never safe to format")
+            ->excludes(verify);
         app->add_option("--block-mib", blockMiB_, "Size of one block in MiB, 1 to 1024")
             ->capture_default_str()
             ->type_name("N");
@@ -74,20 +76,22 @@ public:
     }
 
     ExitStatus run(CommandContext& context) override {
-        JobConfig config(TypedPath::absolute(source_), TypedPath::absolute(roots_));
+        HistorySession history(context.console);
+        const AppSettings settings = SettingsStore::load(history.folder());
+        JobConfig config(TypedPath::absolute(source_), destinations(settings, context.console));
         config.cardName = cardName_;
         config.date = date_;
         config.project = project_;
-        config.verify = !noVerify_;
+        config.verify = verify_ || (settings.verify && !noVerify_);
+        if (!config.verify && !noVerify_)
+            context.console.log("The copies are not read back: the setting verify is off.");
         config.chunkMB = blockMiB_;
         config.buffers = buffers_;
         config.allowSameDevice = sameDevice_;
         OffloadOptions options;
         options.allowSourceVolume = sourceVolume_;
         config.recordHistory = !noHistory_;
-        HistorySession history(context.console);
-        const AppSettings settings = SettingsStore::load(history.folder());
-        if (!CopyStart::prepare(config, {again_, settings.naming.suggestFromClips}, history, context))
+        if (!CopyStart::prepare(config, {again_, settings.naming.suggestFromClips, json_}, history, context))
             return ExitStatus::refused;
         OffloadJob job(std::move(config), std::move(options), history.services());
         const ExitStatus status = runJob(job, context, json_);
@@ -97,11 +101,21 @@ public:
     }
 
 private:
+    std::vector<std::string> destinations(const AppSettings& settings, Console& console) const {
+        if (!roots_.empty())
+            return TypedPath::absolute(roots_);
+        if (settings.destRoots.empty())
+            throw UsageError("--dest is required, or destinations in the settings: velmora settings destRoots ROOT…");
+        console.log("Destinations, from the settings: " + TerminalText::printable(join(settings.destRoots, ", ")));
+        return settings.destRoots;
+    }
+
     std::string source_;
     std::vector<std::string> roots_;
     std::optional<std::string> cardName_;
     std::optional<std::string> date_;
     std::optional<std::string> project_;
+    bool verify_ = false;
     bool noVerify_ = false;
     std::int64_t blockMiB_ = JobConfig().chunkMB;
     std::int64_t buffers_ = JobConfig().buffers;

@@ -6,6 +6,7 @@
 #include "cli/Console.h"
 #include "cli/HistorySession.h"
 #include "cli/Interrupts.h"
+#include "cli/StatusJson.h"
 #include "cli/TerminalText.h"
 #include "engine/Layout.h"
 #include "job/RateMemory.h"
@@ -13,6 +14,7 @@
 #include "memory/CardNaming.h"
 #include "memory/HistoryText.h"
 
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include <iostream>
@@ -45,7 +47,15 @@ bool mayCopyAgain(const CardInsight& insight, const std::string& name, const std
     if (choice.again || asks(console, prompt.question))
         return true;
     say(console, prompt.question);
-    console.log("refused: other: " + prompt.title + " — add --again to copy it again in full.");
+    const std::string refusal = prompt.title + " — add --again to copy it again in full.";
+    if (choice.json) {
+        JobStatus status;
+        status.phase = JobStatus::Phase::failed;
+        status.error = refusal;
+        status.errorCode = PreflightCode::other;
+        console.event(StatusJson::result(status, nullptr, static_cast<int>(ExitStatus::refused)));
+    }
+    console.log("refused: other: " + refusal);
     return false;
 }
 

@@ -16,6 +16,7 @@ namespace CopyStart {
 struct Choice {
     bool again = false;           // copy a card that is already backed up
     bool suggestFromClips = true; // take the card's name from its clips
+    bool json = false;            // a refusal is also a "result" on standard output
 };
 
 // True when the copy may begin; `config.cardName` is then filled in. False when the user does not want it, or when

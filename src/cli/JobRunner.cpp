@@ -2,6 +2,7 @@
 
 #include "base/Mutex.h"
 #include "base/Text.h"
+#include "cli/CardWords.h"
 #include "cli/Console.h"
 #include "cli/CopySummary.h"
 #include "cli/Interrupts.h"
@@ -115,6 +116,14 @@ void logRefusal(Console& console, PreflightCode code, const std::string& text) {
         console.log(line);
 }
 
+// The way on that a refusal leaves open.
+void logWayOn(Console& console, PreflightCode code, const JobConfig& config) {
+    if (code != PreflightCode::appendFailedFile || !config.appendInto)
+        return;
+    console.log("To copy such files again from the card:");
+    console.log("  " + CardWords::intoCommand("repair", config.source, *config.appendInto));
+}
+
 } // namespace
 
 ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted) {
@@ -158,9 +167,10 @@ ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
             result["idleShare"] = job.engine().copyTimes().idleShare();
         console.event(result);
     }
-    if (exit == ExitStatus::refused)
+    if (exit == ExitStatus::refused) {
         logRefusal(console, *status.errorCode, status.error.value_or(""));
-    else if (exit == ExitStatus::brokeOff)
+        logWayOn(console, *status.errorCode, job.config());
+    } else if (exit == ExitStatus::brokeOff)
         console.log(fmt::format("velmora: {}", status.error.value_or("")));
     if (exit != ExitStatus::refused && !json)
         for (const auto& line : CopySummary::lines(status, report.get()))

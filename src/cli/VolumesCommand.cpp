@@ -1,10 +1,13 @@
+#include "base/Mutex.h"
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
+#include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
 #include "disks/Volumes.h"
 #include "job/CardEject.h"
+#include "platform/VolumeWatcher.h"
 #include "settings/AppSupport.h"
 #include "settings/SettingsStore.h"
 
@@ -28,24 +31,62 @@ public:
     CLI::App* declare(CLI::App& program) override {
         CLI::App* app = program.add_subcommand("volumes", "List cards and disks");
         app->add_option("--dest", roots_, "Also list the volume of this folder")->type_name("ROOT");
+        app->add_flag("--watch", watch_, "Go on, and list again whenever a volume comes or goes; Ctrl-C ends it");
         app->add_flag("--json", json_, "Print JSON instead: one object a volume");
         return app;
     }
 
     ExitStatus run(CommandContext& context) override {
+        if (watch_)
+            watch(context);
+        else
+            list(context.console);
+        return ExitStatus::ok;
+    }
+
+private:
+    void list(Console& console) const {
         std::vector<std::string> roots = TypedPath::absolute(roots_);
         const AppSettings settings = SettingsStore::load(AppSupport::folder());
         roots.insert(roots.end(), settings.destRoots.begin(), settings.destRoots.end());
         const std::vector<VolumeItem> volumes = Volumes::scan(roots);
         if (json_)
             for (const VolumeItem& volume : volumes)
-                context.console.event(toJson(volume));
+                console.event(toJson(volume));
         else
-            print(volumes, context.console);
-        return ExitStatus::ok;
+            print(volumes, console);
     }
 
-private:
+    // The first list comes after the watching has begun, so that nothing is missed in between.
+    void watch(CommandContext& context) const {
+        Mutex mutex;
+        Condition changed;
+        bool listDue = true;
+        bool ended = false;
+        const auto set = [&](bool& what) {
+            MutexLock lock(mutex);
+            what = true;
+            changed.notifyAll();
+        };
+        const Interrupts::Route route(context.interrupts, {[&] { set(ended); }, {}, {}});
+        const VolumeWatcher watcher([&] { set(listDue); });
+        for (bool first = true;; first = false) {
+            {
+                MutexLock lock(mutex);
+                while (!listDue && !ended)
+                    changed.wait(mutex);
+                if (ended)
+                    return;
+                listDue = false;
+            }
+            if (json_)
+                context.console.event({{"event", "volumes"}});
+            else if (!first)
+                context.console.print("");
+            list(context.console);
+        }
+    }
+
     static nlohmann::json toJson(const VolumeItem& volume) {
         nlohmann::json json = {{"event", "volume"},
                                {"name", volume.name},
@@ -97,6 +138,7 @@ private:
     }
 
     std::vector<std::string> roots_;
+    bool watch_ = false;
     bool json_ = false;
 };
 

@@ -9,8 +9,8 @@
 namespace velmora {
 
 // The volume serial number that every FAT, exFAT and NTFS volume gets when it is formatted: the one mark of a card that
-// survives renaming and tells two formattings of the same card apart. Offsets: Microsoft's FAT specification
-// (BS_VolID), the exFAT specification (VolumeSerialNumber), NTFS boot sector at 0x48.
+// survives renaming and tells two formattings of the same card apart. Offsets: Microsoft's papers on FAT
+// (BS_VolID) and exFAT (VolumeSerialNumber), NTFS boot sector at 0x48.
 namespace BootSector {
 
 struct Serial {

@@ -24,6 +24,7 @@ namespace {
 constexpr std::array<std::string_view, 5> junkFolders{".Spotlight-V100", ".fseventsd", ".Trashes", ".TemporaryItems",
                                                       ".DocumentRevisions-V100"};
 constexpr std::int64_t pathsBetweenPolls = 1000;
+constexpr std::int64_t pathsCountedAtOnce = 100; // a walker takes the lock only so often
 
 bool isJunkFolder(std::string_view name) { return std::ranges::find(junkFolders, name) != junkFolders.end(); }
 bool isJunkFile(std::string_view name) { return name == ".DS_Store" || name.starts_with("._"); }
@@ -96,11 +97,31 @@ private:
 
 using Folder = WaitingFolders::Folder;
 
+// Asks now and then whether the walk is to stop; the walkers count together, and only one asks at a time.
+class StopPoll {
+public:
+    explicit StopPoll(const IsCancelled& isCancelled) : isCancelled_(isCancelled) {}
+
+    // Throws Cancelled.
+    void count(std::int64_t paths) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const std::int64_t before = paths_ / pathsBetweenPolls;
+        paths_ += paths;
+        if (paths_ / pathsBetweenPolls != before && isCancelled_ && isCancelled_())
+            throw Cancelled();
+    }
+
+private:
+    const IsCancelled& isCancelled_;
+    Mutex mutex_;
+    std::int64_t paths_ GUARDED_BY(mutex_) = 0;
+};
+
 // What one thread finds of a card.
 class Walker {
 public:
-    Walker(const FolderReader& root, WaitingFolders& waiting, const IsCancelled& isCancelled)
-        : root_(root), waiting_(waiting), isCancelled_(isCancelled) {}
+    Walker(const FolderReader& root, WaitingFolders& waiting, StopPoll& poll)
+        : root_(root), waiting_(waiting), poll_(poll) {}
 
     SourceScan run() {
         while (const auto folder = waiting_.next()) {
@@ -133,8 +154,8 @@ private:
     void list(FolderReader& reader, const Folder& folder) {
         std::string name;
         while (reader.next(name)) {
-            if (++paths_ % pathsBetweenPolls == 0 && isCancelled_ && isCancelled_())
-                throw Cancelled();
+            if (++paths_ % pathsCountedAtOnce == 0)
+                poll_.count(pathsCountedAtOnce);
             take(reader.lstat(name), name, folder);
         }
         waiting_.add(std::exchange(below_, {}));
@@ -172,7 +193,7 @@ private:
 
     const FolderReader& root_;
     WaitingFolders& waiting_;
-    const IsCancelled& isCancelled_;
+    StopPoll& poll_;
     std::vector<Folder> below_; // of the folder being listed
     std::int64_t paths_ = 0;
     SourceScan scan_;
@@ -191,7 +212,8 @@ SourceScan Scanner::scan(const std::string& root, const IsCancelled& isCancelled
     const FolderReader rootFolder = openRoot(root);
     WaitingFolders waiting;
     waiting.add({{"", true}});
-    auto found = sideBySide(walkers, [&](std::size_t) { return Walker(rootFolder, waiting, isCancelled).run(); });
+    StopPoll poll(isCancelled);
+    auto found = sideBySide(walkers, [&](std::size_t) { return Walker(rootFolder, waiting, poll).run(); });
     SourceScan scan = std::move(found.front());
     for (SourceScan& more : std::span(found).subspan(1)) {
         append(scan.files, more.files);

@@ -119,7 +119,7 @@ OffloadJob::OffloadJob(JobConfig config, OffloadOptions options, JobServices ser
     auto& before = engine_.options().beforeFileCopy;
     before = [this, next = std::move(before)](std::int64_t index) {
         if (index == 0 && locks_ == nullptr)
-            lockFolders();
+            foldersClaimed();
         if (next)
             next(index);
     };
@@ -182,10 +182,10 @@ void OffloadJob::repairInto(std::vector<std::string> cardPaths) {
 
 void OffloadJob::begin(Phase phase) {
     awake_ = std::make_unique<PowerInhibitor>("Copying a card", [this](std::string_view line) { log(line); });
+    if (!engine_.spaceWarnings().empty())
+        addSpaceWarning(engine_.spaceWarnings().front());
     MutexLock lock(mutex_);
     state_.phase = phase;
-    if (!engine_.spaceWarnings().empty() && !state_.warning)
-        state_.warning = engine_.spaceWarnings().front();
 }
 
 // A record may be written long after the job has gone: it gets the front end's log and nothing of this object.
@@ -226,10 +226,8 @@ void OffloadJob::runCopy() {
     if (engine_.isCancelled())
         throw Cancelled();
     begin(Phase::copying);
-    if (history_) {
+    if (history_)
         card_ = plan.scan.files;
-        history_->start(plan, [this] { addWarning(std::string(Msg::historyBusy)); });
-    }
     ReportRecorder recorder(plan.resuming);
     const SourceScan before = plan.scan;
     OffloadReport report = engine_.run(std::move(plan), recorder);
@@ -255,6 +253,10 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     if (append.later > 0)
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
                                countedFiles(append.later)));
+    for (const std::string& path : append.leftOut)
+        addWarning(fmt::format("The backup is also in {}, which was not named: nothing is added there. Append to it "
+                               "alone to bring it in step.",
+                               path));
     if (history_)
         history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
     if (append.resuming)
@@ -356,7 +358,13 @@ SourceScan OffloadJob::scanAgain(const SourceScan& before) const {
 void OffloadJob::checkSpace(const OffloadPlan& plan) {
     const Preflight::Space space = Preflight::checkSpace(Preflight::demand(plan.scan), plan.cardPaths(), {});
     if (!space.warnings.empty())
-        addWarning(space.warnings.front());
+        addSpaceWarning(space.warnings.front());
+}
+
+// Told at once, while something can still be done about it, and again at the end.
+void OffloadJob::addSpaceWarning(const std::string& warning) {
+    log(warning);
+    addWarning(warning);
 }
 
 void OffloadJob::setExamining(bool examining) {
@@ -365,8 +373,9 @@ void OffloadJob::setExamining(bool examining) {
 }
 
 // The folders were created by this very run, so nobody can be at work in them; the locks keep appends, repairs and
-// verifications of other processes out until the records stand.
-void OffloadJob::lockFolders() {
+// verifications of other processes out until the records stand. The history learns of the run now, not earlier: only
+// now are the names of its folders certain.
+void OffloadJob::foldersClaimed() {
     const auto plan = engine_.plan();
     if (plan == nullptr)
         return;
@@ -375,6 +384,8 @@ void OffloadJob::lockFolders() {
     } catch (const std::exception& error) {
         log(fmt::format("no lock on the card folders: {}", error.what()));
     }
+    if (history_)
+        history_->start(*plan, [this] { addWarning(std::string(Msg::historyBusy)); });
 }
 
 void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {

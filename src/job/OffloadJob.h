@@ -73,7 +73,7 @@ private:
     void runCopy();
     void runAppend(const std::vector<std::string>& cardPaths);
     void runRepair();
-    void lockFolders();
+    void foldersClaimed() EXCLUDES(mutex_);
     void lockFolders(const std::vector<std::string>& cardPaths);
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
     void openHistory(const Log& log);
@@ -88,6 +88,7 @@ private:
     // Never throws: what keeps it from looking stands in the check. Without `card` the card is scanned.
     BackupCheck checkWholeCard(const std::vector<std::string>& cardPaths, const SourceScan* card = nullptr) const;
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
+    void addSpaceWarning(const std::string& warning) EXCLUDES(mutex_);
     void setExamining(bool examining) EXCLUDES(mutex_);
     void nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) EXCLUDES(mutex_);
     void addWarning(const std::string& warning) EXCLUDES(mutex_);

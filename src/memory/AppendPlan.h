@@ -16,6 +16,7 @@ struct AppendPlan {
     std::string source;
     std::vector<std::string> cardPaths;
     std::vector<std::string> destRoots;
+    std::vector<std::string> leftOut; // card folders of this backup, by its reports, that are not among cardPaths
     std::string date;
     std::string cardName;
     std::int64_t generation = 1;

@@ -20,6 +20,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -139,7 +140,7 @@ public:
             throw refuse(PreflightCode::appendOtherCard,
                          "None of the files of the earlier backup is on the card — is it "
                          "a different card? Make a full copy.");
-        requireFixedFiles();
+        requireHeldFiles();
         findUnknownFiles();
         if (!conflicts_.empty())
             throw stopped(conflicts_, nextFreeFolder());
@@ -252,13 +253,45 @@ private:
         plan_.newFiles.push_back(file);
     }
 
-    // A report that is on a disk already must not lose a file either. What the card could not give then is excused.
-    void requireFixedFiles() {
-        if (!unfinished_ || !unfinished_->report)
+    // What the dead run holds complete, the card must still have: a generation without it would leave copies on the
+    // disks that no record names. A report that is on a disk already must not lose a file either; what the card could
+    // not give then is excused.
+    void requireHeldFiles() {
+        if (!unfinished_)
             return;
-        for (const auto& file : unfinished_->report->files)
-            if (!file.sourceError && !names_.contains(pathKey(file.path)))
-                conflicts_.push_back(Msg::repairNotOnCard(file.path));
+        std::map<std::string, std::string> missing; // by path key
+        const auto need = [&](const std::string& path) {
+            if (const std::string key = pathKey(path); !names_.contains(key))
+                missing.emplace(key, path);
+        };
+        for (const auto& held : unfinished_->files)
+            for (const auto& [key, record] : held)
+                need(record.path);
+        if (unfinished_->report)
+            for (const auto& file : unfinished_->report->files)
+                if (!file.sourceError)
+                    need(file.path);
+        for (const auto& [key, path] : missing)
+            conflicts_.push_back(Msg::repairNotOnCard(path));
+    }
+
+    // Folders that the reports name as places of this backup and that the caller did not name.
+    std::vector<std::string> foldersLeftOut() const {
+        std::map<std::string, std::string> others; // by path key
+        for (const CardRecord& record : backup_.records)
+            for (const auto& generation : record.generations)
+                for (const auto& destination : generation.report->destinations)
+                    others.emplace(pathKey(RelativePath::withoutTrailingSlash(destination.cardPath)),
+                                   destination.cardPath);
+        for (const CardRecord& record : backup_.records)
+            for (const auto& generation : record.generations)
+                if (const auto column = CardRecord::columnOf(*generation.report, record.cardPath, record.volumeSerial))
+                    others.erase(pathKey(RelativePath::withoutTrailingSlash(
+                        generation.report->destinations.at(*column).cardPath)));
+        std::vector<std::string> paths;
+        for (const auto& [key, path] : others)
+            paths.push_back(path);
+        return paths;
     }
 
     // Files on the disks that neither a report nor the interrupted run accounts for.
@@ -328,6 +361,7 @@ private:
                 plan_.newDirs.push_back(dir);
         plan_.cardPaths = backup_.paths;
         plan_.destRoots = backup_.roots;
+        plan_.leftOut = foldersLeftOut();
         plan_.date = backup_.date;
         plan_.cardName = backup_.cardName;
         plan_.generation = unfinished_ ? unfinished_->generation : backup_.nextGeneration;

@@ -1,11 +1,13 @@
 #include "memory/CardInspector.h"
 
+#include "blocks/ManifestFile.h"
 #include "clips/ClipDetector.h"
 #include "disks/CardIdentity.h"
 #include "disks/VolumeSerial.h"
 #include "engine/Scanner.h"
 #include "memory/CardFingerprint.h"
 #include "memory/HistoryStore.h"
+#include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -52,7 +54,7 @@ void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* st
     const auto& destinations = match.entry.destinations;
     insight.appendReachable =
         useful && !destinations.empty() && std::all_of(destinations.begin(), destinations.end(), [&](const auto& d) {
-            return !d.cardPath.empty() && world.directoryExists(d.cardPath);
+            return !d.cardPath.empty() && world.hasRecords(d.cardPath);
         });
 }
 
@@ -64,7 +66,9 @@ World World::real() {
     return {[](const std::string& path) { return cardVolumeOf(path); },
             [](const std::string& path) { return CardIdentity::of(path); },
             [](const std::string& path) { return CardInspector::isVolumeRoot(path); },
-            [](const std::string& path) { return IO::isFolder(path); }};
+            [](const std::string& path) {
+                return IO::exists(ResumePlanner::reportPath(path, 1)) || IO::exists(ManifestFile::path(path));
+            }};
 }
 
 CardInsight inspect(const std::string& source, HistoryStore* store, const std::vector<HistoryEntry>* history,

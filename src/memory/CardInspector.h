@@ -47,7 +47,7 @@ struct World {
     std::function<std::optional<CardVolume>(const std::string& path)> volumeOf;
     std::function<std::optional<std::string>(const std::string& path)> identify;
     std::function<bool(const std::string& path)> isVolumeRoot;
-    std::function<bool(const std::string& path)> directoryExists;
+    std::function<bool(const std::string& path)> hasRecords; // a card folder with a report or a manifest
 
     static World real();
 };

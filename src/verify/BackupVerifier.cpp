@@ -99,9 +99,8 @@ std::optional<Unfinished> openGeneration(const std::string& cardPath) {
 
 // What the open generation of a folder has put there, by path key: not finished, but no stranger. None when no
 // generation is open. A report that still waits for its verification tells as well where the manifest is gone.
-std::optional<std::unordered_set<std::string>> openFiles(const std::string& cardPath) {
-    const std::optional<Unfinished> open = openGeneration(cardPath);
-    const CardRecord record = CardRecord::load(cardPath);
+std::optional<std::unordered_set<std::string>> openFiles(const CardRecord& record) {
+    const std::optional<Unfinished> open = openGeneration(record.cardPath);
     if (!open && !record.verifyPending())
         return std::nullopt;
     std::unordered_set<std::string> files = open ? open->mentioned() : std::unordered_set<std::string>();
@@ -110,6 +109,30 @@ std::optional<std::unordered_set<std::string>> openFiles(const std::string& card
             for (const auto& file : generation.report->files)
                 files.insert(pathKey(file.path));
     return files;
+}
+
+// A copy that was never read back stands in no generation of the ASC MHL, but its digest stands in the report: without
+// it a backup made without verification would pass with nothing looked at.
+void addFromReports(Task& task, const CardRecord& record, VerifyResult& result) {
+    std::int64_t added = 0;
+    for (const auto& [key, recorded] : record.files) {
+        const OffloadReport::FileEntry& file = *recorded.file;
+        const auto column = CardRecord::columnOf(*recorded.report, record.cardPath, record.volumeSerial);
+        const bool written =
+            column && *column < file.destinations.size() && file.destinations[*column] == "written" && file.xxh64;
+        if (!written || recorded.report->verifyPending.value_or(false) || task.known.contains(file.path))
+            continue;
+        task.known.insert(file.path);
+        task.files.push_back({file.path, file.size, {{"xxh64", *file.xxh64, std::nullopt}}});
+        ++result.totalFiles;
+        result.totalBytes += file.size;
+        ++added;
+    }
+    if (added == 0)
+        return;
+    std::ranges::sort(task.files, {}, &Expected::path);
+    result.chainProblems.push_back(countedFiles(added) + " not in the ASC MHL, never read back after the copy — compared " +
+                                   "with the digests of the report.");
 }
 
 // Reads the files of one folder through one buffer.
@@ -301,12 +324,14 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     result.started = Timestamp::now();
     if (!IO::isFolder(result.cardPath))
         throw OffloadError::failed("Folder not found: " + result.cardPath);
-    const auto open = openFiles(result.cardPath);
+    const CardRecord record = CardRecord::load(result.cardPath);
+    const auto open = openFiles(record);
     result.unfinished = open.has_value();
     const MHLHistory history = MHLReader::read(result.cardPath);
     Task task;
     if (history.exists) {
         task = fromHistory(history, result);
+        addFromReports(task, record, result);
     } else {
         std::vector<std::string> refused;
         if (auto listed = hashLists(result.cardPath, refused))

@@ -113,7 +113,7 @@ protected:
         world_.isVolumeRoot = [](const std::string&) { return true; };
         world_.volumeOf = [this](const std::string&) { return volume_; };
         world_.identify = [this](const std::string&) { return identity_; };
-        world_.directoryExists = [this](const std::string&) { return reachable_; };
+        world_.hasRecords = [this](const std::string&) { return reachable_; };
         volume_ = CardVolume{"id", "1A2B3C4D", 1000, "CARD", "ext4"};
         put("A012_C001.mov");
         put("B003_C001.mov");
