@@ -123,8 +123,9 @@ std::vector<std::string> offers(const CardInsight& insight) {
     }
     const bool useful = insight.match->kind == HistoryMatchKind::newFiles || insight.match->entry.unfinished;
     if (useful && !insight.appendReachable)
-        return {"The earlier backup is not connected, or left no record there — connect its disks to append to it or to "
-                "finish it, or copy the card again in full."};
+        return {
+            "The earlier backup is not connected, or left no record there — connect its disks to append to it or to "
+            "finish it, or copy the card again in full."};
     if (BackedUpPrompt::shouldAsk(&insight))
         return {"Copy it again in full: velmora copy " + quoted(insight.source) + " --again --dest …"};
     return {};

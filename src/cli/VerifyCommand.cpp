@@ -68,6 +68,7 @@ nlohmann::json resultJson(const VerifyResult& result, double seconds) {
             {"failedAtCopy", result.failedAtCopy},
             {"failedSuperseded", result.failedSuperseded},
             {"unreadable", std::move(unreadable)},
+            {"onlyInReport", result.onlyInReport},
             {"chainProblems", result.chainProblems}};
 }
 

@@ -286,8 +286,8 @@ private:
         for (const CardRecord& record : backup_.records)
             for (const auto& generation : record.generations)
                 if (const auto column = CardRecord::columnOf(*generation.report, record.cardPath, record.volumeSerial))
-                    others.erase(pathKey(RelativePath::withoutTrailingSlash(
-                        generation.report->destinations.at(*column).cardPath)));
+                    others.erase(pathKey(
+                        RelativePath::withoutTrailingSlash(generation.report->destinations.at(*column).cardPath)));
         std::vector<std::string> paths;
         for (const auto& [key, path] : others)
             paths.push_back(path);

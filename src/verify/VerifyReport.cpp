@@ -77,6 +77,10 @@ std::vector<std::string> warnings(const VerifyResult& result) {
         lines.push_back(fmt::format("{} {} the record \"failed during the copy\" in the newest generation — verified "
                                     "against an older valid generation.",
                                     countedFiles(n), plural(n, "has", "have")));
+    if (const std::int64_t n = result.onlyInReport; n > 0)
+        lines.push_back(fmt::format("{} {} never read back after the copy and {} not in the MHL — compared with the "
+                                    "digest in the report.",
+                                    countedFiles(n), plural(n, "was", "were"), plural(n, "is", "are")));
     lines.insert(lines.end(), result.chainProblems.begin(), result.chainProblems.end());
     return lines;
 }

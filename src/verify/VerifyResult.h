@@ -21,8 +21,9 @@ struct VerifyResult {
     std::string basis; // "ascmhl", "hashList" or "pending"
     std::int64_t generations = 0;
     std::vector<std::string> hashAlgorithms;
-    std::int64_t totalFiles = 0; // in the record
-    std::int64_t totalBytes = 0; // as recorded
+    std::int64_t totalFiles = 0;   // in the record
+    std::int64_t totalBytes = 0;   // as recorded
+    std::int64_t onlyInReport = 0; // of them, files that no ASC MHL generation lists: never read back after their copy
     std::int64_t ok = 0;
     std::vector<std::string> changed;          // the content differs from the record
     std::vector<std::string> missing;          // in the record, not on the disk

@@ -94,6 +94,28 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
     EXPECT_EQ(run({"verify"}), 2);
 }
 
+TEST_F(BackupProgramTest, ACopyTakesItsDefaultsFromTheSettings) {
+    fill(card);
+    ASSERT_EQ(run({"copy", card}), 2) << "nowhere to copy to";
+    ASSERT_EQ(run({"settings", "destRoots", a}), 0);
+    ASSERT_EQ(run({"settings", "verify", "false"}), 0);
+    const Arguments copy = {"copy", card, "--name", "A001", "--date", "2026-03-14", "--allow-source-volume", "--again"};
+    ASSERT_EQ(run(copy), 0) << err;
+    EXPECT_TRUE(logged("Destinations, from the settings: " + a) && logged("the setting verify is off")) << err;
+    EXPECT_TRUE(printed("Do not format")) << out;
+    // What was never read back stands in no MHL generation: the report's digests must not let a bad copy pass.
+    EXPECT_EQ(run({"verify", folder}), 0);
+    EXPECT_TRUE(printed("Verified: all 3 files match")) << out;
+    EXPECT_TRUE(printed("3 files were never read back after the copy and are not in the MHL")) << out;
+    test::FileTree::flipBit(folder + "/DCIM/two.mov", 100'000);
+    EXPECT_EQ(run({"verify", folder, "--machine"}), 1);
+    EXPECT_EQ(out, "MISMATCH  DCIM/two.mov\n");
+    Arguments verified = copy;
+    verified.push_back("--verify");
+    EXPECT_EQ(run(verified), 0) << err;
+    EXPECT_TRUE(printed("Safe to format")) << out;
+}
+
 TEST_F(BackupProgramTest, AKnownCardIsToldAndCopiedAgainOnlyOnDemand) {
     fill(card);
     ASSERT_EQ(copy(card), 0) << err;
@@ -102,6 +124,8 @@ TEST_F(BackupProgramTest, AKnownCardIsToldAndCopiedAgainOnlyOnDemand) {
     EXPECT_TRUE(logged("Copy it again in full? A new folder will be created (e.g. A001_2).")) << err;
     EXPECT_TRUE(logged("\nrefused: other: Card already backed up")) << err;
     EXPECT_EQ(out, "");
+    EXPECT_EQ(copy(card, {"--json"}), 3);
+    EXPECT_EQ(nlohmann::json::parse(out)["errorCode"], "other");
     EXPECT_FALSE(fs::exists(a + "/2026-03-14/A001_2"));
 
     EXPECT_EQ(copy(card, {"--again", "--eject"}), 0) << err;

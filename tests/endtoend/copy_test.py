@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""`velmora copy` as a user runs it, on good disks and bad ones, judged by tests/support/check_backup.py."""
+"""`velmora copy` as a user runs it, on good disks and bad ones, judged by tools/check_backup.py."""
 
 import errno
 import glob
@@ -17,7 +17,7 @@ import unittest
 from disks import BIN, FaultDisk, Image, possible
 
 MIB = 1 << 20
-CHECKER = os.path.join(os.path.dirname(__file__), "../support/check_backup.py")
+CHECKER = os.path.join(os.path.dirname(__file__), "../../tools/check_backup.py")
 SOAK = os.environ.get("VELMORA_SOAK") == "1"
 DATE, CARD = "2026-03-14", "A001"
 

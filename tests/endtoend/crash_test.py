@@ -20,7 +20,7 @@ import unittest
 from disks import BIN, FaultDisk, possible
 
 MIB = 1 << 20
-CHECKER = os.path.join(os.path.dirname(__file__), "../support/check_backup.py")
+CHECKER = os.path.join(os.path.dirname(__file__), "../../tools/check_backup.py")
 SOAK = os.environ.get("VELMORA_SOAK") == "1"
 SEED = int(os.environ.get("VELMORA_SEED", random.randrange(1 << 30) if SOAK else 1))
 ROUNDS = int(os.environ.get("VELMORA_ROUNDS", 250 if SOAK else 7))
