@@ -3,7 +3,6 @@
 #include "support/FileTree.h"
 #include "support/TempFolder.h"
 
-#include <ctime>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <thread>
@@ -164,20 +163,6 @@ TEST(ManifestFile, TakesManyWritersAtOnce) {
         writer.join();
     const Paths all = paths(card.path());
     EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), 100U);
-}
-
-TEST(ManifestFile, ReadsALargeCardInTheSameTimePerLine) {
-    const auto secondsPerLine = [](std::size_t lines) {
-        const test::TempFolder card;
-        ManifestFile::append(card.path(), std::vector<ManifestRecord>(lines, fileLine("PRIVATE/CLIP/A001C001.MXF")));
-        const std::clock_t before = std::clock(); // of the processor: other programs may be busy
-        EXPECT_EQ(ManifestFile::read(card.path()).size(), lines);
-        return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC / static_cast<double>(lines);
-    };
-    const double small = secondsPerLine(5'000);
-    const double large = secondsPerLine(100'000);
-    RecordProperty("microsecondsPerLine", std::to_string(large * 1e6));
-    EXPECT_LT(large, 3 * small);
 }
 
 TEST(ManifestRecords, FilesAreTheLastLinesOfTheirGeneration) {

@@ -69,28 +69,6 @@ INSTANTIATE_TEST_SUITE_P(Copy, CopySizes,
                          ::testing::Values(Blocks{4096, 2, 1 << 28}, Blocks{8192, 3, 5000}, Blocks{1 << 20, 2, 1},
                                            Blocks{16 << 20, 2, 1 << 25}, Blocks{64 << 20, 2, 1 << 28}));
 
-TEST_F(CopyTest, TwoRunsAtOnceNeverMix) {
-    for (int i = 0; i < 40; ++i)
-        put(fmt::format("f{}.bin", i), 5000);
-    const OffloadPlan plan = prepare();
-    OffloadPlan turned = plan;
-    std::swap(turned.destRoots[0], turned.destRoots[1]);
-    std::vector<std::thread> runs;
-    for (int i = 0; i < 6; ++i)
-        runs.emplace_back([&, mine = i % 2 ? plan : turned] {
-            Recorder own;
-            OffloadEngine other(options);
-            EXPECT_TRUE(other.run(mine, own).safeToFormat());
-        });
-    for (std::thread& thread : runs)
-        thread.join();
-    for (const std::string& root : roots) {
-        EXPECT_EQ(IO::list(root + "/2026-03-14").size(), 6U);
-        for (const IOEntry& folder : IO::list(root + "/2026-03-14"))
-            EXPECT_EQ(fileLines(root + "/2026-03-14/" + folder.name).size(), 40U) << folder.name;
-    }
-}
-
 // Names of the card that look like this program's own must come through, or fail loudly; never take another file down,
 // nor one that appears meanwhile.
 TEST_F(CopyTest, NeverReplacesWhatIsNotOfItsMaking) {

@@ -135,17 +135,6 @@ TEST_F(OffloadJobTest, KeepsOthersOutOfTheCardFoldersWhileItRuns) {
     EXPECT_NO_THROW(FolderLocks::acquire(job->plan()->cardPaths()));
 }
 
-TEST_F(OffloadJobTest, ARefusalKeepsItsCodeAndCreatesNothing) {
-    config.destRoots.push_back(temp / "c");
-    OffloadJob job(config, options);
-    job.run({});
-    const auto status = job.status();
-    EXPECT_EQ(status.phase, Phase::failed);
-    EXPECT_EQ(status.errorCode, PreflightCode::destinationNotFound);
-    EXPECT_EQ(job.report(), nullptr);
-    EXPECT_TRUE(test::FileTree::contents(temp / "a").empty());
-}
-
 TEST_F(OffloadJobTest, AnAppendThatCannotRunTouchesNothing) {
     OffloadJob(config, options).run({});
     test::FileTree::make(config.source, {{"4.mov", 10}});

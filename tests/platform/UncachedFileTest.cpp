@@ -127,20 +127,6 @@ TEST_P(UncachedFile, ContinuesAnExistingFileAtABlock) {
     EXPECT_TRUE(test::FileTree::read(path) == content);
 }
 
-TEST_P(UncachedFile, EvictionEmptiesTheCacheOfADirtyFile) {
-    const std::string path = place_.path + "/cached";
-    test::FileTree::write(path, bytes(9, 2 * block + 5));
-    auto pages = PageCache::residentPages(path);
-    ASSERT_TRUE(pages);
-    EXPECT_EQ(pages->second, 513);
-    EXPECT_GT(pages->first, 0);
-    EXPECT_TRUE(PageCache::evict(path));
-    pages = PageCache::residentPages(path);
-    ASSERT_TRUE(pages);
-    EXPECT_EQ(pages->first, 0);
-    EXPECT_TRUE(test::FileTree::read(path) == bytes(9, 2 * block + 5));
-}
-
 TEST(UncachedFileOnABadDisk, GetsPastReadsThatAreCutShortAndTellsOfFailures) {
     if (const auto why = test::FaultDisk::unavailable())
         GTEST_SKIP() << *why;

@@ -1,12 +1,9 @@
 #include "base/Hex.h"
 #include "base/JsonFields.h"
-#include "records/CardKey.h"
-#include "records/FileState.h"
 #include "records/HashKinds.h"
 #include "records/ManifestRecord.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
-#include "records/ProgressSnapshot.h"
 #include "records/SourceFile.h"
 #include "records/SpaceNeed.h"
 #include "records/Timecode.h"
@@ -125,10 +122,6 @@ TEST(OffloadPlan, DerivesTheCardFoldersUnlessTheyAreGiven) {
     EXPECT_THAT(plan.cardPaths(), ::testing::ElementsAre("/d/2026-01-01/A001", "/2026-01-01/A001"));
     plan.fixedCardPaths = {{"/x"}};
     EXPECT_THAT(plan.cardPaths(), ::testing::ElementsAre("/x"));
-    EXPECT_EQ(name(PlanMode::full), "full");
-    EXPECT_EQ(fileState(name(FileState::failed)), FileState::failed);
-    EXPECT_FALSE(fileState("Failed"));
-    EXPECT_EQ(name(ProgressSnapshot::Phase::done), "done");
 }
 
 TEST(SpaceNeed, AddsUpWithoutOverflowing) {
@@ -138,15 +131,6 @@ TEST(SpaceNeed, AddsUpWithoutOverflowing) {
     EXPECT_EQ(need.total(), 66);
     need += {largest, 0, 0};
     EXPECT_EQ(need.total(), largest);
-}
-
-TEST(CardKey, TellsCardsApartByBothFields) {
-    EXPECT_NE((CardKey{"S", 1}), (CardKey{"S", 2}));
-    CardVolume volume;
-    volume.fsSerial = "S";
-    volume.capacity = 2;
-    EXPECT_EQ(volume.key(), (CardKey{"S", 2}));
-    EXPECT_NE(std::hash<CardKey>{}({"S", 1}), std::hash<CardKey>{}({"S", 2}));
 }
 
 TEST(Timecode, ReadsRatesAsRationalsAndNumbers) {
@@ -272,32 +256,6 @@ TEST(OffloadReport, SummarisesFrameRatesInOrderOfAppearance) {
     add("25", "25.0005");
     add(std::nullopt, "25");
     EXPECT_EQ(report.frameRateSummary(), "60 fps capture, 23.976 playback (1 clip); 25 fps (2 clips)");
-}
-
-TEST(OffloadReport, NamesItsFilesByGeneration) {
-    for (const std::int64_t first : {-1, 0, 1})
-        EXPECT_EQ(OffloadReport::jsonName(first), "offload_report.json");
-    EXPECT_EQ(OffloadReport::jsonName(2), "offload_report_0002.json");
-    EXPECT_EQ(OffloadReport::textName(1) + " " + OffloadReport::textName(12345),
-              "offload_report.txt offload_report_12345.txt");
-    EXPECT_EQ(OffloadReport::htmlName("{A}", 1) + " " + OffloadReport::pdfName("{A}", 3),
-              "{A}_report.html {A}_report_0003.pdf");
-}
-
-TEST(OffloadReport, TenThousandFilesReadBackEqual) {
-    OffloadReport report = reportOf(true, {});
-    report.cardName = "A001";
-    report.files.resize(10'000);
-    for (std::size_t i = 0; i < report.files.size(); ++i) {
-        auto& file = report.files[i];
-        file.path = "CLIP/C" + std::to_string(i) + ".MP4";
-        file.size = static_cast<std::int64_t>(i);
-        file.modified = {static_cast<std::int64_t>(i) * 1'000'000, 0};
-        file.xxh64 = Hex::of64(i);
-        file.destinations = {"verified", "verified"};
-        file.errors = {std::nullopt, i % 7 ? std::nullopt : std::optional<std::string>("e")};
-    }
-    EXPECT_EQ(OffloadReport::fromJson(report.jsonData()), report);
 }
 
 } // namespace

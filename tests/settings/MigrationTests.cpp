@@ -62,18 +62,6 @@ TEST_F(MigrationTest, CopiesTheNewestEarlierFolderOnceWithoutToolsAndLocks) {
     EXPECT_EQ(log_.size(), 1u);
 }
 
-TEST_F(MigrationTest, TakesTheOldestNameWhenThereIsNoOther) {
-    write("data/Offload/settings.json");
-    migrate();
-    EXPECT_TRUE(IO::exists(target_ + "/settings.json"));
-}
-
-TEST_F(MigrationTest, DoesNothingWhenThereIsNothing) {
-    migrate();
-    EXPECT_FALSE(IO::exists(temp_ / "data"));
-    EXPECT_TRUE(log_.empty());
-}
-
 TEST_F(MigrationTest, LeavesNoHalfFolderWhenItFails) {
     write("data/Tarnwick/settings.json");
     std::filesystem::remove_all(temp_ / "data/Velmora");

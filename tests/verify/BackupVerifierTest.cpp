@@ -317,20 +317,5 @@ TEST_F(BackupVerifierTest, TheJobEndsAsItsRunDoes) {
     EXPECT_TRUE(half.changed.empty() && half.extra.empty());
 }
 
-TEST(VerifyIgnore, PatternsMeanPathsNamesAndFolders) {
-    const struct {
-        std::string pattern, path;
-        bool ignored;
-    } cases[] = {
-        {"_REPORT", "_REPORT/x", true},       {"_REPORT/", "_REPORT/x", true},   {"_REPORT/", "a/_REPORT/x", false},
-        {".DS_Store", "a/b/.DS_Store", true}, {".DS_Store", "aDS_Store", false}, {"*.tmp", "a/x.tmp", true},
-        {"*.tmp", "a/x.tmp2", false},         {"a/*.mov", "a/x.mov", true},      {"a/*.mov", "a/b/x.mov", false},
-        {"a/**/x.mov", "a/b/c/x.mov", true},  {"a/**/x.mov", "a/x.mov", true},   {"c?.mov", "c1.mov", true},
-        {"c?.mov", "c/.mov", false},          {"(a|b)+", "aa", false},           {"", "a", false},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(BackupVerifier::ignored(c.path, {c.pattern}), c.ignored) << c.pattern << " " << c.path;
-}
-
 } // namespace
 } // namespace velmora
