@@ -8,16 +8,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace velmora;
     fuzz::onDisk("CARD/_REPORT/CARD.xxh64", data, size);
-    std::vector<std::string> refused;
-    const auto files = BackupVerifier::hashLists(fuzz::folder() + "/CARD", refused);
+    std::vector<std::string> problems;
+    const auto files = BackupVerifier::hashLists(fuzz::folder() + "/CARD", problems);
     if (!files)
-        std::abort(); // the list is there, however it reads
+        return 0;
     std::set<std::string> seen;
     for (const BackupVerifier::Expected& file : *files)
         if (!isSafeRelative(file.path) || file.hashes.empty() || !seen.insert(file.path).second)
-            std::abort();
-    for (const std::string& path : refused)
-        if (isSafeRelative(path))
             std::abort();
     return 0;
 }

@@ -43,7 +43,8 @@ Completed complete(const std::string& cardPath, const std::string& relative, Blo
 DestFileResult result(const BlockVerifier& verifier, const BlockOutcome& outcome);
 
 // Reads one block of the card afresh and returns its hash; absent when it cannot be read.
-std::optional<std::uint64_t> readCardBlock(const std::string& path, std::int64_t block, std::int64_t blockSize);
+std::optional<std::uint64_t> readCardBlock(const std::string& source, const std::string& relative, std::int64_t block,
+                                           std::int64_t blockSize);
 
 } // namespace BlockReads
 

@@ -85,9 +85,8 @@ std::optional<ReadBack::Outcome> judgeBlocks(UncachedReader& file, std::span<std
     BlockPass::run(file, buffer, verifier, {{}, isCancelled, {}});
     ReadBack::Outcome outcome;
     outcome.result = BlockReads::result(verifier, verifier.finish());
-    if (outcome.result.state == FileState::verified) {
-        outcome.unstable = verifier.unstableBlocks();
-    }
+    outcome.unstable = verifier.unstableBlocks();
+    std::erase_if(outcome.unstable, [&](std::int64_t block) { return verifier.diskHash(block).has_value(); });
     for (std::size_t block = 0; block < pass.blocks.size(); ++block) {
         const auto number = static_cast<std::int64_t>(block);
         if (const auto hash = verifier.diskHash(number)) {

@@ -1,9 +1,12 @@
+#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
+#include "disks/SpacePlanner.h"
+#include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 #include "verify/BackupVerifier.h"
 #include "verify/VerifyJob.h"
@@ -47,8 +50,8 @@ Console::Tone toneOf(VerifyReport::Tone tone) {
 
 nlohmann::json resultJson(const VerifyResult& result, double seconds) {
     nlohmann::json unreadable = nlohmann::json::array();
-    for (const auto& [path, error] : result.unreadable)
-        unreadable.push_back({{"path", path}, {"error", error}});
+    for (const auto& each : result.unreadable)
+        unreadable.push_back({{"path", each.path}, {"error", each.error}});
     return {{"event", "result"},
             {"cardPath", result.cardPath},
             {"basis", result.basis},
@@ -93,9 +96,9 @@ public:
 
     ExitStatus run(CommandContext& context) override {
         collect(context.console);
-        std::map<std::uint64_t, std::vector<Item*>> byDevice;
+        std::map<std::string, std::vector<Item*>> byDevice;
         for (Item& item : items_)
-            byDevice[deviceOf(item.job->cardPath())].push_back(&item);
+            byDevice[SpacePlanner::volumeKey(item.job->cardPath())].push_back(&item);
         std::atomic<bool> cancelled{false};
         {
             const Interrupts::Route route(context.interrupts, {[&] {
@@ -122,22 +125,30 @@ private:
                 folders = BackupVerifier::cardFolders(path);
             if (folders.empty())
                 folders.push_back(path); // a folder with checksum lists only, or one that is not there: the job tells
+            else
+                addWithoutHistory(path, folders);
             for (const std::string& folder : folders)
                 items_.push_back(
                     {std::make_unique<VerifyJob>(folder, [&console](std::string_view line) { console.log(line); })});
         }
     }
 
-    static std::uint64_t deviceOf(const std::string& path) {
-        try {
-            return IO::stat(path).device;
-        } catch (const IOError&) {
-            return 0;
+    // A card folder of the day that has lost its whole history must not be passed over: its checksum lists may serve,
+    // and if not, that is what there is to tell.
+    static void addWithoutHistory(const std::string& day, std::vector<std::string>& folders) {
+        if (BackupVerifier::isCardFolder(day))
+            return;
+        for (const IOEntry& entry : IO::list(day)) {
+            const std::string folder = RelativePath::join(day, entry.name);
+            if (entry.isFolder() && !BackupVerifier::isCardFolder(folder) &&
+                IO::exists(ResumePlanner::reportPath(folder, 1)))
+                folders.push_back(folder);
         }
+        std::ranges::sort(folders);
     }
 
     // One thread a device, so that disks do not wait for each other and no disk has to seek between two readers.
-    void work(const std::map<std::uint64_t, std::vector<Item*>>& byDevice, Console& console) {
+    void work(const std::map<std::string, std::vector<Item*>>& byDevice, Console& console) {
         std::atomic<std::size_t> left{byDevice.size()};
         std::vector<std::thread> threads;
         const auto start = Clock::now();
@@ -206,16 +217,24 @@ private:
         if (json_)
             console.event(resultJson(result, item.seconds));
         else if (machine_)
-            for (const std::string& line : VerifyReport::machineLines(result))
-                console.print(TerminalText::printable(line));
+            printLines(result, console);
         else
             describe(result, item.seconds, console);
         if (result.cancelled)
             return ExitStatus::cancelled;
         if (result.folderGone)
             return ExitStatus::brokeOff;
-        return result.success() && !result.unfinished && result.chainProblems.empty() ? ExitStatus::ok
-                                                                                      : ExitStatus::dataProblem;
+        const bool well =
+            result.success() && !result.unfinished && !result.nothingCompared() && result.chainProblems.empty();
+        return well ? ExitStatus::ok : ExitStatus::dataProblem;
+    }
+
+    // What no line can say, since it is about no file, goes to standard error.
+    void printLines(const VerifyResult& result, Console& console) const {
+        for (const std::string& line : VerifyReport::machineLines(result))
+            console.print(TerminalText::printable(line));
+        if (result.folderGone || result.unfinished || result.nothingCompared())
+            console.log(result.cardPath + ": " + VerifyReport::summary(result).text);
     }
 
     static void describe(const VerifyResult& result, double seconds, Console& console) {

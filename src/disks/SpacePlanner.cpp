@@ -48,7 +48,12 @@ std::optional<SpaceProblem> problemOf(const VolumeDemand& demand, const IO::Capa
 
 std::string SpacePlanner::volumeKey(const std::string& path) {
     try {
-        return "device:" + std::to_string(IO::stat(existing(path)).device);
+        const std::string folder = existing(path);
+        // Each subvolume of Btrfs has a device number of its own; the disk below is one.
+        if (IO::filesystemType(folder) == "btrfs")
+            if (const auto mount = VolumeFacts::mount(folder))
+                return "device:" + mount->device;
+        return "device:" + std::to_string(IO::stat(folder).device);
     } catch (const IOError&) {
         return "path:" + path; // a place of its own; whoever uses it will learn why it does not answer
     }

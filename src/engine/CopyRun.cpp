@@ -20,8 +20,10 @@ namespace {
 constexpr int identityTries = 3;
 constexpr std::chrono::milliseconds identityPause{250};
 
-NameClashes clashesOf(const SourceScan& scan) {
+NameClashes clashesOf(const OffloadPlan& plan) {
+    const SourceScan& scan = plan.scan;
     NameClashes clashes;
+    clashes.flushFile = plan.flushFileTaken;
     for (const SourceFile& file : scan.files) {
         std::string key = collisionKey(file.relPath);
         if (key == DeviceFlush::flushFileName)
@@ -44,7 +46,7 @@ std::optional<std::string> identityOf(const OffloadOptions& options, const std::
 
 CopyRun::CopyRun(OffloadEngine& engine, std::shared_ptr<const OffloadPlan> plan,
                  std::vector<CardFolders::Destination> destinations)
-    : engine_(engine), plan_(std::move(plan)), destinations_(std::move(destinations)), clashes_(clashesOf(plan_->scan)),
+    : engine_(engine), plan_(std::move(plan)), destinations_(std::move(destinations)), clashes_(clashesOf(*plan_)),
       pool_(static_cast<std::size_t>(engine.options_.chunkSize), static_cast<std::size_t>(engine.options_.bufferCount)),
       hasher_(engine.options_.chunkSize, plan_->scan.files.size(), engine.log_), endedAt_(plan_->scan.files.size()),
       totalBytes_(plan_->scan.totalBytes()) {
@@ -72,6 +74,7 @@ void CopyRun::describe(ProgressSnapshot& snapshot) const {
     for (const auto& writer : writers_) {
         snapshot.writtenBytes.push_back(writer ? writer->written() : 0);
         snapshot.verifiedBytes.push_back(writer ? writer->verified() : 0);
+        snapshot.bytesToVerify.push_back(writer ? writer->toVerify() : 0);
         snapshot.errors += writer ? writer->failures() : 0;
         if (const auto file = writer ? writer->verifyingNow() : std::nullopt)
             if (const std::string& name = files[*file].relPath;

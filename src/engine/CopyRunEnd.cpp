@@ -75,25 +75,29 @@ bool CopyRun::verify() {
 }
 
 OffloadReport CopyRun::buildReport(bool verified) const {
-    return ReportBuilder::build({.plan = *plan_,
-                                 .destinations = destinations_,
-                                 .writers = writers_,
-                                 .hasher = hasher_,
-                                 .sourceErrors = sourceErrors_,
-                                 .endedAt = endedAt_,
-                                 .endReason = endReason_,
-                                 .started = started_,
-                                 .copyFinished = copyFinished_,
-                                 .copyPaused = copyPaused_,
-                                 .verifyPaused = verifyPaused_,
-                                 .verified = verified,
-                                 .pending = engine_.options_.deferVerify,
-                                 .readCard = [this](std::size_t file, std::int64_t block) {
-                                     return isCancelled() ? std::nullopt
-                                                          : BlockReads::readCardBlock(
-                                                                plan_->source + "/" + plan_->scan.files[file].relPath,
-                                                                block, engine_.options_.chunkSize);
-                                 }});
+    return ReportBuilder::build(
+        {.plan = *plan_,
+         .destinations = destinations_,
+         .writers = writers_,
+         .hasher = hasher_,
+         .sourceErrors = sourceErrors_,
+         .endedAt = endedAt_,
+         .endReason = endReason_,
+         .started = started_,
+         .copyFinished = copyFinished_,
+         .copyPaused = copyPaused_,
+         .verifyPaused = verifyPaused_,
+         .verified = verified,
+         .pending = engine_.options_.deferVerify,
+         .readCard = [this, same = std::optional<bool>()](std::size_t file,
+                                                          std::int64_t block) mutable -> std::optional<std::uint64_t> {
+             if (!same) // asked once: another card must not be read in this one's stead
+                 same = sameCardAsAtStart();
+             if (isCancelled() || !*same)
+                 return std::nullopt;
+             return BlockReads::readCardBlock(plan_->source, plan_->scan.files[file].relPath, block,
+                                              engine_.options_.chunkSize);
+         }});
 }
 
 // Where every file had been flushed before, a failed flush of the whole disk finds none to blame. What it leaves

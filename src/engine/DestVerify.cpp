@@ -14,6 +14,9 @@ void DestWriter::doVerify(std::span<std::byte> buffer, PauseGate::Worker& worker
         if (set_.options->afterVerifyChunk)
             set_.options->afterVerifyChunk();
     };
+    for (std::size_t file = 0; file < results_.size(); ++file)
+        if (results_[file].state == FileState::written)
+            toVerify_.add(fileAt(file).size);
     for (std::size_t file = 0; file < results_.size(); ++file) {
         // Without a source hash there is nothing to compare with; the report has the source's error.
         if (results_[file].state != FileState::written || !set_.hasher->hashOf(file))

@@ -255,21 +255,16 @@ void DestWriter::makeFinal(std::size_t file) {
     const std::string final = finalPath(file);
     if (set_.beforeRename)
         set_.beforeRename(file, final);
-    // Where two names of the card may be one on this disk, not even a resumed run may replace.
-    const auto shared = set_.clashes->folded.find(collisionKey(source.relPath));
-    const bool isShared = shared != set_.clashes->folded.end();
-    if (set_.resuming && !isShared) {
-        IO::rename(partPath_, final);
-    } else {
-        try {
-            IO::renameNoReplace(partPath_, final);
-        } catch (const IOError& error) {
-            if (error.code() != EEXIST)
-                throw;
-            throw OffloadError::failed(isShared && shared->second != source.relPath
-                                           ? CaseFolding::error(shared->second)
-                                           : "file appeared meanwhile: " + final);
-        }
+    // No run replaces, not even a resumed one: what stands in its way has given way by now, or is another file.
+    try {
+        IO::renameNoReplace(partPath_, final);
+    } catch (const IOError& error) {
+        if (error.code() != EEXIST)
+            throw;
+        const auto shared = set_.clashes->folded.find(collisionKey(source.relPath));
+        throw OffloadError::failed(shared != set_.clashes->folded.end() && shared->second != source.relPath
+                                       ? CaseFolding::error(shared->second)
+                                       : "file appeared meanwhile: " + final);
     }
     part_.reset();
     const std::string folder = final.substr(0, final.find_last_of('/'));
@@ -280,8 +275,9 @@ void DestWriter::makeFinal(std::size_t file) {
 }
 
 void DestWriter::fail(std::size_t file, std::string error) {
+    // What the card did not give is counted once, by the reader, not once for each disk.
+    failures_.add(error.starts_with("source: ") ? 0 : 1);
     results_[file] = {FileState::failed, std::move(error)};
-    failures_.add(1);
 }
 
 void DestWriter::dropPart() noexcept {

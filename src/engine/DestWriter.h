@@ -101,6 +101,7 @@ public:
     std::int64_t written() const noexcept { return written_.value(); }
     std::int64_t verified() const noexcept { return verified_.value(); }
     std::int64_t failures() const noexcept { return failures_.value(); }
+    std::int64_t toVerify() const noexcept { return toVerify_.value(); } // bytes; 0 before the read-back begins
     std::optional<std::size_t> verifyingNow() const noexcept;
 
     // After drain():
@@ -166,6 +167,7 @@ private:
     Counter written_;
     Counter verified_;
     Counter failures_;
+    Counter toVerify_;
     std::atomic<std::int64_t> verifyingNow_{-1};
 
     // The queue's own.

@@ -37,6 +37,8 @@ FolderLocks FolderLocks::acquire(const std::vector<std::string>& cardPaths, cons
     std::vector<FileLock> held;
     for (const auto& [file, path] : wanted) {
         std::optional<FileLock> lock = FileLock::tryLock(file);
+        if (const auto problem = lock ? std::nullopt : FileLock::problem(file))
+            throw OffloadError::preflight(PreflightCode::other, "Cannot lock " + path + ": " + problem->what());
         if (!lock)
             throw OffloadError::preflight(PreflightCode::appendBusy, Msg::appendBusy(path));
         held.push_back(std::move(*lock));

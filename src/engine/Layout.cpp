@@ -48,7 +48,9 @@ std::string Layout::sanitize(std::string_view name) {
     for (char& c : text)
         if (c == '/' || c == ':' || c == '\\')
             c = '_';
-    text = trim(text);
+    // The longest name of a file system is 255 bytes, and "_2" or ".xxh64" must still fit behind this one.
+    constexpr std::size_t longestName = 200;
+    text = trim(cutUtf8(trim(text), longestName));
     for (char& c : text)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
             c = '_';

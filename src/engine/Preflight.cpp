@@ -1,5 +1,6 @@
 #include "engine/Preflight.h"
 
+#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "disks/SpacePlanner.h"
 #include "engine/Layout.h"
@@ -55,23 +56,46 @@ bool looksLikeOffload(const std::string& source) {
     }
 }
 
-std::uint64_t deviceOf(const std::string& path, PreflightCode code, const std::string& message) {
+void refuseOffload(const std::string& source) {
+    if (looksLikeOffload(source))
+        refuse(PreflightCode::sourceIsOffload, "The source looks like an earlier offload (it has _REPORT, _PROXY or "
+                                               "ascmhl) — copy the original card, or remove those folders.");
+}
+
+// A card folder that exists; one that does not is for the planner to name.
+void checkCardFolder(const std::string& cardPath) {
+    if (!IO::isFolder(cardPath))
+        return;
+    for (const std::string_view name : {std::string_view(), Layout::reportDirName, Layout::mhlDirName}) {
+        const std::string path = name.empty() ? cardPath : RelativePath::join(cardPath, name);
+        if (!IO::exists(path))
+            continue;
+        if (!name.empty() && IO::lstat(path).isLink)
+            refuse(PreflightCode::destinationUnreadable,
+                   path + " is a link — records are neither read nor written through one.");
+        if (!IO::isWritable(path))
+            refuse(PreflightCode::destinationNotWritable, "Cannot write to the destination: " + path);
+    }
+}
+
+std::string deviceOf(const std::string& path, PreflightCode code, const std::string& message) {
     try {
-        return IO::stat(path).device;
+        IO::stat(path);
+        return SpacePlanner::volumeKey(path);
     } catch (const IOError&) {
         refuse(code, message);
     }
 }
 
 // Two folders of one disk count as one drive; the order of the roots decides which one is named.
-void checkRoots(const std::vector<std::string>& roots, std::uint64_t sourceDevice, const OffloadOptions& options) {
-    std::set<std::uint64_t> devices;
+void checkRoots(const std::vector<std::string>& roots, const std::string& sourceDevice, const OffloadOptions& options) {
+    std::set<std::string> devices;
     for (const std::string& root : roots) {
         if (!IO::isFolder(root))
             refuse(PreflightCode::destinationNotFound, "Destination not found: " + root + " — is the drive connected?");
         if (!IO::isWritable(root))
             refuse(PreflightCode::destinationNotWritable, "Cannot write to the destination: " + root);
-        const std::uint64_t device =
+        const std::string device =
             deviceOf(root, PreflightCode::destinationUnreadable, "Cannot read the destination: " + root);
         if (device == sourceDevice && !options.allowSourceVolume)
             refuse(PreflightCode::sameVolumeAsSource, "Destination " + root + " is on the same drive as the source.");
@@ -111,10 +135,8 @@ Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions&
     if (inputs.destRoots.empty())
         refuse(PreflightCode::noDestination, "No destination selected.");
     checkRootsDiffer(inputs.destRoots);
-    if (looksLikeOffload(inputs.source))
-        refuse(PreflightCode::sourceIsOffload, "The source looks like an earlier offload (it has _REPORT, _PROXY or "
-                                               "ascmhl) — copy the original card, or remove those folders.");
-    const std::uint64_t sourceDevice =
+    refuseOffload(inputs.source);
+    const std::string sourceDevice =
         deviceOf(inputs.source, PreflightCode::sourceUnreadable, "Cannot read the source: " + inputs.source);
     checkRoots(inputs.destRoots, sourceDevice, options);
 
@@ -127,7 +149,7 @@ Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions&
     const std::string name =
         inputs.cardName ? Layout::sanitize(*inputs.cardName) : Layout::defaultCardName(inputs.source);
     plan.cardName = Layout::uniqueCardFolder(plan.destRoots, plan.date, name);
-    result.space = checkSpace(demand(plan.scan), plan.cardPaths(), extra ? extra(plan.scan) : SpaceExtra{}, freeSpace);
+    result.space = checkSpace(demands(plan), plan.cardPaths(), extra ? extra(plan.scan) : SpaceExtra{}, freeSpace);
     return result;
 }
 
@@ -136,21 +158,36 @@ void Preflight::checkInto(const std::string& source, const std::vector<std::stri
     checkOptions(options);
     checkSource(source);
     checkRootsDiffer(cardPaths);
+    refuseOffload(source);
+    for (const std::string& path : cardPaths)
+        checkCardFolder(path);
 }
 
-std::int64_t Preflight::demand(const SourceScan& scan) {
-    const auto files = static_cast<std::int64_t>(scan.files.size());
-    return plus(scan.totalBytes(), files * bytesPerFile + slack);
+std::vector<std::int64_t> Preflight::demands(const OffloadPlan& plan) {
+    std::vector<std::int64_t> all(plan.cardPaths().size(), slack);
+    for (std::size_t file = 0; file < plan.scan.files.size(); ++file) {
+        const auto& part = plan.resume ? (*plan.resume)[file] : std::nullopt;
+        const std::int64_t held = part ? part->blockSize * static_cast<std::int64_t>(part->blocks.size()) : 0;
+        for (std::size_t d = 0; d < all.size(); ++d) {
+            const bool written = plan.write ? (*plan.write)[file][d] : !plan.hashOnly || !(*plan.hashOnly)[file];
+            const std::int64_t bytes = written ? std::max<std::int64_t>(0, plan.scan.files[file].size - held) : 0;
+            all[d] = plus(all[d], plus(bytes, bytesPerFile));
+        }
+    }
+    return all;
 }
 
-Preflight::Space Preflight::checkSpace(std::int64_t demand, const std::vector<std::string>& cardPaths,
-                                       const SpaceExtra& extra, const FreeSpace& freeSpace) {
+Preflight::Space Preflight::checkSpace(const std::vector<std::int64_t>& demands,
+                                       const std::vector<std::string>& cardPaths, const SpaceExtra& extra,
+                                       const FreeSpace& freeSpace) {
     SpacePlanner::Disks disks;
     if (freeSpace)
         disks.capacityOf = freeSpace;
     const std::vector<SpaceTarget> targets = SpacePlanner::targets(cardPaths, disks);
-    SpacePlanner::Verdict verdict =
-        SpacePlanner::checkPlaces(SpacePlanner::places(extra, demand, targets, disks), disks);
+    std::vector<SpacePlace> places = SpacePlanner::places(extra, 0, targets, disks);
+    for (std::size_t d = 0; d < demands.size(); ++d)
+        places[d].need.card = demands[d];
+    SpacePlanner::Verdict verdict = SpacePlanner::checkPlaces(places, disks);
     Space space{{}, std::move(verdict.lines)};
     for (const SpaceProblem& problem : verdict.problems) {
         if (problem.severity == SpaceSeverity::blocking)

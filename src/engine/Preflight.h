@@ -44,16 +44,17 @@ struct Result {
 Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra = {},
                const FreeSpace& freeSpace = {}, const IsCancelled& isCancelled = {});
 
-// The same for a run into card folders that exist already: its options, its source, and no folder given twice. What
-// the folders hold is for the planner to judge.
+// The same for a run into card folders that exist already: its options, its source, no folder given twice, and none
+// that takes no writing or whose records lie behind a link. What the folders hold is for the planner to judge.
 void checkInto(const std::string& source, const std::vector<std::string>& cardPaths, const OffloadOptions& options);
 
-// The demand of one run: its bytes, and what file systems and this program's records add to them.
-std::int64_t demand(const SourceScan& scan);
+// The demand of one run on each destination: the bytes that are written there and that no part file holds already, and
+// what file systems and this program's records add to them.
+std::vector<std::int64_t> demands(const OffloadPlan& plan);
 
-// Compares the demand with the free space below every card folder. Throws the first shortage as `noSpace`.
-Space checkSpace(std::int64_t demand, const std::vector<std::string>& cardPaths, const SpaceExtra& extra,
-                 const FreeSpace& freeSpace = {});
+// Compares the demands with the free space below the card folders. Throws the first shortage as `noSpace`.
+Space checkSpace(const std::vector<std::int64_t>& demands, const std::vector<std::string>& cardPaths,
+                 const SpaceExtra& extra, const FreeSpace& freeSpace = {});
 
 } // namespace Preflight
 

@@ -23,6 +23,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <numeric>
 #include <utility>
@@ -56,14 +57,13 @@ OffloadOptions engineOptions(const JobConfig& config, OffloadOptions options) {
 // What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
 // gives way without a trace only when it looks like the file that will replace it, or holds nothing.
 OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
-    return [&append](std::size_t destination, std::size_t file, const std::string& finalPath) {
-        if (!IO::exists(finalPath))
-            return;
+    return [&append](std::size_t destination, std::size_t file, const std::string&) {
         const SourceFile& source = append.newFiles[file];
-        const FileFacts there = IO::lstat(finalPath);
-        const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
-        if (!there.isFile || (there.size > 0 && !alike))
-            SetAside::move(append.cardPaths[destination], append.generation, source.relPath);
+        SetAside::makeWay(
+            append.cardPaths[destination], append.generation, source.relPath, [&](const FileFacts& there) {
+                const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
+                return there.isFile && (there.size == 0 || alike);
+            });
     };
 }
 
@@ -192,8 +192,10 @@ void OffloadJob::begin(Phase phase) {
 void OffloadJob::openHistory(const Log& log) {
     if (!services_.history)
         return;
-    if (const auto folder = HistoryRecorder::folder(config_, services_.supportFolder))
-        history_ = std::make_unique<HistoryKeeper>(*services_.history, *folder, config_.source, log);
+    guardHistory([&] {
+        if (const auto folder = HistoryRecorder::folder(config_, services_.supportFolder))
+            history_ = std::make_unique<HistoryKeeper>(*services_.history, *folder, config_.source, log);
+    });
 }
 
 void OffloadJob::addWarning(const std::string& warning) {
@@ -208,17 +210,19 @@ void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<B
         return std::ranges::any_of(file.destinations,
                                    [](const std::string& s) { return s != "pending" && s != "failed"; });
     };
-    if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
-        history_->forget();
-    else
-        history_->finish(report, wholeCard ? wholeCard->covered : card_, wholeCard,
-                         [this] { addWarning(std::string(Msg::historyBusy)); });
+    guardHistory([&] {
+        if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
+            history_->forget();
+        else
+            history_->finish(report, wholeCard ? wholeCard->covered : card_, wholeCard,
+                             [this] { addWarning(std::string(Msg::historyBusy)); });
+    });
 }
 
 // A run that broke off before it had claimed its card folders has left nothing that could be finished.
 void OffloadJob::takeBackStart() {
     if (history_ && engine_.plan() == nullptr)
-        history_->forget();
+        guardHistory([&] { history_->forget(); });
 }
 
 void OffloadJob::runCopy() {
@@ -253,12 +257,9 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     if (append.later > 0)
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
                                countedFiles(append.later)));
-    for (const std::string& path : append.leftOut)
-        addWarning(fmt::format("The backup is also in {}, which was not named: nothing is added there. Append to it "
-                               "alone to bring it in step.",
-                               path));
     if (history_)
-        history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
+        guardHistory(
+            [&] { history_->reopen(append.cardPaths, [this] { addWarning(std::string(Msg::historyBusy)); }); });
     if (append.resuming)
         engine_.setBeforeRename(makingWay(append));
     ReportRecorder recorder(append.resuming, SetAside::list);
@@ -285,7 +286,7 @@ void OffloadJob::runRepair() {
                                                   filesystemsOf(checkedPaths), findings, isCancelled);
     checkSpace(repair.plan);
     if (history_)
-        history_->reopen(checkedPaths, [this] { addWarning(std::string(Msg::historyBusy)); });
+        guardHistory([&] { history_->reopen(checkedPaths, [this] { addWarning(std::string(Msg::historyBusy)); }); });
     engine_.setBeforeRename(repair_->mover(repair));
     ReportRecorder recorder(true, SetAside::list);
     OffloadReport report = engine_.run(repair.plan, recorder);
@@ -303,8 +304,11 @@ void OffloadJob::nothingNew(const OffloadError& error, const std::vector<std::st
     // A run that died between its last record and the history left the entry open, or none: nothing else would ever
     // close it.
     if (history_ && check.newest) {
-        history_->take(cardPaths);
-        history_->finish(*check.newest, check.covered, check, [this] { addWarning(std::string(Msg::historyBusy)); });
+        guardHistory([&] {
+            history_->take(cardPaths);
+            history_->finish(*check.newest, check.covered, check,
+                             [this] { addWarning(std::string(Msg::historyBusy)); });
+        });
     }
     for (const std::string& line : check.messages())
         addWarning(line);
@@ -356,7 +360,7 @@ SourceScan OffloadJob::scanAgain(const SourceScan& before) const {
 }
 
 void OffloadJob::checkSpace(const OffloadPlan& plan) {
-    const Preflight::Space space = Preflight::checkSpace(Preflight::demand(plan.scan), plan.cardPaths(), {});
+    const Preflight::Space space = Preflight::checkSpace(Preflight::demands(plan), plan.cardPaths(), {});
     if (!space.warnings.empty())
         addSpaceWarning(space.warnings.front());
 }
@@ -385,7 +389,16 @@ void OffloadJob::foldersClaimed() {
         log(fmt::format("no lock on the card folders: {}", error.what()));
     }
     if (history_)
-        history_->start(*plan, [this] { addWarning(std::string(Msg::historyBusy)); });
+        guardHistory([&] { history_->start(*plan, [this] { addWarning(std::string(Msg::historyBusy)); }); });
+}
+
+// The history only says where to look: nothing that goes wrong with it may cost the backup.
+void OffloadJob::guardHistory(const std::function<void()>& call) const {
+    try {
+        call();
+    } catch (const std::exception& error) {
+        log(std::string("history: ") + error.what());
+    }
 }
 
 void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
@@ -395,10 +408,12 @@ void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
 void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard, std::int64_t filesAdded) {
     const auto& problems = engine_.reportProblems();
     if (!problems.empty())
-        markIncomplete(report);
+        rewriteReports(report);
     const bool recorded = problems.empty();
     const bool cardChanged = engine_.cardChanged();
     const bool copied = report.success();
+    if (report.safeToFormatSeconds && (filesAdded > 0 || (wholeCard && !wholeCard->safeToFormat())))
+        takeBackPromise(report, wholeCard, filesAdded);
     {
         MutexLock lock(mutex_);
         state_.copySucceeded = copied;
@@ -427,8 +442,22 @@ void OffloadJob::settle(OffloadReport report, const std::optional<BackupCheck>& 
         endAs(Phase::done);
 }
 
+// The report was written before the card as a whole was looked at: what it says of formatting the card must not stand
+// on the disks when that is denied.
+void OffloadJob::takeBackPromise(OffloadReport& report, const std::optional<BackupCheck>& wholeCard,
+                                 std::int64_t filesAdded) {
+    report.safeToFormatSeconds.reset();
+    std::vector<std::string> notes = report.verifyNotes.value_or(std::vector<std::string>());
+    if (filesAdded > 0)
+        notes.push_back(BackupMessage::notInBackup(filesAdded));
+    if (wholeCard)
+        std::ranges::copy(wholeCard->messages(), std::back_inserter(notes));
+    report.verifyNotes = std::move(notes);
+    rewriteReports(report);
+}
+
 // Where the record does stand it must not promise what does not hold on the other disks.
-void OffloadJob::markIncomplete(const OffloadReport& report) {
+void OffloadJob::rewriteReports(const OffloadReport& report) {
     const auto generation = report.generationNumber();
     for (const auto& destination : report.destinations) {
         try {
@@ -485,11 +514,13 @@ JobStatus OffloadJob::status() const {
     status.pausedTotal = gate.pausedTotal();
     if (status.paused && !status.pauseHeld)
         status.pauseStep = stepBeforePause(copy);
-    for (const auto bytes : copy.verifiedBytes) {
-        status.verifyDoneByDest.push_back(bytes);
-        status.verifyTotalByDest.push_back(copy.totalBytes);
-        status.verifyDone += bytes;
-        status.verifyTotal += copy.totalBytes;
+    for (std::size_t d = 0; d < copy.verifiedBytes.size(); ++d) {
+        // A run that finishes another reads back more than it copies.
+        const std::int64_t total = copy.bytesToVerify[d] > 0 ? copy.bytesToVerify[d] : copy.totalBytes;
+        status.verifyDoneByDest.push_back(copy.verifiedBytes[d]);
+        status.verifyTotalByDest.push_back(total);
+        status.verifyDone += copy.verifiedBytes[d];
+        status.verifyTotal += total;
     }
     status.copy = copy;
     return status;

@@ -92,7 +92,9 @@ private:
     void setExamining(bool examining) EXCLUDES(mutex_);
     void nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) EXCLUDES(mutex_);
     void addWarning(const std::string& warning) EXCLUDES(mutex_);
-    void markIncomplete(const OffloadReport& report);
+    void takeBackPromise(OffloadReport& report, const std::optional<BackupCheck>& wholeCard, std::int64_t filesAdded);
+    void rewriteReports(const OffloadReport& report);
+    void guardHistory(const std::function<void()>& call) const;
     void endAs(JobStatus::Phase phase, std::optional<std::string> error = {}, std::optional<PreflightCode> code = {})
         EXCLUDES(mutex_);
     void log(std::string_view line) const EXCLUDES(mutex_);

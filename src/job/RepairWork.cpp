@@ -2,7 +2,6 @@
 
 #include "base/SideBySide.h"
 #include "job/SetAside.h"
-#include "platform/IO.h"
 #include "verify/BackupVerifier.h"
 
 namespace velmora {
@@ -17,8 +16,9 @@ RepairPlanner::Findings findingsOf(const VerifyResult& result) {
                                    ": The backup folder disappeared — the disk may have been disconnected.");
     RepairPlanner::Findings findings;
     findings.defective = result.changed;
-    for (const auto& [path, error] : result.unreadable)
-        findings.defective.push_back(path);
+    for (const auto& each : result.unreadable)
+        if (each.isRecorded)
+            findings.defective.push_back(each.path);
     findings.missing = result.missing;
     return findings;
 }
@@ -59,9 +59,8 @@ std::vector<std::int64_t> RepairWork::bytesTotal() const {
 }
 
 OffloadEngine::BeforeRename RepairWork::mover(const RepairPlan& plan) {
-    return [this, &plan](std::size_t destination, std::size_t file, const std::string& finalPath) {
-        if (plan.defective[file][destination] && IO::exists(finalPath))
-            SetAside::move(cardPaths_[destination], plan.plan.generation, plan.plan.scan.files[file].relPath);
+    return [this, &plan](std::size_t destination, std::size_t file, const std::string&) {
+        SetAside::makeWay(cardPaths_[destination], plan.plan.generation, plan.plan.scan.files[file].relPath);
     };
 }
 

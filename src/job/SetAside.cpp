@@ -64,6 +64,17 @@ void move(const std::string& cardPath, std::int64_t generation, const std::strin
     throw IOError("rename", RelativePath::join(cardPath, wanted), EEXIST);
 }
 
+void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath,
+             const std::function<bool(const FileFacts&)>& isOwnWork) {
+    const std::string path = RelativePath::join(cardPath, relPath);
+    if (!IO::holdsName(path))
+        return;
+    if (isOwnWork && isOwnWork(IO::lstat(path)))
+        IO::unlink(path);
+    else
+        move(cardPath, generation, relPath);
+}
+
 void list(OffloadReport& report) {
     std::unordered_set<std::string> files;
     for (const auto& file : report.files)

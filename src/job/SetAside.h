@@ -1,8 +1,10 @@
 #pragma once
 
+#include "platform/IO.h"
 #include "records/OffloadReport.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace velmora {
@@ -14,6 +16,12 @@ namespace SetAside {
 // Moves `relPath` of the card folder aside, for `generation`. The rename is on the medium when this returns. Follows no
 // link below the card folder. Throws IOError.
 void move(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
+
+// Frees the name `relPath` of the card folder for a new copy. What stands there moves aside, unless `isOwnWork` says of
+// it that a run which died has left it: that is deleted. On a disk that folds case the name may be that of another
+// file, which stays where it is.
+void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath,
+             const std::function<bool(const FileFacts&)>& isOwnWork = {});
 
 // Lists in the report all that lies aside for its generation in its card folders: what the run moved itself, and what
 // runs had moved that died before they could write a report. What cannot be read is left out.

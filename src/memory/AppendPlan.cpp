@@ -27,6 +27,7 @@ OffloadPlan AppendPlan::toPlan() const {
     plan.unverifiedEarlier = unverifiedEarlier;
     plan.fixedCardPaths = cardPaths;
     plan.resuming = resuming;
+    plan.flushFileTaken = flushFileTaken;
     plan.write = write;
     plan.known = known;
     plan.resume = resume;

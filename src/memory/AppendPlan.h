@@ -16,7 +16,6 @@ struct AppendPlan {
     std::string source;
     std::vector<std::string> cardPaths;
     std::vector<std::string> destRoots;
-    std::vector<std::string> leftOut; // card folders of this backup, by its reports, that are not among cardPaths
     std::string date;
     std::string cardName;
     std::int64_t generation = 1;
@@ -27,6 +26,7 @@ struct AppendPlan {
     std::vector<std::string> hashAlgorithms;
     std::optional<std::string> project;
     bool resuming = false;
+    bool flushFileTaken = false;
     std::int64_t later = 0; // files that the interrupted generation cannot take in any more: left for the next append
     std::optional<std::vector<std::vector<bool>>> write;
     std::optional<std::vector<std::optional<ManifestRecord>>> known;

@@ -7,6 +7,7 @@
 #include "base/Text.h"
 #include "disks/Volumes.h"
 #include "engine/DestWriter.h"
+#include "engine/DeviceFlush.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/BackupFolder.h"
@@ -54,11 +55,15 @@ std::optional<CardFolder> split(const std::string& path) {
     return folder;
 }
 
-CardRecord loadRecord(const std::string& path, std::optional<std::int64_t> unfinished) {
+void requireFolder(const std::string& path) {
     if (!IO::isFolder(path))
         throw refuse(
             PreflightCode::appendUnavailable,
             fmt::format("The earlier backup is not available: {} — connect the drive, or make a full copy.", path));
+}
+
+CardRecord loadRecord(const std::string& path, std::optional<std::int64_t> unfinished) {
+    requireFolder(path);
     CardRecord record = CardRecord::load(path, unfinished ? std::optional(*unfinished - 1) : std::nullopt);
     if (record.reportMissing)
         throw refuse(
@@ -101,7 +106,7 @@ std::int64_t lastMhlGeneration(const std::string& path, std::optional<std::int64
 
 std::int64_t lastReport(const CardRecord& record, std::optional<std::int64_t> unfinished) {
     std::int64_t last = record.highestReportNumber;
-    if (unfinished && last >= *unfinished)
+    if (unfinished && last == *unfinished)
         last = record.generations.empty() ? 0 : record.generations.back().generation;
     return last;
 }
@@ -191,14 +196,17 @@ private:
 
     void look(const SourceFile& file) {
         const bool exactly = twins_.contains(file.relPath);
-        bool recorded = false;
+        std::vector<bool> lacks(folders_.size(), false);
+        const RecordedFile* holder = nullptr;
         bool unverified = false;
         bool differs = false;
         for (std::size_t d = 0; d < folders_.size(); ++d) {
             const RecordedFile* found = backup_.records[d].find(file.relPath, exactly);
-            if (!found)
+            if (!found) {
+                lacks[d] = true;
                 continue;
-            recorded = true;
+            }
+            holder = found;
             const RecordedFile& record = *found;
             const auto& entry = *record.file;
             if (entry.size != file.size || !FileTimes::close(entry.modified, file.mtime, localTime_)) {
@@ -208,12 +216,30 @@ private:
             }
             unverified = checkCopy(file, record, d) || unverified;
         }
-        if (!recorded) {
+        if (!holder) {
             lookAtNew(file);
             return;
         }
         ++recordedOnCard_;
         plan_.unverifiedEarlier += unverified ? 1 : 0;
+        // Disks that were appended to one by one may stand at the same generation and yet not hold the same files.
+        if (!differs && std::ranges::find(lacks, true) != lacks.end())
+            bringTo(file, lacks, *holder->file);
+    }
+
+    // A file that some disks of the backup hold and others lack: it is copied to those that lack it, and must be what
+    // the record says.
+    void bringTo(const SourceFile& file, const std::vector<bool>& lacks, const OffloadReport::FileEntry& entry) {
+        const std::size_t before = plan_.newFiles.size();
+        lookAtNew(file);
+        if (plan_.newFiles.size() == before)
+            return; // left for the next append
+        ManifestRecord known;
+        known.path = file.relPath;
+        known.size = file.size;
+        known.modified = file.mtime;
+        known.xxh64 = entry.xxh64;
+        partly_.emplace(before, std::pair(lacks, std::move(known)));
     }
 
     // True when the recorded copy on disk `d` was never verified.
@@ -267,31 +293,17 @@ private:
         for (const auto& held : unfinished_->files)
             for (const auto& [key, record] : held)
                 need(record.path);
+        // A generation of nothing at all would be a record that no later run can read.
+        if (plan_.newFiles.empty())
+            for (const auto& begun : unfinished_->parts)
+                for (const auto& [key, part] : begun)
+                    need(part.path);
         if (unfinished_->report)
             for (const auto& file : unfinished_->report->files)
                 if (!file.sourceError)
                     need(file.path);
         for (const auto& [key, path] : missing)
             conflicts_.push_back(Msg::repairNotOnCard(path));
-    }
-
-    // Folders that the reports name as places of this backup and that the caller did not name.
-    std::vector<std::string> foldersLeftOut() const {
-        std::map<std::string, std::string> others; // by path key
-        for (const CardRecord& record : backup_.records)
-            for (const auto& generation : record.generations)
-                for (const auto& destination : generation.report->destinations)
-                    others.emplace(pathKey(RelativePath::withoutTrailingSlash(destination.cardPath)),
-                                   destination.cardPath);
-        for (const CardRecord& record : backup_.records)
-            for (const auto& generation : record.generations)
-                if (const auto column = CardRecord::columnOf(*generation.report, record.cardPath, record.volumeSerial))
-                    others.erase(pathKey(
-                        RelativePath::withoutTrailingSlash(generation.report->destinations.at(*column).cardPath)));
-        std::vector<std::string> paths;
-        for (const auto& [key, path] : others)
-            paths.push_back(path);
-        return paths;
     }
 
     // Files on the disks that neither a report nor the interrupted run accounts for.
@@ -313,6 +325,8 @@ private:
                 // of the file here.
                 if (unfinished_ && unfinished_->mentions(present.relPath))
                     continue;
+                if (present.relPath == DeviceFlush::flushFileName)
+                    continue; // of a run that died while it flushed the disk
                 // Renamed, but its line was still waiting for the device flush: whole only by luck, so it is written
                 // anew and the copy of the dead run gives way. What does not look like the card's file is somebody
                 // else's and stays.
@@ -343,9 +357,27 @@ private:
         plan_.resuming = true;
     }
 
+    // What a disk holds by its record is not written there again; the resume has judged by the manifests alone.
+    void decidePartly() {
+        if (!plan_.write) {
+            plan_.write.emplace(plan_.newFiles.size(), std::vector<bool>(folders_.size(), true));
+            plan_.known.emplace(plan_.newFiles.size());
+        }
+        for (const auto& [file, partly] : partly_) {
+            std::vector<bool>& write = (*plan_.write)[file];
+            for (std::size_t d = 0; d < write.size(); ++d)
+                write[d] = write[d] && partly.first[d];
+            if (auto& known = (*plan_.known)[file]; !known)
+                known = partly.second;
+        }
+    }
+
     AppendPlan finish() {
         if (unfinished_)
             decideResume();
+        if (!partly_.empty())
+            decidePartly();
+        plan_.flushFileTaken = names_.contains(std::string(DeviceFlush::flushFileName));
         if (plan_.newFiles.empty() && !plan_.resuming) {
             if (!card_.uncopied.empty())
                 throw refuse(
@@ -361,7 +393,6 @@ private:
                 plan_.newDirs.push_back(dir);
         plan_.cardPaths = backup_.paths;
         plan_.destRoots = backup_.roots;
-        plan_.leftOut = foldersLeftOut();
         plan_.date = backup_.date;
         plan_.cardName = backup_.cardName;
         plan_.generation = unfinished_ ? unfinished_->generation : backup_.nextGeneration;
@@ -389,6 +420,8 @@ private:
     std::unordered_set<std::string> names_;
     std::unordered_set<std::string> newParts_;
     std::vector<std::string> conflicts_;
+    // By position in newFiles: the disks that lack a file, and its record from one that has it.
+    std::map<std::size_t, std::pair<std::vector<bool>, ManifestRecord>> partly_;
     std::size_t recordedOnCard_ = 0;
     AppendPlan plan_;
 };
@@ -417,6 +450,16 @@ OffloadError stopped(const std::vector<std::string>& lines, const std::string& f
                   fmt::format("Append stopped — nothing was copied. {} {} {} not match the backup:\n  {}\nMake a full "
                               "copy (it goes to {}).",
                               n, plural(n, "file", "files"), plural(n, "does", "do"), join(lines, "\n  "), folder));
+}
+
+std::optional<Unfinished> findUnfinished(const std::vector<std::string>& paths) {
+    try {
+        return ResumePlanner::find(paths);
+    } catch (const OffloadError&) {
+        for (const std::string& path : paths)
+            requireFolder(path); // a disk that is not there is behind all others, and that is what to say of it
+        throw;
+    }
 }
 
 Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration) {
@@ -478,7 +521,7 @@ Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int
 AppendPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
                 const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
                 std::int64_t blockSize, const IsCancelled& isCancelled) {
-    std::optional<Unfinished> unfinished = ResumePlanner::find(cardPaths);
+    std::optional<Unfinished> unfinished = findUnfinished(cardPaths);
     Backup backup = checkBackup(cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt);
     bool localTime = FileTimes::storesLocalTime(sourceFilesystem);
     for (const std::string& type : destFilesystems)

@@ -34,6 +34,9 @@ AppendPlan plan(const std::string& source, const std::vector<std::string>& cardP
                 const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
                 std::int64_t blockSize, const IsCancelled& isCancelled);
 
+// The interrupted generation of the folders, if there is one. A folder that is not there is named as such.
+std::optional<Unfinished> findUnfinished(const std::vector<std::string>& paths);
+
 // With `unfinishedGeneration` that generation does not count, on any disk.
 Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration);
 

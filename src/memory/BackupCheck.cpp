@@ -1,11 +1,14 @@
 #include "memory/BackupCheck.h"
 
 #include "base/FileTimes.h"
+#include "base/RelativePath.h"
 #include "base/SideBySide.h"
 #include "base/Text.h"
 #include "memory/CaseTwins.h"
+#include "platform/IO.h"
 
 #include <algorithm>
+#include <map>
 #include <string_view>
 
 namespace velmora {
@@ -36,6 +39,39 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
             words.back() = "written";
     }
     return words;
+}
+
+// Folders that the reports name as places of this backup and that are not among the records.
+std::vector<std::string> foldersElsewhere(const std::vector<CardRecord>& records) {
+    const auto key = [](const std::string& path) { return pathKey(RelativePath::withoutTrailingSlash(path)); };
+    std::map<std::string, std::string> others; // by path key
+    for (const CardRecord& record : records)
+        for (const auto& generation : record.generations)
+            for (const auto& destination : generation.report->destinations)
+                others.emplace(key(destination.cardPath), destination.cardPath);
+    for (const CardRecord& record : records) {
+        others.erase(key(record.cardPath));
+        for (const auto& generation : record.generations)
+            if (const auto column = CardRecord::columnOf(*generation.report, record.cardPath, record.volumeSerial))
+                others.erase(key(generation.report->destinations.at(*column).cardPath));
+    }
+    std::vector<std::string> paths;
+    for (const auto& [pathKey, path] : others)
+        paths.push_back(path);
+    return paths;
+}
+
+// What a folder lacks that nobody named for this run; empty when it lacks nothing.
+std::string lackOf(const std::string& cardPath, const SourceScan& card, const CaseTwins& twins, bool localTime) {
+    if (!IO::isFolder(cardPath))
+        return BackupMessage::elsewhereUnchecked(cardPath);
+    const std::vector<CardRecord> record{CardRecord::load(cardPath)};
+    std::int64_t lacking = 0;
+    for (const SourceFile& file : card.files) {
+        const auto words = statusesOf(file, record, twins.contains(file.relPath), localTime);
+        lacking += !words || words->front() != "verified" ? 1 : 0;
+    }
+    return lacking > 0 ? BackupMessage::elsewhereLacks(cardPath, lacking) : "";
 }
 
 std::vector<HistoryGeneration> generationsOf(const CardRecord& record) {
@@ -78,6 +114,9 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<std::strin
         check.state.failed += state.failed > 0 ? 1 : 0;
         check.state.unverified += state.failed == 0 && state.unverified > 0 ? 1 : 0;
     }
+    for (const std::string& path : foldersElsewhere(records))
+        if (std::string lack = lackOf(path, card, twins, localTime); !lack.empty())
+            check.elsewhere.push_back(std::move(lack));
     check.notInBackup += static_cast<std::int64_t>(card.uncopied.size());
     return check;
 }
@@ -92,6 +131,7 @@ std::vector<std::string> BackupCheck::messages() const {
         lines.push_back(BackupMessage::notInBackup(notInBackup));
     if (state.unverified > 0)
         lines.push_back(BackupMessage::unverified(state.unverified));
+    lines.insert(lines.end(), elsewhere.begin(), elsewhere.end());
     return lines;
 }
 

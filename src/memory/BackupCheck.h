@@ -16,7 +16,10 @@ namespace velmora {
 // or a repair rest on, since the report of that run tells of its own files only.
 struct BackupCheck {
     BackupState state;
-    std::int64_t notInBackup = 0;     // files of the card that no report names, or names with another size or time
+    std::int64_t notInBackup = 0; // files of the card that no report names, or names with another size or time
+    // A sentence for each further folder of this backup, by its reports, that lacks something or could not be looked
+    // at.
+    std::vector<std::string> elsewhere;
     std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
 
     // What the history is told of the backup as a whole.
@@ -26,9 +29,11 @@ struct BackupCheck {
     std::int64_t failedFiles = 0;                // recorded as failed, on the card or not
 
     bool safeToEject() const { return !error && state.failed == 0 && notInBackup == 0; }
-    bool safeToFormat() const { return safeToEject() && state.unverified == 0; }
+    bool safeToFormat() const { return safeToEject() && state.unverified == 0 && elsewhere.empty(); }
     // Every file of the backup was read back and found good, as far as the card still has it.
-    bool allVerified() const { return !error && state.failed == 0 && state.unverified == 0 && failedFiles == 0; }
+    bool allVerified() const {
+        return !error && state.failed == 0 && state.unverified == 0 && failedFiles == 0 && elsewhere.empty();
+    }
     // The sentences for the user, the gravest first; none when all is well.
     std::vector<std::string> messages() const;
 

@@ -10,12 +10,9 @@ namespace velmora {
 
 namespace {
 
-constexpr std::string_view flushFileName = ".offload-flush";
-
 bool isOurs(std::string_view relPath) {
     const std::string_view top = relPath.substr(0, relPath.find('/'));
-    return top == Layout::reportDirName || top == Layout::proxyDirName || top == Layout::mhlDirName ||
-           relPath == flushFileName;
+    return top == Layout::reportDirName || top == Layout::proxyDirName || top == Layout::mhlDirName;
 }
 
 } // namespace

@@ -65,7 +65,8 @@ bool isVolumeRoot(const std::string& path) { return VolumeFacts::isVolumeRoot(pa
 World World::real() {
     return {[](const std::string& path) { return cardVolumeOf(path); },
             [](const std::string& path) { return CardIdentity::of(path); },
-            [](const std::string& path) { return CardInspector::isVolumeRoot(path); },
+            // A volume that bears no serial cannot be told from another: it is looked up as a folder is.
+            [](const std::string& path) { return CardInspector::isVolumeRoot(path) && VolumeFacts::fsSerial(path); },
             [](const std::string& path) {
                 return IO::exists(ResumePlanner::reportPath(path, 1)) || IO::exists(ManifestFile::path(path));
             }};

@@ -35,7 +35,7 @@ struct CardInsight {
     std::optional<std::string> error;
 
     // The card was backed up and then wiped.
-    bool isEmptied() const { return fileCount == 0 && match && match->removed > 0; }
+    bool isEmptied() const { return fileCount == 0 && uncopied.empty() && match && match->removed > 0; }
 };
 
 // Recognises a card in the time of one directory scan: fingerprint, history, comparison file by file where it is

@@ -114,8 +114,14 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
     record.volumeSerial = serial ? *serial : VolumeFacts::volumeSerialText(cardPath);
     const std::string first = reportFolder(cardPath) + "/" + OffloadReport::jsonName(1);
     // With generation 1 itself unfinished there is nothing before it that could be read.
-    if (maxGeneration && *maxGeneration < 1)
+    if (maxGeneration && *maxGeneration < 1) {
+        try {
+            for (const std::int64_t number : reportNumbers(cardPath))
+                record.highestReportNumber = std::max(record.highestReportNumber, number);
+        } catch (const IOError&) { // no folder for reports yet
+        }
         return record;
+    }
     if (!IO::exists(first)) {
         record.reportMissing = true;
         return record;
@@ -287,6 +293,19 @@ std::string notInBackup(std::int64_t files) {
 std::string unreadable(std::string_view error) {
     return fmt::format("Cannot read the state of the backup ({}) — nothing was checked, do not eject the card yet.",
                        error);
+}
+
+std::string elsewhereUnchecked(std::string_view cardPath) {
+    return fmt::format("The backup is also in {}, which was not named and is not there now — do not format the card "
+                       "before that folder has been brought in step.",
+                       cardPath);
+}
+
+std::string elsewhereLacks(std::string_view cardPath, std::int64_t files) {
+    return fmt::format(
+        "The backup is also in {}, which was not named and does not hold {} of the card verified — do not "
+        "format the card before that folder has been brought in step.",
+        cardPath, countedFiles(files));
 }
 
 } // namespace BackupMessage

@@ -120,7 +120,8 @@ HistoryStore::Contents HistoryStore::read() const {
 }
 
 std::vector<HistoryEntry> HistoryStore::load() {
-    const auto lock = FileLock::lock(Locks::history(folder_), lockTimeout_);
+    const std::string file = Locks::history(folder_);
+    const auto lock = FileLock::problem(file) ? std::nullopt : FileLock::lock(file, lockTimeout_);
     std::vector<HistoryEntry> entries;
     try {
         Contents contents = read();
@@ -161,7 +162,12 @@ HistoryWrite HistoryStore::save(std::vector<HistoryEntry> entries) const {
 
 HistoryWrite HistoryStore::underLock(std::optional<double> timeout,
                                      const std::function<HistoryWrite(std::vector<HistoryEntry>&)>& edit) {
-    const auto lock = FileLock::lock(Locks::history(folder_), timeout.value_or(lockTimeout_));
+    const std::string file = Locks::history(folder_);
+    if (const auto problem = FileLock::problem(file)) {
+        say(std::string("history: ") + problem->what());
+        return HistoryWrite::failed;
+    }
+    const auto lock = FileLock::lock(file, timeout.value_or(lockTimeout_));
     if (!lock)
         return HistoryWrite::busy;
     try {

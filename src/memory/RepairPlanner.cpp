@@ -6,6 +6,7 @@
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "blocks/HashAlgo.h"
+#include "engine/DestWriter.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/CaseTwins.h"
@@ -46,8 +47,9 @@ bool isOpenRepair(const Unfinished& open, const CardRecord& earlier) {
 
 struct Bad {
     std::string relPath;
-    std::vector<bool> defective; // per destination
-    std::vector<bool> missing;
+    // Per destination: must be written; and of these, that only an old record speaks against the copy there.
+    std::vector<bool> write;
+    std::vector<bool> onlyRecordedBad;
     std::string cardHash; // xxh64 of the card's file while planning
 };
 
@@ -82,35 +84,40 @@ private:
         Bad& bad = bad_[twins_.nameOf(relPath)];
         if (bad.relPath.empty()) {
             bad.relPath = relPath;
-            bad.defective.resize(backup_.paths.size());
-            bad.missing.resize(backup_.paths.size());
+            bad.write.resize(backup_.paths.size());
+            bad.onlyRecordedBad.resize(backup_.paths.size());
         }
         return bad;
     }
 
     void collect(const std::vector<Findings>& findings) {
         for (std::size_t d = 0; d < backup_.paths.size(); ++d) {
-            for (const std::string& path : findings[d].defective)
-                badFile(path).defective[d] = true;
-            for (const std::string& path : findings[d].missing)
-                badFile(path).missing[d] = true;
+            for (const auto* list : {&findings[d].defective, &findings[d].missing})
+                for (const std::string& path : *list)
+                    badFile(path).write[d] = true;
             for (const auto* map : {&record(d).files, &record(d).twins})
                 for (const auto& [key, recorded] : *map)
                     collectFailed(recorded, d);
         }
     }
 
-    // A copy that failed when it was made is written again, whatever lies there now.
+    // What the card never gave, and does not hold now under a name that could be copied, no repair can bring back; that
+    // must not keep it from mending the rest.
+    bool isOutOfReach(const OffloadReport::FileEntry& file) const {
+        return file.sourceError && !file.xxh64 && !onCard_.contains(twins_.nameOf(file.path));
+    }
+
+    // A copy that failed when it was made, or that a cancelled repair did not get to. A good one may lie there by now.
     void collectFailed(const RecordedFile& recorded, std::size_t d) {
         const auto column = CardRecord::columnOf(*recorded.report, record(d).cardPath, record(d).volumeSerial);
         const std::size_t at = column.value_or(CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
         const auto& statuses = recorded.file->destinations;
         const std::string status = at < statuses.size() ? statuses[at] : "failed";
-        if (status == "verified" || status == "written")
+        if (status == "verified" || status == "written" || isOutOfReach(*recorded.file))
             return;
         Bad& bad = badFile(recorded.file->path);
-        const bool exists = IO::exists(RelativePath::join(record(d).cardPath, recorded.file->path));
-        (exists ? bad.defective : bad.missing)[d] = true;
+        bad.onlyRecordedBad[d] = !bad.write[d];
+        bad.write[d] = true;
     }
 
     // What an interrupted repair has put right already is read back and recorded by this one, so that its generation
@@ -123,7 +130,8 @@ private:
                 badFile(known->file->path);
         if (open_->report)
             for (const auto& file : open_->report->files)
-                badFile(file.path);
+                if (!isOutOfReach(file))
+                    badFile(file.path);
     }
 
     // The record to hold a file against: the newest of any disk, they agree where they are in step.
@@ -156,15 +164,15 @@ private:
         return {};
     }
 
-    // What the card gives now.
+    // What a file of the card or of a disk gives now.
     struct Content {
         std::int64_t size = 0;
         std::string xxh64;
         std::string recorded; // by the algorithm of the record
     };
 
-    Content readCard(const SourceFile& file, const std::string& algorithm) {
-        auto reader = UncachedReader::beneath(source_, file.relPath);
+    Content contentOf(const std::string& root, const std::string& relPath, const std::string& algorithm) {
+        auto reader = UncachedReader::beneath(root, relPath);
         if (buffer_.size() == 0)
             buffer_ = IO::allocateAligned(readBytes);
         XXH64Stream hash;
@@ -193,21 +201,57 @@ private:
         }
         const SourceFile& file = *found->second;
         const RecordedFile* known = recorded(bad.relPath, twins_.contains(bad.relPath));
-        const auto [algorithm, digest] = known ? digestOf(*known->file) : std::pair<std::string, std::string>();
+        if (!known) {
+            lines_.push_back(bad.relPath + ": no report of the backup names it, so the card cannot be held against it");
+            return;
+        }
+        if (const auto reason = nameProblem(file.relPath)) {
+            lines_.push_back(*reason);
+            return;
+        }
+        const auto [algorithm, digest] = digestOf(*known->file);
         try {
-            const Content content = readCard(file, algorithm);
+            const Content content = contentOf(source_, file.relPath, algorithm);
             // Without any digest, size and time are all that tells the file from another.
-            const bool same = !known || (content.size == known->file->size &&
-                                         (algorithm.empty() ? matches(file, *known->file)
-                                                            : HashAlgo::equal(algorithm, digest, content.recorded)));
+            const bool same = content.size == known->file->size &&
+                              (algorithm.empty() ? matches(file, *known->file)
+                                                 : HashAlgo::equal(algorithm, digest, content.recorded));
             if (!same)
                 lines_.push_back(Msg::repairCardDiffers(bad.relPath,
                                                         describe(content.size, algorithm, content.recorded),
                                                         describe(known->file->size, algorithm, digest)));
             bad.cardHash = content.xxh64;
+            for (std::size_t d = 0; d < bad.write.size(); ++d)
+                if (bad.onlyRecordedBad[d] && isGoodCopy(d, file, content))
+                    bad.write[d] = false; // it is read back and recorded, not moved aside and written again
         } catch (const IOError& error) {
             lines_.push_back(Msg::repairCardUnreadable(bad.relPath, error.what()));
         }
+    }
+
+    bool isGoodCopy(std::size_t d, const SourceFile& file, const Content& content) {
+        try {
+            const Content copy = contentOf(record(d).cardPath, file.relPath, "");
+            return copy.size == content.size && copy.xxh64 == content.xxh64;
+        } catch (const IOError&) {
+            return false;
+        }
+    }
+
+    // A new copy that would take the place of another file: its temporary name is one of the card or the backup, or a
+    // disk gives another file under its name.
+    std::optional<std::string> nameProblem(const std::string& relPath) const {
+        const std::string part = DestWriter::partName(relPath);
+        if (onCard_.contains(twins_.nameOf(part)) || recorded(part, false))
+            return fmt::format("{} (the temporary copy name {} is another file of the backup or the card)", relPath,
+                               part);
+        for (const CardRecord& each : backup_.records) {
+            const std::string path = RelativePath::join(each.cardPath, relPath);
+            if (twins_.contains(relPath) && IO::exists(path) && !IO::holdsName(path))
+                return relPath + " on " + AppendPlanner::disk(each.cardPath) +
+                       ": this disk does not tell the name from that of another file";
+        }
+        return std::nullopt;
     }
 
     static std::string describe(std::int64_t size, const std::string& algorithm, const std::string& digest) {
@@ -231,6 +275,7 @@ private:
         plan.mode = PlanMode::repair;
         // Part files, and copies made whole a moment before the end, of a repair that died give way to this one.
         plan.resuming = true;
+        plan.flushFileTaken = recorded(std::string(DeviceFlush::flushFileName), false) != nullptr;
         plan.generation = backup_.nextGeneration;
         plan.date = backup_.date;
         plan.cardName = backup_.cardName;
@@ -251,13 +296,9 @@ private:
             seen.path = file.relPath;
             seen.size = file.size;
             seen.xxh64 = bad->cardHash;
-            std::vector<bool> write(backup_.paths.size());
-            for (std::size_t d = 0; d < write.size(); ++d)
-                write[d] = bad->defective[d] || bad->missing[d];
-            const bool anywhere = std::find(write.begin(), write.end(), true) != write.end();
+            const bool anywhere = std::ranges::find(bad->write, true) != bad->write.end();
             ++(anywhere ? repair.rewritten : repair.onlyReadBack);
-            repair.defective.push_back(bad->defective);
-            writes.push_back(std::move(write));
+            writes.push_back(bad->write);
         }
         plan.write = std::move(writes);
         plan.known = std::move(known);
@@ -286,7 +327,7 @@ struct Checked {
 Checked check(const std::vector<std::string>& cardPaths) {
     try {
         Checked checked;
-        checked.open = ResumePlanner::find(cardPaths);
+        checked.open = AppendPlanner::findUnfinished(cardPaths);
         checked.backup = AppendPlanner::checkBackup(cardPaths, checked.open ? std::optional(checked.open->generation)
                                                                             : std::nullopt);
         if (checked.open && !isOpenRepair(*checked.open, checked.backup.records.front()))

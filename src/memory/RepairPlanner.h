@@ -19,10 +19,7 @@ namespace velmora {
 // An interrupted repair leaves lines of an open generation that name nothing but files which the reports know. It is
 // not continued: the next repair of the same number begins again, since it reads the state of every file anew.
 struct RepairPlan {
-    OffloadPlan plan; // mode repair; its files are those that are bad on some disk
-    // Per file of the plan, per destination: the copy that lies there is defective and is moved aside before the new
-    // one takes its name.
-    std::vector<std::vector<bool>> defective;
+    OffloadPlan plan;              // mode repair; its files are those that are bad on some disk
     std::int64_t rewritten = 0;    // files written on at least one disk
     std::int64_t onlyReadBack = 0; // files that stood as bad and that every disk holds well
 };

@@ -10,18 +10,22 @@ namespace velmora::ReportFile {
 namespace {
 // A report of a million files takes some 400 MB.
 constexpr std::int64_t largestReport = 1LL << 30;
+
+// A report lies two folders deep in a card folder, and no link below that is followed.
+std::string bytesOf(const std::string& path) {
+    const std::string cardPath(RelativePath::folder(RelativePath::folder(path)));
+    return IO::readFileBeneath(cardPath, path.substr(cardPath.size() + 1), largestReport);
+}
 } // namespace
 
 OffloadReport read(const std::string& path) {
-    OffloadReport report = OffloadReport::fromJson(IO::readFile(path, largestReport));
+    OffloadReport report = OffloadReport::fromJson(bytesOf(path));
     for (const auto& file : report.files)
         if (!isSafeRelative(file.path))
             throw OffloadError::failed("it names a file outside of the card folder: " + escapeForDisplay(file.path));
     return report;
 }
 
-bool same(const std::string& path, const std::string& other) {
-    return IO::readFile(path, largestReport) == IO::readFile(other, largestReport);
-}
+bool same(const std::string& path, const std::string& other) { return bytesOf(path) == bytesOf(other); }
 
 } // namespace velmora::ReportFile

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Errors.h"
 #include "base/Mutex.h"
 
 #include <memory>
@@ -14,6 +15,8 @@ class FileLock {
 public:
     // At once, or nothing: somebody else holds it, or the file cannot be made. Missing parent folders are created.
     static std::optional<FileLock> tryLock(const std::string& path);
+    // Why no lock on this file can be had by anybody: it cannot be made or opened. None when it can, held or not.
+    static std::optional<IOError> problem(const std::string& path);
     // Tries again and again for `timeout` seconds.
     static std::optional<FileLock> lock(const std::string& path, double timeout);
 

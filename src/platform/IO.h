@@ -69,7 +69,10 @@ private:
     bool coversEveryFile_ = true;
 };
 
-bool exists(const std::string& path);     // lstat succeeds
+bool exists(const std::string& path); // lstat succeeds
+// True when the folder of `path` has an entry of that very name. A disk that folds case answers `exists` for others
+// too.
+bool holdsName(const std::string& path);
 bool isFolder(const std::string& path);   // follows links
 bool isWritable(const std::string& path); // access(2) W_OK
 FileFacts stat(const std::string& path);  // follows links

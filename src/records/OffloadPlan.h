@@ -31,6 +31,7 @@ struct OffloadPlan {
     std::int64_t unverifiedEarlier = 0;                     // files of earlier runs that were never verified
     std::optional<std::vector<std::string>> fixedCardPaths; // card folders given whole
     bool resuming = false;
+    bool flushFileTaken = false; // earlier generations hold a file of the name that the flush uses
     std::optional<std::vector<std::vector<bool>>> write; // per file, per destination: must be written; none: all
     std::optional<std::vector<std::optional<ManifestRecord>>> known;  // per file: already safely written
     std::optional<std::vector<bool>> hashOnly;                        // per file: read and hash, write nowhere

@@ -19,6 +19,7 @@ struct ProgressSnapshot {
     std::int64_t readBytes = 0;
     std::vector<std::int64_t> writtenBytes;  // per destination
     std::vector<std::int64_t> verifiedBytes; // per destination
+    std::vector<std::int64_t> bytesToVerify; // per destination; 0 before its read-back begins
     std::int64_t errors = 0;
     std::vector<std::string> verifyingFiles;
 };

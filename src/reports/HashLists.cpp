@@ -63,7 +63,7 @@ Standing listAndMissed(const std::string& path, const std::string& cardPath, std
                        std::string_view algorithm) {
     Standing standing;
     if (IO::exists(path))
-        standing.list = IO::readFile(path, longestList);
+        standing.list = IO::readFileBeneath(cardPath, path.substr(cardPath.size() + 1), longestList);
     if (!standing.list.empty() && standing.list.back() != '\n')
         standing.list += '\n';
 

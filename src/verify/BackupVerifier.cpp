@@ -32,6 +32,13 @@ std::string refusedLine(const std::string& path) {
     return "The record names a path outside of the card folder — not opened: " + escapeForDisplay(path);
 }
 
+constexpr std::string_view reportDir = Layout::reportDirName;
+
+bool isOfRecords(std::string_view path) {
+    const std::string_view top = path.substr(0, path.find('/'));
+    return top == Layout::mhlDirName || top == reportDir;
+}
+
 // What is to be read, and what the records say beside it.
 struct Task {
     std::vector<Expected> files;
@@ -51,7 +58,8 @@ Task fromHistory(const MHLHistory& history, VerifyResult& result) {
         ++result.totalFiles;
         result.totalBytes += newest->size.value_or(0);
         MHLRecord record = newest;
-        if (newest->failed()) {
+        // A file that the card did not give has no digest; its record is one of a failure all the same.
+        if (newest->failed() || newest->hashes.empty()) {
             const auto good = history.lastGood.find(path);
             if (good == history.lastGood.end()) {
                 result.failedAtCopy.push_back(path);
@@ -65,11 +73,9 @@ Task fromHistory(const MHLHistory& history, VerifyResult& result) {
     return task;
 }
 
-Task fromLists(std::vector<Expected> listed, const std::vector<std::string>& refused, VerifyResult& result) {
+Task fromLists(std::vector<Expected> listed, VerifyResult& result) {
     Task task;
     result.basis = "hashList";
-    for (const std::string& path : refused)
-        result.chainProblems.push_back(refusedLine(path));
     for (const Expected& file : listed)
         task.known.insert(file.path);
     result.totalFiles = static_cast<std::int64_t>(listed.size());
@@ -111,23 +117,49 @@ std::optional<std::unordered_set<std::string>> openFiles(const CardRecord& recor
     return files;
 }
 
-// A copy that was never read back stands in no generation of the ASC MHL, but its digest stands in the report: without
-// it a backup made without verification would pass with nothing looked at.
+// How a file stands in this folder by the report: the status word of its column. A folder that was moved to another
+// disk or renamed has none; then a copy that any disk got stands for it, since the digest is that of the card.
+std::string_view statusOf(const RecordedFile& recorded, const CardRecord& record) {
+    const auto& words = recorded.file->destinations;
+    if (recorded.file->sourceError)
+        return "failed";
+    if (const auto column = CardRecord::columnOf(*recorded.report, record.cardPath, record.volumeSerial))
+        return *column < words.size() ? std::string_view(words[*column]) : "failed";
+    const auto isCopy = [](const std::string& word) { return word == "written" || word == "verified"; };
+    return std::ranges::any_of(words, isCopy) ? "written" : "failed";
+}
+
+// What only the reports record. A copy that was never read back stands in no generation of the ASC MHL, but its digest
+// stands in the report: without it a backup made without verification would pass with nothing looked at. Neither does a
+// file that never came off the card stand there: without it a backup that broke off would pass for a whole one.
 void addFromReports(Task& task, const CardRecord& record, VerifyResult& result) {
-    for (const auto& [key, recorded] : record.files) {
+    const auto add = [&](const RecordedFile& recorded) {
         const OffloadReport::FileEntry& file = *recorded.file;
-        const auto column = CardRecord::columnOf(*recorded.report, record.cardPath, record.volumeSerial);
-        const bool written =
-            column && *column < file.destinations.size() && file.destinations[*column] == "written" && file.xxh64;
-        if (!written || recorded.report->verifyPending.value_or(false) || task.known.contains(file.path))
-            continue;
-        task.known.insert(file.path);
-        task.files.push_back({file.path, file.size, {{"xxh64", *file.xxh64, std::nullopt}}});
+        const std::string_view status = statusOf(recorded, record);
+        // Verified files are in the ASC MHL; where a generation of it is gone, the chain tells so.
+        if (status == "verified" || recorded.report->verifyPending.value_or(false) ||
+            !task.known.insert(file.path).second)
+            return;
         ++result.totalFiles;
         result.totalBytes += file.size;
+        if (status != "written" || !file.xxh64) {
+            result.failedAtCopy.push_back(file.path);
+            return;
+        }
+        task.files.push_back({file.path, file.size, {{"xxh64", *file.xxh64, std::nullopt}}});
         ++result.onlyInReport;
-    }
+    };
+    for (const auto& [key, recorded] : record.files)
+        add(recorded);
+    for (const auto& [path, recorded] : record.twins)
+        if (record.files.at(pathKey(path)).report == recorded.report)
+            add(recorded);
     std::ranges::sort(task.files, {}, &Expected::path);
+    std::ranges::sort(result.failedAtCopy);
+    if (record.error)
+        result.chainProblems.push_back("Cannot read the first report: " + *record.error);
+    for (const std::string& problem : record.problems)
+        result.chainProblems.push_back("Cannot read a report: " + problem);
 }
 
 // Reads the files of one folder through one buffer.
@@ -227,8 +259,9 @@ private:
 };
 
 // The list of one algorithm: named after the folder, or the only one there when the folder has been renamed since.
-std::optional<std::string> readList(const std::string& cardPath, std::string_view algorithm) {
-    const std::string folder = cardPath + "/" + std::string(Layout::reportDirName);
+std::optional<std::string> readList(const std::string& cardPath, std::string_view algorithm,
+                                    std::vector<std::string>& problems) {
+    const std::string folder = cardPath + "/" + std::string(reportDir);
     std::string path = folder + "/" + std::string(RelativePath::name(cardPath)) + "." + std::string(algorithm);
     try {
         if (!IO::exists(path)) {
@@ -240,8 +273,10 @@ std::optional<std::string> readList(const std::string& cardPath, std::string_vie
                 return std::nullopt;
             path = folder + "/" + found.front();
         }
-        return IO::readFile(path, largestList);
-    } catch (const IOError&) {
+        return IO::readFileBeneath(cardPath, path.substr(cardPath.size() + 1), largestList);
+    } catch (const IOError& error) {
+        if (error.code() != ENOENT && error.code() != ENOTDIR)
+            problems.push_back(std::string("Cannot read a checksum list: ") + error.what());
         return std::nullopt;
     }
 }
@@ -266,29 +301,33 @@ bool ignored(std::string_view path, const std::vector<std::string>& patterns) {
     return IgnorePatterns(patterns).ignored(path);
 }
 
-std::optional<std::vector<Expected>> hashLists(const std::string& cardPath, std::vector<std::string>& refused) {
+std::optional<std::vector<Expected>> hashLists(const std::string& cardPath, std::vector<std::string>& problems) {
     std::map<std::string, Expected> files;
-    bool any = false;
     for (std::string_view algorithm : listAlgorithms) {
-        const auto list = readList(cardPath, algorithm);
+        const auto list = readList(cardPath, algorithm, problems);
         if (!list)
             continue;
-        any = true;
+        std::int64_t malformed = 0;
         for (std::string_view line : HashLists::listLines(*list)) {
             const std::size_t gap = line.find("  ");
-            if (gap == std::string_view::npos || gap == 0)
+            if (gap == std::string_view::npos || gap == 0 || gap + 2 == line.size()) {
+                malformed += line.empty() ? 0 : 1;
                 continue;
+            }
             const std::string path(line.substr(gap + 2));
             if (!isSafeRelative(path)) {
-                refused.push_back(path);
+                problems.push_back(refusedLine(path));
                 continue;
             }
             Expected& file = files[path];
             file.path = path;
             file.hashes.push_back({std::string(algorithm), std::string(line.substr(0, gap)), std::nullopt});
         }
+        if (malformed > 0)
+            problems.push_back("The " + std::string(algorithm) + " checksum list is damaged: " +
+                               counted(malformed, "line holds", "lines hold") + " no checksum.");
     }
-    if (!any)
+    if (files.empty())
         return std::nullopt;
     std::vector<Expected> listed;
     for (auto& [path, file] : files)
@@ -300,15 +339,17 @@ void addExtra(VerifyResult& result, const std::string& cardPath, const std::set<
               const std::vector<std::string>& patterns, const IsCancelled& isCancelled) {
     const IgnorePatterns ignore(patterns);
     const SourceScan scan = Scanner::scan(cardPath, isCancelled);
-    for (const SourceFile& file : scan.files) {
-        const std::string_view top = std::string_view(file.relPath).substr(0, file.relPath.find('/'));
-        if (top == Layout::mhlDirName || top == Layout::reportDirName || known.contains(file.relPath) ||
-            ignore.ignored(file.relPath))
+    for (const SourceFile& file : scan.files)
+        if (!isOfRecords(file.relPath) && !known.contains(file.relPath) && !ignore.ignored(file.relPath))
+            result.extra.push_back(file.relPath);
+    for (const UncopiedItem& item : scan.uncopied) {
+        if (isOfRecords(item.path) || ignore.ignored(item.path))
             continue;
-        result.extra.push_back(file.relPath);
+        if (item.isFolder && isRecordableName(item.path)) // it could not be listed
+            result.unreadable.push_back({item.shown, item.error, false});
+        else
+            result.extra.push_back(item.shown);
     }
-    for (const UncopiedItem& item : scan.uncopied)
-        result.extra.push_back(item.shown);
     std::sort(result.extra.begin(), result.extra.end());
 }
 
@@ -328,9 +369,8 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
         task = fromHistory(history, result);
         addFromReports(task, record, result);
     } else {
-        std::vector<std::string> refused;
-        if (auto listed = hashLists(result.cardPath, refused))
-            task = fromLists(std::move(*listed), refused, result);
+        if (auto listed = hashLists(result.cardPath, result.chainProblems))
+            task = fromLists(std::move(*listed), result);
         else if (result.unfinished)
             result.basis = "pending";
         else
@@ -348,10 +388,12 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
             addExtra(result, result.cardPath, task.known, task.ignore, isCancelled);
         } catch (const Cancelled&) {
             result.cancelled = true;
-        } catch (const IOError&) {
+        } catch (const std::exception& error) {
+            // What hours of reading have found must not be lost to one entry that cannot be looked at.
             if (IO::isFolder(result.cardPath))
-                throw;
-            result.folderGone = true;
+                result.unreadable.push_back({".", std::string("looking for extra files: ") + error.what(), false});
+            else
+                result.folderGone = true;
         }
     }
     result.finished = Timestamp::now();

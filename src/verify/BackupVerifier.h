@@ -40,8 +40,9 @@ std::vector<std::string> cardFolders(const std::string& path);
 
 bool ignored(std::string_view path, const std::vector<std::string>& patterns);
 
-// The files of the checksum lists; none when the folder has no list. Names that would leave the folder go to `refused`.
-std::optional<std::vector<Expected>> hashLists(const std::string& cardPath, std::vector<std::string>& refused);
+// The files of the checksum lists; none when no list names any. What is wrong with a list goes to
+// `problems`: names that would leave the folder, damaged lines, a list that cannot be read.
+std::optional<std::vector<Expected>> hashLists(const std::string& cardPath, std::vector<std::string>& problems);
 
 // Lists what lies in the folder and is neither in `known` nor ignored.
 void addExtra(VerifyResult& result, const std::string& cardPath, const std::set<std::string>& known,

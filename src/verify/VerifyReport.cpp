@@ -12,11 +12,12 @@ namespace {
 std::int64_t count(const auto& list) { return static_cast<std::int64_t>(list.size()); }
 
 std::string unfinishedText(const VerifyResult& result) {
-    return fmt::format("The backup is not finished: the newest generation was being verified with the proxies and the "
-                       "verification did not end (or its result is not written on all destinations). Do not format the "
-                       "card yet — insert it again and choose \"Finish interrupted backup\". The files with a written "
-                       "record match ({})",
-                       result.ok);
+    std::string text =
+        "The backup is not finished: the newest generation was being verified with the proxies and the verification "
+        "did not end (or its result is not written on all destinations). Do not format the card yet — insert it again "
+        "and choose \"Finish interrupted backup\".";
+    // Beside a mismatch that would be a contradiction.
+    return result.success() ? text + fmt::format(" The files with a written record match ({})", result.ok) : text;
 }
 
 std::string failedAtCopyText(std::int64_t n) {
@@ -61,6 +62,8 @@ Summary summary(const VerifyResult& result) {
     }
     if (result.unfinished)
         return {unfinishedText(result), Tone::warning};
+    if (result.nothingCompared())
+        return {"Nothing was verified: the records name no file that could be compared.", Tone::warning};
     const std::string files = result.ok == 1 ? "the file matches" : fmt::format("all {} files match", result.ok);
     return {fmt::format("Verified: {} ({})", files, basis(result)),
             result.chainProblems.empty() ? Tone::ok : Tone::warning};
@@ -93,8 +96,8 @@ std::vector<std::string> machineLines(const VerifyResult& result) {
     };
     add("MISMATCH  ", result.changed);
     add("MISSING  ", result.missing);
-    for (const auto& [path, error] : result.unreadable)
-        lines.push_back(fmt::format("ERROR    {}: {}", path, error));
+    for (const auto& each : result.unreadable)
+        lines.push_back(fmt::format("ERROR    {}: {}", each.path, each.error));
     add("EXTRA    ", result.extra);
     add("FAILED-AT-COPY  ", result.failedAtCopy);
     add("FAILED-SUPERSEDED  ", result.failedSuperseded);

@@ -13,6 +13,7 @@ struct VerifyResult {
     struct Unreadable {
         std::string path;
         std::string error;
+        bool isRecorded = true; // false: a folder in which strangers were looked for
     };
 
     std::string cardPath;
@@ -41,6 +42,8 @@ struct VerifyResult {
 
     // No file is wrong. Extra files, superseded failures and problems of the chain are warnings.
     bool success() const { return changed.empty() && missing.empty() && unreadable.empty() && failedAtCopy.empty(); }
+    // No file is wrong, and none is right either.
+    bool nothingCompared() const { return success() && ok == 0 && !cancelled && !folderGone; }
 };
 
 struct VerifyProgress {

@@ -64,8 +64,11 @@ protected:
         std::string said;
         OffloadEngine engine(options, [&](std::string_view line) { said += line; });
         auto plan = engine.prepare({source_.path(), {root + "/one", root + "/two"}, "CARD", "2026-03-14"});
-        if (resuming)
+        if (resuming) {
             resume(plan, root);
+            engine.setBeforeRename(
+                [](std::size_t, std::size_t, const std::string& path) { std::filesystem::remove(path); });
+        }
         NoRecorder recorder;
         const auto report = engine.run(std::move(plan), recorder);
         for (const auto* file : report.failedFiles())

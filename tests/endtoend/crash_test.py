@@ -227,7 +227,9 @@ class Crashes(unittest.TestCase):
         for card in self.cards:
             status = self.into(self.recovering, [card])
             nothing = status == 3 and self.events[-1].get("errorCode") == "repairNothing"
-            self.assertTrue(status == 0 or nothing, self.output)
+            # The disk that is ahead must not promise the card away while the other lags behind.
+            lags = status == 1 and "which was not named and does not hold" in self.events[-1].get("warning", "")
+            self.assertTrue(status == 0 or nothing or lags, self.output)
         self.assertEqual(self.run_velmora("verify", *self.cards), 0, self.output)
         self.assertEqual(self.append(), 0, self.output)
         self.assertIn("Nothing new", self.events[-1].get("note", ""))

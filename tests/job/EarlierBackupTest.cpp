@@ -158,7 +158,8 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
         {"a disk one generation ahead",
          [&] {
              shoot({{"DCIM/9.mov", 10}});
-             EXPECT_THAT(append({cards[0]}).warning.value_or(""), HasSubstr("also in " + cards[1] + ", which was not"));
+             EXPECT_THAT(append({cards[0]}).warning.value_or(""),
+                         HasSubstr("also in " + cards[1] + ", which was not named and does not hold 1 file"));
          },
          appendDiverged,
          {"has 2 MHL generations, ", "has 1 MHL generation)"}},

@@ -169,8 +169,12 @@ void ejectDisk(sd_bus* bus, const std::string& device) {
         if (path == own || (known != objects.drives.end() && block.drive == drivePath))
             for (std::size_t mount = 0; mount < block.mounts; ++mount)
                 call(bus, path, filesystemInterface, "Unmount");
-    if (known == objects.drives.end())
-        return; // an image behind a loop device: unmounted is all it can be
+    if (known == objects.drives.end()) {
+        if (device.starts_with("/dev/loop"))
+            return; // an image: unmounted is all it can be
+        throw Refused{"it is unmounted, but the disk below it is not known (encrypted, or part of an array) — lock or "
+                      "stop it before you pull it"};
+    }
     const Drive& drive = known->second;
     if (drive.ejectable || drive.mediaRemovable)
         call(bus, drivePath, driveInterface, "Eject");

@@ -3,6 +3,7 @@
 #include "platform/IO.h"
 #include "platform/linux/Descriptor.h"
 
+#include <cerrno>
 #include <chrono>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -20,7 +21,10 @@ FileLock::FileLock(FileLock&&) noexcept = default;
 FileLock& FileLock::operator=(FileLock&&) noexcept = default;
 FileLock::~FileLock() = default;
 
-std::optional<FileLock> FileLock::tryLock(const std::string& path) {
+namespace {
+
+// Never deleted: another process could hold a lock on the deleted file while a third one makes a new file.
+Descriptor openLockFile(const std::string& path) {
     if (const std::size_t slash = path.find_last_of('/'); slash != std::string::npos && slash > 0) {
         try {
             IO::mkdirs(path.substr(0, slash));
@@ -28,8 +32,17 @@ std::optional<FileLock> FileLock::tryLock(const std::string& path) {
             // The open below fails, and that is the answer.
         }
     }
-    // Never deleted: another process could hold a lock on the deleted file while a third one makes a new file.
-    Descriptor fd(retryInterrupted([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }));
+    return Descriptor(retryInterrupted([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }));
+}
+
+} // namespace
+
+std::optional<IOError> FileLock::problem(const std::string& path) {
+    return openLockFile(path) ? std::nullopt : std::optional(IOError("lock", path, errno));
+}
+
+std::optional<FileLock> FileLock::tryLock(const std::string& path) {
+    Descriptor fd = openLockFile(path);
     if (!fd || retryInterrupted([&] { return ::flock(fd.get(), LOCK_EX | LOCK_NB); }) != 0)
         return std::nullopt;
     auto held = std::make_unique<Held>();

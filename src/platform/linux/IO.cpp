@@ -4,6 +4,7 @@
 #include "platform/linux/OpenFile.h"
 #include "platform/linux/RenameNoReplace.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -153,6 +154,15 @@ void FileSystemSync::sync() {
 bool exists(const std::string& path) {
     struct stat info{};
     return ::lstat(path.c_str(), &info) == 0;
+}
+
+bool holdsName(const std::string& path) {
+    if (!exists(path))
+        return false;
+    const std::size_t slash = path.rfind('/');
+    const std::string_view name = std::string_view(path).substr(slash == std::string::npos ? 0 : slash + 1);
+    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    return std::ranges::any_of(list(folder), [&](const IOEntry& entry) { return entry.name == name; });
 }
 
 bool isFolder(const std::string& path) {
