@@ -166,6 +166,15 @@ TEST_F(PreflightTest, AsksForTheBytesAndAnAllowanceOnEveryDisk) {
     EXPECT_NO_THROW(withExtra());
     capacity->free -= 1;
     EXPECT_THROW(withExtra(), OffloadError);
+
+    // A run that finishes another needs room for what is missing only.
+    OffloadPlan plan;
+    plan.scan.files = {{"whole", 1'000'000, {}}, {"begun", 50'000, {}}};
+    plan.destRoots = {"/a", "/b"};
+    plan.write = {{false, true}, {true, true}};
+    plan.resume = {std::nullopt, PartCheckpoint{"begun", 50'000, {}, 4096, {1, 2, 3}}};
+    constexpr std::int64_t allowance = 67108864 + 2 * 65536 + 50'000 - 3 * 4096;
+    EXPECT_EQ(Preflight::demands(plan), (std::vector<std::int64_t>{allowance, allowance + 1'000'000}));
 }
 
 } // namespace

@@ -155,6 +155,11 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
          },
          other,
          {"the last report is generation 3, the last MHL generation 1"}},
+        {"a backup in place of the card", [&] { fs::create_directory(temp / "card/ascmhl"); }, sourceIsOffload, {}},
+        {"records behind a link",
+         [&] { shell("mv a/2026-03-14/CARD/_REPORT elsewhere && ln -s \"$PWD/elsewhere\" a/2026-03-14/CARD/_REPORT"); },
+         destinationUnreadable,
+         {"/_REPORT is a link"}},
         {"a disk one generation ahead",
          [&] {
              shoot({{"DCIM/9.mov", 10}});
@@ -272,6 +277,38 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
     };
     EXPECT_FALSE(repair(cards).safeToFormat);
     EXPECT_THAT(job->report()->files.front().sourceError.value_or(""), HasSubstr("the card has different content"));
+}
+
+// Disks that were appended to one by one stand at one generation and hold different files.
+TEST_F(EarlierBackup, AnAppendBringsDisksInStep) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    shoot({{"4.mov", 1000}});
+    EXPECT_FALSE(append({cards[0]}).safeToFormat);
+    shoot({{"5.mov", 1000}});
+    EXPECT_FALSE(append({cards[1]}).safeToFormat) << "the other disk lacks 5.mov";
+    EXPECT_TRUE(append(cards).safeToFormat);
+    EXPECT_EQ(job->report()->files.size(), 1U);
+    EXPECT_EQ(job->report()->files.front().rewritten, (std::vector<bool>{true, false}));
+    for (const auto& card : cards)
+        EXPECT_EQ(test::FileTree::read(card + "/5.mov"), test::FileTree::read(temp / "card/5.mov"));
+    EXPECT_EQ(append(cards).note, "Nothing new — the backup is complete.");
+}
+
+// A record of failure is no proof that the copy is bad now, and a name that no record can hold no reason to mend
+// nothing.
+TEST_F(EarlierBackup, ARepairKeepsGoodCopiesAndPassesOverWhatTheCardNeverGave) {
+    test::FileTree::write(temp / "card/bad\xff", "x");
+    ASSERT_EQ(copy().phase, Phase::done);
+    for (const std::size_t d : {0U, 1U})
+        replaceIn(reportOf(d), "\"verified\",\n        \"verified\"", "\"verified\",\n        \"pending\""); // 3.txt
+    test::FileTree::flipBit(cards[0] + "/DCIM/2.mov", 7);
+    EXPECT_FALSE(repair(cards).safeToFormat) << "the card still holds what no backup can";
+    ASSERT_TRUE(job->report()->setAside);
+    EXPECT_THAT(*job->report()->setAside,
+                testing::ElementsAre(SetAsideCopy{0, "DCIM/2.mov", "_REPORT/set-aside/0002/DCIM/2.mov"}));
+    EXPECT_EQ(test::FileTree::read(cards[0] + "/DCIM/2.mov"), test::FileTree::read(temp / "card/DCIM/2.mov"));
+    EXPECT_EQ(CardRecord::load(cards[0]).find("3.txt", true)->file->destinations,
+              (std::vector<std::string>{"verified", "verified"}));
 }
 
 // What a person put where a dead run had begun a file is not that run's to destroy.

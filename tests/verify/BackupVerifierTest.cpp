@@ -193,6 +193,20 @@ TEST_F(BackupVerifierTest, ReadsAFailedFileAgainstItsLastGoodRecord) {
     EXPECT_EQ(result.changed, Paths{"a"}) << "an older record is a record";
 }
 
+TEST_F(BackupVerifierTest, WhatOnlyTheReportsKnowIsNotPassedOver) {
+    generation(1, {{"a", "written", "written"}, {"b", "never came", "pending"}});
+    fs::remove(card + "/b");
+    fs::rename(card, temp / "MOVED"); // no column of the report is this folder's any more
+    VerifyResult result = BackupVerifier::verify(temp / "MOVED", 65'536, {}, {});
+    EXPECT_EQ(result.failedAtCopy, Paths{"b"});
+    EXPECT_EQ(result.ok, 1);
+    EXPECT_EQ(result.onlyInReport, 1);
+    test::FileTree::write(temp / "MOVED/_REPORT/offload_report.json", "{");
+    result = BackupVerifier::verify(temp / "MOVED", 65'536, {}, {});
+    EXPECT_TRUE(result.nothingCompared());
+    EXPECT_TRUE(result.chainProblems.at(0).starts_with("Cannot read the first report: "));
+}
+
 TEST_F(BackupVerifierTest, NoRecordLeadsOutOfTheFolder) {
     test::FileTree::write(temp / "outside", "secret");
     for (const std::string path : {"../outside", "DCIM/../../outside", "/etc/passwd", "./empty"}) {
@@ -225,6 +239,7 @@ TEST_F(BackupVerifierTest, ChecksumListsServeWhereThereIsNoHistory) {
     EXPECT_EQ(result.generations, 0);
     EXPECT_EQ(result.ok, 4);
     EXPECT_EQ(VerifyReport::basis(result), "checksum list, xxHash64, MD5");
+    EXPECT_EQ(result.chainProblems, Paths{"The md5 checksum list is damaged: 2 lines hold no checksum."});
     EXPECT_FALSE(result.reportInsideCard);
 
     // Both digests must hold, and a renamed folder finds its list.
