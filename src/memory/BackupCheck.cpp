@@ -15,6 +15,12 @@ namespace velmora {
 
 namespace {
 
+// The column of the folder that stands at `position`: by disk or path, and when neither is known any more by its place.
+std::size_t columnIn(const OffloadReport& report, const CardRecord& record, std::size_t position) {
+    const auto column = CardRecord::columnOf(report, record.cardPath, record.volumeSerial);
+    return column.value_or(CardRecord::destinationIndex(report, record.cardPath, position));
+}
+
 // One file of the card on every disk: its status words; none when a disk does not have it as it is on the card.
 std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, const std::vector<CardRecord>& records,
                                                         bool exactly, bool localTime) {
@@ -25,8 +31,7 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
         if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
             return std::nullopt;
         const OffloadReport& report = *found->report;
-        const auto column = CardRecord::columnOf(report, record.cardPath, record.volumeSerial);
-        const std::size_t at = column.value_or(CardRecord::destinationIndex(report, record.cardPath, d));
+        const std::size_t at = columnIn(report, record, d);
         const auto& statuses = found->file->destinations;
         words.push_back(found->file->sourceError || at >= statuses.size() ? std::string_view("failed")
                                                                           : std::string_view(statuses[at]));
@@ -49,11 +54,12 @@ std::vector<std::string> foldersElsewhere(const std::vector<CardRecord>& records
         for (const auto& generation : record.generations)
             for (const auto& destination : generation.report->destinations)
                 others.emplace(key(destination.cardPath), destination.cardPath);
-    for (const CardRecord& record : records) {
-        others.erase(key(record.cardPath));
-        for (const auto& generation : record.generations)
-            if (const auto column = CardRecord::columnOf(*generation.report, record.cardPath, record.volumeSerial))
-                others.erase(key(generation.report->destinations.at(*column).cardPath));
+    for (std::size_t d = 0; d < records.size(); ++d) {
+        others.erase(key(records[d].cardPath));
+        for (const auto& generation : records[d].generations)
+            if (const std::size_t at = columnIn(*generation.report, records[d], d);
+                at < generation.report->destinations.size())
+                others.erase(key(generation.report->destinations[at].cardPath));
     }
     std::vector<std::string> paths;
     for (const auto& [pathKey, path] : others)
