@@ -240,8 +240,10 @@ bool CopyRun::adoptKnown(const Task& task) {
 }
 
 void CopyRun::adoptHeld(const Task& task) {
+    // A line belongs to what a manifest has said before; of a copy that only a report knows it would say nothing new,
+    // and make a run that dies look like another one.
     for (DestWriter* holder : task.holders)
-        holder->adopt(task.file, task.known != nullptr);
+        holder->adopt(task.file, task.known != nullptr && task.known->blockSize > 0);
 }
 
 Chunk& CopyRun::takeChunk(std::size_t bytes, bool slice) {

@@ -3,6 +3,7 @@
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "disks/SpacePlanner.h"
+#include "engine/DestWriter.h"
 #include "engine/Layout.h"
 #include "engine/OffloadOptions.h"
 #include "engine/Scanner.h"
@@ -164,14 +165,21 @@ void Preflight::checkInto(const std::string& source, const std::vector<std::stri
 }
 
 std::vector<std::int64_t> Preflight::demands(const OffloadPlan& plan) {
-    std::vector<std::int64_t> all(plan.cardPaths().size(), slack);
+    const std::vector<std::string> cardPaths = plan.cardPaths();
+    std::vector<std::int64_t> all(cardPaths.size(), slack);
     for (std::size_t file = 0; file < plan.scan.files.size(); ++file) {
         const auto& part = plan.resume ? (*plan.resume)[file] : std::nullopt;
         const std::int64_t held = part ? part->blockSize * static_cast<std::int64_t>(part->blocks.size()) : 0;
         for (std::size_t d = 0; d < all.size(); ++d) {
             const bool written = plan.write ? (*plan.write)[file][d] : !plan.hashOnly || !(*plan.hashOnly)[file];
-            const std::int64_t bytes = written ? std::max<std::int64_t>(0, plan.scan.files[file].size - held) : 0;
-            all[d] = plus(all[d], plus(bytes, bytesPerFile));
+            const SourceFile& source = plan.scan.files[file];
+            std::int64_t bytes = 0;
+            if (written) {
+                // A part file that a dead run has left holds the room for the whole file already.
+                const std::string left = RelativePath::join(cardPaths[d], DestWriter::partName(source.relPath));
+                bytes = source.size - std::max(held, plan.resuming ? IO::allocatedBytes(left) : 0);
+            }
+            all[d] = plus(all[d], plus(std::max<std::int64_t>(0, bytes), bytesPerFile));
         }
     }
     return all;

@@ -14,6 +14,7 @@
 #include "job/SetAside.h"
 #include "memory/AppendPlanner.h"
 #include "memory/BackupCheck.h"
+#include "memory/CaseTwins.h"
 #include "platform/IO.h"
 #include "platform/PowerInhibitor.h"
 #include "records/OffloadPlan.h"
@@ -57,13 +58,15 @@ OffloadOptions engineOptions(const JobConfig& config, OffloadOptions options) {
 // What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
 // gives way without a trace only when it looks like the file that will replace it, or holds nothing.
 OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
-    return [&append](std::size_t destination, std::size_t file, const std::string&) {
+    return [&append, twins = CaseTwins(append.fullScan.files)](std::size_t destination, std::size_t file,
+                                                               const std::string&) {
         const SourceFile& source = append.newFiles[file];
-        SetAside::makeWay(
-            append.cardPaths[destination], append.generation, source.relPath, [&](const FileFacts& there) {
-                const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
-                return there.isFile && (there.size == 0 || alike);
-            });
+        const auto isOwnWork = [&](const FileFacts& there) {
+            const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
+            return there.isFile && (there.size == 0 || alike);
+        };
+        SetAside::makeWay(append.cardPaths[destination], append.generation, source.relPath,
+                          twins.contains(source.relPath), isOwnWork);
     };
 }
 

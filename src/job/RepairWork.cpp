@@ -60,7 +60,8 @@ std::vector<std::int64_t> RepairWork::bytesTotal() const {
 
 OffloadEngine::BeforeRename RepairWork::mover(const RepairPlan& plan) {
     return [this, &plan](std::size_t destination, std::size_t file, const std::string&) {
-        SetAside::makeWay(cardPaths_[destination], plan.plan.generation, plan.plan.scan.files[file].relPath);
+        // A twin on a disk that folds case is refused while planning.
+        SetAside::makeWay(cardPaths_[destination], plan.plan.generation, plan.plan.scan.files[file].relPath, false);
     };
 }
 

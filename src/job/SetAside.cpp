@@ -64,10 +64,10 @@ void move(const std::string& cardPath, std::int64_t generation, const std::strin
     throw IOError("rename", RelativePath::join(cardPath, wanted), EEXIST);
 }
 
-void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath,
+void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath, bool isTwin,
              const std::function<bool(const FileFacts&)>& isOwnWork) {
     const std::string path = RelativePath::join(cardPath, relPath);
-    if (!IO::holdsName(path))
+    if (!IO::exists(path) || (isTwin && !IO::holdsName(path)))
         return;
     if (isOwnWork && isOwnWork(IO::lstat(path)))
         IO::unlink(path);

@@ -18,9 +18,9 @@ namespace SetAside {
 void move(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
 
 // Frees the name `relPath` of the card folder for a new copy. What stands there moves aside, unless `isOwnWork` says of
-// it that a run which died has left it: that is deleted. On a disk that folds case the name may be that of another
-// file, which stays where it is.
-void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath,
+// it that a run which died has left it: that is deleted. Where another file of the card differs from it in case only
+// (`isTwin`), a disk that folds case may give that one under this name: it stays where it is.
+void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath, bool isTwin,
              const std::function<bool(const FileFacts&)>& isOwnWork = {});
 
 // Lists in the report all that lies aside for its generation in its card folders: what the run moved itself, and what

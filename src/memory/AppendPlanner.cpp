@@ -170,18 +170,15 @@ private:
     void refuseOpenRepair() const {
         if (!unfinished_)
             return;
-        const auto mentioned = unfinished_->mentioned();
-        const bool onlyKnown = !mentioned.empty() && std::ranges::all_of(mentioned, [&](const std::string& key) {
-            return backup_.records.front().files.contains(key);
-        });
-        if (unfinished_->report ? unfinished_->report->isRepair() : onlyKnown)
+        if (isOpenRepair(*unfinished_, backup_.records))
             throw refuse(PreflightCode::other, VIPMsg::repairOpen(backup_.paths.front()));
     }
 
     // Names that a new file, or its temporary name, must not collide with.
     void collectNames() {
         for (const SourceFile& file : card_.files)
-            names_.insert(pathKey(file.relPath));
+            cardNames_.insert(pathKey(file.relPath));
+        names_ = cardNames_;
         for (const CardRecord& record : backup_.records)
             for (const auto& [key, recorded] : record.files)
                 names_.insert(key);
@@ -222,8 +219,10 @@ private:
         }
         ++recordedOnCard_;
         plan_.unverifiedEarlier += unverified ? 1 : 0;
-        // Disks that were appended to one by one may stand at the same generation and yet not hold the same files.
-        if (!differs && std::ranges::find(lacks, true) != lacks.end())
+        // Disks that were appended to one by one may stand at the same generation and yet not hold the same files. What
+        // a dead run had begun to bring in step belongs to its generation, also on the disk that has it.
+        const bool begun = unfinished_ && unfinished_->mentions(file.relPath);
+        if (!differs && (begun || std::ranges::find(lacks, true) != lacks.end()))
             bringTo(file, lacks, *holder->file);
     }
 
@@ -286,24 +285,28 @@ private:
         if (!unfinished_)
             return;
         std::map<std::string, std::string> missing; // by path key
-        const auto need = [&](const std::string& path) {
-            if (const std::string key = pathKey(path); !names_.contains(key))
+        const auto need = [&](const std::string& path, std::size_t d) {
+            const std::string key = pathKey(path);
+            if (!cardNames_.contains(key) && !backup_.records[d].files.contains(key))
                 missing.emplace(key, path);
         };
-        for (const auto& held : unfinished_->files)
-            for (const auto& [key, record] : held)
-                need(record.path);
-        // A generation of nothing at all would be a record that no later run can read.
-        if (plan_.newFiles.empty())
-            for (const auto& begun : unfinished_->parts)
-                for (const auto& [key, part] : begun)
-                    need(part.path);
-        if (unfinished_->report)
-            for (const auto& file : unfinished_->report->files)
-                if (!file.sourceError)
-                    need(file.path);
+        for (std::size_t d = 0; d < folders_.size(); ++d) {
+            for (const auto& [key, record] : unfinished_->files[d])
+                need(record.path, d);
+            // A generation of nothing at all would be a record that no later run can read.
+            if (plan_.newFiles.empty())
+                for (const auto& [key, part] : unfinished_->parts[d])
+                    need(part.path, d);
+            if (unfinished_->report)
+                for (const auto& file : unfinished_->report->files)
+                    if (!file.sourceError)
+                        need(file.path, d);
+        }
         for (const auto& [key, path] : missing)
             conflicts_.push_back(Msg::repairNotOnCard(path));
+        if (conflicts_.empty() && plan_.newFiles.empty() && card_.uncopied.empty())
+            for (const std::string& key : unfinished_->mentioned())
+                conflicts_.push_back(Msg::repairNotOnCard(key));
     }
 
     // Files on the disks that neither a report nor the interrupted run accounts for.
@@ -417,7 +420,8 @@ private:
     const CaseTwins twins_;
     std::vector<BackupFolder> folders_;
     std::vector<std::unordered_map<const OffloadReport*, std::size_t>> columns_;
-    std::unordered_set<std::string> names_;
+    std::unordered_set<std::string> cardNames_;
+    std::unordered_set<std::string> names_; // of the card and of the records
     std::unordered_set<std::string> newParts_;
     std::vector<std::string> conflicts_;
     // By position in newFiles: the disks that lack a file, and its record from one that has it.
@@ -460,6 +464,21 @@ std::optional<Unfinished> findUnfinished(const std::vector<std::string>& paths) 
             requireFolder(path); // a disk that is not there is behind all others, and that is what to say of it
         throw;
     }
+}
+
+bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records) {
+    if (unfinished.report)
+        return unfinished.report->isRepair();
+    bool any = false;
+    for (std::size_t d = 0; d < records.size(); ++d) {
+        const auto isKnown = [&](const auto& line) {
+            any = true;
+            return records[d].files.contains(line.first);
+        };
+        if (!std::ranges::all_of(unfinished.files[d], isKnown) || !std::ranges::all_of(unfinished.parts[d], isKnown))
+            return false;
+    }
+    return any;
 }
 
 Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration) {

@@ -37,6 +37,9 @@ AppendPlan plan(const std::string& source, const std::vector<std::string>& cardP
 // The interrupted generation of the folders, if there is one. A folder that is not there is named as such.
 std::optional<Unfinished> findUnfinished(const std::vector<std::string>& paths);
 
+// An interrupted generation that is nothing but a repair: each disk has lines only for files that its reports know.
+bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records);
+
 // With `unfinishedGeneration` that generation does not count, on any disk.
 Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration);
 

@@ -4,6 +4,7 @@
 #include "base/RelativePath.h"
 #include "base/SideBySide.h"
 #include "base/Text.h"
+#include "disks/VolumeSerial.h"
 #include "memory/CaseTwins.h"
 #include "platform/IO.h"
 
@@ -46,30 +47,50 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
     return words;
 }
 
-// Folders that the reports name as places of this backup and that are not among the records.
-std::vector<std::string> foldersElsewhere(const std::vector<CardRecord>& records) {
-    const auto key = [](const std::string& path) { return pathKey(RelativePath::withoutTrailingSlash(path)); };
-    std::map<std::string, std::string> others; // by path key
-    for (const CardRecord& record : records)
+struct Place {
+    std::string cardPath;
+    std::optional<std::string> serial; // of its volume, where that tells it from all others
+};
+
+// What tells a place of the backup from another: its volume, wherever that is mounted today, or else its path.
+std::pair<std::string, Place> placeOf(const OffloadReport& report, std::size_t destination) {
+    const auto& entry = report.destinations.at(destination);
+    if (report.onlyOnItsDisk(destination))
+        return {"serial " + *entry.volumeSerial, {entry.cardPath, entry.volumeSerial}};
+    return {"path " + pathKey(RelativePath::withoutTrailingSlash(entry.cardPath)), {entry.cardPath, std::nullopt}};
+}
+
+// Places that the reports name and that are not among the records.
+std::vector<Place> placesElsewhere(const std::vector<CardRecord>& records) {
+    std::map<std::string, Place> others;
+    const auto each = [&](const CardRecord& record, const auto& visit) {
         for (const auto& generation : record.generations)
-            for (const auto& destination : generation.report->destinations)
-                others.emplace(key(destination.cardPath), destination.cardPath);
+            visit(*generation.report);
+    };
+    for (const CardRecord& record : records)
+        each(record, [&](const OffloadReport& report) {
+            for (std::size_t i = 0; i < report.destinations.size(); ++i) {
+                auto [key, place] = placeOf(report, i);
+                others.insert_or_assign(std::move(key), std::move(place)); // the newest path of a volume
+            }
+        });
     for (std::size_t d = 0; d < records.size(); ++d) {
-        others.erase(key(records[d].cardPath));
-        for (const auto& generation : records[d].generations)
-            if (const std::size_t at = columnIn(*generation.report, records[d], d);
-                at < generation.report->destinations.size())
-                others.erase(key(generation.report->destinations[at].cardPath));
+        others.erase("path " + pathKey(RelativePath::withoutTrailingSlash(records[d].cardPath)));
+        each(records[d], [&](const OffloadReport& report) {
+            if (const std::size_t at = columnIn(report, records[d], d); at < report.destinations.size())
+                others.erase(placeOf(report, at).first);
+        });
     }
-    std::vector<std::string> paths;
-    for (const auto& [pathKey, path] : others)
-        paths.push_back(path);
-    return paths;
+    std::vector<Place> places;
+    for (auto& [key, place] : others)
+        places.push_back(std::move(place));
+    return places;
 }
 
 // What a folder lacks that nobody named for this run; empty when it lacks nothing.
-std::string lackOf(const std::string& cardPath, const SourceScan& card, const CaseTwins& twins, bool localTime) {
-    if (!IO::isFolder(cardPath))
+std::string lackOf(const Place& place, const SourceScan& card, const CaseTwins& twins, bool localTime) {
+    const std::string& cardPath = place.cardPath;
+    if (!IO::isFolder(cardPath) || (place.serial && VolumeFacts::volumeSerialText(cardPath) != place.serial))
         return BackupMessage::elsewhereUnchecked(cardPath);
     const std::vector<CardRecord> record{CardRecord::load(cardPath)};
     std::int64_t lacking = 0;
@@ -120,8 +141,8 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<std::strin
         check.state.failed += state.failed > 0 ? 1 : 0;
         check.state.unverified += state.failed == 0 && state.unverified > 0 ? 1 : 0;
     }
-    for (const std::string& path : foldersElsewhere(records))
-        if (std::string lack = lackOf(path, card, twins, localTime); !lack.empty())
+    for (const Place& place : placesElsewhere(records))
+        if (std::string lack = lackOf(place, card, twins, localTime); !lack.empty())
             check.elsewhere.push_back(std::move(lack));
     check.notInBackup += static_cast<std::int64_t>(card.uncopied.size());
     return check;

@@ -31,6 +31,12 @@ std::string standardised(std::string_view path) {
     return pathKey(out);
 }
 
+// "<date>/<card>" of a card folder.
+std::string tailOf(const std::string& cardPath) {
+    const std::vector<std::string_view> parts = split(cardPath, '/', false);
+    return parts.size() < 2 ? cardPath : std::string(parts[parts.size() - 2]) + "/" + std::string(parts.back());
+}
+
 // Reads one report; a report without a list could make a whole card look new, so it counts as unreadable.
 std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
     auto report = std::make_shared<OffloadReport>(ReportFile::read(path));
@@ -251,6 +257,15 @@ std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, con
             if (destination.volumeSerial == serial && pathKey(VolumeFacts::underRoot(destination.cardPath)) == below)
                 return i;
         }
+        // Of a place that is not mounted any more nobody can say where its disk began; but a disk that got one copy
+        // only, in a folder of this date and name, got this one.
+        const auto sameTail = [&](const std::string& path) {
+            return pathKey(tailOf(path)) == pathKey(tailOf(cardPath));
+        };
+        for (std::size_t i = 0; i < report.destinations.size(); ++i)
+            if (report.onlyOnItsDisk(i) && report.destinations[i].volumeSerial == serial &&
+                sameTail(report.destinations[i].cardPath) && !IO::exists(report.destinations[i].cardPath))
+                return i;
     }
     const std::size_t index = destinationIndex(report, cardPath, report.destinations.size());
     return index < report.destinations.size() ? std::optional(index) : std::nullopt;

@@ -36,15 +36,6 @@ OffloadError forRepair(const OffloadError& error) {
     return error.code() ? OffloadError::preflight(*error.code(), text) : OffloadError::failed(text);
 }
 
-// An open generation that is nothing but an interrupted repair.
-bool isOpenRepair(const Unfinished& open, const CardRecord& earlier) {
-    if (open.report)
-        return open.report->isRepair();
-    const auto mentioned = open.mentioned();
-    return std::all_of(mentioned.begin(), mentioned.end(),
-                       [&](const std::string& key) { return earlier.files.contains(key); });
-}
-
 struct Bad {
     std::string relPath;
     // Per destination: must be written; and of these, that only an old record speaks against the copy there.
@@ -155,12 +146,26 @@ private:
         return false;
     }
 
-    // A digest that the record has; every report but a foreign one has the first.
-    static std::pair<std::string, std::string> digestOf(const OffloadReport::FileEntry& entry) {
+    // A digest of the entry; every report but a foreign one has the first.
+    static std::pair<std::string, std::string> digestIn(const OffloadReport::FileEntry& entry) {
         for (const auto& [name, value] :
              {std::pair("xxh64", entry.xxh64), std::pair("xxh128", entry.xxh128), std::pair("md5", entry.md5)})
             if (value)
                 return {name, *value};
+        return {};
+    }
+
+    // The newest digest that any disk has of the file. A record of a run to which the card did not give the file has
+    // none, and must not make the card's present content the truth.
+    std::pair<std::string, std::string> digestOf(const OffloadReport::FileEntry& newest) const {
+        if (auto digest = digestIn(newest); !digest.first.empty())
+            return digest;
+        for (const CardRecord& each : backup_.records)
+            for (auto generation = each.generations.rbegin(); generation != each.generations.rend(); ++generation)
+                for (const auto& file : generation->report->files)
+                    if (file.path == newest.path)
+                        if (auto digest = digestIn(file); !digest.first.empty())
+                            return digest;
         return {};
     }
 
@@ -330,7 +335,7 @@ Checked check(const std::vector<std::string>& cardPaths) {
         checked.open = AppendPlanner::findUnfinished(cardPaths);
         checked.backup = AppendPlanner::checkBackup(cardPaths, checked.open ? std::optional(checked.open->generation)
                                                                             : std::nullopt);
-        if (checked.open && !isOpenRepair(*checked.open, checked.backup.records.front()))
+        if (checked.open && !AppendPlanner::isOpenRepair(*checked.open, checked.backup.records))
             throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
         return checked;
     } catch (const OffloadError& error) {

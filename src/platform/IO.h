@@ -70,6 +70,8 @@ private:
 };
 
 bool exists(const std::string& path); // lstat succeeds
+// The room that a file takes on its disk; 0 when there is none, or it cannot be told.
+std::int64_t allocatedBytes(const std::string& path) noexcept;
 // True when the folder of `path` has an entry of that very name. A disk that folds case answers `exists` for others
 // too.
 bool holdsName(const std::string& path);

@@ -77,6 +77,11 @@ bool OffloadReport::hasFailedFiles() const {
     return std::any_of(files.begin(), files.end(), [&](const FileEntry& file) { return isFailed(file); });
 }
 
+bool OffloadReport::onlyOnItsDisk(std::size_t destination) const {
+    const auto& serial = destinations.at(destination).volumeSerial;
+    return serial && std::ranges::count(destinations, serial, &Destination::volumeSerial) == 1;
+}
+
 bool OffloadReport::safeToFormat() const {
     return verified && verifyPending != true && verifyIncomplete != true && !hasFailedFiles();
 }

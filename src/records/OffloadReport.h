@@ -111,6 +111,8 @@ struct OffloadReport {
     bool isFailed(const FileEntry& file) const;
     std::vector<const FileEntry*> failedFiles() const;
     bool hasFailedFiles() const;
+    // The destination has a volume serial that no other destination of this report has.
+    bool onlyOnItsDisk(std::size_t destination) const;
     bool success() const { return !hasFailedFiles(); }
     bool safeToFormat() const;
     // Sets filesOK and filesFailed of every destination from the files.

@@ -42,7 +42,8 @@ bool isOfRecords(std::string_view path) {
 // What is to be read, and what the records say beside it.
 struct Task {
     std::vector<Expected> files;
-    std::set<std::string> known; // every path that a record names
+    std::set<std::string> known;   // every path that a record names
+    std::set<std::string> renamed; // former names of files, by a later generation of the history
     std::vector<std::string> ignore;
 };
 
@@ -53,6 +54,10 @@ Task fromHistory(const MHLHistory& history, VerifyResult& result) {
     result.generations = static_cast<std::int64_t>(history.generations.size());
     result.chainProblems = history.chainProblems; // with the paths that lead out of the folder
     result.reportInsideCard = history.ignoresReportFolder();
+    for (const MHLGeneration& generation : history.generations)
+        for (const MHLRecord& file : generation.files)
+            if (file->previousPath)
+                task.renamed.insert(*file->previousPath);
     for (const auto& [path, newest] : history.files) {
         task.known.insert(path);
         ++result.totalFiles;
@@ -125,8 +130,23 @@ std::string_view statusOf(const RecordedFile& recorded, const CardRecord& record
         return "failed";
     if (const auto column = CardRecord::columnOf(*recorded.report, record.cardPath, record.volumeSerial))
         return *column < words.size() ? std::string_view(words[*column]) : "failed";
+    if (std::ranges::count(words, "verified") == std::ssize(words))
+        return "verified";
     const auto isCopy = [](const std::string& word) { return word == "written" || word == "verified"; };
     return std::ranges::any_of(words, isCopy) ? "written" : "failed";
+}
+
+// A name or a folder that could not be copied stands in the report of every run that met it, so an older one tells of
+// what is over. A run that was broken off tells of what is missing.
+bool isOver(const RecordedFile& recorded, const CardRecord& record) {
+    const auto& file = *recorded.file;
+    const bool brokenOff =
+        file.sourceError && (*file.sourceError == "cancelled" || *file.sourceError == "card changed while paused");
+    return file.sourceError && !brokenOff && !file.xxh64 &&
+           std::ranges::count(file.destinations, "pending") == std::ssize(file.destinations) &&
+           std::ranges::any_of(record.generations, [&](const CardRecord::Generation& generation) {
+               return generation.generation > recorded.generation && !generation.report->isRepair();
+           });
 }
 
 // What only the reports record. A copy that was never read back stands in no generation of the ASC MHL, but its digest
@@ -137,8 +157,8 @@ void addFromReports(Task& task, const CardRecord& record, VerifyResult& result) 
         const OffloadReport::FileEntry& file = *recorded.file;
         const std::string_view status = statusOf(recorded, record);
         // Verified files are in the ASC MHL; where a generation of it is gone, the chain tells so.
-        if (status == "verified" || recorded.report->verifyPending.value_or(false) ||
-            !task.known.insert(file.path).second)
+        if (status == "verified" || recorded.report->verifyPending.value_or(false) || isOver(recorded, record) ||
+            task.renamed.contains(file.path) || !task.known.insert(file.path).second)
             return;
         ++result.totalFiles;
         result.totalBytes += file.size;

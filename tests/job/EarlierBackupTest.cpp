@@ -286,12 +286,26 @@ TEST_F(EarlierBackup, AnAppendBringsDisksInStep) {
     EXPECT_FALSE(append({cards[0]}).safeToFormat);
     shoot({{"5.mov", 1000}});
     EXPECT_FALSE(append({cards[1]}).safeToFormat) << "the other disk lacks 5.mov";
+    keep();
+    ManifestRecord died; // a run that died while it brought the file over is no repair
+    died.gen = 3;
+    died.path = "5.mov";
+    ManifestFile::append(cards[0], std::span(&died, 1));
     EXPECT_TRUE(append(cards).safeToFormat);
     EXPECT_EQ(job->report()->files.size(), 1U);
     EXPECT_EQ(job->report()->files.front().rewritten, (std::vector<bool>{true, false}));
     for (const auto& card : cards)
         EXPECT_EQ(test::FileTree::read(card + "/5.mov"), test::FileTree::read(temp / "card/5.mov"));
     EXPECT_EQ(append(cards).note, "Nothing new — the backup is complete.");
+
+    // A card that gives something else than the one good copy came from is not the truth, now or in the repair after
+    // it.
+    restore();
+    test::FileTree::flipBit(temp / "card/5.mov", 500);
+    EXPECT_FALSE(append(cards).safeToEject);
+    EXPECT_THAT(job->report()->files.front().sourceError.value_or(""), HasSubstr("different content"));
+    EXPECT_EQ(repair(cards).errorCode, PreflightCode::repairConflict);
+    EXPECT_THAT(job->status().error.value_or(""), HasSubstr("5.mov: the card has different content"));
 }
 
 // A record of failure is no proof that the copy is bad now, and a name that no record can hold no reason to mend

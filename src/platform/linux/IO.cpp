@@ -156,6 +156,12 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &info) == 0;
 }
 
+std::int64_t allocatedBytes(const std::string& path) noexcept {
+    struct stat info{};
+    constexpr std::int64_t unit = 512; // of st_blocks, whatever the file system's own block is: stat(2)
+    return ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) ? info.st_blocks * unit : 0;
+}
+
 bool holdsName(const std::string& path) {
     if (!exists(path))
         return false;
