@@ -128,7 +128,6 @@ public:
           isCancelled_(isCancelled), card_(Scanner::scan(source, isCancelled)), twins_(card_.files) {
         folders_ = sideBySide(backup_.paths.size(),
                               [&](std::size_t d) { return BackupFolder(backup_.paths[d], isCancelled); });
-        columns_.resize(folders_.size());
         plan_.source = source;
     }
 
@@ -153,18 +152,6 @@ public:
     }
 
 private:
-    // The column of destination `d` in a report; looked up once a report.
-    std::size_t column(const RecordedFile& recorded, std::size_t d) {
-        auto& known = columns_[d];
-        const auto [found, isNew] = known.try_emplace(recorded.report.get(), 0);
-        if (isNew) {
-            const CardRecord& record = backup_.records[d];
-            const auto fitting = CardRecord::columnOf(*recorded.report, record.cardPath, record.volumeSerial);
-            found->second = fitting ? *fitting : CardRecord::destinationIndex(*recorded.report, record.cardPath, d);
-        }
-        return found->second;
-    }
-
     // A repair that died left lines for files that the reports know. It is for a repair to finish: the copies that it
     // found bad may be bad still, though every record calls them good.
     void refuseOpenRepair() const {
@@ -243,7 +230,7 @@ private:
 
     // True when the recorded copy on disk `d` was never verified.
     bool checkCopy(const SourceFile& file, const RecordedFile& record, std::size_t d) {
-        const std::size_t at = column(record, d);
+        const std::size_t at = backup_.records[d].columnOrPlace(*record.report, d);
         const std::string status = at < record.file->destinations.size() ? record.file->destinations[at] : "";
         if (status != "written" && status != "verified")
             throw refuse(PreflightCode::appendFailedFile,
@@ -419,7 +406,6 @@ private:
     SourceScan card_;
     const CaseTwins twins_;
     std::vector<BackupFolder> folders_;
-    std::vector<std::unordered_map<const OffloadReport*, std::size_t>> columns_;
     std::unordered_set<std::string> cardNames_;
     std::unordered_set<std::string> names_; // of the card and of the records
     std::unordered_set<std::string> newParts_;

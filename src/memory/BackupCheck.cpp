@@ -16,12 +16,6 @@ namespace velmora {
 
 namespace {
 
-// The column of the folder that stands at `position`: by disk or path, and when neither is known any more by its place.
-std::size_t columnIn(const OffloadReport& report, const CardRecord& record, std::size_t position) {
-    const auto column = CardRecord::columnOf(report, record.cardPath, record.volumeSerial);
-    return column.value_or(CardRecord::destinationIndex(report, record.cardPath, position));
-}
-
 // One file of the card on every disk: its status words; none when a disk does not have it as it is on the card.
 std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, const std::vector<CardRecord>& records,
                                                         bool exactly, bool localTime) {
@@ -32,7 +26,7 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
         if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
             return std::nullopt;
         const OffloadReport& report = *found->report;
-        const std::size_t at = columnIn(report, record, d);
+        const std::size_t at = record.columnOrPlace(report, d);
         const auto& statuses = found->file->destinations;
         words.push_back(found->file->sourceError || at >= statuses.size() ? std::string_view("failed")
                                                                           : std::string_view(statuses[at]));
@@ -77,7 +71,7 @@ std::vector<Place> placesElsewhere(const std::vector<CardRecord>& records) {
     for (std::size_t d = 0; d < records.size(); ++d) {
         others.erase("path " + pathKey(RelativePath::withoutTrailingSlash(records[d].cardPath)));
         each(records[d], [&](const OffloadReport& report) {
-            if (const std::size_t at = columnIn(report, records[d], d); at < report.destinations.size())
+            if (const std::size_t at = records[d].columnOrPlace(report, d); at < report.destinations.size())
                 others.erase(placeOf(report, at).first);
         });
     }

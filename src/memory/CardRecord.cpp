@@ -154,8 +154,10 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
     }
     std::stable_sort(record.generations.begin(), record.generations.end(),
                      [](const Generation& a, const Generation& b) { return a.generation < b.generation; });
-    for (const Generation& generation : record.generations)
+    for (Generation& generation : record.generations) {
+        generation.column = columnOf(*generation.report, cardPath, record.volumeSerial);
         mergeFiles(record, generation);
+    }
     record.incomplete = incompleteElsewhere(record);
     return record;
 }
@@ -269,6 +271,18 @@ std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, con
     }
     const std::size_t index = destinationIndex(report, cardPath, report.destinations.size());
     return index < report.destinations.size() ? std::optional(index) : std::nullopt;
+}
+
+std::optional<std::size_t> CardRecord::column(const OffloadReport& report) const {
+    for (const Generation& generation : generations)
+        if (generation.report.get() == &report)
+            return generation.column;
+    return columnOf(report, cardPath, volumeSerial);
+}
+
+std::size_t CardRecord::columnOrPlace(const OffloadReport& report, std::size_t place) const {
+    const auto known = column(report);
+    return known ? *known : destinationIndex(report, cardPath, place);
 }
 
 bool CardRecord::readBack(const RecordedFile& recorded, const std::string& cardPath,

@@ -29,6 +29,7 @@ struct CardRecord {
     struct Generation {
         std::int64_t generation = 1;
         std::shared_ptr<const OffloadReport> report;
+        std::optional<std::size_t> column = {}; // of this folder in the report
     };
 
     std::string cardPath;
@@ -70,6 +71,10 @@ struct CardRecord {
     // mounted under another name today is still its column. None when no column fits.
     static std::optional<std::size_t> columnOf(const OffloadReport& report, const std::string& cardPath,
                                                const std::optional<std::string>& serial);
+    // The column of this folder in a report of its own, known since loading: for asking file by file.
+    std::optional<std::size_t> column(const OffloadReport& report) const;
+    // The same; where neither disk nor path is known any more, the column at the folder's place among all.
+    std::size_t columnOrPlace(const OffloadReport& report, std::size_t place) const;
     // True when the file was read back and found good on this disk.
     static bool readBack(const RecordedFile& recorded, const std::string& cardPath,
                          const std::optional<std::string>& serial);

@@ -100,8 +100,7 @@ private:
 
     // A copy that failed when it was made, or that a cancelled repair did not get to. A good one may lie there by now.
     void collectFailed(const RecordedFile& recorded, std::size_t d) {
-        const auto column = CardRecord::columnOf(*recorded.report, record(d).cardPath, record(d).volumeSerial);
-        const std::size_t at = column.value_or(CardRecord::destinationIndex(*recorded.report, record(d).cardPath, d));
+        const std::size_t at = record(d).columnOrPlace(*recorded.report, d);
         const auto& statuses = recorded.file->destinations;
         const std::string status = at < statuses.size() ? statuses[at] : "failed";
         if (status == "verified" || status == "written" || isOutOfReach(*recorded.file))

@@ -128,7 +128,7 @@ std::string_view statusOf(const RecordedFile& recorded, const CardRecord& record
     const auto& words = recorded.file->destinations;
     if (recorded.file->sourceError)
         return "failed";
-    if (const auto column = CardRecord::columnOf(*recorded.report, record.cardPath, record.volumeSerial))
+    if (const auto column = record.column(*recorded.report))
         return *column < words.size() ? std::string_view(words[*column]) : "failed";
     if (std::ranges::count(words, "verified") == std::ssize(words))
         return "verified";
