@@ -71,8 +71,12 @@ std::vector<Place> placesElsewhere(const std::vector<CardRecord>& records) {
     for (std::size_t d = 0; d < records.size(); ++d) {
         others.erase("path " + pathKey(RelativePath::withoutTrailingSlash(records[d].cardPath)));
         each(records[d], [&](const OffloadReport& report) {
-            if (const std::size_t at = records[d].columnOrPlace(report, d); at < report.destinations.size())
-                others.erase(placeOf(report, at).first);
+            // A folder that is known by its place alone stands for that of another disk unless all of them are named.
+            const bool allNamed = records.size() == report.destinations.size();
+            const std::optional<std::size_t> at =
+                allNamed ? std::optional(records[d].columnOrPlace(report, d)) : records[d].column(report);
+            if (at && *at < report.destinations.size())
+                others.erase(placeOf(report, *at).first);
         });
     }
     std::vector<Place> places;

@@ -387,7 +387,6 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     Task task;
     if (history.exists) {
         task = fromHistory(history, result);
-        addFromReports(task, record, result);
     } else {
         if (auto listed = hashLists(result.cardPath, result.chainProblems))
             task = fromLists(std::move(*listed), result);
@@ -398,6 +397,8 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
                                           result.cardPath +
                                               " has no ASC MHL and no checksum list — nothing to compare against.");
     }
+    // Neither the history nor a list names what never arrived.
+    addFromReports(task, record, result);
     noteAlgorithms(task, result);
     if (Reading(result, task, chunkSize, progress, isCancelled).run()) {
         try {

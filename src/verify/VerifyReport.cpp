@@ -81,9 +81,10 @@ std::vector<std::string> warnings(const VerifyResult& result) {
                                     "against an older valid generation.",
                                     countedFiles(n), plural(n, "has", "have")));
     if (const std::int64_t n = result.onlyInReport; n > 0)
-        lines.push_back(fmt::format("{} {} never read back after the copy and {} not in the MHL — compared with the "
+        lines.push_back(fmt::format("{} {} never read back after the copy and {} not in the {} — compared with the "
                                     "digest in the report.",
-                                    countedFiles(n), plural(n, "was", "were"), plural(n, "is", "are")));
+                                    countedFiles(n), plural(n, "was", "were"), plural(n, "is", "are"),
+                                    result.basis == "hashList" ? "checksum list" : "MHL"));
     lines.insert(lines.end(), result.chainProblems.begin(), result.chainProblems.end());
     return lines;
 }

@@ -201,6 +201,11 @@ TEST_F(BackupVerifierTest, WhatOnlyTheReportsKnowIsNotPassedOver) {
     EXPECT_EQ(result.failedAtCopy, Paths{"b"});
     EXPECT_EQ(result.ok, 1);
     EXPECT_EQ(result.onlyInReport, 1);
+    fs::copy(temp / "MOVED", temp / "LISTS", fs::copy_options::recursive); // with the lists alone it is the same
+    fs::remove_all(temp / "LISTS/ascmhl");
+    result = BackupVerifier::verify(temp / "LISTS", 65'536, {}, {});
+    EXPECT_EQ(result.basis, "hashList");
+    EXPECT_FALSE(result.success());
     test::FileTree::write(temp / "MOVED/_REPORT/offload_report.json", "{");
     result = BackupVerifier::verify(temp / "MOVED", 65'536, {}, {});
     EXPECT_TRUE(result.nothingCompared());
