@@ -142,6 +142,17 @@ class Bench:
             for what, text in zip(("copy", "copy and read-back"), out.split()):
                 self.rows.append((f"allocations per block, {what}", text, "-", float(text), 0.01))
 
+    def read_back(self):
+        program = os.path.join(ROOT, "build", "release", "bin", "velmora_read_back")
+        if os.path.exists(program):
+            for size, count in ((64, 2),) if self.options.quick else ((512, 4), (8, 200)):
+                folder = os.path.join(self.work, "read back")
+                os.mkdir(folder)
+                out = subprocess.run([program, folder, str(size), str(count)], check=True, stdout=subprocess.PIPE, text=True)
+                ours, theirs = map(float, out.stdout.split())
+                self.row(f"read-back of {count} files of {size} MiB against plain direct reads", ours, theirs, 1.03)
+                shutil.rmtree(folder)
+
     def table(self):
         width = max(len(row[0]) for row in self.rows)
         print(f"\n{'':{width}}  {'velmora':>12}  {'against':>12}  {'ratio':>6}  {'limit':>6}")
@@ -160,7 +171,7 @@ def main():
     parser = argparse.ArgumentParser(description="Velmora against ordinary tools.")
     parser.add_argument("--quick", action="store_true", help="small amounts, one round: shows that it works, proves nothing")
     parser.add_argument("--rounds", type=int, default=0, help="rounds of each comparison (5)")
-    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, inspect, verify, plan")
+    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, readback, inspect, verify, plan")
     parser.add_argument("--work", default=os.path.join(ROOT, "build"), help="folder on the disk to measure")
     options = parser.parse_args()
     options.long_rounds = 1 if options.quick else 2
@@ -173,7 +184,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="bench-", dir=options.work) as work:
         bench = Bench(options, work)
         parts = {"large": bench.large_files, "small": bench.small_files, "many": bench.many_files,
-                 "allocations": bench.allocations, "inspect": lambda: backups.inspect(bench),
+                 "allocations": bench.allocations, "readback": bench.read_back, "inspect": lambda: backups.inspect(bench),
                  "verify": lambda: backups.verify(bench), "plan": lambda: backups.plan(bench)}
         for name in options.only.split(",") if options.only else parts:
             bench.progress(f"{name} …")

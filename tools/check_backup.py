@@ -232,8 +232,11 @@ class Card:
             here = f"{where}:{number}"
             try:
                 record = json.loads(line, object_pairs_hook=ordered(here))
-                path, kind, first = record["path"], record["kind"], record["first"]
                 equal(here, "v", record["v"], 1)
+                if record["kind"] == "run":  # the first line of a run: it names the folders of the backup, no file
+                    equal(here, "names folders", bool(record["destinations"]), True)
+                    continue
+                path, kind, first = record["path"], record["kind"], record["first"]
                 facts, truth = self.files[path], self.source[path]
             except (ValueError, KeyError) as error:
                 # A power cut tears the line that was being written; readers pass over it, and nothing rewrites it.

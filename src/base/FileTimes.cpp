@@ -9,8 +9,16 @@ namespace velmora::FileTimes {
 namespace {
 
 constexpr std::int64_t nanosPerTick = 100;
-constexpr std::int64_t maxHours = 14; // the widest span between two time zones, near enough
-constexpr std::int64_t closeTicks = 2 * ticksPerSecond;
+constexpr std::uint64_t hour = ticksPerHour;
+constexpr std::uint64_t closeTicks = 2 * ticksPerSecond;
+
+// How far the clocks of two time zones may lie apart, and by what steps.
+struct Zones {
+    std::uint64_t span;
+    std::uint64_t step;
+};
+constexpr Zones wholeHours{14 * hour, hour};
+constexpr Zones allZones{26 * hour, hour / 2}; // UTC−12 to UTC+14
 
 std::int64_t ticksOf(std::int64_t seconds, std::int64_t ticksInSecond) {
     std::int64_t result = 0;
@@ -26,14 +34,14 @@ std::uint64_t distance(std::int64_t a, std::int64_t b) {
     return a > b ? ua - ub : ub - ua;
 }
 
-bool within(std::int64_t a, std::int64_t b, bool localTime, std::uint64_t tolerance) {
+bool within(std::int64_t a, std::int64_t b, const Zones* zones, std::uint64_t tolerance) {
     const std::uint64_t d = distance(a, b);
     if (d <= tolerance)
         return true;
-    if (!localTime || d > static_cast<std::uint64_t>(maxHours * ticksPerHour) + tolerance)
+    if (zones == nullptr || d > zones->span + tolerance)
         return false;
-    const std::uint64_t beyond = d % static_cast<std::uint64_t>(ticksPerHour);
-    return beyond <= tolerance || static_cast<std::uint64_t>(ticksPerHour) - beyond <= tolerance;
+    const std::uint64_t beyond = d % zones->step;
+    return beyond <= tolerance || zones->step - beyond <= tolerance;
 }
 
 } // namespace
@@ -52,11 +60,13 @@ Timestamp date(std::int64_t ticks) {
     return {seconds - epochTicks / ticksPerSecond, static_cast<std::int32_t>(rest * nanosPerTick)};
 }
 
-bool same(std::int64_t a, std::int64_t b, bool localTime) { return within(a, b, localTime, 0); }
+bool same(std::int64_t a, std::int64_t b, bool localTime) { return within(a, b, localTime ? &wholeHours : nullptr, 0); }
 
 bool same(Timestamp a, Timestamp b, bool localTime) { return same(ticks(a), ticks(b), localTime); }
 
-bool close(Timestamp a, Timestamp b, bool localTime) { return within(ticks(a), ticks(b), localTime, closeTicks); }
+bool close(Timestamp a, Timestamp b, bool localTime) {
+    return within(ticks(a), ticks(b), localTime ? &allZones : nullptr, closeTicks);
+}
 
 bool storesLocalTime(std::string_view filesystem) {
     const std::string type = toLower(filesystem);

@@ -22,7 +22,8 @@ Timestamp date(std::int64_t ticks);
 // whole hours, at most 14, in either direction.
 bool same(std::int64_t a, std::int64_t b, bool localTime);
 bool same(Timestamp a, Timestamp b, bool localTime);
-// As `same`, give or take two seconds: for times that a record or a file system has cut or rounded.
+// Give or take two seconds: for times that a record or a file system has cut or rounded. With `localTime` also moments
+// that lie as far apart as the clocks of two time zones may: by half hours, at most 26 hours.
 bool close(Timestamp a, Timestamp b, bool localTime);
 
 // True for the FAT family with exFAT, which stores local time, in any case of its names.

@@ -36,6 +36,14 @@ std::string moreBlocks(std::string_view file, std::size_t count) {
                        file, count);
 }
 
+std::string differs(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks) {
+    constexpr std::size_t most = 20;
+    const std::size_t shown = std::min(blocks.size(), most);
+    const std::string more = blocks.size() > shown ? fmt::format(" and {} more", blocks.size() - shown) : "";
+    return fmt::format("{} on {}: {} {}{} {} from the source.", file, disk, blocks.size() == 1 ? "block" : "blocks",
+                       fmt::join(blocks.first(shown), ", "), more, blocks.size() == 1 ? "differs" : "differ");
+}
+
 std::string unstable(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks) {
     return fmt::format("Unstable read: {} on {} (block {}) gave different data in one read — the next read matched the "
                        "card.",

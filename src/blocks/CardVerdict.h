@@ -26,6 +26,8 @@ std::string note(std::string_view file, std::int64_t block, std::span<const std:
                  std::string_view verdict);
 // The blocks beyond `maxBlocksPerFile`, in one sentence.
 std::string moreBlocks(std::string_view file, std::size_t count);
+// "{file} on {disk}: block 3 differs from the source." for blocks that were wrong in both reads.
+std::string differs(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks);
 // "Unstable read: …" for blocks that ended matching.
 std::string unstable(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks);
 

@@ -1,7 +1,6 @@
 #include "blocks/ReadBack.h"
 
 #include "blocks/BlockPass.h"
-#include "blocks/BlockReads.h"
 #include "blocks/BlockVerifier.h"
 #include "blocks/CacheProbe.h"
 #include "blocks/MultiHasher.h"
@@ -28,48 +27,32 @@ struct FirstPass {
 };
 
 // Throws Cancelled.
-FirstPass readWhole(UncachedReader& file, std::span<std::byte> buffer, std::int64_t size, std::int64_t blockSize,
+FirstPass readWhole(UncachedReader& file, ReadAhead& reader, std::int64_t size, std::int64_t blockSize,
                     const ReadBack::Hooks& hooks) {
     FirstPass pass;
     MultiHasher hasher(HashKinds::xxh64, blockSize, true);
-    for (;;) {
+    pass.bytes = reader.read(file, size, [&](std::span<const std::byte> bytes) {
         if (hooks.isCancelled && hooks.isCancelled()) {
             throw Cancelled();
         }
-        // No more is asked for than the file holds: Linux zeroes what a direct read leaves of a buffer behind the end
-        // of a file, and for a small file that costs far more than reading it.
-        constexpr std::int64_t unit = 4096;
-        const std::int64_t left = std::max<std::int64_t>(unit, (size - pass.bytes + unit - 1) / unit * unit);
-        const auto piece = buffer.first(std::min(buffer.size(), static_cast<std::size_t>(left)));
-        const std::size_t got = file.readAt(piece, pass.bytes);
-        if (got > 0) {
-            hasher.update(buffer.data(), static_cast<std::int64_t>(got));
-            pass.bytes += static_cast<std::int64_t>(got);
-            if (hooks.progress) {
-                hooks.progress(static_cast<std::int64_t>(got));
-            }
+        hasher.update(bytes.data(), static_cast<std::int64_t>(bytes.size()));
+        if (hooks.progress) {
+            hooks.progress(static_cast<std::int64_t>(bytes.size()));
         }
-        if (got < piece.size()) {
-            break;
-        }
-    }
+    });
     std::tie(pass.hashes, pass.blocks) = hasher.finish();
     return pass;
 }
 
-// The digest of the file is wrong. Finds the blocks that are to blame and reads them once more.
-// Empty: no block can be named.
-std::optional<ReadBack::Outcome> judgeBlocks(UncachedReader& file, std::span<std::byte> buffer, const std::string& path,
-                                             const ReadBack::Expected& expected, const FirstPass& pass,
-                                             const IsCancelled& isCancelled) {
-    if (!expected.xxh64) {
-        return std::nullopt; // a file whose source has no digest is never called good
-    }
+// The digest of the file is wrong. Finds the blocks that are to blame and reads them once more. Leaves `outcome` alone
+// when no block can be named. Throws Cancelled and IOError.
+void findBlocks(UncachedReader& file, std::span<std::byte> buffer, const std::string& path,
+                const ReadBack::Expected& expected, const FirstPass& pass, const IsCancelled& isCancelled,
+                ReadBack::Outcome& outcome) {
     auto manifest = BlockManifest::make(expected.size, expected.blockSize,
                                         std::vector<std::uint64_t>(expected.blocks.begin(), expected.blocks.end()));
-    if (!manifest ||
-        std::equal(pass.blocks.begin(), pass.blocks.end(), expected.blocks.begin(), expected.blocks.end())) {
-        return std::nullopt;
+    if (!expected.xxh64 || !manifest || std::ranges::equal(pass.blocks, expected.blocks)) {
+        return;
     }
     BlockVerifier verifier(std::move(*manifest));
     verifier.observeLength(pass.bytes);
@@ -83,8 +66,6 @@ std::optional<ReadBack::Outcome> judgeBlocks(UncachedReader& file, std::span<std
         buffer = own.span();
     }
     BlockPass::run(file, buffer, verifier, {{}, isCancelled, {}});
-    ReadBack::Outcome outcome;
-    outcome.result = BlockReads::result(verifier, verifier.finish());
     outcome.unstable = verifier.unstableBlocks();
     std::erase_if(outcome.unstable, [&](std::int64_t block) { return verifier.diskHash(block).has_value(); });
     for (std::size_t block = 0; block < pass.blocks.size(); ++block) {
@@ -93,12 +74,11 @@ std::optional<ReadBack::Outcome> judgeBlocks(UncachedReader& file, std::span<std
             outcome.wrong.push_back({number, *hash});
         }
     }
-    return outcome;
 }
 
 } // namespace
 
-ReadBack::ReadBack(std::span<std::byte> buffer) : buffer_(buffer) {}
+ReadBack::ReadBack(std::span<std::byte> buffer) : buffer_(buffer), reader_(buffer) {}
 
 ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::string& relative, const Expected& expected,
                                    const Hooks& hooks) {
@@ -113,19 +93,20 @@ ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::strin
         outcome.throughCache = !CacheProbe::driveOut(path);
         const std::int64_t blockSize =
             expected.blockSize > 0 ? expected.blockSize : static_cast<std::int64_t>(buffer_.size());
-        FirstPass pass = readWhole(file, buffer_, expected.size, blockSize, hooks);
+        FirstPass pass = readWhole(file, reader_, expected.size, blockSize, hooks);
         if (pass.bytes != expected.size) {
             outcome.result = failed(sizeMismatch(pass.bytes, expected.size));
         } else if (expected.xxh64 && pass.hashes.xxh64 == expected.xxh64) {
             outcome.result = {FileState::verified, std::nullopt};
             outcome.xxh128 = std::move(pass.hashes.xxh128);
-        } else if (auto judged = judgeBlocks(file, buffer_, path, expected, pass, hooks.isCancelled)) {
-            judged->throughCache = outcome.throughCache;
-            outcome = std::move(*judged);
         } else {
             const std::string source = expected.xxh64 ? fmt::format("{:016x}", *expected.xxh64) : "-";
             outcome.result =
                 failed(fmt::format("HASH MISMATCH: dest {:016x} != source {}", pass.hashes.xxh64.value_or(0), source));
+            try {
+                findBlocks(file, buffer_, path, expected, pass, hooks.isCancelled, outcome);
+            } catch (const std::exception&) { // the verdict stands, nobody says where
+            }
         }
     } catch (const Cancelled&) {
         outcome.result = {FileState::written, std::nullopt};

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "blocks/ReadAhead.h"
 #include "records/FileState.h"
 
 #include <cstddef>
@@ -14,9 +15,10 @@
 namespace velmora {
 
 // Reads a copied file back from its disk, past the cache, and compares it with what the source gave: the plain way of
-// verifying, right after the copy. One pass computes the digests of the file and of its blocks. When they differ and
-// the blocks of the source are known, the wrong blocks are read once more: a block that is wrong again is named in the
-// failure; a block that is right now is unstable, and the file counts as verified. Not thread-safe: one per disk.
+// verifying, right after the copy. One pass computes the digests of the file and of its blocks. A digest that differs
+// fails the file, whatever a later read gives. When the blocks of the source are known, the wrong ones are read once
+// more, to say where the defect is: a block that is wrong again, or one that the disk gives differently each time. Not
+// thread-safe: one per disk.
 class ReadBack {
 public:
     // What the file must be.
@@ -37,9 +39,9 @@ public:
     struct Outcome {
         DestFileResult result;              // verified; failed with its text; written when it was cancelled
         bool throughCache = false;          // the file could not be driven out of memory before it was read
-        std::vector<std::int64_t> unstable; // blocks that gave two answers and were right the second time
+        std::vector<std::int64_t> unstable; // blocks that were wrong and were right the second time
         std::vector<WrongBlock> wrong;      // blocks that were wrong both times
-        std::optional<std::string> xxh128;  // of the bytes that were verified; absent when a block was unstable
+        std::optional<std::string> xxh128;  // of a file that was verified
     };
 
     // Reads in pieces of `buffer`, which is page-aligned, a multiple of 4096 long and outlives this object.
@@ -52,6 +54,7 @@ public:
 
 private:
     std::span<std::byte> buffer_;
+    ReadAhead reader_;
 };
 
 } // namespace velmora

@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "memory/BackedUpPrompt.h"
+#include "memory/CardStep.h"
 #include "memory/HistoryText.h"
 
 #include <fmt/format.h>
@@ -46,9 +47,12 @@ void addMatch(std::vector<std::string>& lines, const CardInsight& insight) {
         return;
     }
     lines.push_back(HistoryText::line(match, true).text);
+    for (std::string& note : HistoryText::notes(match))
+        lines.push_back(std::move(note));
     switch (match.kind) {
     case HistoryMatchKind::identical:
-        lines.push_back("The card is identical to the backup.");
+        if (HistoryText::holdsWholeCard(match))
+            lines.emplace_back("The card is identical to the backup.");
         if (match.removed > 0)
             lines.push_back(countedFiles(match.removed) + " of the backup no longer on the card.");
         break;
@@ -111,24 +115,63 @@ std::vector<std::string> describe(const CardInsight& insight) {
     return lines;
 }
 
-std::vector<std::string> offers(const CardInsight& insight) {
-    if (insight.error || !insight.match || insight.isEmptied())
-        return {};
-    if (AppendRules::offer(&insight)) {
-        std::vector<std::string> cardPaths;
-        for (const HistoryDestination& destination : insight.match->entry.destinations)
-            cardPaths.push_back(destination.cardPath);
-        return {AppendRules::checkboxText(*insight.match), "  " + AppendRules::folderText(insight.match->entry),
-                "  " + intoCommand("append", insight.source, cardPaths)};
+std::string command(const CardInsight& insight) {
+    const CardStep step = CardStep::of(insight);
+    if (step.kind == CardStep::Kind::none)
+        return "";
+    std::vector<std::string> cardPaths;
+    std::string copy = "velmora copy " + quoted(insight.source) + " --again";
+    for (const HistoryDestination& destination : insight.match->entry.destinations) {
+        cardPaths.push_back(destination.cardPath);
+        copy += " --dest " + quoted(destination.root);
     }
-    const bool useful = insight.match->kind == HistoryMatchKind::newFiles || insight.match->entry.unfinished;
-    if (useful && !insight.appendReachable)
-        return {
-            "The earlier backup is not connected, or left no record there — connect its disks to append to it or to "
-            "finish it, or copy the card again in full."};
-    if (BackedUpPrompt::shouldAsk(&insight))
-        return {"Copy it again in full: velmora copy " + quoted(insight.source) + " --again --dest …"};
-    return {};
+    switch (step.kind) {
+    case CardStep::Kind::append:
+    case CardStep::Kind::finish:
+        return intoCommand("append", insight.source, cardPaths);
+    case CardStep::Kind::repair:
+        return intoCommand("repair", insight.source, cardPaths);
+    default:
+        return copy;
+    }
+}
+
+std::vector<std::string> offers(const CardInsight& insight) {
+    const CardStep step = CardStep::of(insight);
+    if (step.kind == CardStep::Kind::none)
+        return {};
+    const HistoryMatch& match = *insight.match;
+    std::vector<std::string> lines;
+    for (const std::string& path : step.away)
+        if (step.kind != CardStep::Kind::copyWhole)
+            lines.push_back("Connect the disk of " + path + " first.");
+    switch (step.kind) {
+    case CardStep::Kind::finish:
+        lines.push_back(AppendRules::checkboxText(match));
+        break;
+    case CardStep::Kind::append:
+        lines.push_back(match.kind == HistoryMatchKind::newFiles
+                            ? AppendRules::checkboxText(match)
+                            : "Finish the backup: append what it lacks, and verify it");
+        break;
+    case CardStep::Kind::repair:
+        lines.emplace_back("Repair the backup: bad copies are made again from the card");
+        break;
+    case CardStep::Kind::copyAgain:
+        lines.push_back(step.why + " What works is a full copy into a new folder" +
+                        (step.leftBy.empty() ? "; the earlier one stays as it is."
+                                             : "; the earlier one stays as it is: " + join(step.leftBy, ", ")));
+        break;
+    default:
+        return {"Copy it again in full: " + command(insight)};
+    }
+    if (step.kind == CardStep::Kind::copyAgain)
+        lines.push_back("  " + command(insight));
+    else {
+        lines.push_back("  " + AppendRules::folderText(match.entry));
+        lines.push_back("  " + command(insight));
+    }
+    return lines;
 }
 
 } // namespace velmora::CardWords

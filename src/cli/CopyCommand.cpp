@@ -91,9 +91,13 @@ public:
         OffloadOptions options;
         options.allowSourceVolume = sourceVolume_;
         config.recordHistory = !noHistory_;
-        if (!CopyStart::prepare(config, {again_, settings.naming.suggestFromClips, json_}, history, context))
+        CopyStart::Start start =
+            CopyStart::prepare(config, options, {again_, settings.naming.suggestFromClips, json_}, history, context);
+        if (!start.may)
             return ExitStatus::refused;
         OffloadJob job(std::move(config), std::move(options), history.services());
+        if (start.listing)
+            job.useListing(std::move(start.listing->scan), std::move(start.listing->identity));
         const ExitStatus status = runJob(job, context, json_);
         if (eject_ && job.report())
             ejectCard(job, context.console, json_);

@@ -8,15 +8,20 @@
 #include "cli/Interrupts.h"
 #include "cli/StatusJson.h"
 #include "cli/TerminalText.h"
+#include "disks/CardIdentity.h"
 #include "engine/Layout.h"
+#include "engine/OffloadOptions.h"
+#include "job/OffloadJob.h"
 #include "job/RateMemory.h"
 #include "memory/BackedUpPrompt.h"
 #include "memory/CardNaming.h"
 #include "memory/HistoryText.h"
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include <chrono>
 #include <iostream>
 
 namespace velmora::CopyStart {
@@ -36,6 +41,35 @@ bool asks(Console& console, const std::string& question) {
     return answer == "y" || answer == "yes";
 }
 
+void refuse(PreflightCode code, const std::string& refusal, const Choice& choice, Console& console) {
+    if (choice.json) {
+        JobStatus status;
+        status.phase = JobStatus::Phase::failed;
+        status.error = refusal;
+        status.errorCode = code;
+        console.event(StatusJson::result(status, nullptr, static_cast<int>(ExitStatus::refused)));
+    }
+    console.log(TerminalText::printable(fmt::format("refused: {}: {}", name(code), refusal)));
+}
+
+// The preflight asks for the form of a date only. A person who types a day that no calendar has means another one.
+bool isDay(const std::string& date) {
+    const auto number = [&](std::size_t at, std::size_t count) { return std::stoi(date.substr(at, count)); };
+    return !Layout::isDate(date) || std::chrono::year_month_day(std::chrono::year(number(0, 4)),
+                                                                std::chrono::month(static_cast<unsigned>(number(5, 2))),
+                                                                std::chrono::day(static_cast<unsigned>(number(8, 2))))
+                                        .ok();
+}
+
+bool passesPreflight(const JobConfig& config, const OffloadOptions& options) {
+    try {
+        OffloadJob::checkInputs(config, options);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 bool mayCopyAgain(const CardInsight& insight, const std::string& name, const std::string& date, const Choice& choice,
                   Console& console) {
     const BackedUpPromptModel prompt = BackedUpPrompt::build({{*insight.match, name}}, date);
@@ -46,25 +80,24 @@ bool mayCopyAgain(const CardInsight& insight, const std::string& name, const std
         say(console, line);
     if (choice.again || asks(console, prompt.question))
         return true;
-    say(console, prompt.question);
-    const std::string refusal = prompt.title + " — add --again to copy it again in full.";
-    if (choice.json) {
-        JobStatus status;
-        status.phase = JobStatus::Phase::failed;
-        status.error = refusal;
-        status.errorCode = PreflightCode::other;
-        console.event(StatusJson::result(status, nullptr, static_cast<int>(ExitStatus::refused)));
-    }
-    console.log("refused: other: " + refusal);
+    refuse(PreflightCode::other, prompt.title + " — add --again to copy it again in full.", choice, console);
     return false;
 }
 
 } // namespace
 
-bool prepare(JobConfig& config, const Choice& choice, HistorySession& history, CommandContext& context) {
+Start prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice, HistorySession& history,
+              CommandContext& context) {
     Console& console = context.console;
+    if (config.date && !isDay(*config.date)) {
+        refuse(PreflightCode::date, "Date must be YYYY-MM-DD (got “" + *config.date + "”).", choice, console);
+        return {};
+    }
+    if (!passesPreflight(config, options))
+        return {true, {}};
     CardInsight insight;
     const std::vector<HistoryEntry> entries = config.recordHistory ? history.load() : std::vector<HistoryEntry>();
+    const auto identity = CardIdentity::withVolume(config.source);
     {
         Flag cancelled;
         const Interrupts::Route route(context.interrupts, {[&] { cancelled.set(); }, {}, {}});
@@ -74,7 +107,7 @@ bool prepare(JobConfig& config, const Choice& choice, HistorySession& history, C
     }
     // What keeps the card from being read is told by the job, with its code; a swapped card is known here only.
     if (insight.error && insight.fingerprint.empty())
-        return true;
+        return {true, {}};
     if (insight.error)
         throw OffloadError::failed(*insight.error);
     const std::string today = Layout::today();
@@ -96,14 +129,19 @@ bool prepare(JobConfig& config, const Choice& choice, HistorySession& history, C
                          RateMemory::startText(*seconds, false));
     if (insight.isEmptied())
         say(console, HistoryText::emptied(insight.match->entry));
-    else if (BackedUpPrompt::shouldAsk(&insight))
-        return mayCopyAgain(insight, Layout::sanitize(name.name), date, choice, console);
-    else if (insight.match) {
+    else if (BackedUpPrompt::shouldAsk(&insight)) {
+        if (!mayCopyAgain(insight, Layout::sanitize(name.name), date, choice, console))
+            return {};
+        if (!choice.again)
+            return {true, {}}; // while the question stood, much may have happened to the card
+    } else if (insight.match) {
         say(console, HistoryText::line(*insight.match, true).text);
         for (const std::string& line : CardWords::offers(insight))
             say(console, line);
     }
-    return true;
+    if (!identity)
+        return {true, {}}; // a card that cannot be told from the next one is listed when its copy begins
+    return {true, Listing{std::move(insight.listing), *identity}};
 }
 
 } // namespace velmora::CopyStart

@@ -2,12 +2,15 @@
 
 #include "cli/Command.h"
 #include "records/JobConfig.h"
+#include "records/SourceFile.h"
 
+#include <optional>
 #include <string>
 
 namespace velmora {
 
 class HistorySession;
+struct OffloadOptions;
 
 // What the terminal does between "copy this card" and the copy: it looks at the card, proposes a name, and asks before
 // a card is copied that is backed up already.
@@ -19,9 +22,21 @@ struct Choice {
     bool json = false;            // a refusal is also a "result" on standard output
 };
 
-// True when the copy may begin; `config.cardName` is then filled in. False when the user does not want it, or when
-// nobody is there to ask. Throws Cancelled.
-bool prepare(JobConfig& config, const Choice& choice, HistorySession& history, CommandContext& context);
+// The card as it was listed, for the copy to plan with.
+struct Listing {
+    SourceScan scan;
+    std::string identity;
+};
+
+struct Start {
+    bool may = false; // false: the user does not want it, nobody is there to ask, or the date is none
+    std::optional<Listing> listing;
+};
+
+// Fills in `config.cardName`. What the preflight refuses is left for the job to refuse, and the card is then not looked
+// at. Throws Cancelled.
+Start prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice, HistorySession& history,
+              CommandContext& context);
 
 } // namespace CopyStart
 

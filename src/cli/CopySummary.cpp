@@ -21,10 +21,12 @@ constexpr std::size_t failuresShown = 20;
 
 class Page {
 public:
+    // A text of several lines becomes several lines.
     void add(std::string_view text, Tone tone = Tone::plain) {
-        lines_.push_back({TerminalText::printable(text), tone});
+        for (const std::string_view line : split(text, '\n'))
+            lines_.push_back({TerminalText::printable(line), tone});
     }
-    void addAll(const OffloadReport& report);
+    void addAll(const JobStatus& status, const OffloadReport& report);
     void addFailures(const OffloadReport& report);
     void addPromises(const JobStatus& status, const OffloadReport* report);
     std::vector<Line> take() { return std::move(lines_); }
@@ -50,7 +52,7 @@ std::string reportPath(const OffloadReport& report) {
     return {};
 }
 
-void Page::addAll(const OffloadReport& report) {
+void Page::addAll(const JobStatus& status, const OffloadReport& report) {
     add(fmt::format("{}: {}, {}", report.cardName, countedFiles(report.totalFiles), formatBytes(report.totalBytes)),
         Tone::bold);
     for (const auto& destination : report.destinations) {
@@ -68,7 +70,8 @@ void Page::addAll(const OffloadReport& report) {
         times += fmt::format(", paused {:.1f} s", report.pausedSeconds());
     add(times);
     for (const auto& note : report.verifyNotes.value_or(std::vector<std::string>{}))
-        add("  " + note, Tone::warning);
+        if (std::ranges::find(status.warnings, note) == status.warnings.end()) // the warnings follow further down
+            add("  " + note, Tone::warning);
     addFailures(report);
 }
 
@@ -109,9 +112,10 @@ void Page::addPromises(const JobStatus& status, const OffloadReport* report) {
     add("");
     if (status.error && report != nullptr) // without a report it stands on standard error
         add(*status.error, Tone::bad);
-    for (const auto& text : {status.warning, status.note})
-        if (text)
-            add(*text, Tone::warning);
+    for (const auto& warning : status.warnings)
+        add(warning, Tone::warning);
+    if (status.note)
+        add(*status.note, Tone::warning);
     for (const auto& chip : JobWords::chips(status, false, status.contentWarnings))
         add(chip.text, toneOf(chip.tone));
     if (const auto promise = JobWords::promiseText(status))
@@ -127,7 +131,7 @@ void Page::addPromises(const JobStatus& status, const OffloadReport* report) {
 std::vector<Line> lines(const JobStatus& status, const OffloadReport* report) {
     Page page;
     if (report != nullptr)
-        page.addAll(*report);
+        page.addAll(status, *report);
     page.addPromises(status, report);
     return page.take();
 }

@@ -6,6 +6,7 @@
 #include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
+#include "memory/HistoryText.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -44,10 +45,20 @@ nlohmann::json toJson(const CardInsight& insight) {
         json["filesystem"] = *insight.filesystem;
     if (insight.nameSuggestion)
         json["name"] = insight.nameSuggestion->name;
-    if (insight.match)
+    if (const std::string next = CardWords::command(insight); !next.empty())
+        json["next"] = next;
+    if (insight.match) {
+        json["folders"] = nlohmann::json::array();
+        for (const FolderNow& folder : insight.match->folders)
+            json["folders"].push_back({{"cardPath", folder.cardPath},
+                                       {"away", folder.state == FolderNow::State::away},
+                                       {"problem", folder.problem()},
+                                       {"unverified", folder.unverified.count}});
+        json["state"] = HistoryText::line(*insight.match, false).text;
         json["match"] = {{"kind", kindName(insight.match->kind)}, {"newFiles", insight.match->newFiles.size()},
                          {"newBytes", insight.match->newBytes},   {"changed", insight.match->changed},
                          {"removed", insight.match->removed},     {"entry", insight.match->entry}};
+    }
     return json;
 }
 
@@ -57,9 +68,11 @@ public:
         CLI::App* app = program.add_subcommand("inspect", "Say what is on a card and whether it is backed up");
         app->add_option("SOURCE", source_, "The card, or any folder of footage")->required();
         app->add_flag("--json", json_, "Print JSON instead");
-        app->footer("Reads folders only, no file: names, sizes and times are held against the card history.\n"
-                    "\n"
-                    "Exit status: 0 the card was read; 4 it could not be; 130 cancelled.");
+        app->footer(
+            "Reads folders and records only, no footage: names, sizes and times are held against the card history\n"
+            "and against the backup's folders on the disks that are connected.\n"
+            "\n"
+            "Exit status: 0 the card was read; 4 it could not be; 130 cancelled.");
         return app;
     }
 

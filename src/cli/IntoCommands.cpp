@@ -1,3 +1,4 @@
+#include "cli/CardWords.h"
 #include "cli/Commands.h"
 #include "cli/HistorySession.h"
 #include "cli/JobRunner.h"
@@ -71,12 +72,20 @@ public:
             "All disks of the backup must be there and in step; anything that does not fit is refused and nothing is\n"
             "changed. A run that was interrupted is finished first, from what it left on the disks.");
         app->add_flag("--no-verify", noVerify_, "Do not read the copies back. The card is then never safe to format");
+        app->add_flag("--compare", compare_,
+                      "Read every file of the card and of its copies, also of earlier runs, and compare them");
         return app;
     }
 
 private:
     void configure(JobConfig& config, const std::vector<std::string>& folders) override { config.appendInto = folders; }
-    void prepare(OffloadJob&, const std::vector<std::string>&) override {}
+    void prepare(OffloadJob& job, const std::vector<std::string>& folders) override {
+        if (compare_)
+            job.compareCard();
+        job.setCompareCommand(CardWords::intoCommand("append", job.config().source, folders) + " --compare");
+    }
+
+    bool compare_ = false;
 };
 
 class RepairCommand final : public IntoCommand {

@@ -88,7 +88,9 @@ public:
 
     void show() {
         const JobStatus status = job_.status();
-        progress_.update(status, monotonicSeconds());
+        const double now = monotonicSeconds();
+        progress_.updateVerifyRates(status, now);
+        progress_.update(status, now);
         if (json_)
             console_.event(StatusJson::status(status, progress_));
         if (console_.showsProgress())

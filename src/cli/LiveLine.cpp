@@ -7,6 +7,7 @@
 #include "job/JobWords.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fmt/format.h>
 
 namespace velmora::LiveLine {
@@ -18,18 +19,17 @@ using Phase = JobStatus::Phase;
 constexpr std::size_t longestDiskName = 16;
 constexpr std::size_t shortestFileName = 10; // below that the name of the file says nothing
 
-std::int64_t doneBytes(const JobStatus& status) {
-    if (status.phase != Phase::verifying || status.verifyDoneByDest.empty())
-        return status.copy->readBytes;
-    return *std::ranges::min_element(status.verifyDoneByDest); // the slowest disk decides
-}
+std::string percent(double share) { return fmt::format(" {:.0f} %", std::floor(100 * share)); }
 
-std::string amount(const JobStatus& status) {
-    const auto& copy = *status.copy;
+std::string amount(const JobStatus& status, const JobProgress& progress) {
     std::string text;
-    if (copy.totalBytes > 0)
-        text += fmt::format(" {:.0f} %", std::min(100.0, 100.0 * static_cast<double>(doneBytes(status)) /
-                                                             static_cast<double>(copy.totalBytes)));
+    if (const auto share = progress.share())
+        text += percent(*share);
+    else if (status.examining && status.verifyDone > 0)
+        text += " " + formatBytes(status.verifyDone);
+    if (!status.copy)
+        return text;
+    const auto& copy = *status.copy;
     if (status.phase == Phase::copying && copy.totalFiles > 0)
         text += fmt::format("  {}/{} files", std::min(copy.fileIndex + 1, copy.totalFiles), copy.totalFiles);
     if (copy.errors > 0)
@@ -38,17 +38,25 @@ std::string amount(const JobStatus& status) {
 }
 
 std::string rates(const JobStatus& status, const JobProgress& progress, const std::vector<std::string>& roots) {
+    const bool reading = status.examining || status.phase == Phase::verifying;
     std::vector<std::string> parts;
-    if (status.phase == Phase::copying)
+    if (!reading)
         parts.push_back(fmt::format("card {:.0f}", progress.readRate() / 1e6));
     const auto names = diskNames(roots);
-    for (std::size_t i = 0; i < progress.destRates().size(); ++i)
-        parts.push_back(fmt::format("{} {:.0f}", i < names.size() ? names[i] : std::to_string(i + 1),
-                                    progress.destRates()[i] / 1e6));
+    const auto shares = progress.destShares();
+    for (std::size_t i = 0; i < progress.destRates().size(); ++i) {
+        const std::string name = i < names.size() ? names[i] : std::to_string(i + 1);
+        // Each disk is read at its own pace; while they are written they keep step with the card.
+        const bool apart = reading && shares.size() > 1 && i < shares.size() && shares[i];
+        parts.push_back(
+            fmt::format("{}{} {:.0f}", name, apart ? percent(*shares[i]) : "", progress.destRates()[i] / 1e6));
+    }
     return parts.empty() ? "" : "  " + join(parts, ", ") + " MB/s";
 }
 
 std::string fileName(const JobStatus& status) {
+    if (!status.copy)
+        return "";
     const auto& copy = *status.copy;
     if (status.phase == Phase::verifying)
         return copy.verifyingFiles.empty() ? "" : copy.verifyingFiles.front();
@@ -74,13 +82,12 @@ std::vector<std::string> diskNames(const std::vector<std::string>& roots) {
 std::string compose(const JobStatus& status, const JobProgress& progress, const std::vector<std::string>& roots,
                     std::size_t columns) {
     if (status.phase == Phase::waiting)
-        return "Checking the card and the disks";
-    std::string line = JobWords::statusText(status);
-    if (!status.copy)
-        return TerminalText::fit(line, columns);
-    const bool moving = !status.pauseHeld && (status.phase == Phase::copying || status.phase == Phase::verifying);
+        return TerminalText::fit(JobWords::pauseText(status).value_or("Checking the card and the disks"), columns);
+    std::string line = status.examining && !status.paused ? *status.examining : JobWords::statusText(status);
+    const bool works = status.copy && (status.phase == Phase::copying || status.phase == Phase::verifying);
+    const bool moving = !status.pauseHeld && (works || status.examining);
     if (moving || status.paused)
-        line += amount(status);
+        line += amount(status, progress);
     if (moving) {
         line += rates(status, progress, roots);
         if (const auto left = progress.eta())

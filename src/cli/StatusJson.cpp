@@ -15,11 +15,21 @@ void putIfSet(nlohmann::json& object, const char* key, const std::optional<T>& v
         object[key] = *value;
 }
 
+// One value for each destination, null where it is not known.
+nlohmann::json orNull(const std::vector<std::optional<double>>& values) {
+    auto list = nlohmann::json::array();
+    for (const auto& value : values)
+        list.push_back(value ? nlohmann::json(*value) : nlohmann::json());
+    return list;
+}
+
 void putPromises(nlohmann::json& object, const JobStatus& status) {
     object["phase"] = name(status.phase);
     object["safeToEject"] = status.safeToEject;
     object["safeToFormat"] = status.safeToFormat;
-    putIfSet(object, "warning", status.warning);
+    putIfSet(object, "warning", status.warning());
+    if (!status.warnings.empty())
+        object["warnings"] = status.warnings;
     putIfSet(object, "note", status.note);
     putIfSet(object, "error", status.error);
     if (status.errorCode)
@@ -61,6 +71,12 @@ nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
                        {"verifyingFiles", copy.verifyingFiles},
                        {"errors", copy.errors}});
     }
+    putIfSet(object, "examining", status.examining);
+    if (!status.verifyDoneByDest.empty())
+        object.update({{"verifyDoneByDest", status.verifyDoneByDest}, {"verifyTotalByDest", status.verifyTotalByDest}});
+    putIfSet(object, "share", progress.share());
+    object["destShares"] = orNull(progress.destShares());
+    object["destSecondsLeft"] = orNull(progress.destEtas());
     object["readRate"] = progress.readRate();
     object["destRates"] = progress.destRates();
     object["verifyRates"] = progress.verifyRates();

@@ -1,12 +1,11 @@
-#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
+#include "cli/HistorySession.h"
 #include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
 #include "disks/SpacePlanner.h"
-#include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 #include "verify/BackupVerifier.h"
 #include "verify/VerifyJob.h"
@@ -56,13 +55,17 @@ nlohmann::json resultJson(const VerifyResult& result, double seconds) {
             {"cardPath", result.cardPath},
             {"basis", result.basis},
             {"generations", result.generations},
+            {"nestedHistories", result.nestedHistories},
             {"success", result.success()},
             {"unfinished", result.unfinished},
+            {"copyBrokeOff", result.copyBrokeOff},
+            {"onOtherDisk", result.onOtherDisk},
             {"cancelled", result.cancelled},
             {"folderGone", result.folderGone},
             {"totalFiles", result.totalFiles},
             {"totalBytes", result.totalBytes},
             {"ok", result.ok},
+            {"checked", result.checked},
             {"bytesRead", result.bytesRead},
             {"seconds", seconds},
             {"changed", result.changed},
@@ -87,7 +90,9 @@ public:
             "  velmora verify /mnt/raid/2026-03-14\n"
             "\n"
             "Every file is read from the disk, past the system's cache, and held against the ASC MHL history or,\n"
-            "where there is none, the checksum lists. Nothing is written. Several disks are read at once.\n"
+            "where there is none, the checksum lists. Nothing is written to the disks; the card history remembers "
+            "what\n"
+            "was found. Several disks are read at once.\n"
             "\n"
             "Exit status: 0 everything matches; 1 a file or the history is not as recorded, or the backup is not\n"
             "finished; 2 wrong usage; 3 nothing to compare with; 4 the run broke off; 130 cancelled.");
@@ -95,7 +100,8 @@ public:
     }
 
     ExitStatus run(CommandContext& context) override {
-        collect(context.console);
+        const HistorySession history(context.console);
+        collect(context.console, history);
         std::map<std::string, std::vector<Item*>> byDevice;
         for (Item& item : items_)
             byDevice[SpacePlanner::volumeKey(item.job->cardPath())].push_back(&item);
@@ -118,33 +124,17 @@ public:
     }
 
 private:
-    void collect(Console& console) {
+    void collect(Console& console, const HistorySession& history) {
         for (const std::string& path : TypedPath::absolute(paths_)) {
             std::vector<std::string> folders;
             if (IO::isFolder(path))
                 folders = BackupVerifier::cardFolders(path);
             if (folders.empty())
-                folders.push_back(path); // a folder with checksum lists only, or one that is not there: the job tells
-            else
-                addWithoutHistory(path, folders);
+                folders.push_back(path); // there is nothing to compare with, or no folder: the job tells
             for (const std::string& folder : folders)
-                items_.push_back(
-                    {std::make_unique<VerifyJob>(folder, [&console](std::string_view line) { console.log(line); })});
+                items_.push_back({std::make_unique<VerifyJob>(
+                    folder, [&console](std::string_view line) { console.log(line); }, history.store())});
         }
-    }
-
-    // A card folder of the day that has lost its whole history must not be passed over: its checksum lists may serve,
-    // and if not, that is what there is to tell.
-    static void addWithoutHistory(const std::string& day, std::vector<std::string>& folders) {
-        if (BackupVerifier::isCardFolder(day))
-            return;
-        for (const IOEntry& entry : IO::list(day)) {
-            const std::string folder = RelativePath::join(day, entry.name);
-            if (entry.isFolder() && !BackupVerifier::isCardFolder(folder) &&
-                IO::exists(ResumePlanner::reportPath(folder, 1)))
-                folders.push_back(folder);
-        }
-        std::ranges::sort(folders);
     }
 
     // One thread a device, so that disks do not wait for each other and no disk has to seek between two readers.
@@ -175,8 +165,10 @@ private:
         std::int64_t bytes = 0;
         std::int64_t total = 0;
         std::string current;
+        std::size_t begun = 0; // how much the others hold is not known yet
         for (const Item& item : items_) {
             const VerifyJob::Status status = item.job->currentStatus();
+            begun += status.state != VerifyJob::State::waiting ? 1 : 0;
             if (!status.progress)
                 continue;
             bytes += status.progress->bytes;
@@ -190,12 +182,15 @@ private:
                            {"phase", "verifying"},
                            {"bytes", bytes},
                            {"totalBytes", total},
+                           {"foldersBegun", begun},
+                           {"folders", items_.size()},
                            {"file", current}});
         if (console.showsProgress() && seconds > 0) {
             const double percent = total > 0 ? 100.0 * static_cast<double>(bytes) / static_cast<double>(total) : 0;
-            const std::string line =
-                fmt::format("Verifying {:.0f} %  {} of {}  {:.0f} MB/s  {}", percent, formatBytesShort(bytes),
-                            formatBytesShort(total), static_cast<double>(bytes) / seconds / 1e6, current);
+            const std::string line = fmt::format(
+                "Verifying {:.0f} %{}  {} of {}  {:.0f} MB/s  {}", percent,
+                begun < items_.size() ? fmt::format(" of {} of {} folders", begun, items_.size()) : "",
+                formatBytesShort(bytes), formatBytesShort(total), static_cast<double>(bytes) / seconds / 1e6, current);
             console.progress(TerminalText::fitMiddle(line, console.columns()));
         }
     }
@@ -240,13 +235,18 @@ private:
     static void describe(const VerifyResult& result, double seconds, Console& console) {
         console.print(console.toned(TerminalText::printable(result.cardPath), Console::Tone::bold));
         const VerifyReport::Summary summary = VerifyReport::summary(result);
-        console.print("  " + console.toned(summary.text, toneOf(summary.tone)));
-        if (!result.folderGone && !result.cancelled)
-            console.print("  " + VerifyReport::cliSummary(result, seconds));
-        for (const std::string& line : VerifyReport::machineLines(result))
+        const std::string text = VerifyReport::cliSummary(result, seconds);
+        const bool ended = !result.folderGone && !result.cancelled;
+        // Of an unfinished backup both say the same; the second says it all.
+        if (!ended || !result.unfinished)
+            console.print("  " + console.toned(summary.text, toneOf(summary.tone)));
+        if (ended)
+            console.print("  " + (result.unfinished ? console.toned(text, toneOf(summary.tone)) : text));
+        for (const std::string& line : VerifyReport::fileLines(result))
             console.print("    " + TerminalText::printable(line));
         for (const std::string& line : VerifyReport::warnings(result))
-            console.print("  " + console.toned(TerminalText::printable(line), Console::Tone::warning));
+            if (summary.text.find(std::string_view(line).substr(0, line.size() - 1)) == std::string::npos)
+                console.print("  " + console.toned(TerminalText::printable(line), Console::Tone::warning));
     }
 
     static ExitStatus graver(ExitStatus a, ExitStatus b) {

@@ -38,7 +38,7 @@ std::optional<SpaceProblem> problemOf(const VolumeDemand& demand, const IO::Capa
     if (left < 0)
         return SpaceProblem{SpaceSeverity::blocking, demand.label, demand.need, capacity.free,
                             shortageText(demand, capacity.free)};
-    if (left < capacity.total / 20)
+    if (left < capacity.total / 20 + (capacity.total % 20 > 0 ? 1 : 0)) // left × 20 < total, without the overflow
         return SpaceProblem{SpaceSeverity::warning, demand.label, demand.need, capacity.free,
                             headroomText(demand, left)};
     return std::nullopt;
@@ -74,6 +74,14 @@ std::optional<IO::Capacity> SpacePlanner::capacityOf(const std::string& path) {
         return capacity.total > 0 ? std::optional(capacity) : std::nullopt;
     } catch (const IOError&) {
         return std::nullopt;
+    }
+}
+
+void SpacePlanner::settle(const std::string& path) {
+    try {
+        IO::FileSystemSync(existing(path)).sync();
+    } catch (const IOError&) {
+        // Then what the file system says now is what counts.
     }
 }
 

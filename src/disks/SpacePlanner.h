@@ -23,6 +23,10 @@ std::string labelOf(const std::string& path);
 // Capacity of the file system below a path; none when it cannot be told, and then nothing is said about that disk.
 std::optional<IO::Capacity> capacityOf(const std::string& path);
 
+// Has the file system below a path write out what waits. One that copies on write gives back what was freed a moment
+// ago only then. A failure is none of the planner's business.
+void settle(const std::string& path);
+
 // These three asked of the system; callers that know better, and tests, bring their own.
 struct Disks {
     std::function<std::string(const std::string& path)> keyOf = volumeKey;

@@ -16,32 +16,37 @@ namespace VolumeFacts {
 
 namespace {
 
-std::optional<BootSector::Serial> fromDevice(const std::string& path) {
+bool isFATFamily(const std::string& type) { return type == "msdos" || type == "exfat"; }
+
+// Other file systems leave these bytes to whoever formatted the medium before. What udev could not name may be any.
+bool hasBootSerial(const std::string& type) { return isFATFamily(type) || type == "ntfs" || type == "fuseblk"; }
+
+std::optional<BootSector::Serial> fromDevice(const std::string& path, const std::string& type) {
     const auto mounted = mount(path);
-    if (!mounted || !mounted->local || !mounted->device.starts_with("/dev/"))
+    if (!hasBootSerial(type) || !mounted || !mounted->local || !mounted->device.starts_with("/dev/"))
         return std::nullopt;
     const auto sector = BootSector::read(mounted->device);
     return sector ? BootSector::serial(*sector) : std::nullopt;
 }
 
-// udev names these volumes by the serial itself: "1A2B-3C4D" on FAT and exFAT, sixteen digits on NTFS.
-std::optional<std::uint32_t> fromUUID(const std::string& uuid) {
-    if (const auto serial = BootSector::parse(uuid))
-        return serial;
+} // namespace
+
+std::optional<std::uint32_t> serialFromUUID(const std::string& filesystemType, const std::string& uuid) {
+    if (isFATFamily(filesystemType))
+        return BootSector::parse(uuid);
     std::uint64_t value = 0;
     const auto [end, error] = std::from_chars(uuid.data(), uuid.data() + uuid.size(), value, 16);
-    if (uuid.size() != 16 || error != std::errc() || end != uuid.data() + uuid.size())
+    if (filesystemType != "ntfs" || uuid.size() != 16 || error != std::errc() || end != uuid.data() + uuid.size())
         return std::nullopt;
     return static_cast<std::uint32_t>(value);
 }
 
-} // namespace
-
 std::optional<std::uint32_t> bootSerial(const std::string& path) {
-    if (const auto serial = fromDevice(path))
+    const std::string type = IO::filesystemType(path);
+    if (const auto serial = fromDevice(path, type))
         return serial->value;
     const auto uuid = volumeUUID(path);
-    return uuid ? fromUUID(*uuid) : std::nullopt;
+    return uuid ? serialFromUUID(type, *uuid) : std::nullopt;
 }
 
 std::optional<std::string> fsSerial(const std::string& path) {
@@ -59,9 +64,12 @@ std::optional<std::string> volumeSerialText(const std::string& path) {
 }
 
 std::string filesystemName(const std::string& path) {
-    if (const auto serial = fromDevice(path))
+    const std::string type = IO::filesystemType(path);
+    if (const auto serial = fromDevice(path, type))
         return serial->filesystem;
-    return IO::filesystemType(path);
+    if (type == "msdos")
+        return fatName(path);
+    return type == "exfat" ? "exFAT" : type == "ntfs" ? "NTFS" : type;
 }
 
 std::string folderKey(const std::string& path) { return pathKey(realPath(path)); }

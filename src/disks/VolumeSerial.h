@@ -20,7 +20,13 @@ std::optional<std::string> fsSerial(const std::string& path);
 // The same as people write it: "1A2B-3C4D".
 std::optional<std::string> volumeSerialText(const std::string& path);
 
-// "exFAT", "FAT32", "NTFS" from the boot sector, else the mount's type.
+// The serial in the identifier that udev gives a volume of this type (IO::filesystemType): "1A2B-3C4D" on FAT and
+// exFAT, sixteen digits on NTFS, of which the lower half counts. None for any other type, whatever its identifier looks
+// like: that of UDF has sixteen digits too, and none of them is a serial.
+std::optional<std::uint32_t> serialFromUUID(const std::string& filesystemType, const std::string& uuid);
+
+// "exFAT", "FAT32", "FAT16", "NTFS", else the mount's type. The same for every account, whether or not it may read the
+// boot sector.
 std::string filesystemName(const std::string& path);
 
 // Two paths to the same folder have the same key: links resolved, no trailing "/", lower case.

@@ -1,6 +1,7 @@
 #include "disks/Volumes.h"
 
 #include "base/Errors.h"
+#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "disks/CardIdentity.h"
 #include "disks/VolumeSerial.h"
@@ -36,9 +37,12 @@ std::vector<IOEntry> visible(const std::string& folder) {
 bool hasMedia(const std::vector<IOEntry>& entries) {
     return std::any_of(entries.begin(), entries.end(), [](const IOEntry& entry) {
         const std::size_t dot = entry.name.rfind('.');
-        if (!entry.isFile() || dot == std::string::npos)
+        if (dot == std::string::npos)
             return false;
-        return std::ranges::find(mediaExtensions, toLower(entry.name.substr(dot + 1))) != mediaExtensions.end();
+        const std::string extension = toLower(entry.name.substr(dot + 1));
+        if (entry.isFolder())
+            return extension == "rdm" || extension == "rdc";
+        return entry.isFile() && std::ranges::find(mediaExtensions, extension) != mediaExtensions.end();
     });
 }
 
@@ -100,6 +104,25 @@ bool looksLikeCameraCard(const std::string& path) {
     return false;
 }
 
+bool isWithin(const std::string& path, const std::string& folder) {
+    const auto isSame = [](const FileFacts& a, const FileFacts& b) {
+        return a.device == b.device && a.inode == b.inode;
+    };
+    try {
+        const FileFacts outer = IO::stat(folder);
+        for (std::string at = VolumeFacts::realPath(path); !at.empty(); at = RelativePath::folder(at))
+            if (IO::exists(at) && isSame(IO::stat(at), outer))
+                return true;
+        if (isSame(IO::stat("/"), outer))
+            return true;
+    } catch (const IOError&) {
+        // What cannot be asked is told by its place.
+    }
+    const auto inner = VolumeFacts::placeOnVolume(path);
+    const auto outer = VolumeFacts::placeOnVolume(folder);
+    return inner && outer && (*inner == *outer || inner->starts_with(*outer + "/"));
+}
+
 std::vector<VolumeItem> scan(const std::vector<std::string>& destRoots) {
     std::set<std::string> destinations;
     std::vector<VolumeFacts::Mount> mounts = VolumeFacts::userVolumes();
@@ -124,7 +147,7 @@ std::vector<std::string> autoDestinations(const std::vector<std::string>& curren
     std::vector<std::string> proposed;
     // What the user chose keeps its place, whatever the rules below would say of it.
     for (const std::string& root : current)
-        if (IO::isFolder(root) && !contains(proposed, root))
+        if (IO::isFolder(root) && !VolumeFacts::awaitsVolume(root) && !contains(proposed, root))
             proposed.push_back(root);
     for (const VolumeItem& volume : volumes) {
         const bool chosenAlready = std::any_of(proposed.begin(), proposed.end(), [&](const std::string& root) {

@@ -34,9 +34,13 @@ extern const std::vector<std::string_view> mediaExtensions;
 // Volumes at or below the places where removable media are mounted, and those that hold a destination root.
 std::vector<VolumeItem> scan(const std::vector<std::string>& destRoots);
 
-// A marker folder, or media in the root or one level below it (the first 50 folders by name). Neither size nor file
-// system counts, and hidden names are left out.
+// A marker folder, or media in the root or one level below it (the first 50 folders by name). RED's magazines (*.RDM)
+// and clips (*.RDC) are folders and count as media. Neither size nor file system counts, and hidden names are left out.
 bool looksLikeCameraCard(const std::string& path);
+
+// `path` is `folder` or lies in it, whatever links, bind mounts or spelling of its name lead there. A path that does
+// not exist is judged by the folders above it that do.
+bool isWithin(const std::string& path, const std::string& folder);
 
 // Proposed destinations: first those of `current` that are still mounted, in their places; then every other writable
 // volume that is no card, no internal disk, not the source and not in `ignored` (paths or names).

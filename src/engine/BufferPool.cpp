@@ -39,9 +39,9 @@ void Chunk::release() noexcept {
 }
 
 BufferPool::BufferPool(std::size_t bufferBytes, std::size_t count) : bufferBytes_(bufferBytes) {
-    all_.reserve(count);
-    free_.reserve(count);
     try {
+        all_.reserve(count);
+        free_.reserve(count);
         for (std::size_t i = 0; i < count; ++i) {
             all_.push_back(std::make_unique<Buffer>(*this, bufferBytes, slicesPerBuffer));
             free_.push_back(all_.back().get());

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <numeric>
+#include <ranges>
 
 namespace velmora::CardFolders {
 
@@ -51,6 +52,10 @@ std::string nextName(const OffloadPlan& plan) {
             base = stem;
     }
     return Layout::uniqueCardFolder(plan.destRoots, plan.date, base);
+}
+
+bool makesItsFolders(const OffloadPlan& plan) {
+    return plan.mode == PlanMode::full && !plan.resuming && !plan.fixedCardPaths;
 }
 
 // False when another run has the name on one of the roots.
@@ -106,7 +111,7 @@ void makeBelow(const std::string& cardPath, std::string_view relative, std::set<
 } // namespace
 
 std::vector<Destination> claim(OffloadPlan& plan) {
-    if (plan.mode != PlanMode::full || plan.resuming || plan.fixedCardPaths) {
+    if (!makesItsFolders(plan)) {
         std::vector<Destination> all = destinationsOf(plan);
         for (Destination& destination : all) {
             try {
@@ -129,6 +134,22 @@ std::vector<Destination> claim(OffloadPlan& plan) {
         plan.cardName = nextName(plan);
     }
     throw OffloadError::failed("No free name for the card folder could be had: " + plan.cardName);
+}
+
+void giveBack(const OffloadPlan& plan, const std::vector<Destination>& claimed) noexcept {
+    if (!makesItsFolders(plan))
+        return;
+    for (const Destination& destination : claimed) {
+        if (destination.error)
+            continue;
+        try {
+            for (const std::string& dir : plan.scan.dirs | std::views::reverse)
+                IO::removeEmptyFolder(RelativePath::join(destination.cardPath, dir));
+            for (std::string at = destination.cardPath; at != destination.topFolder; at = parentOf(at))
+                IO::removeEmptyFolder(at);
+        } catch (const std::exception&) { // somebody else is at work there by now
+        }
+    }
 }
 
 std::set<std::string, std::less<>> createTree(const std::string& cardPath, const OffloadPlan& plan) {

@@ -26,6 +26,10 @@ struct Destination {
 // in their record folders goes.
 std::vector<Destination> claim(OffloadPlan& plan);
 
+// Undoes a claim: removes the folders that a full copy has made, as far as they are empty, up to those that were there
+// before. The folders of any other plan stay.
+void giveBack(const OffloadPlan& plan, const std::vector<Destination>& claimed) noexcept;
+
 // Every folder of the scan, the empty ones as well, and every folder that a file of the plan goes to. No link is
 // followed below the card folder. Returns them, relative to it. Throws IOError.
 std::set<std::string, std::less<>> createTree(const std::string& cardPath, const OffloadPlan& plan);

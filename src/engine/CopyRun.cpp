@@ -17,6 +17,7 @@ namespace velmora {
 
 namespace {
 
+constexpr std::string_view cardChanged = "card changed while paused";
 constexpr int identityTries = 3;
 constexpr std::chrono::milliseconds identityPause{250};
 
@@ -38,6 +39,17 @@ NameClashes clashesOf(const OffloadPlan& plan) {
     return clashes;
 }
 
+// What of part files has to be read before the copy can go on behind it.
+std::int64_t partBytes(const OffloadPlan& plan) {
+    std::int64_t bytes = 0;
+    const std::size_t destinations = plan.cardPaths().size();
+    for (const FileTask& task : plan.tasks)
+        for (std::size_t d = 0; task.resume && d < destinations; ++d)
+            bytes +=
+                task.writesTo(d) ? task.resume->blockSize * static_cast<std::int64_t>(task.resume->blocks.size()) : 0;
+    return bytes;
+}
+
 std::optional<std::string> identityOf(const OffloadOptions& options, const std::string& source) {
     return options.cardIdentity ? options.cardIdentity(source) : CardIdentity::withVolume(source);
 }
@@ -49,8 +61,12 @@ CopyRun::CopyRun(OffloadEngine& engine, std::shared_ptr<const OffloadPlan> plan,
     : engine_(engine), plan_(std::move(plan)), destinations_(std::move(destinations)), clashes_(clashesOf(*plan_)),
       pool_(static_cast<std::size_t>(engine.options_.chunkSize), static_cast<std::size_t>(engine.options_.bufferCount)),
       hasher_(engine.options_.chunkSize, plan_->scan.files.size(), engine.log_), endedAt_(plan_->scan.files.size()),
-      totalBytes_(plan_->scan.totalBytes()) {
+      totalBytes_(plan_->scan.totalBytes()), toWrite_(destinations_.size()), bytesToCheck_(partBytes(*plan_)) {
     makeWriters();
+    for (std::size_t file = 0; file < plan_->scan.files.size(); ++file)
+        for (std::size_t d = 0; d < writers_.size(); ++d)
+            if (writers_[d] && plan_->task(file).writesTo(d))
+                toWrite_[d].add(plan_->scan.files[file].size);
 }
 
 CopyRun::~CopyRun() = default;
@@ -70,9 +86,14 @@ void CopyRun::describe(ProgressSnapshot& snapshot) const {
     snapshot.fileIndex = static_cast<std::int64_t>(index);
     snapshot.currentFile = index < files.size() ? files[index].relPath : "";
     snapshot.readBytes = readBytes_.value();
+    snapshot.checkedBytes = checkedBytes_.value();
+    snapshot.bytesToCheck = bytesToCheck_ - uncheckedBytes_.value();
     snapshot.errors = sourceFailures_.value();
+    for (const Counter& bytes : toWrite_)
+        snapshot.bytesToWrite.push_back(bytes.value());
     for (const auto& writer : writers_) {
         snapshot.writtenBytes.push_back(writer ? writer->written() : 0);
+        snapshot.handledBytes.push_back(writer ? writer->handled() : 0);
         snapshot.verifiedBytes.push_back(writer ? writer->verified() : 0);
         snapshot.bytesToVerify.push_back(writer ? writer->toVerify() : 0);
         snapshot.errors += writer ? writer->failures() : 0;
@@ -83,10 +104,12 @@ void CopyRun::describe(ProgressSnapshot& snapshot) const {
     }
 }
 
-OffloadReport CopyRun::run(RunRecorder& recorder) {
+OffloadReport CopyRun::run() {
     started_ = Timestamp::now();
+    pausesSeen_ = engine_.pauses_.requests();
     engine_.cardAtStart_ = identityOf(engine_.options_, plan_->source);
     worker_ = engine_.pauses_.work();
+    pausedBefore_ = engine_.pauses_.pausedTotal();
     const std::int64_t began = monotonicNanos();
     copyAll();
     keepTimes(began);
@@ -94,17 +117,27 @@ OffloadReport CopyRun::run(RunRecorder& recorder) {
     flush();
     worker_->leave();
     copyFinished_ = Timestamp::now();
-    copyPaused_ = engine_.pauses_.pausedTotal();
+    copyPaused_ = engine_.pauses_.pausedTotal() - pausedBefore_;
 
     bool verified = false;
     if (engine_.options_.verify && !engine_.options_.deferVerify) {
         engine_.setPhase(ProgressSnapshot::Phase::verify);
         verified = verify();
-        verifyPaused_ = engine_.pauses_.pausedTotal() - copyPaused_;
+        verifyPaused_ = engine_.pauses_.pausedTotal() - pausedBefore_ - copyPaused_;
+    } else {
+        evictSmall();
     }
+    lookForOtherCard();
     engine_.setPhase(ProgressSnapshot::Phase::report);
     OffloadReport report = buildReport(verified);
-    recordReport(report, recorder, verified);
+    blameFlush(verified);
+    for (auto& destination : report.destinations)
+        if (std::ranges::find(engine_.unflushed_, destination.cardPath) != engine_.unflushed_.end())
+            destination.flushed = false;
+    if (!engine_.unflushed_.empty())
+        report.verifyIncomplete = true; // what does not stand for good is no result to format a card on
+    engine_.fileBlocks_ = hasher_.takeBlocks();
+    engine_.fileBlocks_.resize(report.files.size());
     return report;
 }
 
@@ -158,12 +191,12 @@ void CopyRun::copyAll() {
         if (!holdBetweenFiles())
             return endAt(file, "cancelled");
         if (engine_.cardChanged_)
-            return endAt(file, "card changed while paused");
+            return endForOtherCard(file);
         const Task& task = taskOf(file);
+        readOfFile_ = handedOn_ = 0;
         if (adoptKnown(task))
             continue;
-        if (plan_->scan.files[file].size <= static_cast<std::int64_t>(pool_.sliceLimit()) &&
-            !(plan_->resume && (*plan_->resume)[file]))
+        if (plan_->scan.files[file].size <= static_cast<std::int64_t>(pool_.sliceLimit()) && !plan_->task(file).resume)
             copySmall(task);
         else
             copyLarge(task);
@@ -180,18 +213,41 @@ void CopyRun::endAt(std::size_t file, std::string reason) {
     sourceFailures_.add(static_cast<std::int64_t>(plan_->scan.files.size() - file));
 }
 
-// False when cancelled. A pause finds everything that was read on its way to the disks, and nobody reading.
+// Nothing more is read. What needs no reading is as good as before.
+void CopyRun::endForOtherCard(std::size_t file) {
+    for (; file < plan_->scan.files.size(); ++file) {
+        const Task& task = taskOf(file);
+        readOfFile_ = handedOn_ = 0;
+        if (!adoptKnown(task))
+            sourceFailed(task, std::string(cardChanged), false);
+    }
+}
+
+// False when cancelled. A pause finds nobody reading, and what is complete flushed and recorded: the power may go
+// meanwhile.
 bool CopyRun::holdBetweenFiles() {
     if (!engine_.pauses_.isPaused())
         return !isCancelled();
     const SourceClock::Visit standing(sourceClock_);
     hasher_.wait();
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->flushComplete();
     drainAll();
     if (!worker_->waitWhilePaused([this] { return isCancelled(); }))
         return false;
+    lookForOtherCard();
+    return !isCancelled();
+}
+
+// After a pause, whenever it was: also one that was asked for when everything had been read.
+void CopyRun::lookForOtherCard() {
+    const std::int64_t pauses = engine_.pauses_.requests();
+    if (pauses == pausesSeen_ || isCancelled())
+        return;
     if (!sameCardAsAtStart() && !isCancelled())
         engine_.cardChanged_ = true;
-    return !isCancelled();
+    pausesSeen_ = pauses;
 }
 
 // A volume that was just mounted again may need a moment before it tells its name.
@@ -211,13 +267,12 @@ const CopyRun::Task& CopyRun::taskOf(std::size_t file) {
     task_.file = file;
     task_.targets.clear();
     task_.holders.clear();
-    task_.known = plan_->known && (*plan_->known)[file] ? &*(*plan_->known)[file] : nullptr;
-    const bool writeNone = plan_->hashOnly && (*plan_->hashOnly)[file];
+    const FileTask& planned = plan_->task(file);
+    task_.known = planned.known ? &*planned.known : nullptr;
     for (std::size_t d = 0; d < writers_.size(); ++d) {
         if (!writers_[d])
             continue;
-        const bool write = !writeNone && (plan_->write ? (*plan_->write)[file][d] : task_.known == nullptr);
-        (write ? task_.targets : task_.holders).push_back(writers_[d].get());
+        (planned.writesTo(d) ? task_.targets : task_.holders).push_back(writers_[d].get());
     }
     return task_;
 }
@@ -268,6 +323,7 @@ void CopyRun::copySmall(const Task& task) {
         }
         reader.checkUnchanged(static_cast<std::int64_t>(got));
         readBytes_.add(static_cast<std::int64_t>(got));
+        readOfFile_ = static_cast<std::int64_t>(got);
     } catch (const OffloadError& error) {
         if (chunk != nullptr)
             chunk->release();
@@ -317,18 +373,34 @@ void CopyRun::copyLarge(const Task& task) {
 // Returns the offset to read from.
 std::int64_t CopyRun::startLarge(const Task& task) {
     hasher_.begin();
-    if (const auto* checkpoint = plan_->resume && (*plan_->resume)[task.file] ? &*(*plan_->resume)[task.file] : nullptr;
-        checkpoint != nullptr && !task.targets.empty()) {
+    const std::optional<PartCheckpoint>& checkpoint = plan_->task(task.file).resume;
+    if (checkpoint && !task.targets.empty()) {
         std::vector<std::string> paths;
         for (const DestWriter* target : task.targets)
             paths.push_back(target->cardPath());
         const SourceClock::Visit reading(sourceClock_); // the part files stand in for the card
-        if (const auto offset = PartResume::verify(plan_->scan.files[task.file], *checkpoint,
-                                                   engine_.options_.chunkSize, paths, hasher_, pool_)) {
+        // A safe place to stop: nobody writes, and the part files stay as they are.
+        const PartResume::Hooks hooks{[this] { return !holdBetweenFiles() || engine_.cardChanged_; },
+                                      [this](std::int64_t bytes) { checkedBytes_.add(bytes); }};
+        const std::int64_t before = checkedBytes_.value();
+        std::optional<std::int64_t> offset;
+        try {
+            offset = PartResume::verify(plan_->scan.files[task.file], *checkpoint, engine_.options_.chunkSize, paths,
+                                        hasher_, pool_, hooks);
+        } catch (const Cancelled&) {
+            throw OffloadError::failed(std::string(engine_.cardChanged_ ? cardChanged : "cancelled"));
+        }
+        const auto planned =
+            checkpoint->blockSize * static_cast<std::int64_t>(checkpoint->blocks.size() * paths.size());
+        uncheckedBytes_.add(planned - (checkedBytes_.value() - before)); // what did not fit was not read to its end
+        if (offset) {
             for (DestWriter* target : task.targets)
                 target->beginResume(task.file, *checkpoint);
             engine_.resumedBytes_ += *offset;
             settledBytes_.add(*offset);
+            readOfFile_ = handedOn_ = *offset;
+            for (const DestWriter* target : task.targets)
+                toWrite_[target->index()].add(-*offset);
             return *offset;
         }
         hasher_.begin();
@@ -363,6 +435,8 @@ std::int64_t CopyRun::readBlocks(const Task& task, SourceReader& reader, std::in
         chunk.set(offset, got);
         chunk.share(1 + static_cast<int>(task.targets.size()));
         readBytes_.add(static_cast<std::int64_t>(got));
+        readOfFile_ += static_cast<std::int64_t>(got);
+        handedOn_ += static_cast<std::int64_t>(got);
         hasher_.update(chunk);
         for (DestWriter* target : task.targets)
             target->write(chunk);
@@ -396,6 +470,10 @@ void CopyRun::checkAgainstKnown(const Task& task) {
 
 void CopyRun::sourceFailed(const Task& task, const std::string& error, bool begun) {
     const std::string reason = "source: " + error;
+    const std::int64_t size = plan_->scan.files[task.file].size;
+    settledBytes_.add(size - readOfFile_); // nobody waits for the rest
+    for (const DestWriter* target : task.targets)
+        toWrite_[target->index()].add(handedOn_ - size);
     if (begun) {
         hasher_.abort();
         for (DestWriter* target : task.targets)
@@ -404,9 +482,13 @@ void CopyRun::sourceFailed(const Task& task, const std::string& error, bool begu
         for (DestWriter* target : task.targets)
             target->abortQuietly(task.file, reason);
     }
-    for (DestWriter* holder : task.holders)
-        holder->abortQuietly(task.file, reason);
     hasher_.forget(task.file);
+    // Who was to write nothing has lost nothing. Its copy is read back and held against what is known of the file.
+    if (const auto hash = task.known == nullptr ? std::nullopt : task.known->xxh64Value();
+        hash && !task.holders.empty())
+        hasher_.setKnown(task.file, *hash, {});
+    for (DestWriter* holder : task.holders)
+        holder->adopt(task.file, false);
     sourceErrors_[task.file] = error;
     sourceFailures_.add(1);
 }

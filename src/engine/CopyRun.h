@@ -20,7 +20,6 @@
 namespace velmora {
 
 class OffloadEngine;
-class RunRecorder;
 class SourceReader;
 struct OffloadPlan;
 struct ProgressSnapshot;
@@ -33,7 +32,7 @@ public:
             std::vector<CardFolders::Destination> destinations);
     ~CopyRun();
 
-    OffloadReport run(RunRecorder& recorder);
+    OffloadReport run();
     // Any thread; adds what only the run knows.
     void describe(ProgressSnapshot& snapshot) const;
 
@@ -52,6 +51,8 @@ private:
     void drainAll();
     bool sameCardAsAtStart() const;
     void endAt(std::size_t file, std::string reason);
+    void endForOtherCard(std::size_t file);
+    void lookForOtherCard();
     const Task& taskOf(std::size_t file);
     bool adoptKnown(const Task& task);
     void copySmall(const Task& task);
@@ -65,11 +66,11 @@ private:
     void afterBlock(std::size_t file, std::int64_t block);
     Chunk& takeChunk(std::size_t bytes, bool slice);
     void flush();
+    void evictSmall();
     bool verify(); // false when it did not run to its end
     void keepTimes(std::int64_t began);
     OffloadReport buildReport(bool verified) const;
-    void blameFlush(const OffloadReport& report);
-    void recordReport(OffloadReport& report, RunRecorder& recorder, bool verified);
+    void blameFlush(bool verified);
     bool isCancelled() const noexcept;
     void say(const std::string& text) const;
 
@@ -92,12 +93,20 @@ private:
     std::int64_t readingNanos_ = 0; // the source
     Timestamp started_;
     Timestamp copyFinished_;
+    double pausedBefore_ = 0; // while a repair looked at the copies, for example
     double copyPaused_ = 0;
     double verifyPaused_ = 0;
 
     std::int64_t totalBytes_;
-    Counter settledBytes_; // need no reading: known, or taken over from part files
+    Counter settledBytes_;         // need no reading: known, taken over from part files, or not to be had
+    std::vector<Counter> toWrite_; // per destination
+    std::int64_t readOfFile_ = 0;  // of the file in work; what was taken over counts as read and handed on
+    std::int64_t handedOn_ = 0;
     Counter readBytes_;
+    Counter checkedBytes_;
+    Counter uncheckedBytes_;          // part files that did not fit
+    const std::int64_t bytesToCheck_; // of part files
+    std::int64_t pausesSeen_ = 0;
     Counter sourceFailures_;
     std::atomic<std::size_t> fileIndex_{0};
 };

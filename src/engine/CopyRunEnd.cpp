@@ -1,10 +1,8 @@
 #include "engine/CopyRun.h"
 
-#include "base/Msg.h"
 #include "blocks/BlockReads.h"
 #include "engine/OffloadEngine.h"
 #include "engine/ReportBuilder.h"
-#include "engine/RunRecorder.h"
 #include "records/OffloadPlan.h"
 
 #include <fmt/format.h>
@@ -26,14 +24,15 @@ void CopyRun::keepTimes(std::int64_t began) {
     const std::int64_t now = monotonicNanos();
     CopyTimes& times = engine_.copyTimes_;
     times.wall = seconds(now - began);
-    times.readingSource = seconds(sourceClock_.at(now)) - engine_.pauses_.pausedTotal();
+    times.readingSource = seconds(sourceClock_.at(now)) - (engine_.pauses_.pausedTotal() - pausedBefore_);
+    times.read = readBytes_.value();
     times.waitingForBuffers = seconds(waitedNanos_);
     for (const auto& writer : writers_) {
         times.destinations.emplace_back();
         engine_.writeRates_.push_back(0);
         if (!writer)
             continue;
-        times.destinations.back() = {seconds(writer->busyNanos()), seconds(writer->idleNanos()),
+        times.destinations.back() = {seconds(writer->busyNanos()), writer->written(), seconds(writer->idleNanos()),
                                      seconds(writer->needlesslyIdleNanos())};
         if (writer->busyNanos() > 0)
             engine_.writeRates_.back() = static_cast<double>(writer->written()) / seconds(writer->busyNanos());
@@ -45,6 +44,14 @@ void CopyRun::flush() {
     for (const auto& writer : writers_)
         if (writer)
             writer->flushDevice();
+    drainAll();
+}
+
+// Without a read-back nobody else drives out what went through the page cache.
+void CopyRun::evictSmall() {
+    for (const auto& writer : writers_)
+        if (writer)
+            writer->evict(engine_.pauses_, [this] { return isCancelled(); });
     drainAll();
 }
 
@@ -100,43 +107,17 @@ OffloadReport CopyRun::buildReport(bool verified) const {
          }});
 }
 
-// Where every file had been flushed before, a failed flush of the whole disk finds none to blame. What it leaves
-// unknown, folders and their names, is no ground for a promise all the same.
-void CopyRun::blameFlush(const OffloadReport& report) {
+// A flush that failed blames no file: the read-back has told which of them are there. But nothing may be promised for a
+// disk that never said that it keeps what it was given.
+void CopyRun::blameFlush(bool verified) {
     for (const auto& writer : writers_) {
-        if (!writer || writer->deviceFlushed() || !report.success())
+        if (!writer || writer->lasts(verified))
             continue;
+        engine_.unflushed_.push_back(writer->cardPath());
         engine_.reportProblems_.push_back(fmt::format(
-            "{}: the last flush of the disk failed — the backup may not be on it for good.", writer->cardPath()));
+            "{}: the flush of the disk failed — the backup may not be on it for good.", writer->cardPath()));
         say(engine_.reportProblems_.back());
     }
-}
-
-void CopyRun::recordReport(OffloadReport& report, RunRecorder& recorder, bool verified) {
-    using Stage = RunRecorder::Stage;
-    // What stands on some disks only, or not for good, is not a result that a card may be formatted on.
-    const auto deny = [&] {
-        if (engine_.reportProblems_.empty())
-            return;
-        report.verifyIncomplete = true;
-        report.safeToFormatSeconds.reset();
-    };
-    const Stage stage = engine_.options_.deferVerify ? Stage::pending : verified ? Stage::verified : Stage::unverified;
-    if (!verified && engine_.beforePendingReports_)
-        engine_.beforePendingReports_();
-    blameFlush(report);
-    deny();
-    for (const CardFolders::Destination& destination : destinations_) {
-        try {
-            recorder.write(stage, report, destination.cardPath);
-        } catch (const std::exception& error) {
-            engine_.reportProblems_.push_back(Msg::reportNotWritten(error.what()));
-            say(destination.cardPath + ": " + engine_.reportProblems_.back());
-        }
-    }
-    deny();
-    engine_.fileBlocks_ = hasher_.takeBlocks();
-    engine_.fileBlocks_.resize(report.files.size());
 }
 
 } // namespace velmora

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 namespace velmora {
@@ -8,8 +9,9 @@ namespace velmora {
 // Where the time of a copy went, in seconds of the clock on the wall, from the first file to the end of the last.
 struct CopyTimes {
     struct Destination {
-        double writing = 0; // in calls that write
-        double idle = 0;    // its queue had nothing to do …
+        double writing = 0;       // in calls that write
+        std::int64_t written = 0; // bytes
+        double idle = 0;          // its queue had nothing to do …
         // … although the source could have been read: it was waiting for a buffer, for the hasher or for a processor,
         // not for the card. This is what a better engine could win.
         double idleNeedlessly = 0;
@@ -17,6 +19,7 @@ struct CopyTimes {
 
     double wall = 0;
     double readingSource = 0;
+    std::int64_t read = 0; // bytes that the card really gave
     double waitingForBuffers = 0;
     std::vector<Destination> destinations;
 

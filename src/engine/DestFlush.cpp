@@ -49,11 +49,10 @@ bool DestWriter::flushWaiting() {
         flush_.flush(!set_.clashes->flushFile);
     } catch (const std::exception& error) {
         say(fmt::format("{}: the flush failed: {}", set_.cardPath, error.what()));
-        // What an earlier run has recorded was durable before this flush.
-        for (const Waiting& waiting : waiting_)
-            if (!waiting.adopted)
-                fail(waiting.file, error.what());
-        waiting_.clear();
+        // No later flush speaks for these files: they get no line, and the read-back finds those that were lost. What
+        // an earlier run has recorded was durable before this flush.
+        std::erase_if(waiting_, [](const Waiting& waiting) { return !waiting.adopted; });
+        flushFailed_ = true;
         return false;
     }
     set_.hasher->wait();

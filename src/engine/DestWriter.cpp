@@ -2,6 +2,7 @@
 
 #include "base/RelativePath.h"
 #include "base/Text.h"
+#include "blocks/CacheProbe.h"
 #include "blocks/HashStreams.h"
 #include "blocks/ManifestFile.h"
 #include "engine/CaseFolding.h"
@@ -50,7 +51,8 @@ private:
 
 DestWriter::DestWriter(Settings settings)
     : set_(std::move(settings)), flush_(set_.cardPath, set_.topFolder), results_(set_.files->size()),
-      writtenHere_(set_.files->size()), queue_(fmt::format("offload.dest{}", set_.index), set_.log) {}
+      writtenHere_(set_.files->size()), xxh128_(set_.files->size()),
+      queue_(fmt::format("offload.dest{}", set_.index), set_.log) {}
 
 DestWriter::~DestWriter() = default;
 
@@ -121,6 +123,13 @@ void DestWriter::adopt(std::size_t file, bool record) {
     });
 }
 
+void DestWriter::flushComplete() {
+    post([this] {
+        if (!waiting_.empty())
+            flushWaiting();
+    });
+}
+
 void DestWriter::flushDevice() {
     post([this] {
         copying_ = false;
@@ -133,6 +142,18 @@ void DestWriter::verify(Chunk& chunk, PauseGate& gate, IsCancelled isCancelled) 
     post([this, &chunk, worker = gate.work(), cancelled = std::move(isCancelled)] {
         const Chunk::Hold hold(&chunk);
         doVerify(chunk.memory(), *worker, cancelled);
+    });
+}
+
+void DestWriter::evict(PauseGate& gate, IsCancelled isCancelled) {
+    post([this, worker = gate.work(), cancelled = std::move(isCancelled)] {
+        for (std::size_t file = 0; file < results_.size(); ++file) {
+            if (!writtenHere_[file] || !goesThroughCache(file) || fileAt(file).size == 0)
+                continue;
+            if (cancelled() || !worker->waitWhilePaused(cancelled))
+                return;
+            CacheProbe::evict(finalPath(file));
+        }
     });
 }
 
@@ -194,6 +215,7 @@ void DestWriter::doWrite(Chunk& chunk) {
             dropPart();
         }
     }
+    handled_.add(static_cast<std::int64_t>(chunk.bytes().size()));
 }
 
 // The blocks that the line names are on the medium, and so is the part file's name, before the line is written. A line

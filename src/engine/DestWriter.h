@@ -33,7 +33,7 @@ struct NameClashes {
     std::set<std::string> partNames; // collision keys of files of the card that look like part files
     // Collision keys that two or more files of the card share, with the first of these.
     std::map<std::string, std::string> folded;
-    bool flushFile = false; // the card has a file ".offload-flush" at its top
+    bool flushFile = false; // the card, or the backup, has a file ".offload-flush" at its top
 };
 
 // Writes one destination. The reader's calls queue their work on "offload.dest{n}" and return at once; everything else
@@ -44,9 +44,9 @@ struct NameClashes {
 //   - after the rename, before the flush that covers it: the final name, perhaps with missing data, and no "file" line;
 //   - after that flush: a durable file. Only then is its "file" line appended.
 // Files of `fullSyncThreshold` and more are flushed alone, with their folder. All others wait for a flush of the whole
-// device, which comes after the last file and now and then before (`waitingFiles`, `waitingBytes`), so that a long
-// card of middling files does not lose everything to a crash in its last minute. Files whose flush failed are failed:
-// nobody knows what of them is on the disk.
+// device, which comes after the last file, at a pause, and now and then (`waitingFiles`, `waitingBytes`), so that a
+// long card of middling files does not lose everything to a crash in its last minute. Files whose flush failed stay
+// written and get no line: what of them is on the disk, the read-back tells.
 //
 // After an error the file is lost on this destination and the next one starts afresh.
 class DestWriter {
@@ -90,15 +90,21 @@ public:
     void whole(std::size_t file, Chunk* chunk);
     // The file lies there already; with `record` it gets a line in this generation.
     void adopt(std::size_t file, bool record);
+    // At a pause: what is complete gets its flush and its lines.
+    void flushComplete();
     void flushDevice();
     // Reads back every written file through the memory of `chunk`, which it releases. Ends early when cancelled.
     void verify(Chunk& chunk, PauseGate& gate, IsCancelled isCancelled);
+    // Drives the small files of this run out of the page cache. Ends early when cancelled.
+    void evict(PauseGate& gate, IsCancelled isCancelled);
     // Waits for everything queued so far.
     void drain() { queue_.drain(); }
 
     // Any thread:
     const std::string& cardPath() const noexcept { return set_.cardPath; }
+    std::size_t index() const noexcept { return set_.index; }
     std::int64_t written() const noexcept { return written_.value(); }
+    std::int64_t handled() const noexcept { return handled_.value(); } // bytes taken in, written or not
     std::int64_t verified() const noexcept { return verified_.value(); }
     std::int64_t failures() const noexcept { return failures_.value(); }
     std::int64_t toVerify() const noexcept { return toVerify_.value(); } // bytes; 0 before the read-back begins
@@ -106,14 +112,18 @@ public:
 
     // After drain():
     const std::vector<DestFileResult>& results() const noexcept { return results_; }
-    // Blocks that a read-back found wrong, file by file in their order.
+    // Blocks that a read-back found wrong in two reads, file by file in their order.
     struct Wrong {
         std::size_t file;
         std::vector<ReadBack::WrongBlock> blocks;
     };
     const std::vector<Wrong>& wrong() const noexcept { return wrong_; }
+    // The second digest of a file that was read back; empty where it was not verified.
+    const std::string& xxh128(std::size_t file) const noexcept { return xxh128_[file]; }
     bool wasWritten(std::size_t file) const noexcept { return writtenHere_[file]; } // by this run
-    bool deviceFlushed() const noexcept { return deviceFlushed_; }
+    // Whether all that was written lasts. A flush that failed on the way may have lost files without a trace: then only
+    // a read-back behind a flush that succeeded can tell.
+    bool lasts(bool readBack) const noexcept { return deviceFlushed_ && (readBack || !flushFailed_); }
     std::int64_t cachedReads() const noexcept { return cachedReads_; }
     std::int64_t busyNanos() const noexcept { return busyNanos_; }
     std::int64_t idleNanos() const noexcept { return idleNanos_; }
@@ -165,6 +175,7 @@ private:
     const Settings set_;
     DeviceFlush flush_;
     Counter written_;
+    Counter handled_;
     Counter verified_;
     Counter failures_;
     Counter toVerify_;
@@ -179,9 +190,11 @@ private:
     std::size_t checkpointed_ = 0;           // how many of them a "part" line names
     std::vector<DestFileResult> results_;
     std::vector<bool> writtenHere_;
-    std::vector<Waiting> waiting_; // for the device flush
+    std::vector<std::string> xxh128_; // by file; from the read-back
+    std::vector<Waiting> waiting_;    // for the device flush
     std::int64_t waitingSize_ = 0;
-    bool deviceFlushed_ = false;
+    bool deviceFlushed_ = false; // by the last flush
+    bool flushFailed_ = false;   // one of them
     std::optional<bool> unbuffered_;
     std::int64_t cachedReads_ = 0;
     std::vector<Unstable> unstable_;

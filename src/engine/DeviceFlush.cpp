@@ -39,9 +39,16 @@ void DeviceFlush::makeNamesDurable(const std::string& folder) {
     }
 }
 
-void DeviceFlush::flush(bool mayUseFlushFile) {
-    if (mayUseFlushFile)
-        writeFlushFile();
+bool DeviceFlush::isLeftover(std::string_view name, std::int64_t size) {
+    if (size > 1 || !name.starts_with(flushFileName))
+        return false;
+    const std::string_view rest = name.substr(flushFileName.size());
+    return rest.empty() || (rest.size() > 1 && rest.front() == '-' &&
+                            rest.find_first_not_of("0123456789", 1) == std::string_view::npos);
+}
+
+void DeviceFlush::flush(bool plainNameFree) {
+    writeFlushFile(plainNameFree);
     if (!coversEveryFile()) {
         for (const std::string& folder : touched_)
             makeNamesDurable(folder);
@@ -50,13 +57,33 @@ void DeviceFlush::flush(bool mayUseFlushFile) {
     device_.sync();
 }
 
+// The card may hold a file or a folder of any name. What stands on the disk under the name stays, unless it is the byte
+// of a run that died.
+UncachedWriter DeviceFlush::openFlushFile(std::string& path, bool plainNameFree) const {
+    using Open = UncachedWriter::Open;
+    const std::string plain = cardPath_ + "/" + std::string(flushFileName);
+    for (int number = 1;; ++number) {
+        path = number == 1 ? plain : plain + "-" + std::to_string(number);
+        try {
+            if (number > 1 || plainNameFree)
+                return UncachedWriter(path, Open::createNew, CacheMode::dropBehind);
+        } catch (const IOError& error) {
+            if (error.code() != EEXIST)
+                throw;
+            const FileFacts there = IO::lstat(path);
+            if (number == 1 && there.isFile && there.size <= 1)
+                return UncachedWriter(path, Open::createOrTruncate, CacheMode::dropBehind);
+        }
+    }
+}
+
 // One byte, flushed through to the drive: on drives and daemons that keep writes of their own in memory, a flush with
 // something to write is the one that is sure to travel the whole way.
-void DeviceFlush::writeFlushFile() {
-    const std::string path = cardPath_ + "/" + std::string(flushFileName);
+void DeviceFlush::writeFlushFile(bool plainNameFree) {
+    std::string path;
     bool created = false;
     try {
-        UncachedWriter file(path, UncachedWriter::Open::createOrTruncate, CacheMode::dropBehind);
+        UncachedWriter file = openFlushFile(path, plainNameFree);
         created = true;
         static constexpr std::byte mark[1] = {std::byte{'x'}};
         file.writeAt(mark, 0);

@@ -26,14 +26,17 @@ public:
     void touched(const std::string& folder);
     // Names in this folder, and of the folder itself, are on the medium when this returns.
     void makeNamesDurable(const std::string& folder);
-    // Everything before it is on the medium when this returns. `mayUseFlushFile` is false when the card has a file of
-    // that name itself.
-    void flush(bool mayUseFlushFile);
+    // Everything before it is on the medium when this returns. `plainNameFree` is false when the backup has a file that
+    // is called `flushFileName` itself.
+    void flush(bool plainNameFree);
 
     static constexpr std::string_view flushFileName = ".offload-flush";
+    // A file at the top of a card folder that a run left when it died in the middle of a flush.
+    static bool isLeftover(std::string_view name, std::int64_t size);
 
 private:
-    void writeFlushFile();
+    void writeFlushFile(bool plainNameFree);
+    UncachedWriter openFlushFile(std::string& path, bool plainNameFree) const;
 
     const std::string cardPath_;
     const std::string top_;

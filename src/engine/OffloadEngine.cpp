@@ -1,9 +1,16 @@
 #include "engine/OffloadEngine.h"
 
+#include "base/RelativePath.h"
+#include "blocks/ManifestFile.h"
+#include "disks/VolumeSerial.h"
 #include "engine/CardFolders.h"
 #include "engine/CopyRun.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
+
+#include <fmt/format.h>
+
+#include <optional>
 
 namespace velmora {
 
@@ -18,10 +25,47 @@ OffloadPlan OffloadEngine::prepare(const Preflight::Inputs& inputs, const Prefli
     return std::move(result.plan);
 }
 
-OffloadReport OffloadEngine::run(OffloadPlan plan, RunRecorder& recorder) {
+namespace {
+
+// The first line of the run in every manifest: from here on each folder alone tells which others belong to the backup.
+void recordStart(const OffloadPlan& plan, const std::vector<CardFolders::Destination>& destinations, const Log& log) {
+    ManifestRecord line;
+    line.kind = ManifestRecord::runKind;
+    line.gen = plan.generation;
+    line.mode = name(plan.mode);
+    line.modified = Timestamp::now();
+    line.sourceMedium = plan.sourceMedium;
+    for (const auto& destination : destinations)
+        line.destinations.push_back({destination.cardPath, VolumeFacts::volumeSerialText(std::string(
+                                                               RelativePath::folder(destination.cardPath)))});
+    line.destinations.insert(line.destinations.end(), plan.elsewhere.begin(), plan.elsewhere.end());
+    for (const auto& destination : destinations) {
+        try {
+            if (!destination.error)
+                ManifestFile::append(destination.cardPath, {&line, 1});
+        } catch (const IOError& error) {
+            if (log)
+                log(fmt::format("{}: the start of the run was not recorded: {}", destination.cardPath, error.what()));
+        }
+    }
+}
+
+} // namespace
+
+OffloadReport OffloadEngine::run(OffloadPlan plan) {
     std::vector<CardFolders::Destination> destinations = CardFolders::claim(plan);
     const auto shared = std::make_shared<const OffloadPlan>(std::move(plan));
-    CopyRun run(*this, shared, std::move(destinations));
+    std::optional<CopyRun> made;
+    try {
+        if (afterClaim_)
+            afterClaim_(*shared);
+        made.emplace(*this, shared, destinations);
+    } catch (...) {
+        CardFolders::giveBack(*shared, destinations);
+        throw;
+    }
+    CopyRun& run = *made;
+    recordStart(*shared, destinations, log_);
     {
         const MutexLock lock(mutex_);
         plan_ = shared;
@@ -34,7 +78,7 @@ OffloadReport OffloadEngine::run(OffloadPlan plan, RunRecorder& recorder) {
         running_ = nullptr;
     };
     try {
-        OffloadReport report = run.run(recorder);
+        OffloadReport report = run.run();
         setPhase(ProgressSnapshot::Phase::done);
         ended();
         return report;

@@ -19,12 +19,12 @@
 namespace velmora {
 
 class CopyRun;
-class RunRecorder;
 struct OffloadPlan;
 struct OffloadReport;
 
 // Copies one card: reads every file once, writes it to all destinations at the same time, makes the copies durable,
-// reads them back, and has the result recorded. A destination that fails loses its own files and nothing else.
+// and reads them back. What it found out is the report; whoever runs it records that. A destination that fails loses
+// its own files and nothing else.
 //
 // One engine makes one run. `run` works on the caller's thread; everything else may be called from any thread.
 class OffloadEngine {
@@ -36,8 +36,10 @@ public:
 
     // Before `run` only.
     OffloadOptions& options() noexcept { return options_; }
-    // Called after the copy is durable and before provisional reports are written; may throw to end the run.
-    void setBeforePendingReports(std::function<void()> hook) { beforePendingReports_ = std::move(hook); }
+    // Called when the card folders are the run's own and their names are final, and nothing stands in them yet. What it
+    // throws ends the run; folders that the run has made go again.
+    using Claimed = std::function<void(const OffloadPlan& plan)>;
+    void setAfterClaim(Claimed hook) { afterClaim_ = std::move(hook); }
     // Called ahead of the rename that makes a file final: destination and file by index, the final path. A repair moves
     // the defective copy aside here. What it throws fails the file on that destination.
     using BeforeRename = std::function<void(std::size_t destination, std::size_t file, const std::string& finalPath)>;
@@ -47,12 +49,12 @@ public:
     OffloadPlan prepare(const Preflight::Inputs& inputs, const Preflight::ExtraOf& extra = {},
                         const Preflight::FreeSpace& freeSpace = {});
 
-    // Does what the plan says and returns the report that was recorded. Files that failed are data in it; so is a
-    // cancel (`isCancelled`, the files that were not copied are "cancelled"). A full copy claims its card folder on all
-    // destinations at once; when another run was faster it takes the next free name, and `plan()` and the report say
-    // which. Throws when nothing could be done at all (no destination can be written), SimulatedCrash, and what
-    // beforePendingReports throws.
-    OffloadReport run(OffloadPlan plan, RunRecorder& recorder);
+    // Does what the plan says and returns the report, which stands nowhere yet. Files that failed are data in it; so is
+    // a cancel (`isCancelled`, the files that were not copied are "cancelled"). A full copy claims its card folder on
+    // all destinations at once; when another run was faster it takes the next free name, and `plan()` and the report
+    // say which. Throws when nothing could be done at all (no destination can be written), SimulatedCrash, and what the
+    // hooks below throw.
+    OffloadReport run(OffloadPlan plan);
 
     void cancel();
     bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_relaxed); }
@@ -61,7 +63,7 @@ public:
     // `totalBytes` counts what this run has to read: what an interrupted run has already settled is left out.
     ProgressSnapshot snapshot() const EXCLUDES(mutex_);
 
-    // The plan as it runs, from the claim of the card folders on.
+    // The plan as it runs; null until the card folders are claimed and everything that the run needs is had.
     std::shared_ptr<const OffloadPlan> plan() const EXCLUDES(mutex_);
     // The card in the reader was swapped or removed during a pause.
     bool cardChanged() const noexcept { return cardChanged_.load(); }
@@ -76,6 +78,9 @@ public:
     const std::optional<std::string>& cardAtStart() const noexcept { return cardAtStart_; }
     std::int64_t resumedBytes() const noexcept { return resumedBytes_; } // taken over from part files
     const CopyTimes& copyTimes() const noexcept { return copyTimes_; }
+    // Card folders whose disk never said that it keeps what it was given: no promise holds for them. `reportProblems`
+    // has a sentence for each.
+    const std::vector<std::string>& unflushed() const noexcept { return unflushed_; }
     // Why the record of the run does not stand in a card folder ("Could not write the report: …"), or may not stand
     // there for good, one a folder. The report that `run` returned then has `verifyIncomplete` set, and the card is not
     // safe to format.
@@ -87,7 +92,7 @@ private:
 
     OffloadOptions options_;
     const Log log_;
-    std::function<void()> beforePendingReports_;
+    Claimed afterClaim_;
     BeforeRename beforeRename_;
     PauseGate pauses_;
     std::atomic<bool> cancelled_{false};
@@ -106,6 +111,7 @@ private:
     std::int64_t resumedBytes_ = 0;
     CopyTimes copyTimes_;
     std::vector<std::string> reportProblems_;
+    std::vector<std::string> unflushed_;
 };
 
 } // namespace velmora

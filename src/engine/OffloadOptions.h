@@ -1,5 +1,7 @@
 #pragma once
 
+#include "records/CardKey.h"
+
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -31,6 +33,8 @@ struct OffloadOptions {
     std::function<void(std::int64_t)> afterChunkRead;
     // Called after each piece of the classic read-back.
     std::function<void()> afterVerifyChunk;
+    // The medium of the source, in place of what its volume tells (tests).
+    std::function<std::optional<CardKey>(const std::string&)> cardMedium;
     // Asked with the file's and the block's index; true raises SimulatedCrash.
     std::function<bool(std::int64_t, std::int64_t)> crashAfterBlock;
     std::int64_t checkpointBlocks = 64; // a part checkpoint every this many blocks; below 1 means every block

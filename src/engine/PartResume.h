@@ -1,10 +1,12 @@
 #pragma once
 
+#include "base/Errors.h"
 #include "engine/BufferPool.h"
 #include "records/ManifestRecord.h"
 #include "records/SourceFile.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -20,8 +22,14 @@ namespace PartResume {
 // those of one of them through the hasher (which has to be begun), so that its digest stands as if the card had been
 // read from the start. Returns the offset to go on from. None when anything does not fit: then the hasher has been
 // aborted, and the file is copied from its first byte.
+// Throws Cancelled.
+struct Hooks {
+    IsCancelled isCancelled;                          // asked before every read; may hold a pause
+    std::function<void(std::int64_t bytes)> progress; // after every read
+};
 std::optional<std::int64_t> verify(const SourceFile& file, const PartCheckpoint& checkpoint, std::int64_t blockSize,
-                                   std::span<const std::string> cardPaths, SourceHasher& hasher, BufferPool& pool);
+                                   std::span<const std::string> cardPaths, SourceHasher& hasher, BufferPool& pool,
+                                   const Hooks& hooks);
 
 } // namespace PartResume
 

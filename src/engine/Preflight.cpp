@@ -3,10 +3,12 @@
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "disks/SpacePlanner.h"
+#include "disks/Volumes.h"
 #include "engine/DestWriter.h"
 #include "engine/Layout.h"
 #include "engine/OffloadOptions.h"
 #include "engine/Scanner.h"
+#include "platform/VolumeFacts.h"
 
 #include <algorithm>
 #include <set>
@@ -64,9 +66,20 @@ void refuseOffload(const std::string& source) {
 }
 
 // A card folder that exists; one that does not is for the planner to name.
-void checkCardFolder(const std::string& cardPath) {
+void checkCardFolder(const std::string& cardPath, const std::string& source) {
     if (!IO::isFolder(cardPath))
         return;
+    if (VolumeFacts::awaitsVolume(cardPath))
+        refuse(PreflightCode::appendUnavailable,
+               "The earlier backup is not available: " + cardPath + " — connect the drive, or make a full copy.");
+    if (Volumes::isWithin(cardPath, source))
+        refuse(PreflightCode::sameVolumeAsSource,
+               "The card folder " + cardPath + " lies inside the source " + source + " — a copy must lie outside it.");
+    // Any other folder above the source is no card folder, and the planner says that.
+    const bool hasRecords = IO::isFolder(RelativePath::join(cardPath, Layout::reportDirName));
+    if (hasRecords && Volumes::isWithin(source, cardPath))
+        refuse(PreflightCode::sameVolumeAsSource,
+               "The source " + source + " lies inside the card folder " + cardPath + " — give the original card.");
     for (const std::string_view name : {std::string_view(), Layout::reportDirName, Layout::mhlDirName}) {
         const std::string path = name.empty() ? cardPath : RelativePath::join(cardPath, name);
         if (!IO::exists(path))
@@ -89,10 +102,12 @@ std::string deviceOf(const std::string& path, PreflightCode code, const std::str
 }
 
 // Two folders of one disk count as one drive; the order of the roots decides which one is named.
-void checkRoots(const std::vector<std::string>& roots, const std::string& sourceDevice, const OffloadOptions& options) {
+void checkRoots(const std::vector<std::string>& roots, const std::string& source, const OffloadOptions& options) {
+    const std::string sourceDevice =
+        deviceOf(source, PreflightCode::sourceUnreadable, "Cannot read the source: " + source);
     std::set<std::string> devices;
     for (const std::string& root : roots) {
-        if (!IO::isFolder(root))
+        if (!IO::isFolder(root) || VolumeFacts::awaitsVolume(root))
             refuse(PreflightCode::destinationNotFound, "Destination not found: " + root + " — is the drive connected?");
         if (!IO::isWritable(root))
             refuse(PreflightCode::destinationNotWritable, "Cannot write to the destination: " + root);
@@ -100,6 +115,9 @@ void checkRoots(const std::vector<std::string>& roots, const std::string& source
             deviceOf(root, PreflightCode::destinationUnreadable, "Cannot read the destination: " + root);
         if (device == sourceDevice && !options.allowSourceVolume)
             refuse(PreflightCode::sameVolumeAsSource, "Destination " + root + " is on the same drive as the source.");
+        if (Volumes::isWithin(root, source))
+            refuse(PreflightCode::sameVolumeAsSource,
+                   "Destination " + root + " lies inside the source " + source + " — a copy must lie outside it.");
         if (!devices.insert(device).second && !options.allowSameDevice)
             refuse(PreflightCode::sharedVolume, "Two destinations are on the same drive (" + root +
                                                     ") — that is not a second copy. Allow it with "
@@ -113,23 +131,17 @@ void checkSource(const std::string& source) {
     Scanner::checkReadAccess(source);
 }
 
-SourceScan scanOf(const std::string& source, const IsCancelled& isCancelled) {
-    SourceScan scan = Scanner::scan(source, isCancelled);
+SourceScan scanOf(const Preflight::Inputs& inputs, const IsCancelled& isCancelled) {
+    SourceScan scan = inputs.listing ? *inputs.listing : Scanner::scan(inputs.source, isCancelled);
     // A card whose every file is beyond copying is not empty: the run reports each of them as failed.
     if (scan.files.empty() && scan.uncopied.empty())
         refuse(PreflightCode::emptySource, "There are no files on the source.");
     return scan;
 }
 
-std::int64_t plus(std::int64_t a, std::int64_t b) {
-    std::int64_t sum = 0;
-    return __builtin_add_overflow(a, b, &sum) ? INT64_MAX : sum;
-}
-
 } // namespace
 
-Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra,
-                                     const FreeSpace& freeSpace, const IsCancelled& isCancelled) {
+void Preflight::checkInputs(const Inputs& inputs, const OffloadOptions& options) {
     checkOptions(options);
     checkDate(inputs.date);
     checkSource(inputs.source);
@@ -137,15 +149,17 @@ Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions&
         refuse(PreflightCode::noDestination, "No destination selected.");
     checkRootsDiffer(inputs.destRoots);
     refuseOffload(inputs.source);
-    const std::string sourceDevice =
-        deviceOf(inputs.source, PreflightCode::sourceUnreadable, "Cannot read the source: " + inputs.source);
-    checkRoots(inputs.destRoots, sourceDevice, options);
+    checkRoots(inputs.destRoots, inputs.source, options);
+}
 
+Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra,
+                                     const FreeSpace& freeSpace, const IsCancelled& isCancelled) {
+    checkInputs(inputs, options);
     Result result;
     OffloadPlan& plan = result.plan;
     plan.source = inputs.source;
     plan.destRoots = inputs.destRoots;
-    plan.scan = scanOf(inputs.source, isCancelled);
+    plan.scan = scanOf(inputs, isCancelled);
     plan.date = inputs.date.value_or(Layout::today());
     const std::string name =
         inputs.cardName ? Layout::sanitize(*inputs.cardName) : Layout::defaultCardName(inputs.source);
@@ -161,41 +175,46 @@ void Preflight::checkInto(const std::string& source, const std::vector<std::stri
     checkRootsDiffer(cardPaths);
     refuseOffload(source);
     for (const std::string& path : cardPaths)
-        checkCardFolder(path);
+        checkCardFolder(path, source);
 }
 
-std::vector<std::int64_t> Preflight::demands(const OffloadPlan& plan) {
+std::vector<SpaceNeed> Preflight::demands(const OffloadPlan& plan) {
     const std::vector<std::string> cardPaths = plan.cardPaths();
-    std::vector<std::int64_t> all(cardPaths.size(), slack);
+    std::vector<SpaceNeed> all(cardPaths.size(), SpaceNeed{.report = slack});
     for (std::size_t file = 0; file < plan.scan.files.size(); ++file) {
-        const auto& part = plan.resume ? (*plan.resume)[file] : std::nullopt;
+        const FileTask& task = plan.task(file);
+        const auto& part = task.resume;
         const std::int64_t held = part ? part->blockSize * static_cast<std::int64_t>(part->blocks.size()) : 0;
         for (std::size_t d = 0; d < all.size(); ++d) {
-            const bool written = plan.write ? (*plan.write)[file][d] : !plan.hashOnly || !(*plan.hashOnly)[file];
             const SourceFile& source = plan.scan.files[file];
             std::int64_t bytes = 0;
-            if (written) {
+            if (task.writesTo(d)) {
                 // A part file that a dead run has left holds the room for the whole file already.
                 const std::string left = RelativePath::join(cardPaths[d], DestWriter::partName(source.relPath));
                 bytes = source.size - std::max(held, plan.resuming ? IO::allocatedBytes(left) : 0);
             }
-            all[d] = plus(all[d], plus(std::max<std::int64_t>(0, bytes), bytesPerFile));
+            all[d] += SpaceNeed{.card = std::max<std::int64_t>(0, bytes), .report = bytesPerFile};
         }
     }
     return all;
 }
 
-Preflight::Space Preflight::checkSpace(const std::vector<std::int64_t>& demands,
-                                       const std::vector<std::string>& cardPaths, const SpaceExtra& extra,
-                                       const FreeSpace& freeSpace) {
+Preflight::Space Preflight::checkSpace(const std::vector<SpaceNeed>& demands, const std::vector<std::string>& cardPaths,
+                                       const SpaceExtra& extra, const FreeSpace& freeSpace) {
     SpacePlanner::Disks disks;
     if (freeSpace)
         disks.capacityOf = freeSpace;
     const std::vector<SpaceTarget> targets = SpacePlanner::targets(cardPaths, disks);
     std::vector<SpacePlace> places = SpacePlanner::places(extra, 0, targets, disks);
     for (std::size_t d = 0; d < demands.size(); ++d)
-        places[d].need.card = demands[d];
+        places[d].need += demands[d];
     SpacePlanner::Verdict verdict = SpacePlanner::checkPlaces(places, disks);
+    if (std::ranges::find(verdict.problems, SpaceSeverity::blocking, &SpaceProblem::severity) !=
+        verdict.problems.end()) {
+        for (const SpacePlace& place : places)
+            SpacePlanner::settle(place.path);
+        verdict = SpacePlanner::checkPlaces(places, disks);
+    }
     Space space{{}, std::move(verdict.lines)};
     for (const SpaceProblem& problem : verdict.problems) {
         if (problem.severity == SpaceSeverity::blocking)

@@ -21,8 +21,9 @@ namespace Preflight {
 struct Inputs {
     std::string source;
     std::vector<std::string> destRoots;
-    std::optional<std::string> cardName; // none: derived from the source
-    std::optional<std::string> date;     // none: today
+    std::optional<std::string> cardName;    // none: derived from the source
+    std::optional<std::string> date;        // none: today
+    std::optional<SourceScan> listing = {}; // of this card, made a moment ago; none: it is listed here
 };
 
 // Bytes that the job will add to the card's own, told from the finished scan.
@@ -41,6 +42,9 @@ struct Result {
     Space space;
 };
 
+// What `prepare` checks before it lists the card: cheap, and worth knowing before anything that takes time.
+void checkInputs(const Inputs& inputs, const OffloadOptions& options);
+
 Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra = {},
                const FreeSpace& freeSpace = {}, const IsCancelled& isCancelled = {});
 
@@ -50,10 +54,10 @@ void checkInto(const std::string& source, const std::vector<std::string>& cardPa
 
 // The demand of one run on each destination: the bytes that are written there and that no part file holds already, and
 // what file systems and this program's records add to them.
-std::vector<std::int64_t> demands(const OffloadPlan& plan);
+std::vector<SpaceNeed> demands(const OffloadPlan& plan);
 
 // Compares the demands with the free space below the card folders. Throws the first shortage as `noSpace`.
-Space checkSpace(const std::vector<std::int64_t>& demands, const std::vector<std::string>& cardPaths,
+Space checkSpace(const std::vector<SpaceNeed>& demands, const std::vector<std::string>& cardPaths,
                  const SpaceExtra& extra, const FreeSpace& freeSpace = {});
 
 } // namespace Preflight

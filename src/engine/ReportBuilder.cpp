@@ -37,6 +37,20 @@ std::string filesystemOf(const std::string& path) {
     }
 }
 
+// What the read-back computed beside the digest that it compares. Of copies that are the same on all disks there is
+// one.
+std::optional<std::string> secondDigest(const Results& results, std::size_t file) {
+    std::optional<std::string> found;
+    for (const auto& writer : results.writers) {
+        if (!writer || writer->xxh128(file).empty())
+            continue;
+        if (found && *found != writer->xxh128(file))
+            return std::nullopt;
+        found = writer->xxh128(file);
+    }
+    return found;
+}
+
 // The volume's name, or the root that the user gave where it has none.
 std::string diskName(const std::string& root) {
     const auto mount = VolumeFacts::mount(root);
@@ -69,6 +83,7 @@ OffloadReport::FileEntry entryOf(const Results& results, std::size_t file) {
     FileHashes digests;
     digests.xxh64 = results.hasher.hashOf(file);
     entry.xxh64 = digests.xxh64Hex();
+    entry.xxh128 = secondDigest(results, file);
     if (const auto error = results.sourceErrors.find(file); error != results.sourceErrors.end())
         entry.sourceError = error->second;
     else if (file >= results.endedAt)
@@ -77,7 +92,7 @@ OffloadReport::FileEntry entryOf(const Results& results, std::size_t file) {
     entry.destinations.reserve(columns);
     entry.errors.reserve(columns);
     // What this run wrote anew is worth telling only where something stood before.
-    const bool tellsRewritten = results.plan.write.has_value();
+    const bool tellsRewritten = !results.plan.task(file).write.empty();
     if (tellsRewritten)
         entry.rewritten.emplace(columns);
     for (std::size_t d = 0; d < columns; ++d) {
@@ -140,6 +155,12 @@ std::vector<std::string> notesOf(const Results& results) {
         if (writer == nullptr)
             continue;
         const std::string disk = diskName(results.destinations[d].cardPath);
+        for (const DestWriter::Wrong& wrong : writer->wrong()) {
+            std::vector<std::int64_t> blocks;
+            for (const ReadBack::WrongBlock& block : wrong.blocks)
+                blocks.push_back(block.number);
+            notes.push_back(CardVerdict::differs(results.plan.scan.files[wrong.file].relPath, disk, blocks));
+        }
         for (const DestWriter::Unstable& unstable : writer->unstable())
             notes.push_back(
                 CardVerdict::unstable(results.plan.scan.files[unstable.file].relPath, disk, unstable.blocks));
@@ -167,6 +188,8 @@ OffloadReport build(const Results& results) {
     report.date = plan.date;
     report.source = plan.source;
     report.sourceFilesystem = filesystemOf(plan.source);
+    report.sourceMedium = plan.sourceMedium;
+    report.elsewhere = plan.elsewhere;
     report.started = results.started;
     report.copyFinished = results.copyFinished;
     report.verified = results.verified;
@@ -190,11 +213,11 @@ OffloadReport build(const Results& results) {
         report.totalBytes += item.size;
     }
     report.countFiles();
+    if (std::ranges::any_of(report.files, [](const auto& entry) { return entry.xxh128.has_value(); }))
+        report.hashAlgorithms = {"xxh64", "xxh128"};
     if (std::vector<std::string> notes = notesOf(results); !notes.empty())
         report.verifyNotes = std::move(notes);
     report.finished = Timestamp::now();
-    if (report.safeToFormat())
-        report.safeToFormatSeconds = secondsBetween(report.started, report.finished);
     return report;
 }
 

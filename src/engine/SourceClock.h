@@ -19,8 +19,14 @@ class SourceClock {
 public:
     class Visit {
     public:
-        explicit Visit(SourceClock& clock) noexcept : clock_(clock) { clock_.since_.store(monotonicNanos()); }
+        // One within another counts once.
+        explicit Visit(SourceClock& clock) noexcept : clock_(clock), outermost_(clock.since_.load() == 0) {
+            if (outermost_)
+                clock_.since_.store(monotonicNanos());
+        }
         ~Visit() {
+            if (!outermost_)
+                return;
             const std::int64_t began = clock_.since_.exchange(leaving);
             clock_.total_.fetch_add(monotonicNanos() - began);
             clock_.since_.store(0);
@@ -30,6 +36,7 @@ public:
 
     private:
         SourceClock& clock_;
+        const bool outermost_;
     };
 
     std::int64_t at(std::int64_t now) const noexcept {

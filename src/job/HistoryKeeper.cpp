@@ -1,9 +1,12 @@
 #include "job/HistoryKeeper.h"
 
 #include "base/Msg.h"
+#include "base/Product.h"
 #include "disks/VolumeSerial.h"
 #include "memory/HistoryRecords.h"
 #include "platform/VolumeFacts.h"
+
+#include <fmt/format.h>
 
 namespace velmora {
 
@@ -20,18 +23,12 @@ HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, cons
 
 void HistoryKeeper::record(const std::string& what, const std::function<void()>& delayed,
                            HistoryRecorder::Write write) {
-    const auto later = [&] {
-        if (log_)
-            log_(Msg::historyBusy);
-        if (delayed)
-            delayed();
-    };
     // May run long after this job is gone: it holds on to the log alone.
     const auto done = [log = log_](bool written) {
         if (!written && log)
             log(Msg::historyLost);
     };
-    recorder_.record(what, folder_, log_, later, done, std::move(write));
+    recorder_.record(what, folder_, log_, delayed, done, std::move(write));
 }
 
 void HistoryKeeper::start(const OffloadPlan& plan, const std::function<void()>& delayed) {
@@ -43,17 +40,34 @@ void HistoryKeeper::start(const OffloadPlan& plan, const std::function<void()>& 
     });
 }
 
-void HistoryKeeper::take(const std::vector<std::string>& cardPaths) {
+HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPaths) {
     const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load();
     const HistoryEntry* entry = HistoryRecords::entryOf(entries, cardPaths);
     isNew_ = entry == nullptr;
     id_ = entry ? entry->id : HistoryStore::newId(Timestamp::now());
     wasUnfinished_ = entry && entry->unfinished;
+    Known known;
+    if (entry && entry->card)
+        known.medium = entry->card->key();
+    for (const HistoryEntry* each : HistoryRecords::entriesNaming(entries, cardPaths)) {
+        AppendPlanner::PastRun& run = known.runs.emplace_back();
+        run.finished = each->finished;
+        for (const HistoryDestination& destination : each->destinations)
+            run.places.push_back({destination.cardPath, std::nullopt});
+    }
+    for (const std::string& cardPath : cardPaths) {
+        const auto last = HistoryRecords::verificationOf(entries, cardPath, VolumeFacts::volumeSerialText(cardPath));
+        if (last && last->failed)
+            known.failedVerifications.push_back(
+                fmt::format("{} did not pass its verification of {} ({}) — do not format the card; run Repair "
+                            "({} repair), or verify the folder again.",
+                            cardPath, TimeText::local(*last->failed, "%Y-%m-%d %H:%M"), last->found, Product::cli));
+    }
+    return known;
 }
 
-void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed) {
-    take(cardPaths);
-    if (isNew_)
+void HistoryKeeper::reopen(const std::function<void()>& delayed) {
+    if (id_.empty() || isNew_)
         return; // nothing to mark; the finished record makes the entry
     record("start", delayed, [id = id_](HistoryStore& store) {
         return store.update(id, [](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
@@ -65,14 +79,15 @@ void HistoryKeeper::reopen(const std::vector<std::string>& cardPaths, const std:
 }
 
 void HistoryKeeper::finish(const OffloadReport& report, std::vector<SourceFile> card,
-                           const std::optional<BackupCheck>& wholeCard, const std::function<void()>& delayed) {
+                           const std::optional<BackupCheck>& wholeCard, bool verified,
+                           const std::function<void()>& delayed) {
     if (id_.empty())
         return;
     record(report.kind.value_or("copy"), delayed,
-           [id = id_, report, card = std::move(card), wholeCard, volume = volume_](HistoryStore& store) {
+           [id = id_, report, card = std::move(card), wholeCard, verified, volume = volume_](HistoryStore& store) {
                return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
                    const auto stored = present ? store.readFileList(*present) : std::nullopt;
-                   return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard);
+                   return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard, verified);
                });
            });
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "memory/AppendPlanner.h"
 #include "memory/BackupCheck.h"
 #include "memory/HistoryRecorder.h"
 #include "records/CardKey.h"
@@ -21,16 +22,23 @@ public:
     // `delayed` is called when a record has to wait for a busy history; it must outlive nothing but the call.
     HistoryKeeper(HistoryRecorder& recorder, std::string folder, const std::string& source, Log log);
 
+    // What the history knows of a backup before a run into its folders.
+    struct Known {
+        std::optional<CardKey> medium;                // the card
+        std::vector<AppendPlanner::PastRun> runs;     // the folders of each record that names one of these
+        std::vector<std::string> failedVerifications; // a sentence for each folder that did not pass its last one
+    };
+    // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
+    Known look(const std::vector<std::string>& cardPaths);
+
     // A copy that begins now.
     void start(const OffloadPlan& plan, const std::function<void()>& delayed);
-    // An append, a finish or a repair: the entry of these folders is marked as unfinished.
-    void reopen(const std::vector<std::string>& cardPaths, const std::function<void()>& delayed);
-    // The entry of these folders, or a new one, is the one to finish. Marks nothing.
-    void take(const std::vector<std::string>& cardPaths);
+    // An append, a finish or a repair, after `look`: the entry is marked as unfinished.
+    void reopen(const std::function<void()>& delayed);
     // `card` are the files of the card that the backup has; `wholeCard` is the state of the backup after a run that
-    // covered a part of it.
+    // covered a part of it; `verified` is the verdict on the backup as a whole.
     void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
-                const std::function<void()>& delayed);
+                bool verified, const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
 

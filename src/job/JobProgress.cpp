@@ -18,11 +18,26 @@ bool isPostStage(Phase phase) { return phase > Phase::reporting && phase < Phase
 
 std::int64_t readBytes(const JobStatus& status) { return status.copy ? status.copy->readBytes : 0; }
 
-// The bytes by which a destination's share of the phase is told.
+bool readsCopies(const JobStatus& status) { return status.examining || status.phase == Phase::verifying; }
+
+// What each destination moves.
 std::vector<std::int64_t> destBytes(const JobStatus& status) {
-    if (!status.copy)
-        return {};
-    return status.phase == Phase::verifying ? status.copy->verifiedBytes : status.copy->writtenBytes;
+    if (readsCopies(status))
+        return status.verifyDoneByDest;
+    return status.copy ? status.copy->writtenBytes : std::vector<std::int64_t>();
+}
+
+// What each destination has done of its share of the phase, and that share.
+std::vector<std::int64_t> workDone(const JobStatus& status) {
+    if (readsCopies(status))
+        return status.verifyDoneByDest;
+    return status.copy ? status.copy->handledBytes : std::vector<std::int64_t>();
+}
+
+std::vector<std::int64_t> workTotal(const JobStatus& status) {
+    if (readsCopies(status))
+        return status.verifyTotalByDest;
+    return status.copy ? status.copy->bytesToWrite : std::vector<std::int64_t>();
 }
 
 double smoothed(double rate, std::int64_t bytes, std::int64_t before, double dt) {
@@ -38,19 +53,10 @@ void smoothAll(std::vector<double>& rates, const std::vector<std::int64_t>& byte
     before = bytes;
 }
 
-// Collects the time left of parts that work beside each other: the last one to finish decides.
-class Slowest {
-public:
-    void add(std::int64_t total, std::int64_t done, double rate) {
-        if (rate > 0)
-            seconds_ =
-                std::max(seconds_.value_or(0), static_cast<double>(std::max<std::int64_t>(0, total - done)) / rate);
-    }
-    std::optional<double> seconds() const { return seconds_; }
-
-private:
-    std::optional<double> seconds_;
-};
+// Of parts that work beside each other the last one to finish decides.
+std::optional<double> later(std::optional<double> a, std::optional<double> b) {
+    return a && b ? std::max(a, b) : a ? a : b;
+}
 
 } // namespace
 
@@ -58,7 +64,7 @@ JobProgress::JobProgress(double now) : started_(now), lastTime_(now) {}
 
 void JobProgress::update(const JobStatus& status, double now) {
     status_ = status;
-    if (status.phase != lastPhase_)
+    if (status.phase != lastPhase_ || status.examining != lastExamining_)
         startPhase(now);
     if (const double dt = now - lastTime_; dt > shortestStep)
         moveRates(now, dt);
@@ -70,7 +76,10 @@ void JobProgress::startPhase(double now) {
     lastPhase_ = status_.phase;
     lastTime_ = now;
     lastBytes_ = readBytes(status_);
+    lastExamining_ = status_.examining;
     lastDest_ = destBytes(status_);
+    lastWork_ = workDone(status_);
+    workRates_.assign(lastWork_.size(), 0);
     readRate_ = 0;
     destRates_.assign(lastDest_.size(), 0);
     brake_.reset();
@@ -79,16 +88,21 @@ void JobProgress::startPhase(double now) {
 }
 
 void JobProgress::moveRates(double now, double dt) {
+    lastTime_ = now;
+    if (status_.pauseHeld)
+        return; // standing still says nothing of the disks
     readRate_ = smoothed(readRate_, readBytes(status_), lastBytes_, dt);
     lastBytes_ = readBytes(status_);
     smoothAll(destRates_, destBytes(status_), lastDest_, dt);
-    lastTime_ = now;
+    smoothAll(workRates_, workDone(status_), lastWork_, dt);
     if (brakes_ && status_.phase == Phase::copying && status_.copy)
         brake_ = brakes_->add(now - started_, status_.copy->readBytes, status_.copy->writtenBytes);
 }
 
 void JobProgress::updateVerifyRates(const JobStatus& status, double now) {
-    if (!lastVerifyTime_ || lastVerify_.size() != status.verifyDoneByDest.size()) {
+    const bool isAnother = !std::ranges::equal(lastVerify_, status.verifyDoneByDest, std::ranges::less_equal()) ||
+                           lastVerify_.size() != status.verifyDoneByDest.size();
+    if (!lastVerifyTime_ || isAnother) {
         lastVerifyTime_ = now;
         lastVerify_ = status.verifyDoneByDest;
         verifyRates_.assign(lastVerify_.size(), 0);
@@ -108,44 +122,92 @@ void JobProgress::followStage2(double now) {
 std::optional<double> JobProgress::estimate(double now) const {
     if (!JobWords::isRunning(status_))
         return std::nullopt;
-    return isPostStage(status_.phase) ? postEta(now) : copyEta();
+    return isPostStage(status_.phase) ? postEta(now) : workEta();
 }
 
-std::optional<double> JobProgress::copyEta() const {
-    if (!status_.copy)
+std::optional<double> JobProgress::Work::share() const {
+    if (total <= 0)
         return std::nullopt;
-    Slowest slowest;
-    if (status_.phase != Phase::verifying)
-        slowest.add(status_.copy->totalBytes, status_.copy->readBytes, readRate_);
-    const std::vector<std::int64_t> done = destBytes(status_);
-    for (std::size_t i = 0; i < done.size() && i < destRates_.size(); ++i)
-        slowest.add(status_.copy->totalBytes, done[i], destRates_[i]);
-    return slowest.seconds();
+    return std::clamp(static_cast<double>(done) / static_cast<double>(total), 0.0, 1.0);
+}
+
+std::optional<double> JobProgress::Work::secondsLeft() const {
+    constexpr double standsStill = 1; // byte a second: a smoothed rate never gets down to nothing
+    if (total > 0 && done >= total)
+        return 0;
+    if (total <= 0 || rate < standsStill)
+        return std::nullopt;
+    return static_cast<double>(total - done) / rate;
+}
+
+std::vector<JobProgress::Work> JobProgress::destWork() const {
+    const std::vector<std::int64_t> done = workDone(status_);
+    const std::vector<std::int64_t> total = workTotal(status_);
+    std::vector<Work> work;
+    for (std::size_t i = 0; i < std::min({done.size(), total.size(), workRates_.size()}); ++i)
+        work.push_back({done[i], total[i], workRates_[i]});
+    return work;
+}
+
+// Nothing while the card is not what is read.
+JobProgress::Work JobProgress::readerWork() const {
+    if (!status_.copy || readsCopies(status_) || isPostStage(status_.phase))
+        return {};
+    return {status_.copy->readBytes, status_.copy->totalBytes, readRate_};
+}
+
+std::optional<double> JobProgress::workEta() const {
+    std::optional<double> seconds = readerWork().secondsLeft();
+    for (const Work& each : destWork())
+        seconds = later(seconds, each.secondsLeft());
+    return seconds;
+}
+
+std::optional<double> JobProgress::share() const {
+    std::optional<double> least = readerWork().share();
+    for (const auto& each : destShares())
+        least = least && each ? std::min(least, each) : least ? least : each;
+    return least;
+}
+
+std::vector<std::optional<double>> JobProgress::destShares() const {
+    std::vector<std::optional<double>> shares;
+    for (const Work& each : destWork())
+        shares.push_back(each.share());
+    return shares;
+}
+
+std::vector<std::optional<double>> JobProgress::destEtas() const {
+    std::vector<std::optional<double>> etas;
+    for (const Work& each : destWork())
+        etas.push_back(each.secondsLeft());
+    return etas;
 }
 
 std::optional<double> JobProgress::postEta(double now) const {
-    Slowest slowest;
+    std::optional<double> verifying;
     const std::size_t disks = std::min(status_.verifyTotalByDest.size(), verifyRates_.size());
     for (std::size_t i = 0; i < disks && i < status_.verifyDoneByDest.size(); ++i)
-        slowest.add(status_.verifyTotalByDest[i], status_.verifyDoneByDest[i], verifyRates_[i]);
+        verifying = later(
+            verifying, Work{status_.verifyDoneByDest[i], status_.verifyTotalByDest[i], verifyRates_[i]}.secondsLeft());
     if (status_.phase == Phase::finishingVerification || status_.clipCount < 1 || !stage2Began_)
-        return slowest.seconds();
+        return verifying;
     // Clips differ in length, so their number is a rough measure; it gets better as the stage goes on.
     const double elapsed = now - stage2Began_->began - (status_.pausedTotal - stage2Began_->pausedBefore);
     const double clips = static_cast<double>(std::max<std::int64_t>(0, status_.clipIndex - 1)) + status_.clipFraction;
     const double share = std::clamp(clips / static_cast<double>(status_.clipCount), 0.0, 1.0);
     if (share <= 0 || elapsed <= 0)
-        return slowest.seconds();
-    return std::max(slowest.seconds().value_or(0), elapsed * (1 - share) / share);
+        return verifying;
+    return std::max(verifying.value_or(0), elapsed * (1 - share) / share);
 }
 
 std::string JobProgress::detailText() const {
     std::vector<std::string> parts;
     if (isPostStage(status_.phase) && status_.clipCount > 0)
         parts.push_back("Proxy " + std::to_string(status_.clipIndex) + "/" + std::to_string(status_.clipCount));
-    else if (status_.phase == Phase::copying && readRate_ > 0)
+    else if (status_.phase == Phase::copying && !status_.examining && readRate_ > 0)
         parts.push_back("Card " + JobWords::rateText(readRate_));
-    else if (status_.phase == Phase::verifying && !destRates_.empty())
+    else if (readsCopies(status_) && !destRates_.empty())
         parts.push_back(JobWords::rateText(std::ranges::min(destRates_)));
     if (eta_)
         parts.push_back(JobWords::etaText(*eta_) + " left");

@@ -20,12 +20,17 @@ public:
     void attachBrakeMeter(BrakeMeter meter) { brakes_ = std::move(meter); }
     // Two calls within 0.2 seconds leave the rates as they are, so that a fast poll does not make them jump.
     void update(const JobStatus& status, double now);
-    // The rates of the verification beside the render, on a clock of their own.
+    // The rates at which the copies are read, on a clock of their own: the verification may run beside the render.
     void updateVerifyRates(const JobStatus& status, double now);
 
     const JobStatus& status() const noexcept { return status_; }
     double started() const noexcept { return started_; }
     double readRate() const noexcept { return readRate_; }
+    // How much of the phase is done, 0 … 1: the part that is furthest behind decides. None where nobody can tell.
+    std::optional<double> share() const;
+    // The same and the time left, for each destination. What a disk that ran full will not take is not left to do.
+    std::vector<std::optional<double>> destShares() const;
+    std::vector<std::optional<double>> destEtas() const;
     // What each destination takes in, or gives while it is read back.
     const std::vector<double>& destRates() const noexcept { return destRates_; }
     const std::vector<double>& verifyRates() const noexcept { return verifyRates_; }
@@ -42,11 +47,21 @@ private:
         double began;
         double pausedBefore;
     };
+    // What one part has to do in the phase, and how fast it comes on.
+    struct Work {
+        std::int64_t done = 0;
+        std::int64_t total = 0;
+        double rate = 0;
+        std::optional<double> share() const;
+        std::optional<double> secondsLeft() const;
+    };
+    std::vector<Work> destWork() const;
+    Work readerWork() const;
     void startPhase(double now);
     void moveRates(double now, double dt);
     void followStage2(double now);
     std::optional<double> estimate(double now) const;
-    std::optional<double> copyEta() const;
+    std::optional<double> workEta() const;
     std::optional<double> postEta(double now) const;
 
     double started_;
@@ -58,6 +73,9 @@ private:
     JobStatus status_;
     double readRate_ = 0;
     std::vector<double> destRates_;
+    std::vector<std::int64_t> lastWork_;
+    std::vector<double> workRates_; // as destRates_, but what is given up counts as done
+    std::optional<std::string> lastExamining_;
     std::vector<double> verifyRates_;
     std::vector<std::int64_t> lastVerify_;
     std::optional<double> lastVerifyTime_;

@@ -38,7 +38,7 @@ struct JobStatus {
     std::int64_t proxiesFailed = 0;
     bool safeToEject = false;
     bool safeToFormat = false;
-    std::optional<std::string> warning;
+    std::vector<std::string> warnings; // each once, in the order in which they came up
     std::optional<bool> copySucceeded; // none until the copy stage has ended
     std::optional<std::string> error;
     std::optional<PreflightCode> errorCode;
@@ -48,11 +48,17 @@ struct JobStatus {
     std::optional<std::string> pauseStep; // what the job finishes before it stands
     double pausedTotal = 0;               // seconds
     bool verifyInProxy = false;
+    // What is read before the copy can begin ("Checking the backup"), with the bytes below; none otherwise.
+    std::optional<std::string> examining;
     std::int64_t verifyDone = 0; // bytes
     std::int64_t verifyTotal = 0;
     std::vector<std::int64_t> verifyDoneByDest;
     std::vector<std::int64_t> verifyTotalByDest;
     std::int64_t contentWarnings = 0;
+
+    void addWarning(const std::string& warning);
+    // All warnings, one a line; none when there is none.
+    std::optional<std::string> warning() const;
 
     bool isFinished() const noexcept { return isFinished(phase); }
     static bool isFinished(Phase phase) noexcept { return phase >= Phase::done; }

@@ -85,7 +85,7 @@ CardTone JobWords::tone(const JobStatus& status) {
     case Phase::done:
         if (status.copySucceeded == false)
             return CardTone::error;
-        return status.safeToFormat && !status.warning ? CardTone::ok : CardTone::warning;
+        return status.safeToFormat && status.warnings.empty() ? CardTone::ok : CardTone::warning;
     case Phase::failed:
         return CardTone::error;
     case Phase::cancelled:

@@ -3,21 +3,24 @@
 #include "base/Errors.h"
 #include "base/Mutex.h"
 #include "engine/OffloadEngine.h"
+#include "job/HistoryKeeper.h"
 #include "job/JobStatus.h"
-#include "memory/BackupCheck.h"
+#include "job/Promises.h"
+#include "memory/AppendPlanner.h"
 #include "records/JobConfig.h"
 #include "records/SourceFile.h"
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace velmora {
 
 class FolderLocks;
+class HeldFolders;
 class PowerInhibitor;
-class HistoryKeeper;
 class HistoryRecorder;
 class RepairWork;
 struct OffloadPlan;
@@ -49,6 +52,17 @@ public:
     // Makes the job a repair of the backup in these card folders. Before `run` only.
     void repairInto(std::vector<std::string> cardPaths);
 
+    // An append that reads every file of the card and holds it against its copies. Before `run` only.
+    void compareCard() { compareCard_ = true; }
+    // The command that does so, for the sentence that asks for it. Before `run` only.
+    void setCompareCommand(std::string command) { compareCommand_ = std::move(command); }
+
+    // What is on the card, listed a moment ago, while `identity` was the card's (CardIdentity::withVolume). The run
+    // plans with it instead of listing the card once more, as long as that card is still there. Before `run` only.
+    void useListing(SourceScan listing, std::string identity);
+
+    // The checks of a copy that need no look at the card's files. Throws OffloadError.
+    static void checkInputs(const JobConfig& config, const OffloadOptions& options);
     // All checks; creates nothing. Throws OffloadError, Cancelled.
     OffloadPlan prepare();
 
@@ -70,31 +84,42 @@ public:
     const OffloadEngine& engine() const noexcept { return engine_; }
 
 private:
+    // What the end of a run has to know of its beginning.
+    struct Conclusion {
+        bool create = false;             // the report of the generation is a new one
+        SourceScan card;                 // as it was planned for
+        bool coversPart = false;         // the promises hold for the whole card, of which the run did a part
+        bool comparesAll = true;         // no file of the card is taken for what it was by its name, size and time
+        std::vector<CardRecord> records; // of the folders, before the run
+        std::vector<BackupPlace> elsewhere;
+    };
+
     void runCopy();
     void runAppend(const std::vector<std::string>& cardPaths);
     void runRepair();
-    void foldersClaimed() EXCLUDES(mutex_);
+    AppendPlanner::Ask ask(const std::vector<std::string>& cardPaths);
+    void settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths);
+    void nothingNew(const AppendPlanner::NothingNew& nothing);
+    void foldersClaimed(const OffloadPlan& plan) EXCLUDES(mutex_);
     void lockFolders(const std::vector<std::string>& cardPaths);
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
-    void openHistory(const Log& log);
-    void recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard);
-    void takeBackStart();
-    void learnRates(const OffloadReport& report);
-    // `wholeCard` after a run that covered a part of the card: the promises hold for the whole card or not at all.
-    // `filesAdded` came onto the card while it was copied.
-    void settle(OffloadReport report, const std::optional<BackupCheck>& wholeCard, std::int64_t filesAdded = 0)
-        EXCLUDES(mutex_);
-    SourceScan scanAgain(const SourceScan& before) const;
-    // Never throws: what keeps it from looking stands in the check. Without `card` the card is scanned.
-    BackupCheck checkWholeCard(const std::vector<std::string>& cardPaths, const SourceScan* card = nullptr) const;
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
     void addSpaceWarning(const std::string& warning) EXCLUDES(mutex_);
-    void setExamining(bool examining) EXCLUDES(mutex_);
-    void nothingNew(const OffloadError& error, const std::vector<std::string>& cardPaths) EXCLUDES(mutex_);
-    void addWarning(const std::string& warning) EXCLUDES(mutex_);
-    void takeBackPromise(OffloadReport& report, const std::optional<BackupCheck>& wholeCard, std::int64_t filesAdded);
-    void rewriteReports(const OffloadReport& report);
+
+    Promises::Evidence gather(const Conclusion& conclusion, const OffloadReport* report);
+    void conclude(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
+    void concludeNothingNew(const std::string& note, Conclusion& conclusion) EXCLUDES(mutex_);
+    void tell(const Promises::Verdict& verdict) EXCLUDES(mutex_);
+    void learnRates(const OffloadReport& report);
+
+    void openHistory(const Log& log);
+    void reopenHistory();
+    void recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard,
+                      const std::vector<SourceFile>& card, const Promises::Verdict& verdict);
+    void takeBackStart();
     void guardHistory(const std::function<void()>& call) const;
+
+    void addWarning(const std::string& warning) EXCLUDES(mutex_);
     void endAs(JobStatus::Phase phase, std::optional<std::string> error = {}, std::optional<PreflightCode> code = {})
         EXCLUDES(mutex_);
     void log(std::string_view line) const EXCLUDES(mutex_);
@@ -103,15 +128,19 @@ private:
     mutable Mutex mutex_;
     JobStatus state_ GUARDED_BY(mutex_);
     std::shared_ptr<const OffloadReport> report_ GUARDED_BY(mutex_);
-    bool examining_ GUARDED_BY(mutex_) = false; // a repair reads the copies
     Log log_ GUARDED_BY(mutex_);
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
     std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
     std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
     std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
-    std::vector<SourceFile> card_;           // what a copy takes in, for the history
+    std::unique_ptr<HeldFolders> held_;      // of the thread that runs; as long as the locks
+    HistoryKeeper::Known known_;             // before the run
+    std::uint64_t sourceDevice_ = 0;         // st_dev of the source when the run began
+    bool compareCard_ = false;
+    std::string compareCommand_;
     OffloadEngine engine_;
+    std::optional<std::pair<SourceScan, std::string>> listing_; // and the identity of its card
 };
 
 } // namespace velmora

@@ -17,6 +17,8 @@ namespace {
 
 constexpr std::int64_t largestFile = 65536;
 
+constexpr double tellingBytes = 64 << 20;
+
 void keepIfPositive(std::optional<double>& rate, double amount, double seconds) {
     if (amount > 0 && seconds > 0)
         rate = amount / seconds;
@@ -33,14 +35,17 @@ bool wasReadBack(const OffloadReport& report) {
 
 } // namespace
 
-void RateMemory::learn(const OffloadReport& report, bool analyze, std::optional<ProxyCodec> proxy,
-                       std::optional<double> stage2, bool cancelled, bool done) {
+void RateMemory::learn(const OffloadReport& report, const ProgressSnapshot& moved, bool analyze,
+                       std::optional<ProxyCodec> proxy, std::optional<double> stage2, bool cancelled, bool done) {
     if (report.isRepair() || report.hasFailedFiles())
         return;
-    const auto bytes = static_cast<double>(report.totalBytes);
-    keepIfPositive(copyRate, bytes, report.copySeconds());
-    if (wasReadBack(report))
-        keepIfPositive(verifyRate, bytes, report.verifySeconds());
+    if (const auto read = static_cast<double>(moved.readBytes); read >= tellingBytes)
+        keepIfPositive(copyRate, read, report.copySeconds());
+    // The disks are read side by side: the one with the most to read is what takes the time.
+    const auto most = std::ranges::max_element(moved.verifiedBytes);
+    const double readBack = most == moved.verifiedBytes.end() ? 0 : static_cast<double>(*most);
+    if (readBack >= tellingBytes && wasReadBack(report))
+        keepIfPositive(verifyRate, readBack, report.verifySeconds());
     std::optional<double> secondsPerSecond;
     if (done && !cancelled)
         keepIfPositive(secondsPerSecond, stage2.value_or(0), clipSeconds(report));

@@ -2,7 +2,13 @@
 
 #include "base/SideBySide.h"
 #include "job/SetAside.h"
+#include "platform/IO.h"
 #include "verify/BackupVerifier.h"
+#include "verify/VerifyReport.h"
+
+#include <memory>
+#include <numeric>
+#include <utility>
 
 namespace velmora {
 
@@ -25,37 +31,70 @@ RepairPlanner::Findings findingsOf(const VerifyResult& result) {
 
 } // namespace
 
-std::vector<RepairPlanner::Findings> RepairWork::examine(const IsCancelled& isCancelled) {
-    {
-        MutexLock lock(mutex_);
-        progress_.assign(cardPaths_.size(), {});
+// What is read now, for as long as the object lives.
+class RepairWork::Step {
+public:
+    Step(RepairWork& work, std::string what, std::size_t parts) : work_(work) {
+        MutexLock lock(work_.mutex_);
+        work_.reading_ = Reading{std::move(what), std::vector<std::int64_t>(parts), std::vector<std::int64_t>(parts)};
     }
+    ~Step() {
+        MutexLock lock(work_.mutex_);
+        work_.reading_.reset();
+    }
+    Step(const Step&) = delete;
+    Step& operator=(const Step&) = delete;
+
+    void set(std::size_t part, std::int64_t done, std::int64_t total) {
+        MutexLock lock(work_.mutex_);
+        work_.reading_->done[part] = done;
+        work_.reading_->total[part] = total;
+    }
+
+private:
+    RepairWork& work_;
+};
+
+std::vector<RepairPlanner::Findings> RepairWork::examine(PauseGate& gate, const IsCancelled& isCancelled) {
+    Step step(*this, "Checking the backup", cardPaths_.size());
+    // All sign on before one begins: the gate must not stand while some have not even started.
+    std::vector<std::unique_ptr<PauseGate::Worker>> workers;
+    for (std::size_t d = 0; d < cardPaths_.size(); ++d)
+        workers.push_back(gate.work());
     return sideBySide(cardPaths_.size(), [&](std::size_t d) {
-        const auto progress = [&](const VerifyProgress& now) {
-            MutexLock lock(mutex_);
-            progress_[d] = {now.bytes, now.totalBytes};
-        };
-        const VerifyResult result = BackupVerifier::verify(cardPaths_[d], chunkSize, progress, isCancelled);
+        const auto progress = [&](const VerifyProgress& now) { step.set(d, now.bytes, now.totalBytes); };
+        const auto mustStop = [&] { return isCancelled() || !workers[d]->waitWhilePaused(isCancelled); };
+        const VerifyResult result = BackupVerifier::verify(cardPaths_[d], chunkSize, progress, mustStop);
+        workers[d]->leave();
         if (result.cancelled)
             throw Cancelled();
+        if (result.folderGone) // what was not read is not known to be good
+            throw OffloadError::failed(VerifyReport::summary(result).text);
         return findingsOf(result);
     });
 }
 
-std::vector<std::int64_t> RepairWork::bytesRead() const {
-    MutexLock lock(mutex_);
-    std::vector<std::int64_t> bytes;
-    for (const Progress& each : progress_)
-        bytes.push_back(each.read);
-    return bytes;
+RepairPlan RepairWork::plan(const AppendPlanner::Ask& ask, const RepairPlanner::Checked& checked,
+                            const std::vector<RepairPlanner::Findings>& findings, PauseGate& gate,
+                            const IsCancelled& isCancelled) {
+    Step step(*this, "Comparing with the card", 1);
+    const auto worker = gate.work();
+    std::int64_t read = 0;
+    const auto progress = [&](std::int64_t bytes) { step.set(0, read += bytes, 0); };
+    const auto mustStop = [&] { return isCancelled() || !worker->waitWhilePaused(isCancelled); };
+    return RepairPlanner::plan(ask, checked, findings, mustStop, progress);
 }
 
-std::vector<std::int64_t> RepairWork::bytesTotal() const {
+bool RepairWork::describe(JobStatus& status) const {
     MutexLock lock(mutex_);
-    std::vector<std::int64_t> bytes;
-    for (const Progress& each : progress_)
-        bytes.push_back(each.total);
-    return bytes;
+    if (!reading_)
+        return false;
+    status.examining = reading_->what;
+    status.verifyDoneByDest = reading_->done;
+    status.verifyTotalByDest = reading_->total;
+    status.verifyDone = std::reduce(reading_->done.begin(), reading_->done.end());
+    status.verifyTotal = std::reduce(reading_->total.begin(), reading_->total.end());
+    return true;
 }
 
 OffloadEngine::BeforeRename RepairWork::mover(const RepairPlan& plan) {

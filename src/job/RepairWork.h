@@ -2,10 +2,13 @@
 
 #include "base/Errors.h"
 #include "base/Mutex.h"
+#include "base/PauseGate.h"
 #include "engine/OffloadEngine.h"
+#include "job/JobStatus.h"
 #include "memory/RepairPlanner.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,23 +28,29 @@ public:
     const std::vector<std::string>& cardPaths() const noexcept { return cardPaths_; }
 
     // Checks every folder against its records, all at once, a thread a folder. Throws the first failure, and Cancelled.
-    std::vector<RepairPlanner::Findings> examine(const IsCancelled& isCancelled);
-    // Bytes read and to be read by `examine`, per folder. Any thread.
-    std::vector<std::int64_t> bytesRead() const;
-    std::vector<std::int64_t> bytesTotal() const;
+    // A pause takes effect between two pieces of a file.
+    std::vector<RepairPlanner::Findings> examine(PauseGate& gate, const IsCancelled& isCancelled);
+    // Holds what is bad against the card, and plans. Pauses and throws likewise, and what RepairPlanner::plan throws.
+    RepairPlan plan(const AppendPlanner::Ask& ask, const RepairPlanner::Checked& checked,
+                    const std::vector<RepairPlanner::Findings>& findings, PauseGate& gate,
+                    const IsCancelled& isCancelled);
+    // What of it is being read, and how far. False when nothing is. Any thread.
+    bool describe(JobStatus& status) const;
 
     // The hook of the engine that moves a defective copy aside. `plan` must outlive the run.
     OffloadEngine::BeforeRename mover(const RepairPlan& plan);
 
 private:
-    struct Progress {
-        std::int64_t read = 0;
-        std::int64_t total = 0;
+    struct Reading {
+        std::string what;
+        std::vector<std::int64_t> done;
+        std::vector<std::int64_t> total; // 0: not known
     };
+    class Step;
 
     const std::vector<std::string> cardPaths_;
     mutable Mutex mutex_;
-    std::vector<Progress> progress_ GUARDED_BY(mutex_);
+    std::optional<Reading> reading_ GUARDED_BY(mutex_);
 };
 
 } // namespace velmora

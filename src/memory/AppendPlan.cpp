@@ -28,9 +28,9 @@ OffloadPlan AppendPlan::toPlan() const {
     plan.fixedCardPaths = cardPaths;
     plan.resuming = resuming;
     plan.flushFileTaken = flushFileTaken;
-    plan.write = write;
-    plan.known = known;
-    plan.resume = resume;
+    plan.tasks = tasks;
+    plan.sourceMedium = sourceMedium;
+    plan.elsewhere = elsewhere;
     return plan;
 }
 

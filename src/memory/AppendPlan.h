@@ -1,7 +1,8 @@
 #pragma once
 
-#include "records/ManifestRecord.h"
+#include "memory/CardRecord.h"
 #include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
 #include "records/SourceFile.h"
 
 #include <cstdint>
@@ -11,7 +12,7 @@
 
 namespace velmora {
 
-// What an append, or the finishing of an interrupted run, will do. The lists "per file" run parallel to `newFiles`.
+// What an append, or the finishing of an interrupted run, will do.
 struct AppendPlan {
     std::string source;
     std::vector<std::string> cardPaths;
@@ -28,9 +29,14 @@ struct AppendPlan {
     bool resuming = false;
     bool flushFileTaken = false;
     std::int64_t later = 0; // files that the interrupted generation cannot take in any more: left for the next append
-    std::optional<std::vector<std::vector<bool>>> write;
-    std::optional<std::vector<std::optional<ManifestRecord>>> known;
-    std::optional<std::vector<std::optional<PartCheckpoint>>> resume;
+    std::vector<FileTask> tasks; // parallel to newFiles, or empty
+    std::optional<CardKey> sourceMedium;
+    bool sameMedium = false;            // the card is the very medium of the earlier runs, by its serial and size
+    std::vector<BackupPlace> elsewhere; // folders of the backup that were not named
+    std::vector<CardRecord> records;    // of the named folders, without the generation that is being finished
+    // An interrupted run has done all but its last records: they are to be committed as they are, and then the backup
+    // is to be planned anew. Nothing else of the plan is filled in.
+    std::optional<OffloadReport> settle;
 
     std::int64_t newBytes() const;
     OffloadPlan toPlan() const;

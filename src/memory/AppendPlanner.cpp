@@ -11,16 +11,15 @@
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/BackupFolder.h"
+#include "memory/BackupPlaces.h"
 #include "memory/CaseTwins.h"
 #include "memory/HistoryText.h"
 #include "memory/ResumePlanner.h"
-#include "mhl/MHLReader.h"
-#include "platform/IO.h"
-#include "platform/VolumeFacts.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -37,98 +36,19 @@ void stopIf(const IsCancelled& isCancelled) {
         throw Cancelled();
 }
 
-// "<root>/<date>/<card>" in its three pieces.
-struct CardFolder {
-    std::string root;
-    std::string date;
-    std::string card;
-};
-
-std::optional<CardFolder> split(const std::string& path) {
-    const std::string dated(RelativePath::folder(path));
-    CardFolder folder{std::string(RelativePath::folder(dated)), std::string(RelativePath::name(dated)),
-                      std::string(RelativePath::name(path))};
-    if (folder.date.empty() || folder.card.empty())
-        return std::nullopt;
-    if (folder.root.empty())
-        folder.root = path.starts_with('/') ? "/" : ".";
-    return folder;
-}
-
-void requireFolder(const std::string& path) {
-    if (!IO::isFolder(path))
-        throw refuse(
-            PreflightCode::appendUnavailable,
-            fmt::format("The earlier backup is not available: {} — connect the drive, or make a full copy.", path));
-}
-
-CardRecord loadRecord(const std::string& path, std::optional<std::int64_t> unfinished) {
-    requireFolder(path);
-    CardRecord record = CardRecord::load(path, unfinished ? std::optional(*unfinished - 1) : std::nullopt);
-    if (record.reportMissing)
-        throw refuse(
-            PreflightCode::appendNoReport,
-            fmt::format("{} has no report of the earlier backup (_REPORT/offload_report.json) — cannot append.", path));
-    if (record.error || !record.problems.empty())
-        throw refuse(PreflightCode::other,
-                     fmt::format("Cannot read the report of the earlier backup in {} ({}) — cannot "
-                                 "append.",
-                                 path, record.error ? *record.error : record.problems.front()));
-    return record;
-}
-
-// The last generation of the chain, not counting the one in progress.
-std::int64_t lastMhlGeneration(const std::string& path, std::optional<std::int64_t> unfinished) {
-    const auto damaged = [&] {
-        return refuse(
-            PreflightCode::appendMhlDamaged,
-            fmt::format("The ASC MHL history in {} is damaged — check it with {}; cannot append.", path, verifyHint));
-    };
-    MHLHistory history;
-    try {
-        history = MHLReader::read(path);
-    } catch (const MHLFormatError&) {
-        throw damaged();
-    }
-    // Generation 1 itself may have died before its chain.
-    const bool firstIsOpen = unfinished == 1;
-    if (!history.chainRead && !firstIsOpen && !history.exists)
-        throw refuse(PreflightCode::appendNoMhl,
-                     fmt::format("{} has no ASC MHL (ascmhl/ascmhl_chain.xml) — cannot append.", path));
-    const auto& problems = unfinished ? history.problemsBeside(*unfinished) : history.chainProblems;
-    if (!problems.empty() || !history.refusedPaths.empty())
-        throw damaged();
-    std::int64_t last = history.lastChained();
-    if (unfinished && last == *unfinished)
-        --last;
-    return last;
-}
-
-std::int64_t lastReport(const CardRecord& record, std::optional<std::int64_t> unfinished) {
-    std::int64_t last = record.highestReportNumber;
-    if (unfinished && last == *unfinished)
-        last = record.generations.empty() ? 0 : record.generations.back().generation;
-    return last;
-}
-
-std::string generationList(const std::vector<std::string>& paths, const std::vector<std::int64_t>& generations) {
-    std::vector<std::string> parts;
-    for (std::size_t d = 0; d < paths.size(); ++d)
-        parts.push_back(fmt::format("{} has {} MHL {}", disk(paths[d]), generations[d],
-                                    plural(generations[d], "generation", "generations")));
-    return join(parts, ", ");
-}
-
 // One run of the planner: what it has read, and what it finds.
 class Planning {
 public:
-    Planning(const std::string& source, Backup backup, std::optional<Unfinished> unfinished, bool localTime,
-             std::int64_t blockSize, const IsCancelled& isCancelled)
-        : backup_(std::move(backup)), unfinished_(std::move(unfinished)), localTime_(localTime), blockSize_(blockSize),
-          isCancelled_(isCancelled), card_(Scanner::scan(source, isCancelled)), twins_(card_.files) {
+    Planning(const Ask& ask, Backup backup, const ResumePlanner::Findings& found, bool localTime,
+             const IsCancelled& isCancelled)
+        : ask_(ask), backup_(std::move(backup)), unfinished_(found.unfinished), localTime_(localTime),
+          isCancelled_(isCancelled), card_(Scanner::scan(ask.source, isCancelled)), twins_(card_.files) {
         folders_ = sideBySide(backup_.paths.size(),
                               [&](std::size_t d) { return BackupFolder(backup_.paths[d], isCancelled); });
-        plan_.source = source;
+        plan_.source = ask.source;
+        plan_.sourceMedium = ask.medium;
+        plan_.sameMedium = sameMedium(backup_.records, found, ask.medium, ask.mediumInHistory);
+        plan_.elsewhere = elsewhere(backup_.records, found, ask.pastRuns);
     }
 
     AppendPlan run() {
@@ -182,39 +102,50 @@ private:
         const bool exactly = twins_.contains(file.relPath);
         std::vector<bool> lacks(folders_.size(), false);
         const RecordedFile* holder = nullptr;
-        bool unverified = false;
+        bool recorded = false;
+        bool unproved = false;
         bool differs = false;
         for (std::size_t d = 0; d < folders_.size(); ++d) {
             const RecordedFile* found = backup_.records[d].find(file.relPath, exactly);
-            if (!found) {
+            recorded = recorded || found;
+            if (!found || neverCame(*found, d)) {
                 lacks[d] = true;
                 continue;
             }
             holder = found;
-            const RecordedFile& record = *found;
-            const auto& entry = *record.file;
+            const auto& entry = *found->file;
             if (entry.size != file.size || !FileTimes::close(entry.modified, file.mtime, localTime_)) {
                 if (!std::exchange(differs, true))
                     conflicts_.push_back(conflict(file, entry.size, entry.modified));
                 continue;
             }
-            unverified = checkCopy(file, record, d) || unverified;
+            unproved = checkCopy(file, *found, d) || unproved;
         }
+        recordedOnCard_ += recorded ? 1 : 0;
         if (!holder) {
             lookAtNew(file);
             return;
         }
-        ++recordedOnCard_;
-        plan_.unverifiedEarlier += unverified ? 1 : 0;
+        if (differs)
+            return;
         // Disks that were appended to one by one may stand at the same generation and yet not hold the same files. What
         // a dead run had begun to bring in step belongs to its generation, also on the disk that has it.
         const bool begun = unfinished_ && unfinished_->mentions(file.relPath);
-        if (!differs && (begun || std::ranges::find(lacks, true) != lacks.end()))
+        const bool proves = ask_.verify && (unproved || ask_.compareCard);
+        if (begun || proves || std::ranges::find(lacks, true) != lacks.end())
             bringTo(file, lacks, *holder->file);
+        else
+            plan_.unverifiedEarlier += unproved ? 1 : 0;
     }
 
-    // A file that some disks of the backup hold and others lack: it is copied to those that lack it, and must be what
-    // the record says.
+    // The run that records the file never got it from the card, or never got to it: cancelled, or the card was gone.
+    bool neverCame(const RecordedFile& recorded, std::size_t d) const {
+        const auto& file = *recorded.file;
+        return (file.sourceError && !file.xxh64) || backup_.records[d].statusOf(recorded, d) == "pending";
+    }
+
+    // A file that some disks of the backup hold and others lack, or that was never proved: it is copied to those that
+    // lack it, must be what the record says, and is read back everywhere.
     void bringTo(const SourceFile& file, const std::vector<bool>& lacks, const OffloadReport::FileEntry& entry) {
         const std::size_t before = plan_.newFiles.size();
         lookAtNew(file);
@@ -228,10 +159,9 @@ private:
         partly_.emplace(before, std::pair(lacks, std::move(known)));
     }
 
-    // True when the recorded copy on disk `d` was never verified.
+    // True when nothing has proved that the copy on disk `d` is what the record says.
     bool checkCopy(const SourceFile& file, const RecordedFile& record, std::size_t d) {
-        const std::size_t at = backup_.records[d].columnOrPlace(*record.report, d);
-        const std::string status = at < record.file->destinations.size() ? record.file->destinations[at] : "";
+        const std::string_view status = backup_.records[d].statusOf(record, d);
         if (status != "written" && status != "verified")
             throw refuse(PreflightCode::appendFailedFile,
                          fmt::format("{} was not copied correctly to {} in the earlier backup — cannot append, make a "
@@ -242,7 +172,9 @@ private:
             throw refuse(PreflightCode::appendMissingFile,
                          fmt::format("A file of the earlier backup is missing on {}: {} — check the backup with {}.",
                                      disk(backup_.paths[d]), file.relPath, verifyHint));
-        return status != "verified";
+        // Every copy has the time of the card's file: one that has another was touched since.
+        return status != "verified" || record.report->verifyIncomplete.value_or(false) ||
+               !FileTimes::close(present->mtime, record.file->modified, localTime_);
     }
 
     void lookAtNew(const SourceFile& file) {
@@ -266,34 +198,40 @@ private:
     }
 
     // What the dead run holds complete, the card must still have: a generation without it would leave copies on the
-    // disks that no record names. A report that is on a disk already must not lose a file either; what the card could
-    // not give then is excused.
+    // disks that no record names. That is so also where the last line of a file was still waiting for a flush. A report
+    // that is on a disk already must not lose a file either; what the card could not give then is excused. A file that
+    // no disk got whole is named in the record: it was on the card, and nobody has it.
     void requireHeldFiles() {
         if (!unfinished_)
             return;
         std::map<std::string, std::string> missing; // by path key
-        const auto need = [&](const std::string& path, std::size_t d) {
+        std::map<std::string, PartCheckpoint> gone;
+        const auto isWanted = [&](const std::string& path, std::size_t d) {
             const std::string key = pathKey(path);
-            if (!cardNames_.contains(key) && !backup_.records[d].files.contains(key))
-                missing.emplace(key, path);
+            return !cardNames_.contains(key) && !backup_.records[d].files.contains(key);
         };
         for (std::size_t d = 0; d < folders_.size(); ++d) {
             for (const auto& [key, record] : unfinished_->files[d])
-                need(record.path, d);
-            // A generation of nothing at all would be a record that no later run can read.
-            if (plan_.newFiles.empty())
-                for (const auto& [key, part] : unfinished_->parts[d])
-                    need(part.path, d);
+                if (isWanted(record.path, d))
+                    missing.emplace(key, record.path);
+            for (const auto& [key, part] : unfinished_->parts[d])
+                if (isWanted(part.path, d)) {
+                    if (folders_[d].file(part.path))
+                        missing.emplace(key, part.path);
+                    else
+                        gone.emplace(key, part);
+                }
             if (unfinished_->report)
                 for (const auto& file : unfinished_->report->files)
-                    if (!file.sourceError)
-                        need(file.path, d);
+                    if (!file.sourceError && isWanted(file.path, d))
+                        missing.emplace(pathKey(file.path), file.path);
         }
         for (const auto& [key, path] : missing)
             conflicts_.push_back(Msg::repairNotOnCard(path));
-        if (conflicts_.empty() && plan_.newFiles.empty() && card_.uncopied.empty())
-            for (const std::string& key : unfinished_->mentioned())
-                conflicts_.push_back(Msg::repairNotOnCard(key));
+        for (const auto& [key, part] : gone)
+            if (!missing.contains(key))
+                card_.uncopied.push_back({part.path, escapeForDisplay(part.path), part.size, part.modified, false,
+                                          "it was on the card when the backup began, and is gone"});
     }
 
     // Files on the disks that neither a report nor the interrupted run accounts for.
@@ -315,7 +253,7 @@ private:
                 // of the file here.
                 if (unfinished_ && unfinished_->mentions(present.relPath))
                     continue;
-                if (present.relPath == DeviceFlush::flushFileName)
+                if (DeviceFlush::isLeftover(present.relPath, present.size))
                     continue; // of a run that died while it flushed the disk
                 // Renamed, but its line was still waiting for the device flush: whole only by luck, so it is written
                 // anew and the copy of the dead run gives way. What does not look like the card's file is somebody
@@ -340,44 +278,57 @@ private:
             const SourceFile* present = folders_[d].file(file.relPath, twins_.contains(file.relPath));
             return present ? std::optional(present->size) : std::nullopt;
         };
-        auto decision = ResumePlanner::decide(*unfinished_, plan_.newFiles, sizeOnDisk, localTime_, blockSize_);
-        plan_.write = std::move(decision.write);
-        plan_.known = std::move(decision.known);
-        plan_.resume = std::move(decision.resume);
+        plan_.tasks = ResumePlanner::decide(*unfinished_, plan_.newFiles, sizeOnDisk, localTime_, ask_.blockSize);
         plan_.resuming = true;
+        if (plan_.sameMedium)
+            return;
+        // It may be another card with the same names, sizes and times: what the disks hold is compared with this one,
+        // so no file is a mixture of two. Without its blocks a record asks for that.
+        for (FileTask& task : plan_.tasks) {
+            task.resume.reset();
+            if (task.known) {
+                task.known->blocks.clear();
+                task.known->blockSize = 0;
+            }
+        }
     }
 
     // What a disk holds by its record is not written there again; the resume has judged by the manifests alone.
     void decidePartly() {
-        if (!plan_.write) {
-            plan_.write.emplace(plan_.newFiles.size(), std::vector<bool>(folders_.size(), true));
-            plan_.known.emplace(plan_.newFiles.size());
+        if (plan_.tasks.empty()) {
+            FileTask everywhere;
+            everywhere.write.assign(folders_.size(), true);
+            plan_.tasks.assign(plan_.newFiles.size(), everywhere);
         }
         for (const auto& [file, partly] : partly_) {
-            std::vector<bool>& write = (*plan_.write)[file];
-            for (std::size_t d = 0; d < write.size(); ++d)
-                write[d] = write[d] && partly.first[d];
-            if (auto& known = (*plan_.known)[file]; !known)
-                known = partly.second;
+            FileTask& task = plan_.tasks[file];
+            for (std::size_t d = 0; d < task.write.size(); ++d)
+                task.write[d] = task.write[d] && partly.first[d];
+            if (!task.known)
+                task.known = partly.second;
         }
     }
 
     AppendPlan finish() {
-        if (unfinished_)
+        const bool nothingToDo = plan_.newFiles.empty() && !(unfinished_ && unfinished_->holdsAnything());
+        if (unfinished_ && !nothingToDo)
             decideResume();
         if (!partly_.empty())
             decidePartly();
         plan_.flushFileTaken = names_.contains(std::string(DeviceFlush::flushFileName));
-        if (plan_.newFiles.empty() && !plan_.resuming) {
-            if (!card_.uncopied.empty())
-                throw refuse(
-                    PreflightCode::other,
-                    fmt::format("Nothing new that can be copied — but the card has {} that no backup can hold, "
-                                "for example {}. Do not format the card.",
-                                counted(static_cast<std::int64_t>(card_.uncopied.size()), "name", "names"),
-                                card_.uncopied.front().shown));
-            throw refuse(PreflightCode::nothingNew, "Nothing new — the backup is complete.");
-        }
+        describe();
+        if (!nothingToDo)
+            return std::move(plan_);
+        if (!card_.uncopied.empty())
+            throw refuse(PreflightCode::other,
+                         fmt::format("Nothing new that can be copied — but the card has {} that no backup can hold, "
+                                     "for example {}. Do not format the card.",
+                                     counted(static_cast<std::int64_t>(card_.uncopied.size()), "name", "names"),
+                                     card_.uncopied.front().shown));
+        throw NothingNew(std::move(plan_));
+    }
+
+    void describe() {
         for (const std::string& dir : card_.dirs)
             if (!std::all_of(folders_.begin(), folders_.end(), [&](const auto& f) { return f.hasFolder(dir); }))
                 plan_.newDirs.push_back(dir);
@@ -394,14 +345,14 @@ private:
             plan_.project = unfinished_->report->project;
             plan_.hashAlgorithms = unfinished_->report->algorithms();
         }
-        plan_.fullScan = std::move(card_);
-        return std::move(plan_);
+        plan_.fullScan = card_;
+        plan_.records = std::move(backup_.records);
     }
 
+    const Ask& ask_;
     Backup backup_;
-    std::optional<Unfinished> unfinished_;
+    const std::optional<Unfinished>& unfinished_;
     const bool localTime_;
-    const std::int64_t blockSize_;
     const IsCancelled& isCancelled_;
     SourceScan card_;
     const CaseTwins twins_;
@@ -419,12 +370,11 @@ private:
 } // namespace
 
 std::string disk(const std::string& path) {
-    const std::string named =
-        HistoryText::diskName(VolumeFacts::isUserVolumePath(path) ? Volumes::volumeRoot(path) : path);
-    if (named != path)
-        return named;
-    const auto folder = split(path);
-    return folder ? folder->root : path;
+    // A disk that is away has left the path on the system's own, which is not the one that is meant.
+    if (const std::string volume = Volumes::volumeRoot(path); volume != "/")
+        return HistoryText::diskName(volume);
+    const std::string_view root = RelativePath::folder(RelativePath::folder(path));
+    return HistoryText::diskName(!root.empty() ? std::string(root) : path.starts_with('/') ? "/" : ".");
 }
 
 std::string when(Timestamp date) { return TimeText::local(date, "%m-%d %H:%M"); }
@@ -442,96 +392,24 @@ OffloadError stopped(const std::vector<std::string>& lines, const std::string& f
                               n, plural(n, "file", "files"), plural(n, "does", "do"), join(lines, "\n  "), folder));
 }
 
-std::optional<Unfinished> findUnfinished(const std::vector<std::string>& paths) {
-    try {
-        return ResumePlanner::find(paths);
-    } catch (const OffloadError&) {
-        for (const std::string& path : paths)
-            requireFolder(path); // a disk that is not there is behind all others, and that is what to say of it
-        throw;
-    }
-}
+NothingNew::NothingNew(AppendPlan plan)
+    : OffloadError(OffloadError::preflight(PreflightCode::nothingNew, "Nothing new — the backup is complete.")),
+      plan_(std::make_shared<const AppendPlan>(std::move(plan))) {}
 
-bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records) {
-    if (unfinished.report)
-        return unfinished.report->isRepair();
-    bool any = false;
-    for (std::size_t d = 0; d < records.size(); ++d) {
-        const auto isKnown = [&](const auto& line) {
-            any = true;
-            return records[d].files.contains(line.first);
-        };
-        if (!std::ranges::all_of(unfinished.files[d], isKnown) || !std::ranges::all_of(unfinished.parts[d], isKnown))
-            return false;
+AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled) {
+    const ResumePlanner::Findings found = lookAt(ask.cardPaths);
+    const auto& unfinished = found.unfinished;
+    Backup backup = checkBackup(ask.cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt);
+    if (auto report = settleable(unfinished, backup.paths)) {
+        AppendPlan plan;
+        plan.cardPaths = backup.paths;
+        plan.settle = std::move(report);
+        return plan;
     }
-    return any;
-}
-
-Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration) {
-    if (paths.empty())
-        throw refuse(PreflightCode::noDestination, "No destination selected.");
-    Backup backup;
-    for (const std::string& given : paths) {
-        const std::string path = RelativePath::withoutTrailingSlash(given);
-        const auto folder = split(path);
-        if (!folder)
-            throw refuse(
-                PreflightCode::other,
-                fmt::format("{} is not a card folder of a backup (<destination>/<date>/<card>) — cannot append.",
-                            given));
-        backup.paths.push_back(path);
-        backup.roots.push_back(folder->root);
-        backup.date = folder->date;
-        backup.cardName = folder->card;
-    }
-    std::vector<std::string> tails;
-    for (const std::string& path : backup.paths) {
-        const auto folder = split(path);
-        tails.push_back(folder->date + "/" + folder->card);
-    }
-    if (std::adjacent_find(tails.begin(), tails.end(), std::not_equal_to<>()) != tails.end())
-        throw refuse(PreflightCode::other,
-                     fmt::format("The folders of the earlier backup have different names ({}) — can append only into "
-                                 "folders with the same date and card name.",
-                                 join(tails, ", ")));
-    auto loaded = sideBySide(backup.paths.size(), [&](std::size_t d) {
-        CardRecord record = loadRecord(backup.paths[d], unfinishedGeneration);
-        const std::int64_t generation = lastMhlGeneration(backup.paths[d], unfinishedGeneration);
-        const std::int64_t report = lastReport(record, unfinishedGeneration);
-        if (report != generation)
-            throw refuse(
-                PreflightCode::other,
-                fmt::format("The reports in {} do not match the ASC MHL (the last report is generation {}, the "
-                            "last MHL generation {}) — an earlier append did not finish. Check the backup with "
-                            "{} and fix the folder by hand; cannot append.",
-                            backup.paths[d], report, generation, verifyHint));
-        return std::pair(std::move(record), generation);
-    });
-    std::vector<std::int64_t> generations;
-    for (auto& [record, generation] : loaded) {
-        backup.records.push_back(std::move(record));
-        generations.push_back(generation);
-    }
-    if (std::adjacent_find(generations.begin(), generations.end(), std::not_equal_to<>()) != generations.end())
-        throw refuse(PreflightCode::appendDiverged,
-                     fmt::format("The backups on the destinations differ ({}) — check them with {}; cannot append.",
-                                 generationList(backup.paths, generations), verifyHint));
-    backup.nextGeneration = unfinishedGeneration.value_or(generations.front() + 1);
-    if (unfinishedGeneration && generations.front() != *unfinishedGeneration - 1)
-        throw refuse(PreflightCode::appendDiverged,
-                     VIPMsg::resumeDiverged(disk(backup.paths.front()), *unfinishedGeneration));
-    return backup;
-}
-
-AppendPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
-                const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
-                std::int64_t blockSize, const IsCancelled& isCancelled) {
-    std::optional<Unfinished> unfinished = findUnfinished(cardPaths);
-    Backup backup = checkBackup(cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt);
-    bool localTime = FileTimes::storesLocalTime(sourceFilesystem);
-    for (const std::string& type : destFilesystems)
+    bool localTime = FileTimes::storesLocalTime(ask.sourceFilesystem);
+    for (const std::string& type : ask.destFilesystems)
         localTime = localTime || FileTimes::storesLocalTime(type);
-    return Planning(source, std::move(backup), std::move(unfinished), localTime, blockSize, isCancelled).run();
+    return Planning(ask, std::move(backup), found, localTime, isCancelled).run();
 }
 
 } // namespace velmora::AppendPlanner

@@ -3,9 +3,11 @@
 #include "base/Errors.h"
 #include "memory/AppendPlan.h"
 #include "memory/CardRecord.h"
+#include "memory/ResumePlanner.h"
 #include "memory/Unfinished.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,13 +31,55 @@ struct Backup {
 // What a user is told to check a backup with.
 inline constexpr std::string_view verifyHint = "Verify backup (window toolbar; on the command line: velmora verify)";
 
-// `destFilesystems` runs parallel to `cardPaths`. Throws OffloadError with a code, Cancelled, and the scan's IOError.
-AppendPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
-                const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
-                std::int64_t blockSize, const IsCancelled& isCancelled);
+// A run that the card history remembers.
+struct PastRun {
+    Timestamp finished;
+    std::vector<BackupPlace> places; // its card folders
+};
 
-// The interrupted generation of the folders, if there is one. A folder that is not there is named as such.
-std::optional<Unfinished> findUnfinished(const std::vector<std::string>& paths);
+// What the job knows before it plans.
+struct Ask {
+    std::string source;
+    std::vector<std::string> cardPaths;
+    std::string sourceFilesystem;
+    std::vector<std::string> destFilesystems; // parallel to `cardPaths`
+    std::int64_t blockSize = 0;
+    bool verify = true;       // the run reads back: copies that were never proved are proved by it
+    bool compareCard = false; // every file of the card is read and held against its copies, also those of earlier runs
+    std::optional<CardKey> medium;          // of the source, where it is a whole volume that tells what it is
+    std::optional<CardKey> mediumInHistory; // of the card that the history knows for these folders
+    std::vector<PastRun> pastRuns;
+};
+
+// Throws OffloadError with a code, Cancelled, and the scan's IOError. With nothing to do it throws NothingNew.
+AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled);
+
+// The refusal `nothingNew`, with the plan of what stands there: its files are none.
+class NothingNew : public OffloadError {
+public:
+    explicit NothingNew(AppendPlan plan);
+    const AppendPlan& plan() const noexcept { return *plan_; }
+
+private:
+    std::shared_ptr<const AppendPlan> plan_;
+};
+
+// What the folders tell of interrupted runs. A folder that is not there is named as such.
+ResumePlanner::Findings lookAt(const std::vector<std::string>& paths);
+
+// The folders of the backup beside those of `records`.
+std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,
+                                   const std::vector<PastRun>& pastRuns);
+
+// The medium of the card that the backup was made from, by the newest record that names one. Throws `appendOtherCard`
+// when it is known, that of the card in the reader too, and they differ. True when both are known.
+bool sameMedium(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,
+                const std::optional<CardKey>& now, const std::optional<CardKey>& inHistory);
+
+// The records of an interrupted run that had done all its work, as they are to stand in these folders; none when the
+// run was not that far, or one of the folders is no column of its report.
+std::optional<OffloadReport> settleable(const std::optional<Unfinished>& unfinished,
+                                        const std::vector<std::string>& paths);
 
 // An interrupted generation that is nothing but a repair: each disk has lines only for files that its reports know.
 bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records);

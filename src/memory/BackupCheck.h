@@ -1,6 +1,7 @@
 #pragma once
 
 #include "memory/CardRecord.h"
+#include "records/BackupPlace.h"
 #include "records/HistoryEntry.h"
 #include "records/SourceFile.h"
 
@@ -12,13 +13,14 @@
 
 namespace velmora {
 
-// How a whole card stands in its backup, over all generations and all disks: what the promises at the end of an append
-// or a repair rest on, since the report of that run tells of its own files only.
+// How a whole card stands in its backup, over all generations and all disks. Facts only: what may be promised on them
+// is decided elsewhere, together with what else is known.
 struct BackupCheck {
     BackupState state;
-    std::int64_t notInBackup = 0; // files of the card that no report names, or names with another size or time
-    // A sentence for each further folder of this backup, by its reports, that lacks something or could not be looked
-    // at.
+    std::int64_t notInBackup = 0;   // files of the card that no report names, or names with another size or time
+    std::int64_t ofEarlierRuns = 0; // files of the card that only earlier generations than the given one record
+    std::vector<std::string> lost;  // recorded as failed on some disk, and not on the card any more
+    // A sentence for each further folder of this backup that lacks something or could not be looked at.
     std::vector<std::string> elsewhere;
     std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
 
@@ -27,18 +29,14 @@ struct BackupCheck {
     std::vector<HistoryGeneration> generations;  // of the first disk, ascending
     std::shared_ptr<const OffloadReport> newest; // of the first disk; null when nothing was read
     std::int64_t failedFiles = 0;                // recorded as failed, on the card or not
+    std::optional<Timestamp> lastRead;           // when the oldest verification among the newest of each file ended
 
-    bool safeToEject() const { return !error && state.failed == 0 && notInBackup == 0; }
-    bool safeToFormat() const { return safeToEject() && state.unverified == 0 && elsewhere.empty(); }
-    // Every file of the backup was read back and found good, as far as the card still has it.
-    bool allVerified() const {
-        return !error && state.failed == 0 && state.unverified == 0 && failedFiles == 0 && elsewhere.empty();
-    }
-    // The sentences for the user, the gravest first; none when all is well.
-    std::vector<std::string> messages() const;
-
-    // Reads the reports in the card folders. `card` is everything on the card; `localTime` as for comparing file times.
-    static BackupCheck of(const SourceScan& card, const std::vector<std::string>& cardPaths, bool localTime);
+    // `records` are those of the folders that the run worked on. `places` are further folders of the backup: the
+    // reports there are read. `generation` is that of the run that has just ended; none when none was written.
+    // `localTime` as for comparing file times.
+    static BackupCheck of(const SourceScan& card, const std::vector<CardRecord>& records,
+                          const std::vector<BackupPlace>& places, std::optional<std::int64_t> generation,
+                          bool localTime);
 };
 
 } // namespace velmora

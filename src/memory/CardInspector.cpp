@@ -1,13 +1,11 @@
 #include "memory/CardInspector.h"
 
-#include "blocks/ManifestFile.h"
 #include "clips/ClipDetector.h"
 #include "disks/CardIdentity.h"
 #include "disks/VolumeSerial.h"
 #include "engine/Scanner.h"
 #include "memory/CardFingerprint.h"
 #include "memory/HistoryStore.h"
-#include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -36,11 +34,12 @@ std::optional<SourceScan> scan(CardInsight& insight, const IsCancelled& isCancel
 }
 
 void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* store,
-                  const std::vector<HistoryEntry>& history, const World& world) {
+                  const std::vector<HistoryEntry>& history, const IsCancelled& isCancelled, const World& world) {
     std::optional<CardKey> key;
     if (insight.volume)
         key = CardKey{insight.volume->fsSerial, insight.volume->capacity};
-    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, history);
+    const auto identity = insight.volume ? insight.volume->identity : std::nullopt;
+    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, history, identity);
     if (!candidate)
         return;
     std::optional<std::vector<SourceFile>> list;
@@ -54,8 +53,12 @@ void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* st
     const auto& destinations = match.entry.destinations;
     insight.appendReachable =
         useful && !destinations.empty() && std::all_of(destinations.begin(), destinations.end(), [&](const auto& d) {
-            return !d.cardPath.empty() && world.hasRecords(d.cardPath);
+            return !d.cardPath.empty() && world.directoryExists(d.cardPath);
         });
+    // A card that was emptied, changed or could not be compared gets no promise, whatever the disks hold.
+    if (!scan.files.empty() && (match.kind == HistoryMatchKind::identical || match.kind == HistoryMatchKind::newFiles))
+        insight.match->folders = FoldersNow::look(
+            match.entry, history, {scan.files, match.newFiles, insight.filesystem}, world.awaitsVolume, isCancelled);
 }
 
 } // namespace
@@ -67,9 +70,8 @@ World World::real() {
             [](const std::string& path) { return CardIdentity::of(path); },
             // A volume that bears no serial cannot be told from another: it is looked up as a folder is.
             [](const std::string& path) { return CardInspector::isVolumeRoot(path) && VolumeFacts::fsSerial(path); },
-            [](const std::string& path) {
-                return IO::exists(ResumePlanner::reportPath(path, 1)) || IO::exists(ManifestFile::path(path));
-            }};
+            [](const std::string& path) { return IO::isFolder(path); },
+            [](const std::string& path) { return VolumeFacts::awaitsVolume(path); }};
 }
 
 CardInsight inspect(const std::string& source, HistoryStore* store, const std::vector<HistoryEntry>* history,
@@ -77,6 +79,10 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
     CardInsight insight;
     insight.source = source;
     stopIf(isCancelled);
+    if (IO::exists(source) && !IO::isFolder(source)) {
+        insight.error = source + " is not a folder.";
+        return insight;
+    }
     if (world.isVolumeRoot(source)) {
         insight.volume = world.volumeOf(source);
         if (!insight.volume) {
@@ -111,7 +117,7 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
         history = &loaded;
     }
     if (history)
-        matchHistory(insight, *scanned, store, *history, world);
+        matchHistory(insight, *scanned, store, *history, isCancelled, world);
     insight.clips = detecting.get();
     stopIf(isCancelled);
     ReelSuggestion::FromClips names = ReelSuggestion::fromClips(insight.clips);
@@ -119,9 +125,9 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
     insight.nameNote = std::move(names.note);
     insight.totalBytes = scanned->totalBytes();
     insight.fileCount = static_cast<std::int64_t>(scanned->files.size());
-    insight.files = std::move(scanned->files);
     for (const auto& entry : scanned->uncopied)
         insight.uncopied.push_back(entry.shown);
+    insight.listing = std::move(*scanned);
     return insight;
 }
 

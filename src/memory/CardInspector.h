@@ -22,14 +22,13 @@ struct CardInsight {
     std::optional<std::string> filesystem;
     std::int64_t totalBytes = 0;
     std::int64_t fileCount = 0;
-    std::vector<SourceFile> files;
+    SourceScan listing;
     std::vector<std::string> uncopied; // what is on the card and cannot be copied, escaped for display
     std::vector<Clip> clips;
     std::string fingerprint;
     std::string shape;
     std::optional<HistoryMatch> match;
-    bool appendReachable =
-        false; // every folder of the earlier backup is there, and there is something to add or finish
+    bool appendReachable = false; // every folder of the backup is there, and there is something to add or finish
     std::optional<NameSuggestion> nameSuggestion;
     std::optional<std::string> nameNote;
     std::optional<std::string> error;
@@ -47,7 +46,8 @@ struct World {
     std::function<std::optional<CardVolume>(const std::string& path)> volumeOf;
     std::function<std::optional<std::string>(const std::string& path)> identify;
     std::function<bool(const std::string& path)> isVolumeRoot;
-    std::function<bool(const std::string& path)> hasRecords; // a card folder with a report or a manifest
+    std::function<bool(const std::string& path)> directoryExists;
+    std::function<bool(const std::string& path)> awaitsVolume; // the disk of the path is not mounted
 
     static World real();
 };

@@ -69,28 +69,6 @@ void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
     }
 }
 
-// A generation whose report stands elsewhere with another end has been finished there and not here.
-bool incompleteElsewhere(const CardRecord& record) {
-    for (const auto& generation : record.generations) {
-        const OffloadReport& here = *generation.report;
-        for (const auto& destination : here.destinations) {
-            if (standardised(destination.cardPath) == standardised(record.cardPath))
-                continue;
-            const std::string name = OffloadReport::jsonName(generation.generation);
-            const std::string path = reportFolder(destination.cardPath) + "/" + name;
-            try {
-                // Every disk gets the same bytes, so a second report is hardly ever worth reading as one.
-                if (IO::exists(path) && !ReportFile::same(path, reportFolder(record.cardPath) + "/" + name) &&
-                    ReportFile::read(path).finished != here.finished)
-                    return true;
-            } catch (const std::exception&) {
-                // What cannot be read there says nothing about this folder.
-            }
-        }
-    }
-    return false;
-}
-
 } // namespace
 
 std::optional<std::int64_t> CardRecord::numberedFile(std::string_view name) {
@@ -158,8 +136,15 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
         generation.column = columnOf(*generation.report, cardPath, record.volumeSerial);
         mergeFiles(record, generation);
     }
-    record.incomplete = incompleteElsewhere(record);
     return record;
+}
+
+void CardRecord::add(std::shared_ptr<const OffloadReport> report) {
+    Generation generation{report->generationNumber(), report, columnOf(*report, cardPath, volumeSerial)};
+    highestReportNumber = std::max(highestReportNumber, generation.generation);
+    reportMissing = false;
+    mergeFiles(*this, generation);
+    generations.push_back(std::move(generation));
 }
 
 // Reports made without clip analysis list no clips: then they are found from the file list, as names and sizes.
@@ -270,7 +255,11 @@ std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, con
                 return i;
     }
     const std::size_t index = destinationIndex(report, cardPath, report.destinations.size());
-    return index < report.destinations.size() ? std::optional(index) : std::nullopt;
+    if (index >= report.destinations.size())
+        return std::nullopt;
+    // Another disk that is mounted where that of the report was is not that disk.
+    const auto& recorded = report.destinations[index].volumeSerial;
+    return recorded && serial && recorded != serial ? std::nullopt : std::optional(index);
 }
 
 std::optional<std::size_t> CardRecord::column(const OffloadReport& report) const {
@@ -280,9 +269,21 @@ std::optional<std::size_t> CardRecord::column(const OffloadReport& report) const
     return columnOf(report, cardPath, volumeSerial);
 }
 
-std::size_t CardRecord::columnOrPlace(const OffloadReport& report, std::size_t place) const {
-    const auto known = column(report);
-    return known ? *known : destinationIndex(report, cardPath, place);
+std::optional<std::size_t> CardRecord::columnOrPlace(const OffloadReport& report, std::size_t place) const {
+    if (const auto known = column(report))
+        return known;
+    if (place >= report.destinations.size())
+        return std::nullopt;
+    const auto& serial = report.destinations[place].volumeSerial;
+    return serial && volumeSerial && serial != volumeSerial ? std::nullopt : std::optional(place);
+}
+
+std::string_view CardRecord::statusOf(const RecordedFile& recorded, std::size_t place) const {
+    const auto& words = recorded.file->destinations;
+    if (const auto at = columnOrPlace(*recorded.report, place))
+        return *at < words.size() ? std::string_view(words[*at]) : "failed";
+    const auto isCopy = [](const std::string& word) { return word == "written" || word == "verified"; };
+    return std::ranges::any_of(words, isCopy) ? "written" : "failed";
 }
 
 bool CardRecord::readBack(const RecordedFile& recorded, const std::string& cardPath,

@@ -41,7 +41,6 @@ struct CardRecord {
     std::vector<std::string> problems;    // findings on single reports that leave the rest readable
     std::int64_t highestReportNumber = 0; // of the names in _REPORT, readable or not
     std::optional<std::string> volumeSerial;
-    bool incomplete = false; // the same generation went on elsewhere
 
     std::vector<ClipEntry> clips() const;       // of all generations, the newest of each name
     std::optional<std::string> project() const; // of the newest report that has one
@@ -53,6 +52,9 @@ struct CardRecord {
     // The newest record of a file; null when there is none. `exactly` asks for the very name: for a file whose name
     // differs from that of another file of the card in case only.
     const RecordedFile* find(const std::string& relPath, bool exactly) const;
+
+    // Takes in the report of a further generation without reading it from the disk.
+    void add(std::shared_ptr<const OffloadReport> report);
 
     // Always gives a record; what went wrong stands in it. Reports above `maxGeneration` are not read, so that a
     // half-made generation does not count. `serial` is the serial of the folder's volume if the caller knows it (or
@@ -73,8 +75,12 @@ struct CardRecord {
                                                const std::optional<std::string>& serial);
     // The column of this folder in a report of its own, known since loading: for asking file by file.
     std::optional<std::size_t> column(const OffloadReport& report) const;
-    // The same; where neither disk nor path is known any more, the column at the folder's place among all.
-    std::size_t columnOrPlace(const OffloadReport& report, std::size_t place) const;
+    // The same; where neither disk nor path is known any more, the column at the folder's place among all. None for a
+    // folder on a disk that the report does not name: a clone of a backup is no part of it.
+    std::optional<std::size_t> columnOrPlace(const OffloadReport& report, std::size_t place) const;
+    // The status word of a file in this folder. A folder that is no part of the backup never has more than "written":
+    // that its copies are the card's is not proved.
+    std::string_view statusOf(const RecordedFile& recorded, std::size_t place) const;
     // True when the file was read back and found good on this disk.
     static bool readBack(const RecordedFile& recorded, const std::string& cardPath,
                          const std::optional<std::string>& serial);

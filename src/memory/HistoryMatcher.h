@@ -1,5 +1,6 @@
 #pragma once
 
+#include "memory/FolderNow.h"
 #include "records/HistoryEntry.h"
 #include "records/SourceFile.h"
 
@@ -25,6 +26,7 @@ struct HistoryMatch {
     std::vector<std::string> changed; // relative paths
     std::int64_t removed = 0;         // recorded files that are no longer on the card
     std::int64_t uncopied = 0;        // names on the card that no backup can hold; the inspector counts them
+    std::vector<FolderNow> folders;   // of the entry, in its order; empty when the inspector did not look at them
 };
 
 namespace HistoryMatcher {

@@ -1,5 +1,6 @@
 #include "memory/HistoryRecords.h"
 
+#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "clips/ClipDetector.h"
 #include "engine/Layout.h"
@@ -42,7 +43,59 @@ void addGeneration(HistoryEntry& entry, const HistoryGeneration& generation) {
               [](const HistoryGeneration& a, const HistoryGeneration& b) { return a.seq < b.seq; });
 }
 
+// "<date>/<card>" of a card folder.
+std::string tailOf(const std::string& cardPath) {
+    const std::string_view folder = RelativePath::folder(cardPath);
+    return pathKey(std::string(RelativePath::name(folder)) + "/" + std::string(RelativePath::name(cardPath)));
+}
+
+bool sameFolder(const HistoryVerification& a, const std::string& cardPath, const std::optional<std::string>& serial) {
+    if (a.volumeSerial && serial)
+        return a.volumeSerial == serial && tailOf(a.cardPath) == tailOf(cardPath);
+    return samePlace(a.cardPath, cardPath);
+}
+
 } // namespace
+
+bool samePlace(const std::string& a, const std::string& b) {
+    // Only what can be the same is looked up on a disk, for that may be slow or away.
+    return tailOf(a) == tailOf(b) && Layout::normalizedRoot(a) == Layout::normalizedRoot(b);
+}
+
+std::optional<HistoryVerification> verificationOf(const std::vector<HistoryEntry>& entries, const std::string& cardPath,
+                                                  const std::optional<std::string>& volumeSerial) {
+    std::optional<HistoryVerification> known;
+    for (const HistoryEntry& entry : entries)
+        for (const HistoryVerification& each : entry.verifications) {
+            if (!sameFolder(each, cardPath, volumeSerial))
+                continue;
+            if (!known) {
+                known = each;
+                continue;
+            }
+            known->clean = std::min(known->clean, each.clean);
+            if (each.failed > known->failed) {
+                known->failed = each.failed;
+                known->found = each.found;
+            }
+        }
+    return known;
+}
+
+HistoryEntry verified(const HistoryEntry& entry, const HistoryVerification& mark) {
+    HistoryEntry marked = entry;
+    const auto present = std::ranges::find_if(marked.verifications, [&](const HistoryVerification& each) {
+        return sameFolder(each, mark.cardPath, mark.volumeSerial);
+    });
+    if (present == marked.verifications.end()) {
+        marked.verifications.push_back(mark);
+        return marked;
+    }
+    const auto clean = mark.clean ? mark.clean : present->clean;
+    *present = mark;
+    present->clean = clean;
+    return marked;
+}
 
 const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths) {
     const std::set<std::string> wanted = keysOf(cardPaths);
@@ -50,6 +103,16 @@ const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std:
         if (keysOf(cardPathsOf(entry)) == wanted)
             return &entry;
     return nullptr;
+}
+
+std::vector<const HistoryEntry*> entriesNaming(const std::vector<HistoryEntry>& entries,
+                                               const std::vector<std::string>& cardPaths) {
+    const std::set<std::string> wanted = keysOf(cardPaths);
+    std::vector<const HistoryEntry*> naming;
+    for (const HistoryEntry& entry : entries)
+        if (std::ranges::any_of(keysOf(cardPathsOf(entry)), [&](const auto& key) { return wanted.contains(key); }))
+            naming.push_back(&entry);
+    return naming;
 }
 
 HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVolume>& volume, Timestamp now) {
@@ -61,7 +124,6 @@ HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVo
     entry.project = plan.project;
     entry.finished = now;
     entry.unfinished = true;
-    entry.hashAlgorithms = plan.hashKinds.names();
     const std::vector<std::string> cardPaths = plan.cardPaths();
     for (std::size_t d = 0; d < cardPaths.size(); ++d)
         entry.destinations.push_back({d < plan.destRoots.size() ? plan.destRoots[d] : cardPaths[d], cardPaths[d]});
@@ -79,7 +141,7 @@ HistoryEntry reopened(const HistoryEntry& entry) {
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,
-                              const std::optional<BackupCheck>& wholeCard) {
+                              const std::optional<BackupCheck>& wholeCard, bool verifiedAsAWhole) {
     HistoryEntry entry = present ? *present : HistoryEntry{};
     entry.id = id;
     entry.source = report.source;
@@ -102,10 +164,11 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
     entry.failedFiles = failed;
     entry.success = failed == 0 && (!wholeCard || !wholeCard->error);
     addGeneration(entry, HistoryGeneration::of(report, report.generationNumber()));
-    entry.verified = entry.success && (!wholeCard || wholeCard->allVerified()) &&
-                     std::all_of(entry.generations.begin(), entry.generations.end(),
-                                 [](const HistoryGeneration& g) { return g.verified; });
+    entry.verified = entry.success && verifiedAsAWhole;
     entry.unfinished = false;
+    if (report.isRepair() && entry.verified)
+        for (const auto& destination : report.destinations)
+            entry = verified(entry, {destination.cardPath, destination.volumeSerial, report.finished, {}, {}});
     HistoryStore::Change change = withCard(entry, volume, card, first ? std::nullopt : storedFiles);
     // Of the whole backup; the generations do not add up to it where a file was repaired or an entry was lost.
     change.entry.files = static_cast<std::int64_t>(change.files->size());

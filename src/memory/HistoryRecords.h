@@ -18,6 +18,10 @@ namespace HistoryRecords {
 // The entry whose destinations are exactly these card folders; null when there is none.
 const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths);
 
+// The entries that name at least one of these card folders.
+std::vector<const HistoryEntry*> entriesNaming(const std::vector<HistoryEntry>& entries,
+                                               const std::vector<std::string>& cardPaths);
+
 // An entry for a copy that begins now. It holds the whole card, so that a card that comes back after a crash is known
 // and its backup can be finished.
 HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVolume>& volume, Timestamp now);
@@ -27,12 +31,25 @@ HistoryEntry reopened(const HistoryEntry& entry);
 
 // The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` are the files
 // of the card that the backup has, `storedFiles` is the list of the entry before this job. `wholeCard` is the state of
-// the backup after a run that covered a part of it: the entry may be new, or may have missed a generation, and must not
-// call verified what only this run's report is.
+// the backup after a run that covered a part of it: the entry may be new, or may have missed a generation.
+// `verifiedAsAWhole` is the verdict on all of the backup, of which this run's report may be a part. A repair reads
+// every copy: one after which all is verified clears what verifications found in its folders.
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,
-                              const std::optional<BackupCheck>& wholeCard = {});
+                              const std::optional<BackupCheck>& wholeCard, bool verifiedAsAWhole);
+
+// Both paths are those of one card folder.
+bool samePlace(const std::string& a, const std::string& b);
+
+// What the history knows of verifications of a card folder: of entries that disagree the failure, and the older of two
+// clean readings, counts. A disk is known by its serial where both sides have one, wherever it is mounted. None when
+// nothing was ever recorded.
+std::optional<HistoryVerification> verificationOf(const std::vector<HistoryEntry>& entries, const std::string& cardPath,
+                                                  const std::optional<std::string>& volumeSerial);
+
+// The entry after a verification of one of its folders; `mark.clean` or `mark.failed` is set.
+HistoryEntry verified(const HistoryEntry& entry, const HistoryVerification& mark);
 
 // The entry with the union of its stored list and what the card holds now (which wins, path by path), and the digests
 // of that union: the next insertion of the same card with nothing new is then identical.

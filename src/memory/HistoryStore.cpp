@@ -1,5 +1,7 @@
 #include "memory/HistoryStore.h"
 
+#include "base/Text.h"
+
 #include "engine/FolderLocks.h"
 #include "memory/FileListStore.h"
 #include "platform/FileLock.h"
@@ -231,8 +233,14 @@ std::optional<std::vector<SourceFile>> HistoryStore::readFileList(const HistoryE
 }
 
 const HistoryEntry* HistoryStore::findForCard(const std::optional<CardKey>& key, const std::string& shape,
-                                              const std::vector<HistoryEntry>& entries) {
+                                              const std::vector<HistoryEntry>& entries,
+                                              const std::optional<std::string>& identity) {
+    // A UUID says more than the serial; a time of creation is what is left to a user who may not read the UUID.
+    const auto isUuid = [](const std::optional<std::string>& id) { return id && !id->starts_with("created:"); };
     for (const HistoryEntry& entry : entries) {
+        if (entry.card && isUuid(identity) && isUuid(entry.card->identity) &&
+            !equalIgnoringCase(*identity, *entry.card->identity))
+            continue;
         if (key ? entry.card && entry.card->fsSerial == key->fsSerial && entry.card->capacity == key->capacity
                 : !entry.card && entry.shape == shape)
             return &entry;

@@ -52,10 +52,11 @@ public:
     std::optional<std::vector<SourceFile>> readFileList(const HistoryEntry& entry) const;
 
     // The first entry that is this card: with a key, an entry whose card has the same serial and capacity; without one
-    // (a folder, or a volume without a serial) an entry without a card and with the same shape. Null when there is
-    // none.
+    // (a folder, or a volume without a serial) an entry without a card and with the same shape. An entry of which the
+    // medium's `identity` is known to be another is passed over. Null when there is none.
     static const HistoryEntry* findForCard(const std::optional<CardKey>& key, const std::string& shape,
-                                           const std::vector<HistoryEntry>& entries);
+                                           const std::vector<HistoryEntry>& entries,
+                                           const std::optional<std::string>& identity = {});
 
     // "20261116T072500Z-1a2b3c4d": the time and 32 random bits.
     static std::string newId(Timestamp finished);

@@ -1,9 +1,12 @@
 #include "memory/HistoryText.h"
 
+#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "platform/VolumeFacts.h"
 
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace velmora::HistoryText {
 
@@ -18,9 +21,28 @@ std::string folders(const HistoryEntry& entry) {
     return text;
 }
 
+std::vector<std::string> problems(const HistoryMatch& match) {
+    std::vector<std::string> all;
+    for (const FolderNow& folder : match.folders)
+        if (std::string problem = folder.problem(); !problem.empty())
+            all.push_back(std::move(problem));
+    return all;
+}
+
+bool allGood(const HistoryEntry& entry) { return entry.success && failedFiles(entry) == 0; }
+
+// The sentence itself names the first problem of the disks.
+bool saysProblem(const HistoryMatch& match) {
+    return (match.entry.unfinished || allGood(match.entry)) && !problems(match).empty();
+}
+
 Line sentence(const HistoryMatch& match) {
     const HistoryEntry& entry = match.entry;
     const std::string date = when(entry.finished);
+    const auto problem = problems(match);
+    if (entry.unfinished && !problem.empty())
+        return {fmt::format("Unfinished backup on {} — the copy was interrupted, and {}", date, problem.front()),
+                HistoryTone::error};
     if (entry.unfinished)
         return {"Unfinished backup on " + date + " — the copy was interrupted; it can be finished",
                 HistoryTone::warning};
@@ -29,9 +51,11 @@ Line sentence(const HistoryMatch& match) {
         return {fmt::format("{}, but the card has changed since ({} files differ) — cannot append, only a full copy",
                             begin, match.changed.size()),
                 HistoryTone::warning};
-    if (!entry.success || failedFiles(entry) > 0)
+    if (!allGood(entry))
         return {fmt::format("{} — with errors ({} files)", begin, failedFiles(entry)), HistoryTone::error};
-    if (!entry.verified)
+    if (!problem.empty()) // the disk is the truth
+        return {fmt::format("{}, but {} — do not format", begin, problem.front()), HistoryTone::error};
+    if (!entry.verified || std::ranges::any_of(match.folders, [](const auto& f) { return f.unverified.count > 0; }))
         return {begin + " — NOT VERIFIED (safe to eject, do not format)", HistoryTone::warning};
     if (match.uncopied > 0)
         return {fmt::format("{} — verified, but {} on the card that no backup can hold — do not format", begin,
@@ -56,12 +80,10 @@ Line sentence(const HistoryMatch& match) {
 std::string when(Timestamp date) { return TimeText::local(date, "%Y-%m-%d %H:%M"); }
 
 std::string diskName(const std::string& root) {
-    if (!VolumeFacts::isUserVolumePath(root))
-        return root;
-    std::string_view path = root;
-    while (path.size() > 1 && path.ends_with('/'))
-        path.remove_suffix(1);
-    return std::string(path.substr(path.rfind('/') + 1));
+    const std::string path = RelativePath::withoutTrailingSlash(root);
+    if (path == "/")
+        return "the system disk";
+    return VolumeFacts::isUserVolumePath(path) ? std::string(RelativePath::name(path)) : root;
 }
 
 std::string emptied(const HistoryEntry& entry) {
@@ -73,6 +95,25 @@ Line line(const HistoryMatch& match, bool fullPaths) {
     if (fullPaths && !match.entry.destinations.empty())
         line.text += " — " + folders(match.entry);
     return line;
+}
+
+std::vector<std::string> notes(const HistoryMatch& match) {
+    std::vector<std::string> lines = problems(match);
+    if (saysProblem(match))
+        lines.erase(lines.begin());
+    for (const FolderNow& folder : match.folders)
+        if (folder.state == FolderNow::State::away)
+            lines.push_back(fmt::format("Not connected: {} — its state is that of {}, it was not looked at now.",
+                                        folder.cardPath, when(folder.lastKnown)));
+    if (!match.folders.empty() && !match.entry.card)
+        lines.emplace_back("Recognised by the names, sizes and times of its files only — another card could have the "
+                           "same; nothing was compared.");
+    return lines;
+}
+
+bool holdsWholeCard(const HistoryMatch& match) {
+    return match.kind == HistoryMatchKind::identical && !match.entry.unfinished && allGood(match.entry) &&
+           match.uncopied == 0 && problems(match).empty();
 }
 
 Line state(const HistoryEntry& entry) {

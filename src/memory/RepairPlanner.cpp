@@ -46,10 +46,11 @@ struct Bad {
 
 class Planning {
 public:
-    Planning(const std::string& source, AppendPlanner::Backup backup, const std::optional<Unfinished>& open,
-             bool localTime, const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress)
-        : source_(source), backup_(std::move(backup)), open_(open), localTime_(localTime), isCancelled_(isCancelled),
-          progress_(progress), card_(Scanner::scan(source, isCancelled)), twins_(card_.files) {
+    Planning(const AppendPlanner::Ask& ask, const Checked& checked, bool localTime, const IsCancelled& isCancelled,
+             const std::function<void(std::int64_t)>& progress)
+        : ask_(ask), source_(ask.source), checked_(checked), backup_(checked.backup), open_(checked.found.unfinished),
+          localTime_(localTime), isCancelled_(isCancelled), progress_(progress),
+          card_(Scanner::scan(ask.source, isCancelled)), twins_(card_.files) {
         for (const SourceFile& file : card_.files)
             onCard_.emplace(twins_.nameOf(file.relPath), &file);
     }
@@ -61,8 +62,12 @@ public:
             throw refuse(PreflightCode::repairNothing, "Nothing to repair — every file is good on every destination.");
         if (!sameCard())
             throw refuse(PreflightCode::other, Msg::repairOtherCard);
+        const bool sameMedium =
+            AppendPlanner::sameMedium(backup_.records, checked_.found, ask_.medium, ask_.mediumInHistory);
         for (auto& [key, bad] : bad_)
             examine(key, bad);
+        if (!sameMedium)
+            compareTheRest();
         if (!lines_.empty())
             throw conflict();
         return finish();
@@ -100,11 +105,14 @@ private:
 
     // A copy that failed when it was made, or that a cancelled repair did not get to. A good one may lie there by now.
     void collectFailed(const RecordedFile& recorded, std::size_t d) {
-        const std::size_t at = record(d).columnOrPlace(*recorded.report, d);
-        const auto& statuses = recorded.file->destinations;
-        const std::string status = at < statuses.size() ? statuses[at] : "failed";
-        if (status == "verified" || status == "written" || isOutOfReach(*recorded.file))
+        const std::string_view status = record(d).statusOf(recorded, d);
+        if (status == "verified" || isOutOfReach(*recorded.file))
             return;
+        if (status == "written") { // it is read back and recorded
+            if (onCard_.contains(twins_.nameOf(recorded.file->path)))
+                badFile(recorded.file->path);
+            return;
+        }
         Bad& bad = badFile(recorded.file->path);
         bad.onlyRecordedBad[d] = !bad.write[d];
         bad.write[d] = true;
@@ -233,6 +241,26 @@ private:
         }
     }
 
+    // A card of the same names, sizes and times may be another one. Reading it is the only way to know.
+    void compareTheRest() {
+        for (const SourceFile& file : card_.files) {
+            const RecordedFile* known = recorded(file.relPath, twins_.contains(file.relPath));
+            if (!known || bad_.contains(twins_.nameOf(file.relPath)))
+                continue;
+            const auto [algorithm, digest] = digestOf(*known->file);
+            try {
+                const Content content = contentOf(source_, file.relPath, algorithm);
+                if (content.size != known->file->size ||
+                    (!algorithm.empty() && !HashAlgo::equal(algorithm, digest, content.recorded)))
+                    lines_.push_back(Msg::repairCardDiffers(file.relPath,
+                                                            describe(content.size, algorithm, content.recorded),
+                                                            describe(known->file->size, algorithm, digest)));
+            } catch (const IOError& error) {
+                lines_.push_back(Msg::repairCardUnreadable(file.relPath, error.what()));
+            }
+        }
+    }
+
     bool isGoodCopy(std::size_t d, const SourceFile& file, const Content& content) {
         try {
             const Content copy = contentOf(record(d).cardPath, file.relPath, "");
@@ -274,6 +302,10 @@ private:
     RepairPlan finish() {
         RepairPlan repair;
         OffloadPlan& plan = repair.plan;
+        repair.finishes = open_.has_value();
+        repair.card = card_;
+        plan.sourceMedium = ask_.medium;
+        plan.elsewhere = AppendPlanner::elsewhere(backup_.records, checked_.found, ask_.pastRuns);
         plan.source = source_;
         plan.scan.root = card_.root;
         plan.mode = PlanMode::repair;
@@ -291,26 +323,25 @@ private:
         std::map<std::string, const Bad*> inOrder; // the order of the copy is that of the paths
         for (const auto& [key, bad] : bad_)
             inOrder.emplace(onCard_.at(key)->relPath, &bad);
-        std::vector<std::vector<bool>> writes;
-        std::vector<std::optional<ManifestRecord>> known;
         for (const auto& [path, bad] : inOrder) {
             const SourceFile& file = plan.scan.files.emplace_back(*onCard_.at(twins_.nameOf(path)));
             // What the card gives while copying must be what it gave now: another card may have come meanwhile.
-            ManifestRecord& seen = known.emplace_back().emplace();
+            FileTask& task = plan.tasks.emplace_back();
+            ManifestRecord& seen = task.known.emplace();
             seen.path = file.relPath;
             seen.size = file.size;
             seen.xxh64 = bad->cardHash;
             const bool anywhere = std::ranges::find(bad->write, true) != bad->write.end();
             ++(anywhere ? repair.rewritten : repair.onlyReadBack);
-            writes.push_back(bad->write);
+            task.write = bad->write;
         }
-        plan.write = std::move(writes);
-        plan.known = std::move(known);
         return repair;
     }
 
-    const std::string source_;
-    const AppendPlanner::Backup backup_;
+    const AppendPlanner::Ask& ask_;
+    const std::string& source_;
+    const Checked& checked_;
+    const AppendPlanner::Backup& backup_;
     const std::optional<Unfinished>& open_; // an interrupted repair
     const bool localTime_;
     const IsCancelled& isCancelled_;
@@ -323,38 +354,29 @@ private:
     AlignedBuffer buffer_;
 };
 
-struct Checked {
-    AppendPlanner::Backup backup;
-    std::optional<Unfinished> open; // an interrupted repair
-};
+} // namespace
 
 Checked check(const std::vector<std::string>& cardPaths) {
     try {
         Checked checked;
-        checked.open = AppendPlanner::findUnfinished(cardPaths);
-        checked.backup = AppendPlanner::checkBackup(cardPaths, checked.open ? std::optional(checked.open->generation)
-                                                                            : std::nullopt);
-        if (checked.open && !AppendPlanner::isOpenRepair(*checked.open, checked.backup.records))
+        checked.found = AppendPlanner::lookAt(cardPaths);
+        const auto& open = checked.found.unfinished;
+        checked.backup = AppendPlanner::checkBackup(cardPaths, open ? std::optional(open->generation) : std::nullopt);
+        if (open && !AppendPlanner::isOpenRepair(*open, checked.backup.records))
             throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
+        checked.settle = AppendPlanner::settleable(open, checked.backup.paths);
         return checked;
     } catch (const OffloadError& error) {
         throw forRepair(error);
     }
 }
 
-} // namespace
-
-AppendPlanner::Backup checkBackup(const std::vector<std::string>& cardPaths) { return check(cardPaths).backup; }
-
-RepairPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
-                const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
-                const std::vector<Findings>& findings, const IsCancelled& isCancelled,
-                const std::function<void(std::int64_t)>& progress) {
-    Checked checked = check(cardPaths);
-    bool localTime = FileTimes::storesLocalTime(sourceFilesystem);
-    for (const std::string& type : destFilesystems)
+RepairPlan plan(const AppendPlanner::Ask& ask, const Checked& checked, const std::vector<Findings>& findings,
+                const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress) {
+    bool localTime = FileTimes::storesLocalTime(ask.sourceFilesystem);
+    for (const std::string& type : ask.destFilesystems)
         localTime = localTime || FileTimes::storesLocalTime(type);
-    return Planning(source, std::move(checked.backup), checked.open, localTime, isCancelled, progress).run(findings);
+    return Planning(ask, checked, localTime, isCancelled, progress).run(findings);
 }
 
 } // namespace velmora::RepairPlanner

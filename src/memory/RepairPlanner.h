@@ -21,7 +21,9 @@ namespace velmora {
 struct RepairPlan {
     OffloadPlan plan;              // mode repair; its files are those that are bad on some disk
     std::int64_t rewritten = 0;    // files written on at least one disk
-    std::int64_t onlyReadBack = 0; // files that stood as bad and that every disk holds well
+    std::int64_t onlyReadBack = 0; // files that stood as bad or unproved and that every disk holds well
+    bool finishes = false;         // a repair that died, whose report may be there already
+    SourceScan card;               // everything on the card
 };
 
 namespace RepairPlanner {
@@ -32,17 +34,22 @@ struct Findings {
     std::vector<std::string> missing;
 };
 
-// `findings` runs parallel to `cardPaths`. A file that a report calls failed counts as bad too and is written again.
-// What an interrupted repair has put right already is only read back and recorded. `progress` gets the bytes read on
-// the card. Throws OffloadError with a code, Cancelled, and the scan's IOError.
-RepairPlan plan(const std::string& source, const std::vector<std::string>& cardPaths,
-                const std::string& sourceFilesystem, const std::vector<std::string>& destFilesystems,
-                const std::vector<Findings>& findings, const IsCancelled& isCancelled,
-                const std::function<void(std::int64_t)>& progress = {});
+// The checks that need no reading of files: the folders are in step, and no backup is open there. A front end makes
+// them before it spends hours on reading.
+struct Checked {
+    AppendPlanner::Backup backup;
+    ResumePlanner::Findings found;       // with an interrupted repair, if there is one
+    std::optional<OffloadReport> settle; // of a repair that had done all but its records: to be committed as it is
+};
+Checked check(const std::vector<std::string>& cardPaths);
 
-// The checks that need no verification: the folders are in step, and no backup is open there. A front end makes them
-// before it spends hours on reading.
-AppendPlanner::Backup checkBackup(const std::vector<std::string>& cardPaths);
+// `findings` runs parallel to the folders. A file that a report calls failed counts as bad too and is written again.
+// One that was never verified is compared with the card and read back, and so is what an interrupted repair has put
+// right. On a card that nothing tells from another with the same names, sizes and times, every file of the backup is
+// compared. `progress` gets the bytes read on the card. Throws OffloadError with a code, Cancelled, and the scan's
+// IOError.
+RepairPlan plan(const AppendPlanner::Ask& ask, const Checked& checked, const std::vector<Findings>& findings,
+                const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress = {});
 
 } // namespace RepairPlanner
 

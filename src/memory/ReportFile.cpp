@@ -26,6 +26,4 @@ OffloadReport read(const std::string& path) {
     return report;
 }
 
-bool same(const std::string& path, const std::string& other) { return bytesOf(path) == bytesOf(other); }
-
 } // namespace velmora::ReportFile

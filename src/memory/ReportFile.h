@@ -13,9 +13,6 @@ namespace ReportFile {
 // Throws IOError, or an error of parsing whose text says what is wrong.
 OffloadReport read(const std::string& path);
 
-// True when both files hold the same bytes. Throws IOError.
-bool same(const std::string& path, const std::string& other);
-
 } // namespace ReportFile
 
 } // namespace velmora

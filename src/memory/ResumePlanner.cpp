@@ -1,57 +1,128 @@
 #include "memory/ResumePlanner.h"
 
 #include "base/Msg.h"
+#include "base/SideBySide.h"
 #include "base/Text.h"
 #include "blocks/ManifestFile.h"
 #include "engine/Layout.h"
 #include "memory/AppendPlanner.h"
+#include "memory/BackupFolder.h"
 #include "memory/ReportFile.h"
 #include "mhl/MHL.h"
 #include "mhl/MHLReader.h"
 #include "platform/IO.h"
+#include "records/OffloadPlan.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace velmora::ResumePlanner {
 
 namespace {
 
-struct OpenState {
-    std::int64_t committed = 0;
-    std::optional<std::int64_t> open;
-    std::vector<ManifestRecord> lines; // above `committed`, or of the open generation
-};
-
-std::optional<OffloadReport> readReport(const std::string& path) {
+std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
     try {
-        return ReportFile::read(path);
+        return std::make_shared<const OffloadReport>(ReportFile::read(path));
     } catch (const std::exception&) {
-        return std::nullopt;
+        return nullptr;
     }
 }
 
-// The open generation of one folder, with its manifest lines.
-OpenState openAt(const std::string& cardPath) {
-    OpenState state;
+bool isOpen(const OffloadReport& report) {
+    return report.verifyPending.value_or(false) || report.verifyIncomplete.value_or(false);
+}
+
+// Of any card name: the folder may have been renamed.
+bool hasList(const std::string& cardPath) {
+    try {
+        return std::ranges::any_of(
+            IO::list(cardPath + "/" + std::string(Layout::reportDirName)), [](const auto& entry) {
+                return entry.isFile() && (entry.name.ends_with(".xxh64") || entry.name.ends_with(".md5"));
+            });
+    } catch (const IOError&) {
+        return false; // then nothing proves that the generation was finished
+    }
+}
+
+// What one folder tells.
+struct State {
+    std::int64_t committed = 0;
+    bool chainLost = false;
+    std::optional<std::int64_t> open;
+    std::vector<ManifestRecord> lines;           // of files and parts, above `committed` or of the open generation
+    std::vector<ManifestRecord> runs;            // first lines of runs, of all generations
+    std::shared_ptr<const OffloadReport> report; // of the open or the last committed generation, if it can be read
+
+    // How far the disk has come, for telling which one is behind.
+    double progress() const { return open ? static_cast<double>(*open) - 0.5 : static_cast<double>(committed); }
+    std::vector<ManifestRecord> linesOf(std::int64_t generation) const {
+        std::vector<ManifestRecord> found;
+        std::ranges::copy_if(lines, std::back_inserter(found),
+                             [&](const auto& line) { return line.gen == generation; });
+        return found;
+    }
+};
+
+bool isEmptyFolder(const std::string& cardPath) {
+    try {
+        return IO::isFolder(cardPath) && BackupFolder(cardPath, {}).files().empty();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+// A run that copies leaves files whose lines wait for the next flush: its generation is open from its first line on. A
+// repair has changed nothing before its first file is named.
+bool isBegun(const ManifestRecord& line) {
+    return line.kind != ManifestRecord::runKind || line.mode != name(PlanMode::repair);
+}
+
+State stateOf(const std::string& cardPath) {
+    State state;
     state.committed = committed(cardPath);
+    state.chainLost = chainLost(cardPath, state.committed);
+    if (state.chainLost)
+        return state; // its lines are not those of a run that died
     std::int64_t highest = state.committed;
-    const bool lastIsOpen = state.committed > 0 && unsettled(cardPath, state.committed);
+    if (state.committed > 0)
+        state.report = readReport(reportPath(cardPath, state.committed));
+    const bool lastIsOpen = state.report && isOpen(*state.report);
     const std::int64_t lowest = lastIsOpen ? state.committed : state.committed + 1;
-    ManifestFile::forEach(cardPath, [&](ManifestRecord&& record) {
-        if (record.gen >= lowest) {
-            highest = std::max(highest, record.gen);
-            state.lines.push_back(std::move(record));
-        }
+    bool anyLine = false;
+    ManifestFile::forEach(cardPath, [&](ManifestRecord&& line) {
+        anyLine = true;
+        const bool isRun = line.kind == ManifestRecord::runKind;
+        if (line.gen >= lowest && isBegun(line))
+            highest = std::max(highest, line.gen);
+        if (isRun || line.gen >= lowest)
+            (isRun ? state.runs : state.lines).push_back(std::move(line));
         return true;
     });
-    if (highest > state.committed)
+    if (highest > state.committed) {
         state.open = highest;
-    else if (lastIsOpen)
+        state.report = readReport(reportPath(cardPath, highest));
+    } else if (auto report = readReport(reportPath(cardPath, state.committed + 1)); report && isOpen(*report)) {
+        state.open = state.committed + 1;
+        state.report = std::move(report);
+    } else if (lastIsOpen) {
         state.open = state.committed;
-    std::erase_if(state.lines, [&](const ManifestRecord& record) { return record.gen != state.open; });
+    } else if (state.committed == 0 && !anyLine && isEmptyFolder(cardPath)) {
+        state.open = 1;
+    }
     return state;
+}
+
+bool agrees(const State& state, std::int64_t open) {
+    if (state.open)
+        return state.open == open;
+    if (state.chainLost)
+        return false;
+    if (state.committed == open - 1)
+        return true; // the run never got to this disk
+    return state.committed == open && state.report && state.report->verified && state.report->success();
 }
 
 [[noreturn]] void diverged(const std::string& cardPath, std::int64_t generation) {
@@ -82,46 +153,75 @@ std::int64_t committed(const std::string& cardPath) {
     return highest;
 }
 
+bool chainLost(const std::string& cardPath, std::int64_t committed) {
+    const auto first = committed == 0 ? readReport(reportPath(cardPath, 1)) : nullptr;
+    return first && !isOpen(*first) && hasList(cardPath);
+}
+
 std::string reportPath(const std::string& cardPath, std::int64_t generation) {
     return cardPath + "/" + std::string(Layout::reportDirName) + "/" + OffloadReport::jsonName(generation);
 }
 
 bool unsettled(const std::string& cardPath, std::int64_t generation) {
     const auto report = readReport(reportPath(cardPath, generation));
-    return report && (report->verifyPending.value_or(false) || report->verifyIncomplete.value_or(false));
+    return report && isOpen(*report);
 }
 
-std::optional<Unfinished> find(const std::vector<std::string>& paths) {
-    std::vector<OpenState> states;
+Findings look(const std::vector<std::string>& paths) {
+    std::vector<State> states = sideBySide(paths.size(), [&](std::size_t d) { return stateOf(paths[d]); });
+    Findings found;
     std::optional<std::int64_t> open;
-    for (const std::string& path : paths) {
-        states.push_back(openAt(path));
-        if (states.back().open)
-            open = std::max(open.value_or(0), *states.back().open);
+    for (const State& state : states) {
+        if (state.open)
+            open = std::max(open.value_or(0), *state.open);
+        for (const ManifestRecord& run : state.runs) {
+            std::ranges::copy(run.destinations, std::back_inserter(found.places));
+            if (run.sourceMedium)
+                found.medium = run.sourceMedium;
+        }
+        if (state.open && state.report) {
+            for (const auto& destination : state.report->destinations)
+                found.places.push_back({destination.cardPath, destination.volumeSerial});
+            std::ranges::copy(state.report->elsewhere, std::back_inserter(found.places));
+        }
     }
     if (!open)
-        return std::nullopt;
-    Unfinished found;
-    found.generation = *open;
+        return found;
+    Unfinished unfinished;
+    unfinished.generation = *open;
     for (std::size_t d = 0; d < paths.size(); ++d) {
-        const OpenState& state = states[d];
-        // A disk without lines of the generation may be one that the run never got to, if it stands exactly before it.
-        const bool behind = !state.open && state.committed == *open - 1;
-        if (state.open != open && !behind)
-            diverged(paths[d], *open);
-        found.files.push_back(ManifestFile::files(state.lines, *open));
-        found.parts.push_back(ManifestFile::parts(state.lines, *open));
-        found.manifests.push_back(std::move(states[d].lines));
-        if (auto report = readReport(reportPath(paths[d], *open)); report && !found.report)
-            found.report = std::make_shared<OffloadReport>(std::move(*report));
+        State& state = states[d];
+        if (!agrees(state, *open)) {
+            const auto behind = std::ranges::min_element(states, {}, &State::progress);
+            diverged(paths[static_cast<std::size_t>(behind - states.begin())], *open);
+        }
+        if (!state.open && state.committed == *open) // final here; its lines were passed over
+            state.lines = ManifestFile::read(paths[d]);
+        auto lines = state.linesOf(*open);
+        unfinished.files.push_back(ManifestFile::files(lines, *open));
+        unfinished.parts.push_back(ManifestFile::parts(lines, *open));
+        unfinished.manifests.push_back(std::move(lines));
+        const bool isOfIt = state.report && state.report->generationNumber() == *open;
+        unfinished.reports.push_back(isOfIt ? state.report : nullptr);
+        // A marked report goes before a final one, and the newer before the older: it is what the finishing run builds
+        // on.
+        const auto rank = [](const OffloadReport& report) { return std::pair(isOpen(report), report.finished); };
+        if (isOfIt && (!unfinished.report || rank(*unfinished.report) < rank(*state.report)))
+            unfinished.report = state.report;
+        for (const ManifestRecord& run : state.runs)
+            if (run.gen == *open)
+                unfinished.mode = run.mode;
     }
-    if (found.report) {
-        found.fixedFiles.emplace();
-        for (const auto& file : found.report->files)
-            found.fixedFiles->insert(pathKey(file.path));
+    if (unfinished.report) {
+        unfinished.fixedFiles.emplace();
+        for (const auto& file : unfinished.report->files)
+            unfinished.fixedFiles->insert(pathKey(file.path));
     }
+    found.unfinished = std::move(unfinished);
     return found;
 }
+
+std::optional<Unfinished> find(const std::vector<std::string>& paths) { return look(paths).unfinished; }
 
 std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, const SourceFile& file,
                                                const std::vector<bool>& write, bool localTime, std::int64_t blockSize) {
@@ -151,32 +251,30 @@ std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, con
     return common;
 }
 
-Decision decide(const Unfinished& unfinished, const std::vector<SourceFile>& files, const SizeOnDisk& sizeOnDisk,
-                bool localTime, std::int64_t blockSize) {
+std::vector<FileTask> decide(const Unfinished& unfinished, const std::vector<SourceFile>& files,
+                             const SizeOnDisk& sizeOnDisk, bool localTime, std::int64_t blockSize) {
     const std::size_t destinations = unfinished.files.size();
-    Decision decision;
+    std::vector<FileTask> tasks;
     for (const SourceFile& file : files) {
+        FileTask& task = tasks.emplace_back();
         std::vector<const ManifestRecord*> records;
-        std::vector<bool> write(destinations, false);
+        task.write.assign(destinations, false);
         for (std::size_t d = 0; d < destinations; ++d) {
             const ManifestRecord* record = unfinished.fileOf(d, file, localTime);
             if (record && sizeOnDisk(d, file) == file.size)
                 records.push_back(record);
             else
-                write[d] = true;
+                task.write[d] = true;
         }
-        std::optional<ManifestRecord> known;
         if (const ManifestRecord* record = commonRecord(records))
-            known = *record;
+            task.known = *record;
         else if (!records.empty())
-            write.assign(destinations, true);
-        const bool complete = known && records.size() == destinations;
-        decision.resume.push_back(complete ? std::nullopt
-                                           : commonCheckpoint(unfinished, file, write, localTime, blockSize));
-        decision.write.push_back(std::move(write));
-        decision.known.push_back(std::move(known));
+            task.write.assign(destinations, true);
+        const bool complete = task.known && records.size() == destinations;
+        if (!complete)
+            task.resume = commonCheckpoint(unfinished, file, task.write, localTime, blockSize);
     }
-    return decision;
+    return tasks;
 }
 
 } // namespace velmora::ResumePlanner

@@ -2,6 +2,9 @@
 
 #include "base/Errors.h"
 #include "memory/Unfinished.h"
+#include "records/BackupPlace.h"
+#include "records/CardKey.h"
+#include "records/OffloadPlan.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,16 +17,29 @@ namespace velmora {
 // Finds what a crash left in the folders of one card and decides, file by file and disk by disk, what is still to do.
 // Reads reports, chains, manifests and directories; writes nothing.
 //
-// Which generation is open on a disk: one that the manifest names and the ASC MHL chain does not hold, else the last
-// committed one if its report still says that its verification is not finished.
+// Which generation is open on a disk: one that the manifest or a marked report names and the ASC MHL chain does not
+// hold, else the last committed one if its report still says that its verification is not finished. A folder that holds
+// nothing at all is one that a copy claimed and never got to: its first generation is open.
 namespace ResumePlanner {
 
-// Nothing when no disk has an open generation. Throws OffloadError when the disks disagree: a disk whose run died
-// before its first line may be behind, one that is ahead or has closed the generation may not.
-std::optional<Unfinished> find(const std::vector<std::string>& paths);
+// What the folders of one backup tell of interrupted runs.
+struct Findings {
+    std::optional<Unfinished> unfinished;
+    std::vector<BackupPlace> places; // every folder that the first line of a run, or an open report, names
+    std::optional<CardKey> medium;   // the card of the newest run that says which it was
+};
+
+// Reads all folders at once. No `unfinished` when no disk has an open generation. Throws OffloadError when the disks
+// disagree, naming the one that is behind. These agree with a disk on which generation g is open: one that stands
+// before g, and one whose final report says that g is verified without a failure.
+Findings look(const std::vector<std::string>& paths);
+std::optional<Unfinished> find(const std::vector<std::string>& paths); // `unfinished` alone
 
 // The highest generation in the chain; 0 without one. Problems of the chain are for others to tell.
 std::int64_t committed(const std::string& cardPath);
+// The chain holds nothing, though the first generation was finished: its report is final, and the checksum lists, which
+// a run writes after the chain, are there. Such a folder has lost its history; no run died there.
+bool chainLost(const std::string& cardPath, std::int64_t committed);
 std::string reportPath(const std::string& cardPath, std::int64_t generation);
 // The report of a committed generation can be read and says that its verification is open.
 bool unsettled(const std::string& cardPath, std::int64_t generation);
@@ -31,17 +47,11 @@ bool unsettled(const std::string& cardPath, std::int64_t generation);
 // What lies under a file's final name on a disk; none when there is no file.
 using SizeOnDisk = std::function<std::optional<std::int64_t>(std::size_t dest, const SourceFile& file)>;
 
-struct Decision {
-    std::vector<std::vector<bool>> write;              // per file, per destination
-    std::vector<std::optional<ManifestRecord>> known;  // what the destinations that hold the file agree on
-    std::vector<std::optional<PartCheckpoint>> resume; // where the destinations that need the file can continue
-};
-
 // A file that every disk holds complete and durable, by one and the same record, is known and not read again. One that
 // only some hold is known too: what the others get from the card must be the same. Where records disagree every disk
 // gets the file anew: which of them is right, nobody can say.
-Decision decide(const Unfinished& unfinished, const std::vector<SourceFile>& files, const SizeOnDisk& sizeOnDisk,
-                bool localTime, std::int64_t blockSize);
+std::vector<FileTask> decide(const Unfinished& unfinished, const std::vector<SourceFile>& files,
+                             const SizeOnDisk& sizeOnDisk, bool localTime, std::int64_t blockSize);
 
 // The longest run of blocks that every destination which needs the file has durably, by checkpoints that agree block
 // for block. None when one of them has nothing usable. The bytes themselves are proved by reading the part files when

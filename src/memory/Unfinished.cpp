@@ -43,6 +43,18 @@ bool Unfinished::mentions(const std::string& relPath) const {
     return in(files) || in(parts) || (fixedFiles && fixedFiles->contains(key));
 }
 
+std::shared_ptr<const OffloadReport> Unfinished::result() const {
+    if (!report || !report->verifyIncomplete.value_or(false) || report->verifyPending.value_or(false))
+        return nullptr;
+    const auto unflushed = [](const auto& destination) { return destination.flushed == false; };
+    return std::ranges::any_of(report->destinations, unflushed) ? nullptr : report;
+}
+
+bool Unfinished::holdsAnything() const {
+    const auto any = [](const auto& map) { return !map.empty(); };
+    return report || std::ranges::any_of(files, any) || std::ranges::any_of(parts, any);
+}
+
 std::unordered_set<std::string> Unfinished::mentioned() const {
     std::unordered_set<std::string> keys;
     const auto add = [&](const auto& maps) {

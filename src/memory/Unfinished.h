@@ -20,8 +20,10 @@ struct Unfinished {
     std::vector<std::vector<ManifestRecord>> manifests; // its lines, in the order of the file
     // Path keys of the files that it must hold, neither more nor less: a report that is on a disk already cannot grow.
     std::optional<std::unordered_set<std::string>> fixedFiles;
-    std::shared_ptr<const OffloadReport> report;              // null when it wrote none
-    std::vector<std::map<std::string, ManifestRecord>> files; // by path key
+    std::shared_ptr<const OffloadReport> report;               // the newest that any disk has; null when it wrote none
+    std::vector<std::shared_ptr<const OffloadReport>> reports; // per disk; null where it has none
+    std::optional<std::string> mode;                           // what kind of run it was, if its first line tells
+    std::vector<std::map<std::string, ManifestRecord>> files;  // by path key
     std::vector<std::map<std::string, PartCheckpoint>> parts;
 
     // What the manifest of a disk says of a file, if size and time are those of the card's file.
@@ -32,6 +34,11 @@ struct Unfinished {
     bool owns(std::size_t dest, const SourceFile& file, std::int64_t sizeOnDisk, bool localTime) const;
     // A manifest or the report of this generation names the path.
     bool mentions(const std::string& relPath) const;
+    // The run had copied and read back all it could; only its records are not final everywhere. Null when it had not,
+    // or when a disk was never flushed: then the copies have to be read again.
+    std::shared_ptr<const OffloadReport> result() const;
+    // A manifest or a report tells of a file: the run has left more than folders.
+    bool holdsAnything() const;
     // Every path key that a manifest of this generation names.
     std::unordered_set<std::string> mentioned() const;
 };

@@ -15,6 +15,10 @@ namespace {
 // Far above what a tool writes. What stands in a generation is otherwise bounded by the length of its file.
 constexpr std::size_t maxText = 64 * 1024;
 constexpr std::size_t maxHashes = 64;
+constexpr std::size_t maxReferences = 10'000;
+constexpr std::size_t maxFiles = 4'000'000;
+constexpr std::size_t maxRefused = 10'000;
+constexpr std::int64_t maxSequence = 999'999'999; // as long as the number of a file name may be
 constexpr std::size_t maxChainEntries = 100'000;
 
 void addText(std::string& text, std::string_view piece) {
@@ -60,6 +64,7 @@ GenerationParser::Kind GenerationParser::kindOf(const XmlElement& element) const
         return name == "creatorinfo"   ? Kind::creator
                : name == "processinfo" ? Kind::process
                : name == "hashes"      ? Kind::hashes
+               : name == "references"  ? Kind::references
                                        : Kind::other;
     case Kind::creator:
         return name == "tool" ? Kind::tool : Kind::other;
@@ -69,6 +74,10 @@ GenerationParser::Kind GenerationParser::kindOf(const XmlElement& element) const
         return name == "pattern" ? Kind::pattern : Kind::other;
     case Kind::hashes:
         return name == "hash" ? Kind::hash : Kind::other;
+    case Kind::references:
+        return name == "hashlistreference" ? Kind::reference : Kind::other;
+    case Kind::reference:
+        return name == "path" ? Kind::path : name == "c4" ? Kind::digest : Kind::other;
     case Kind::hash:
         // The old name of a renamed file is an attribute of the path with some tools, an element with others.
         return name == "path"           ? Kind::path
@@ -95,7 +104,7 @@ void GenerationParser::open(const XmlElement& element) {
         return;
     }
     text_.clear();
-    if (kind == Kind::hash) {
+    if (kind == Kind::hash || kind == Kind::reference) {
         record_ = {};
         record_.generation = generation_.seq;
         hasPath_ = false;
@@ -160,22 +169,47 @@ void GenerationParser::close() {
     case Kind::hash:
         closeRecord();
         break;
+    case Kind::reference:
+        closeReference();
+        break;
     default:
         break;
     }
+}
+
+void GenerationParser::refuse(std::string path) {
+    if (generation_.refusedPaths.size() >= maxRefused) {
+        throw MHLFormatError("too many paths outside the card folder");
+    }
+    generation_.refusedPaths.push_back(std::move(path));
+}
+
+void GenerationParser::closeReference() {
+    if (generation_.references.size() >= maxReferences) {
+        throw MHLFormatError("too many references");
+    }
+    if (!isSafeRelative(record_.path)) {
+        refuse(std::move(record_.path));
+        return;
+    }
+    generation_.references.push_back(
+        {std::move(record_.path), record_.hashes.empty() ? std::string() : std::move(record_.hashes.front().value)});
 }
 
 void GenerationParser::closeRecord() {
     if (!hasPath_) {
         throw MHLFormatError("a hash element has no path");
     }
+    if (generation_.files.size() >= maxFiles) {
+        throw MHLFormatError("too many files");
+    }
     // Nobody may join such a path to the folder, so it never becomes a record; it is told by its text alone.
     if (!isSafeRelative(record_.path)) {
-        generation_.refusedPaths.push_back(std::move(record_.path));
+        refuse(std::move(record_.path));
         return;
     }
     if (record_.previousPath && !isSafeRelative(*record_.previousPath)) {
-        generation_.refusedPaths.push_back(std::move(*record_.previousPath));
+        refuse(std::move(*record_.previousPath));
         record_.previousPath.reset();
     }
     generation_.files.push_back(std::make_shared<const MHLFileRecord>(std::move(record_)));
@@ -200,7 +234,7 @@ void ChainParser::open(const XmlElement& element) {
     open_.emplace_back(meant ? element.name : std::string_view{});
     if (meant && inRoot) {
         const auto seq = number(element.attribute("sequencenr"));
-        if (!seq || *seq < 1) {
+        if (!seq || *seq < 1 || *seq > maxSequence) {
             throw MHLFormatError("an entry has no sequence number");
         }
         if (entries_.size() >= maxChainEntries) {

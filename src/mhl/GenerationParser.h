@@ -11,7 +11,7 @@
 namespace velmora {
 
 // Builds a generation from the text of its file, piece by piece. It takes what other tools write: elements in any
-// order, digests of any name, folders, metadata and references, which are passed over. Throws MHLFormatError.
+// order, digests of any name; folders and metadata are passed over. Throws MHLFormatError.
 class GenerationParser final : private XmlHandler {
 public:
     static constexpr std::string_view space = "urn:ASC:MHL:v2.0";
@@ -21,7 +21,22 @@ public:
     MHLGeneration finish(); // once
 
 private:
-    enum class Kind { other, root, creator, tool, process, ignore, pattern, hashes, hash, path, digest, previous };
+    enum class Kind {
+        other,
+        root,
+        creator,
+        tool,
+        process,
+        ignore,
+        pattern,
+        hashes,
+        hash,
+        path,
+        digest,
+        previous,
+        references,
+        reference
+    };
 
     void open(const XmlElement& element) override;
     void text(std::string_view piece) override;
@@ -29,6 +44,8 @@ private:
     Kind kindOf(const XmlElement& element) const;
     void openPath(const XmlElement& element);
     void closeRecord();
+    void closeReference();
+    void refuse(std::string path);
 
     MHLGeneration generation_;
     std::vector<Kind> open_;

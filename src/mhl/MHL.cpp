@@ -11,6 +11,7 @@
 #include "platform/IO.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fmt/format.h>
 #include <map>
 
@@ -155,6 +156,21 @@ bool mayBeSetAside(const std::string& path, std::int64_t seq) {
     }
 }
 
+// The name may be taken: a retry that died in its turn leaves a file of the same name when it came in the same second
+// or took over the time of the run that it finished.
+void setAside(const std::string& path) {
+    constexpr int mostOfOneName = 1000;
+    for (int n = 1;; ++n) {
+        try {
+            IO::renameNoReplace(path, fmt::format("{}{}{}", path, setAsideSuffix, n == 1 ? "" : fmt::format(".{}", n)));
+            return;
+        } catch (const IOError& error) {
+            if (error.code() != EEXIST || n == mostOfOneName)
+                throw;
+        }
+    }
+}
+
 void setAsideLeftovers(const MHLHistory& history, const std::string& folder, std::int64_t seq) {
     bool changed = false;
     for (const MHLUnchained& file : history.unchained) {
@@ -162,7 +178,7 @@ void setAsideLeftovers(const MHLHistory& history, const std::string& folder, std
         if (file.number != seq || !mayBeSetAside(path, seq)) {
             continue;
         }
-        IO::renameNoReplace(path, path + std::string(setAsideSuffix));
+        setAside(path);
         changed = true;
     }
     if (changed) {

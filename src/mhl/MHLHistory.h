@@ -36,12 +36,19 @@ struct MHLFileRecord {
 // The same record is seen from its generation and from the maps of the history.
 using MHLRecord = std::shared_ptr<const MHLFileRecord>;
 
+// A generation of the history of a folder inside, as a generation above names it.
+struct MHLReference {
+    std::string path; // of the file, relative to the folder of the history that names it; as safe as that of a record
+    std::string c4;
+};
+
 struct MHLGeneration {
     std::int64_t seq = 0;
     std::string fileName;
     std::string tool; // who wrote it
     std::vector<std::string> ignore;
     std::vector<MHLRecord> files;
+    std::vector<MHLReference> references;
     std::vector<std::string> refusedPaths; // paths that would leave the card folder; they are in no record
 };
 

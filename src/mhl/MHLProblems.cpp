@@ -32,6 +32,32 @@ std::string MHLProblems::repeated(std::int64_t seq) {
     return fmt::format("The ASC MHL chain lists generation {:04d} more than once.", seq);
 }
 
+std::string MHLProblems::sameFile(std::int64_t seq, std::int64_t earlier, std::string_view path) {
+    return fmt::format("The ASC MHL chain names the file of generation {:04d} again for generation {:04d}: {}", earlier,
+                       seq, path);
+}
+
+std::string MHLProblems::inNested(std::string_view folder, std::string_view problem) {
+    return fmt::format("{}: {}", folder, problem);
+}
+
+std::string MHLProblems::nestedMissing(std::string_view folder) {
+    return fmt::format("The ASC MHL names a nested history, but it is missing: {}", folder);
+}
+
+std::string MHLProblems::nestedDiffers(std::string_view fileName) {
+    return fmt::format("The history above names the generation {} with another content than the one that is there.",
+                       fileName);
+}
+
+std::string MHLProblems::noNested(std::int64_t seq, std::string_view path) {
+    return fmt::format("ASC MHL generation {} refers to {}, which is no generation of a nested history.", seq, path);
+}
+
+std::string MHLProblems::tooManyNested() {
+    return "The ASC MHL names too many nested histories — the rest of them was not read.";
+}
+
 std::string MHLProblems::leavesFolder(std::int64_t seq, std::string_view path) {
     // The text comes from a stranger: it must not draw on a terminal or in a report.
     constexpr std::size_t shown = 200;

@@ -16,6 +16,13 @@ std::string changed(std::int64_t seq);
 std::string notInChain(std::string_view fileName);
 std::string skipped(std::int64_t seq);
 std::string repeated(std::int64_t seq);
+std::string sameFile(std::int64_t seq, std::int64_t earlier, std::string_view path);
+// Of histories nested in folders of the card.
+std::string inNested(std::string_view folder, std::string_view problem);
+std::string nestedMissing(std::string_view folder);
+std::string nestedDiffers(std::string_view fileName);
+std::string noNested(std::int64_t seq, std::string_view path);
+std::string tooManyNested();
 std::string leavesFolder(std::int64_t seq, std::string_view path);
 
 } // namespace MHLProblems

@@ -35,6 +35,7 @@ namespace {
 // A generation of a card with a million files is below this; no more is read of a file that claims to be one.
 constexpr std::int64_t maxGenerationBytes = std::int64_t{512} << 20;
 constexpr std::int64_t maxChainBytes = std::int64_t{64} << 20;
+constexpr std::int64_t recordBytes = 256;
 constexpr std::size_t readBytes = std::size_t{1} << 20;
 
 void forEachPiece(UncachedReader& file, const std::string& path, std::int64_t limit,
@@ -92,6 +93,7 @@ struct Planned {
 // Also tells what is wrong with the numbers.
 std::vector<Planned> planByChain(const MHLHistory& history, const Folder& folder, std::vector<std::string>& problems) {
     std::vector<Planned> plan;
+    std::map<std::string, std::int64_t> named;
     std::int64_t expected = 1;
     for (const MHLChainEntry& entry : history.chain) {
         if (entry.seq < expected) {
@@ -105,11 +107,12 @@ std::vector<Planned> planByChain(const MHLHistory& history, const Folder& folder
             problems.push_back(MHLProblems::fileMissing(entry.seq, entry.path));
             continue;
         }
-        const bool again =
-            std::any_of(plan.begin(), plan.end(), [&](const Planned& p) { return p.fileName == entry.path; });
-        if (!again) {
-            plan.push_back({entry.seq, entry.path, entry.c4});
+        // One file cannot be two generations: the second entry stands where another one was.
+        if (const auto [first, isNew] = named.try_emplace(entry.path, entry.seq); !isNew) {
+            problems.push_back(MHLProblems::sameFile(entry.seq, first->second, entry.path));
+            continue;
         }
+        plan.push_back({entry.seq, entry.path, entry.c4});
     }
     return plan;
 }
@@ -128,13 +131,18 @@ std::vector<Planned> planByNames(const std::string& ascmhl, const Folder& folder
 }
 
 // Reads the file once for its content and for its hash.
-MHLGeneration readGeneration(const std::string& cardPath, const Planned& planned, MHLHistory& history) {
+MHLGeneration readGeneration(const std::string& cardPath, const Planned& planned, MHLHistory& history,
+                             const IsCancelled& isCancelled, std::int64_t& left) {
     const std::string relative = std::string(MHL::dirName) + "/" + planned.fileName;
     GenerationParser parser(planned.seq);
     CryptoStream hash(CryptoStream::Kind::sha512);
     std::exception_ptr broken;
     UncachedReader file = UncachedReader::beneath(cardPath, relative);
-    forEachPiece(file, cardPath + "/" + relative, maxGenerationBytes, [&](std::string_view piece) {
+    forEachPiece(file, cardPath + "/" + relative, std::min(maxGenerationBytes, left), [&](std::string_view piece) {
+        left -= static_cast<std::int64_t>(piece.size());
+        if (isCancelled && isCancelled()) {
+            throw Cancelled();
+        }
         hash.update(piece.data(), piece.size());
         if (!broken) {
             try {
@@ -154,6 +162,11 @@ MHLGeneration readGeneration(const std::string& cardPath, const Planned& planned
     }
     MHLGeneration generation = parser.finish();
     generation.fileName = planned.fileName;
+    // A record takes more memory than a short line of the file.
+    left -= static_cast<std::int64_t>(generation.files.size()) * recordBytes;
+    if (left < 0) {
+        throw MHLFormatError("the history is too long");
+    }
     return generation;
 }
 
@@ -226,8 +239,9 @@ MHLGeneration MHLReader::generationFromBytes(std::string_view bytes, std::int64_
     return parser.finish();
 }
 
-MHLHistory MHLReader::read(const std::string& cardPath) {
+MHLHistory MHLReader::read(const std::string& cardPath, const IsCancelled& isCancelled, std::int64_t* left) {
     MHLHistory history;
+    std::int64_t own = maxHistoryBytes;
     const std::string ascmhl = cardPath + "/" + std::string(MHL::dirName);
     if (!IO::exists(ascmhl)) {
         return history;
@@ -263,7 +277,10 @@ MHLHistory MHLReader::read(const std::string& cardPath) {
     }
     for (const Planned& planned : plan) {
         try {
-            history.generations.push_back(readGeneration(cardPath, planned, history));
+            history.generations.push_back(
+                readGeneration(cardPath, planned, history, isCancelled, left != nullptr ? *left : own));
+        } catch (const Cancelled&) {
+            throw;
         } catch (const std::exception& error) {
             throw MHLFormatError(
                 fmt::format("Cannot read ASC MHL generation {}: {}", planned.fileName, describe(error)));

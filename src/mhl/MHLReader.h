@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Errors.h"
 #include "mhl/MHLHistory.h"
 
 #include <exception>
@@ -15,8 +16,11 @@ namespace velmora {
 namespace MHLReader {
 
 // A damaged chain is told in `chainProblems`; a generation that cannot be read throws MHLFormatError. A folder without
-// a history gives one that does not exist. Throws IOError.
-MHLHistory read(const std::string& cardPath);
+// a history gives one that does not exist. Throws IOError, and Cancelled when `isCancelled`, asked at every piece that
+// is read, says so. The generations, and what is kept of them, may take `left` bytes, which are taken off it; a longer
+// history is not read.
+MHLHistory read(const std::string& cardPath, const IsCancelled& isCancelled = {}, std::int64_t* left = nullptr);
+inline constexpr std::int64_t maxHistoryBytes = std::int64_t{2} << 30;
 
 // The entries of the chain as they stand in the file. What keeps it from being read goes to `problems`.
 std::vector<MHLChainEntry> readChain(const std::string& ascmhlDir, std::vector<std::string>& problems);

@@ -40,9 +40,17 @@ std::string realPath(const std::string& path);
 // is known of its mount.
 std::string underRoot(const std::string& path, const System& system = {});
 
+// The number of the path's file system and the path on it, "8:17/DCIM/x". Unlike the path itself it is the same through
+// every mount of that file system, bind mounts included. None when nothing is known of its mount.
+std::optional<std::string> placeOnVolume(const std::string& path, const System& system = {});
+
 bool isVolumeRoot(const std::string& path, const System& system = {}); // the path is a mount point
 // By its words alone: at or below one of the places where a user's volumes are mounted, and not that place itself.
 bool isUserVolumePath(std::string_view path);
+// The disk that belongs at `path` is away: the path lies at or below one of those places, links resolved, and nothing
+// is mounted at it, nor above it up to that place. What is written there lands on the system's own disk. A volume that
+// is mounted on first use is waited for. True as well when the mount table cannot be read.
+bool awaitsVolume(const std::string& path, const System& system = {});
 // The volumes that a user works with, in the order of mounting: file systems with data on them, below those places.
 std::vector<Mount> userVolumes(const System& system = {});
 
@@ -52,6 +60,9 @@ std::int64_t capacity(const std::string& path);
 // udev, or from the device where this user may read it.
 std::optional<std::string> volumeUUID(const std::string& path, const System& system = {});
 std::optional<std::string> label(const std::string& path, const System& system = {});
+// "FAT32" or "FAT16" (which is FAT12 too) for a path on FAT. From udev or the device, else from the number of clusters,
+// which everybody may ask.
+std::string fatName(const std::string& path, const System& system = {});
 // When the volume was formatted. Only ext2 to ext4 keep it, and only who may read the device learns it.
 std::optional<Timestamp> created(const std::string& path, const System& system = {});
 // The label, else the mount point's last component, when `path` is a mount point; "" otherwise.

@@ -5,6 +5,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <array>
+#include <string_view>
+
 namespace velmora {
 
 using nlohmann::json;
@@ -15,6 +19,19 @@ template <class T>
 std::vector<T> list(const JsonFields& fields, const char* key) {
     const json* values = fields.array(key);
     return values ? values->get<std::vector<T>>() : std::vector<T>{};
+}
+
+// What of an entry has no field here, as text; it must not be lost when the entry is written again.
+std::string otherKeys(const json& entry) {
+    static constexpr std::array<std::string_view, 21> known = {
+        "bytes",       "card",     "cardName",    "date",           "destinations", "failedFiles", "fileList", "files",
+        "fingerprint", "finished", "generations", "hashAlgorithms", "id",           "project",     "reels",    "shape",
+        "source",      "success",  "unfinished",  "verifications",  "verified"};
+    json other = json::object();
+    for (const auto& [key, value] : entry.items())
+        if (std::ranges::find(known, key) == known.end())
+            other[key] = value;
+    return other.empty() ? std::string() : Json::compact(other);
 }
 
 } // namespace
@@ -74,6 +91,24 @@ void from_json(const json& j, HistoryGeneration& value) {
     value.verified = fields.boolean("verified", false);
 }
 
+void to_json(json& j, const HistoryVerification& value) {
+    j = {{"cardPath", value.cardPath}};
+    Json::put(j, "volumeSerial", value.volumeSerial);
+    Json::put(j, "clean", value.clean);
+    Json::put(j, "failed", value.failed);
+    if (value.failed)
+        j["found"] = value.found;
+}
+
+void from_json(const json& j, HistoryVerification& value) {
+    const JsonFields fields(j);
+    value.cardPath = fields.string("cardPath");
+    value.volumeSerial = fields.optionalString("volumeSerial");
+    value.clean = fields.optionalTimestamp("clean");
+    value.failed = fields.optionalTimestamp("failed");
+    value.found = fields.string("found", "");
+}
+
 void to_json(json& j, const HistoryEntry& value) {
     j = {{"id", value.id},
          {"source", value.source},
@@ -96,6 +131,10 @@ void to_json(json& j, const HistoryEntry& value) {
     Json::put(j, "finished", value.finished);
     Json::put(j, "failedFiles", value.failedFiles);
     Json::put(j, "fileList", value.fileList);
+    if (!value.verifications.empty())
+        j["verifications"] = value.verifications;
+    if (!value.otherKeys.empty())
+        j.update(Json::parse(value.otherKeys));
 }
 
 void from_json(const json& j, HistoryEntry& value) {
@@ -121,6 +160,8 @@ void from_json(const json& j, HistoryEntry& value) {
     value.generations = list<HistoryGeneration>(fields, "generations");
     value.reels = fields.optionalStrings("reels").value_or(std::vector<std::string>{});
     value.unfinished = fields.boolean("unfinished", false);
+    value.verifications = list<HistoryVerification>(fields, "verifications");
+    value.otherKeys = otherKeys(j);
 }
 
 } // namespace velmora

@@ -44,6 +44,16 @@ struct HistoryGeneration {
     bool operator==(const HistoryGeneration&) const = default;
 };
 
+// What verifications found in one card folder of a backup.
+struct HistoryVerification {
+    std::string cardPath;
+    std::optional<std::string> volumeSerial; // of the disk that was read
+    std::optional<Timestamp> clean;          // when every copy in it was last read and found as recorded
+    std::optional<Timestamp> failed;         // when copies were found that are not, and nothing has mended them since
+    std::string found;                       // what they were; empty without `failed`
+    bool operator==(const HistoryVerification&) const = default;
+};
+
 // A card that was backed up, as the computer remembers it.
 struct HistoryEntry {
     std::string id;
@@ -66,6 +76,8 @@ struct HistoryEntry {
     std::vector<HistoryGeneration> generations;
     std::vector<std::string> reels;
     bool unfinished = false; // recorded at the start of the job, which has not finished
+    std::vector<HistoryVerification> verifications;
+    std::string otherKeys; // a JSON object: what another version of this program wrote and this one does not know
     bool operator==(const HistoryEntry&) const = default;
 };
 
@@ -75,6 +87,8 @@ void to_json(nlohmann::json& j, const HistoryDestination& value);
 void from_json(const nlohmann::json& j, HistoryDestination& value);
 void to_json(nlohmann::json& j, const HistoryGeneration& value);
 void from_json(const nlohmann::json& j, HistoryGeneration& value);
+void to_json(nlohmann::json& j, const HistoryVerification& value);
+void from_json(const nlohmann::json& j, HistoryVerification& value);
 void to_json(nlohmann::json& j, const HistoryEntry& value);
 void from_json(const nlohmann::json& j, HistoryEntry& value);
 

@@ -73,6 +73,11 @@ nlohmann::json head(const ManifestRecord& value) {
     Json::put(j, "xxh64", value.xxh64);
     Json::put(j, "xxh128", value.xxh128);
     Json::put(j, "md5", value.md5);
+    Json::put(j, "mode", value.mode);
+    if (!value.destinations.empty())
+        j["destinations"] = value.destinations;
+    if (value.sourceMedium)
+        j["sourceMedium"] = *value.sourceMedium;
     return j;
 }
 
@@ -95,6 +100,11 @@ void from_json(const nlohmann::json& j, ManifestRecord& value) {
     value.blocks.reserve(blocks.size());
     for (const std::string& block : blocks)
         value.blocks.emplace_back(block);
+    value.mode = fields.optionalString("mode");
+    if (const nlohmann::json* destinations = fields.array("destinations"))
+        value.destinations = destinations->get<std::vector<BackupPlace>>();
+    if (const nlohmann::json* medium = fields.find("sourceMedium"))
+        value.sourceMedium = medium->get<CardKey>();
 }
 
 // The blocks are put into the finished text: as JSON values each of them would cost two allocations, on every disk.

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "base/Timestamp.h"
+#include "records/BackupPlace.h"
+#include "records/CardKey.h"
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -51,12 +53,14 @@ private:
     std::array<char, 16> digits_{};
 };
 
-// One line of the manifest in a card folder. A "file" line says that the file is complete and durable on this
-// destination and holds the hashes of all its blocks. A "part" line is a checkpoint of a file still being written and
-// holds only the blocks since the checkpoint before.
+// One line of the manifest in a card folder. A "run" line is the first that a run leaves, before any of its files: it
+// says which folders belong to the backup, so that one of them alone still tells of the others. A "file" line says that
+// the file is complete and durable on this destination and holds the hashes of all its blocks. A "part" line is a
+// checkpoint of a file still being written and holds only the blocks since the checkpoint before.
 struct ManifestRecord {
     static constexpr std::string_view fileKind = "file";
     static constexpr std::string_view partKind = "part";
+    static constexpr std::string_view runKind = "run";
 
     std::int64_t v = 1;
     std::string kind{fileKind};
@@ -70,6 +74,9 @@ struct ManifestRecord {
     std::int64_t blockSize = 0;
     std::int64_t first = 0; // index of the first block in `blocks`
     std::vector<BlockDigits> blocks;
+    std::optional<std::string> mode;       // of a "run" line: "full", "append" or "repair"
+    std::vector<BackupPlace> destinations; // of a "run" line: every folder of the backup, written by this run or not
+    std::optional<CardKey> sourceMedium;   // of a "run" line: the card, where it tells what it is
 
     static std::vector<BlockDigits> hex(const std::vector<std::uint64_t>& blocks);
     std::optional<std::vector<std::uint64_t>> blockValues() const; // none when one of them is malformed

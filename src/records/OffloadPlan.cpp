@@ -14,6 +14,11 @@ std::string_view name(PlanMode mode) noexcept {
     return "full";
 }
 
+const FileTask& OffloadPlan::task(std::size_t file) const {
+    static const FileTask plain;
+    return tasks.empty() ? plain : tasks[file];
+}
+
 std::vector<std::string> OffloadPlan::cardPaths() const {
     if (fixedCardPaths)
         return *fixedCardPaths;

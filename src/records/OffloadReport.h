@@ -1,6 +1,8 @@
 #pragma once
 
 #include "base/Timestamp.h"
+#include "records/BackupPlace.h"
+#include "records/CardKey.h"
 #include "records/ClipEntry.h"
 #include "records/ProxySettings.h"
 
@@ -43,6 +45,7 @@ struct OffloadReport {
         std::optional<std::string> verifyMethod;
         std::optional<std::string> verifyNote;
         std::optional<std::string> volumeSerial;
+        std::optional<bool> flushed = {}; // false: no flush of the disk succeeded, so its copies may not be there for good
         bool operator==(const Destination&) const = default;
     };
 
@@ -75,6 +78,7 @@ struct OffloadReport {
     std::string date; // "YYYY-MM-DD"
     std::string source;
     std::string sourceFilesystem = "?";
+    std::optional<CardKey> sourceMedium; // the medium, where the source was a whole volume that tells what it is
     Timestamp started;
     Timestamp copyFinished;
     Timestamp finished;
@@ -89,6 +93,7 @@ struct OffloadReport {
     std::int64_t totalFiles = 0;
     std::int64_t totalBytes = 0;
     std::vector<Destination> destinations;
+    std::vector<BackupPlace> elsewhere; // further folders of this backup, which this run did not write
     std::vector<FileEntry> files;
     std::vector<std::string> skipped;
     std::vector<ClipEntry> clips;

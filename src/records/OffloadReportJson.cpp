@@ -80,6 +80,10 @@ json withoutFiles(const OffloadReport& r) {
     Json::put(j, "verifyNotes", r.verifyNotes);
     Json::put(j, "copyPausedSeconds", r.copyPausedSeconds);
     Json::put(j, "verifyPausedSeconds", r.verifyPausedSeconds);
+    if (r.sourceMedium)
+        j["sourceMedium"] = *r.sourceMedium;
+    if (!r.elsewhere.empty())
+        j["elsewhere"] = r.elsewhere;
     if (r.setAside)
         j["setAside"] = *r.setAside;
     if (r.proxy)
@@ -110,6 +114,9 @@ void readAllButFiles(const JsonFields& fields, OffloadReport& r) {
     r.verifyNotes = fields.optionalStrings("verifyNotes");
     r.copyPausedSeconds = fields.optionalNumber("copyPausedSeconds");
     r.verifyPausedSeconds = fields.optionalNumber("verifyPausedSeconds");
+    if (const json* medium = fields.find("sourceMedium"))
+        r.sourceMedium = medium->get<CardKey>();
+    r.elsewhere = list<BackupPlace>(fields, "elsewhere");
     if (fields.array("setAside"))
         r.setAside = list<SetAsideCopy>(fields, "setAside");
     r.totalFiles = fields.integer("totalFiles");
@@ -144,6 +151,7 @@ void to_json(json& j, const OffloadReport::Destination& value) {
     Json::put(j, "verifyMethod", value.verifyMethod);
     Json::put(j, "verifyNote", value.verifyNote);
     Json::put(j, "volumeSerial", value.volumeSerial);
+    Json::put(j, "flushed", value.flushed);
 }
 
 void from_json(const json& j, OffloadReport::Destination& value) {
@@ -157,6 +165,7 @@ void from_json(const json& j, OffloadReport::Destination& value) {
     value.verifyMethod = fields.optionalString("verifyMethod");
     value.verifyNote = fields.optionalString("verifyNote");
     value.volumeSerial = fields.optionalString("volumeSerial");
+    value.flushed = fields.optionalBoolean("flushed");
 }
 
 void to_json(json& j, const OffloadReport::FileEntry& value) {

@@ -25,7 +25,7 @@ std::string SpaceNeed::partsText() const {
     if (proxy > 0)
         parts.push_back("proxy ~" + formatBytes(proxy));
     if (report > 0)
-        parts.push_back("report " + formatBytes(report));
+        parts.push_back("reports and overhead " + formatBytes(report));
     return join(parts, ", ");
 }
 

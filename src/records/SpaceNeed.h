@@ -10,10 +10,10 @@ namespace velmora {
 struct SpaceNeed {
     std::int64_t card = 0;
     std::int64_t proxy = 0;
-    std::int64_t report = 0;
+    std::int64_t report = 0; // reports, lists, manifest, and what file systems add
 
     std::int64_t total() const; // stays at the largest number instead of overflowing
-    // "52 GB cards, proxy ~3.1 GB, report 12 MB", without what is nothing.
+    // "52 GB cards, proxy ~3.1 GB, reports and overhead 12 MB", without what is nothing.
     std::string partsText() const;
     SpaceNeed& operator+=(const SpaceNeed& other);
     bool operator==(const SpaceNeed&) const = default;

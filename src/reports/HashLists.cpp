@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <map>
 #include <set>
 
 namespace velmora::HashLists {
@@ -60,23 +61,29 @@ std::string of(const OffloadReport& report) {
 std::vector<std::string_view> listLines(std::string_view list) { return split(list, '\n', false); }
 
 Standing listAndMissed(const std::string& path, const std::string& cardPath, std::span<const std::string> alsoListed,
-                       std::string_view algorithm) {
+                       std::string_view algorithm, const IsCancelled& isCancelled) {
     Standing standing;
     if (IO::exists(path))
         standing.list = IO::readFileBeneath(cardPath, path.substr(cardPath.size() + 1), longestList);
     if (!standing.list.empty() && standing.list.back() != '\n')
         standing.list += '\n';
 
-    std::set<std::string> named;
-    for (const auto& one : alsoListed)
-        named.insert(pathKey(one));
+    std::set<std::string> exact(alsoListed.begin(), alsoListed.end());
     for (const auto one : listLines(standing.list))
         if (const auto blanks = one.find("  "); blanks != std::string_view::npos)
-            named.insert(pathKey(one.substr(blanks + 2)));
+            exact.emplace(one.substr(blanks + 2));
+    std::set<std::string> named;
+    for (const auto& one : exact)
+        named.insert(pathKey(one));
 
-    for (const auto& [file, record] : MHLReader::read(cardPath).files) {
+    const MHLHistory history = MHLReader::read(cardPath, isCancelled);
+    std::map<std::string, int> names; // of the history, by key: two that differ in case only are two files of the card
+    for (const auto& [file, record] : history.files)
+        ++names[pathKey(file)];
+    for (const auto& [file, record] : history.files) {
         const MHLHash* digest = record->hash(algorithm);
-        if (digest != nullptr && named.insert(pathKey(file)).second)
+        const std::string key = pathKey(file);
+        if (digest != nullptr && !(names[key] > 1 ? exact.contains(file) : named.contains(key)))
             standing.missed += line(digest->value, file);
     }
     return standing;
@@ -104,11 +111,11 @@ void write(const OffloadReport& report, const std::string& cardPath, bool merge)
     }
 }
 
-bool heal(const std::string& cardPath, const std::string& cardName) {
+bool heal(const std::string& cardPath, const std::string& cardName, const IsCancelled& isCancelled) {
     bool wrote = false;
     for (const auto algorithm : listed) {
         const std::string path = pathOf(cardPath, cardName, algorithm);
-        const auto standing = listAndMissed(path, cardPath, {}, algorithm);
+        const auto standing = listAndMissed(path, cardPath, {}, algorithm, isCancelled);
         if (standing.missed.empty())
             continue;
         IO::writeFileDurably(path, standing.list + standing.missed);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Errors.h"
+
 #include <span>
 #include <string>
 #include <string_view>
@@ -29,16 +31,18 @@ struct Standing {
     std::string list;   // as on disk, ending in a line feed unless empty
     std::string missed; // lines that the ASC MHL history has and neither the list nor `alsoListed` names
 };
-// `path` is the list's file; paths are compared without regard to case.
+// `path` is the list's file; paths are compared without regard to case, but for files of the history whose names differ
+// in nothing else. Throws Cancelled.
 Standing listAndMissed(const std::string& path, const std::string& cardPath, std::span<const std::string> alsoListed,
-                       std::string_view algorithm);
+                       std::string_view algorithm, const IsCancelled& isCancelled = {});
 
 // Brings the lists of a card folder up to a report. The first generation writes them whole, unless `merge` is set and
 // a list exists; every other call adds what is missing and writes nothing when nothing is.
 void write(const OffloadReport& report, const std::string& cardPath, bool merge);
 
-// Puts back what the lists have lost, from the ASC MHL history. True when anything was written.
-bool heal(const std::string& cardPath, const std::string& cardName);
+// Puts back what the lists have lost, from the ASC MHL history; a cancelled one throws Cancelled, before or between
+// two lists. True when anything was written.
+bool heal(const std::string& cardPath, const std::string& cardName, const IsCancelled& isCancelled = {});
 
 } // namespace HashLists
 

@@ -8,7 +8,6 @@
 #include "reports/HashLists.h"
 #include "reports/ReportText.h"
 
-#include <array>
 #include <cerrno>
 #include <fmt/format.h>
 #include <utility>
@@ -20,54 +19,42 @@ namespace {
 // A report of 100,000 files takes about 40 MB; anything much longer is not ours.
 constexpr std::int64_t longestReport = 1LL << 30;
 
-std::string folderOf(const std::string& cardPath) { return fmt::format("{}/{}", cardPath, Layout::reportDirName); }
-
 } // namespace
 
 Stamp Stamp::present() { return {Timestamp::now(), hostName()}; }
 
 OffloadReport read(const std::string& path) { return OffloadReport::fromJson(IO::readFile(path, longestReport)); }
 
-bool exists(const std::string& cardPath, std::int64_t generation) {
-    return IO::exists(folderOf(cardPath) + "/" + OffloadReport::jsonName(generation));
-}
+// Encoded before anything is written: a report that cannot be encoded leaves nothing behind.
+Pages::Pages(const OffloadReport& report)
+    : files_{{{OffloadReport::jsonName(report.generationNumber()), report.jsonData()},
+              {OffloadReport::textName(report.generationNumber()), ReportText::summary(report)}}} {}
 
-void writeReports(const OffloadReport& report, const std::string& cardPath, bool create) {
-    const std::string folder = folderOf(cardPath);
-    const auto generation = report.generationNumber();
-    // The contents first: a report that cannot be encoded leaves nothing behind.
-    const std::array<std::pair<std::string, std::string>, 2> files = {{
-        {folder + "/" + OffloadReport::jsonName(generation), report.jsonData()},
-        {folder + "/" + OffloadReport::textName(generation), ReportText::summary(report)},
-    }};
+void Pages::write(const std::string& cardPath, bool create) const {
+    const std::string folder = fmt::format("{}/{}", cardPath, Layout::reportDirName);
     IO::mkdirs(folder);
     if (create) {
-        for (const auto& [path, bytes] : files)
-            if (IO::exists(path))
+        for (const auto& [name, bytes] : files_)
+            if (const std::string path = folder + "/" + name; IO::exists(path))
                 throw IOError("create", path, EEXIST);
     }
     // Also when the folder was there: a run that was killed may have made it a moment ago.
     IO::syncFolder(cardPath);
-    for (const auto& [path, bytes] : files)
+    for (const auto& [name, bytes] : files_) {
+        const std::string path = folder + "/" + name;
         create ? IO::writeFileNew(path, bytes) : IO::writeFileDurably(path, bytes);
+    }
 }
 
-void write(const OffloadReport& report, const std::string& cardPath, bool includeHashRecords, const Stamp& stamp,
-           std::optional<bool> createNew) {
-    writeReports(report, cardPath, createNew.value_or(includeHashRecords && report.generationNumber() > 1));
-    if (!includeHashRecords)
-        return;
-    MHL::write(report, cardPath, stamp.now, stamp.host);
-    HashLists::write(report, cardPath, false);
-}
-
-void commit(const OffloadReport& report, const std::string& cardPath, const Stamp& stamp) {
+void commit(const OffloadReport& report, const Pages& pages, const std::string& cardPath, const Stamp& stamp,
+            bool create) {
     if (report.verifyPending.value_or(false))
         throw OffloadError::failed("A report whose verification is still pending is never committed.");
-    if (!MHL::hasGeneration(report, cardPath))
+    const bool isChained = MHL::hasGeneration(report, cardPath);
+    pages.write(cardPath, create);
+    if (!isChained)
         MHL::write(report, cardPath, stamp.now, stamp.host);
-    writeReports(report, cardPath, false);
-    HashLists::write(report, cardPath, true);
+    HashLists::write(report, cardPath, !create);
 }
 
 } // namespace velmora::ReportWriter

@@ -3,19 +3,14 @@
 #include "base/Timestamp.h"
 #include "records/OffloadReport.h"
 
-#include <optional>
+#include <array>
 #include <string>
+#include <utility>
 
 namespace velmora {
 
-// Lays a report down in a card folder. What is on disk after each step, in `_REPORT` unless said otherwise:
-//
-//   writeReports(create)    offload_report[_NNNN].json, then .txt. Each is complete or absent; an existing one is
-//                           never replaced, so a second writer of a generation fails and leaves the first one's files.
-//   write                   the above; then, with hash records, the ASC MHL generation, then the checksum lists.
-//   commit                  ASC MHL generation first, then the final report files, then the lists. A crash between two
-//                           steps leaves a chain that a later run can hold against the report; the other order could
-//                           leave a report that claims a generation which was never written.
+// Lays a report down in a card folder: `_REPORT/offload_report[_NNNN].json`, then the same as `.txt`. Each is complete
+// or absent.
 //
 // Every step throws IOError, OffloadError or MHLFormatError; what was written before it stays.
 namespace ReportWriter {
@@ -23,11 +18,17 @@ namespace ReportWriter {
 // Reads a JSON report; throws IOError, or std::runtime_error when it is not one.
 OffloadReport read(const std::string& path);
 
-// Whether a card folder holds a report of that generation.
-bool exists(const std::string& cardPath, std::int64_t generation);
+// A report as the bytes of its files: encoded once, the same for every disk.
+class Pages {
+public:
+    explicit Pages(const OffloadReport& report);
+    // `create`: the files must not exist yet (IOError "create", EEXIST, with the path), so that a second writer of a
+    // generation fails and leaves the first one's files. Else they are replaced atomically.
+    void write(const std::string& cardPath, bool create) const;
 
-// `create`: the files must not exist yet (IOError "create", EEXIST, with the path); else they are replaced atomically.
-void writeReports(const OffloadReport& report, const std::string& cardPath, bool create);
+private:
+    std::array<std::pair<std::string, std::string>, 2> files_; // name, bytes
+};
 
 // The time and the computer's name that the ASC MHL generation states.
 struct Stamp {
@@ -36,12 +37,11 @@ struct Stamp {
     static Stamp present();
 };
 
-// Without `createNew`, files are created anew exactly for hash records of a later generation.
-void write(const OffloadReport& report, const std::string& cardPath, bool includeHashRecords, const Stamp& stamp,
-           std::optional<bool> createNew = std::nullopt);
-
-// Makes a report final on one destination. Repeating it after a crash or a failure finishes what is missing.
-void commit(const OffloadReport& report, const std::string& cardPath, const Stamp& stamp);
+// Writes the report, then the ASC MHL generation unless it stands there already, then the checksum lists. A generation
+// that stands with other contents refuses before the report is touched. Repeating it after a crash or a failure
+// finishes what is missing. `pages` are those of `report`.
+void commit(const OffloadReport& report, const Pages& pages, const std::string& cardPath, const Stamp& stamp,
+            bool create);
 
 } // namespace ReportWriter
 

@@ -10,31 +10,38 @@ namespace velmora::Verification {
 
 namespace {
 
-// Runs one step for each destination that has not failed yet and keeps what went wrong.
-class Destinations {
+// Runs one step for each folder that has not failed yet and keeps what went wrong.
+class Folders {
 public:
-    Destinations(const std::vector<std::string>& cardPaths, const Log& log) : cardPaths_(cardPaths), log_(log) {}
+    Folders(const Order& order, const Log& log) : order_(order), log_(log) {}
 
     template <class Step>
     void each(Step step) {
-        for (std::size_t i = 0; i < cardPaths_.size(); ++i) {
+        for (std::size_t i = 0; i < order_.cardPaths.size(); ++i) {
+            const std::string& cardPath = order_.cardPaths[i];
             if (std::ranges::find(failures_, i, &Failure::destination) != failures_.end())
                 continue;
             try {
-                step(cardPaths_[i]);
+                if (order_.beforeWrite)
+                    order_.beforeWrite(cardPath);
+                step(cardPath);
             } catch (const std::exception& error) {
-                failures_.push_back({i, cardPaths_[i], error.what()});
+                failures_.push_back({i, cardPath, error.what()});
                 if (log_)
-                    log_(fmt::format("verification result on {}: {}", cardPaths_[i], error.what()));
+                    log_(fmt::format("{}: the result could not be written: {}", cardPath, error.what()));
             }
         }
     }
 
-    bool allWell() const noexcept { return failures_.empty(); }
-    std::vector<Failure> take() { return std::move(failures_); }
+    void replaceReports(const OffloadReport& report) {
+        const ReportWriter::Pages pages(report);
+        each([&](const std::string& cardPath) { pages.write(cardPath, false); });
+    }
+
+    const std::vector<Failure>& failures() const noexcept { return failures_; }
 
 private:
-    const std::vector<std::string>& cardPaths_;
+    const Order& order_;
     const Log& log_;
     std::vector<Failure> failures_;
 };
@@ -49,24 +56,29 @@ std::optional<std::string> Outcome::warning() const {
                        failures.front().error, Product::cli);
 }
 
-Outcome commit(OffloadReport report, const std::vector<std::string>& cardPaths, const Log& log,
-               const ReportWriter::Stamp& stamp, const BeforeCommit& beforeCommit) {
-    Destinations destinations(cardPaths, log);
+Outcome commit(OffloadReport report, const Order& order, const Log& log) {
+    const bool wasIncomplete = report.verifyIncomplete.value_or(false);
+    Folders folders(order, log);
     report.verifyIncomplete = true;
-    destinations.each([&](const std::string& cardPath) {
-        if (beforeCommit)
-            beforeCommit(cardPath);
-        ReportWriter::commit(report, cardPath, stamp);
-    });
-    if (destinations.allWell()) {
+    report.safeToFormatSeconds.reset();
+    {
+        const ReportWriter::Pages pages(report);
+        folders.each([&](const std::string& cardPath) {
+            ReportWriter::commit(report, pages, cardPath, order.stamp, order.create);
+        });
+    }
+    if (!wasIncomplete && folders.failures().empty())
         report.verifyIncomplete.reset();
-        destinations.each([&](const std::string& cardPath) { ReportWriter::writeReports(report, cardPath, false); });
-    }
-    if (!destinations.allWell() && !report.verifyIncomplete) {
+    if (order.judge)
+        order.judge(report, folders.failures());
+    const std::size_t failed = folders.failures().size();
+    folders.replaceReports(report);
+    if (folders.failures().size() > failed) {
         report.verifyIncomplete = true;
-        destinations.each([&](const std::string& cardPath) { ReportWriter::writeReports(report, cardPath, false); });
+        report.safeToFormatSeconds.reset();
+        folders.replaceReports(report);
     }
-    return {std::move(report), destinations.take()};
+    return {std::move(report), folders.failures()};
 }
 
 } // namespace velmora::Verification

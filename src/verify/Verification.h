@@ -11,7 +11,7 @@
 
 namespace velmora {
 
-// The one place where the outcome of a verification becomes permanent on all destinations.
+// The one place where the outcome of a run becomes permanent on all its destinations.
 namespace Verification {
 
 struct Failure {
@@ -29,16 +29,26 @@ struct Outcome {
     std::optional<std::string> warning() const;
 };
 
-// Called ahead of each destination's write, with its card folder; what it throws counts as that destination's failure.
-using BeforeCommit = std::function<void(const std::string& cardPath)>;
+struct Order {
+    std::vector<std::string> cardPaths;
+    ReportWriter::Stamp stamp;
+    bool create = false; // the reports of this generation must not be there yet
+    // Called ahead of each write into a folder; what it throws counts as that folder's failure.
+    std::function<void(const std::string& cardPath)> beforeWrite = {};
+    // Called once, when every folder holds its records: says in the report what may be promised now. It must not throw.
+    std::function<void(OffloadReport&, const std::vector<Failure>&)> judge = {};
+};
 
-// Commits a report whose verification has ended to each destination in turn; a failure on one does not stop the others.
+// Commits a report in two passes over all folders; a failure on one folder does not stop the others.
 //
-// Until the last destination holds its ASC MHL generation, every report on disk says that the result is incomplete.
-// Only then are the reports replaced by ones without that mark, so that a power cut in between never leaves a report
-// that promises more than stands on the other disks. If the mark cannot be taken off everywhere, it is put back.
-Outcome commit(OffloadReport report, const std::vector<std::string>& cardPaths, const Log& log,
-               const ReportWriter::Stamp& stamp, const BeforeCommit& beforeCommit = {});
+// First pass, folder by folder: the report marked `verifyIncomplete`, the ASC MHL generation, the checksum lists. Then
+// the whole is judged. Second pass: the report as judged, without the mark. So no report on any disk promises anything
+// before every disk holds the records and the promise was made. When a folder fails, in either pass, the mark stays on
+// all others, or is put back.
+//
+// A crash leaves each folder in one of four states: without a report of this generation, with a marked report and no
+// generation, with both, or final. A later run finds one open generation in all of them and finishes it.
+Outcome commit(OffloadReport report, const Order& order, const Log& log);
 
 } // namespace Verification
 

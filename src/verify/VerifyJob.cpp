@@ -3,6 +3,7 @@
 #include "engine/FolderLocks.h"
 #include "platform/PowerInhibitor.h"
 #include "verify/BackupVerifier.h"
+#include "verify/VerificationTrace.h"
 
 namespace velmora {
 
@@ -10,7 +11,8 @@ namespace {
 constexpr std::size_t chunkSize = 0x1000000;
 }
 
-VerifyJob::VerifyJob(std::string cardPath, Log log) : cardPath_(std::move(cardPath)), log_(std::move(log)) {}
+VerifyJob::VerifyJob(std::string cardPath, Log log, std::optional<HistoryStore> history)
+    : cardPath_(std::move(cardPath)), log_(std::move(log)), history_(std::move(history)) {}
 
 VerifyJob::Status VerifyJob::currentStatus() const {
     MutexLock lock(lock_);
@@ -42,6 +44,8 @@ void VerifyJob::run() {
         };
         VerifyResult result =
             BackupVerifier::verify(cardPath_, chunkSize, progress, [this] { return cancelled_.load(); });
+        if (history_)
+            VerificationTrace::record(*history_, result, log_);
         const State state = result.cancelled ? State::cancelled : State::done;
         end(state, std::move(result), std::nullopt, std::nullopt);
     } catch (const OffloadError& error) {

@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "base/Mutex.h"
+#include "memory/HistoryStore.h"
 #include "verify/VerifyResult.h"
 
 #include <atomic>
@@ -25,7 +26,8 @@ public:
         std::optional<PreflightCode> errorCode;
     };
 
-    explicit VerifyJob(std::string cardPath, Log log = {});
+    // With a `history` the result leaves its trace there.
+    explicit VerifyJob(std::string cardPath, Log log = {}, std::optional<HistoryStore> history = {});
 
     const std::string& cardPath() const noexcept { return cardPath_; }
     void run();
@@ -38,6 +40,7 @@ private:
 
     const std::string cardPath_;
     const Log log_;
+    std::optional<HistoryStore> history_;
     std::atomic<bool> cancelled_{false};
     mutable Mutex lock_;
     Status status_ GUARDED_BY(lock_);

@@ -12,10 +12,14 @@ namespace {
 std::int64_t count(const auto& list) { return static_cast<std::int64_t>(list.size()); }
 
 std::string unfinishedText(const VerifyResult& result) {
-    std::string text =
-        "The backup is not finished: the newest generation was being verified with the proxies and the verification "
-        "did not end (or its result is not written on all destinations). Do not format the card yet — insert it again "
-        "and choose \"Finish interrupted backup\".";
+    std::string text = result.copyBrokeOff
+                           ? "The backup is not finished: the copy of its newest generation was interrupted. Do not "
+                             "format the card yet — insert it again and choose \"Finish interrupted backup\"."
+                           : "The backup is not finished: the newest generation was being verified with the proxies "
+                             "and the verification "
+                             "did not end (or its result is not written on all destinations). Do not format the card "
+                             "yet — insert it again "
+                             "and choose \"Finish interrupted backup\".";
     // Beside a mismatch that would be a contradiction.
     return result.success() ? text + fmt::format(" The files with a written record match ({})", result.ok) : text;
 }
@@ -35,7 +39,11 @@ std::string basis(const VerifyResult& result) {
     if (result.basis == "pending")
         return "the record of the unfinished generation is not written yet";
     if (result.basis == "ascmhl")
-        return fmt::format("ASC MHL, {}, {}", counted(result.generations, "generation", "generations"), algorithms);
+        return fmt::format("ASC MHL, {}{}, {}", counted(result.generations, "generation", "generations"),
+                           result.nestedHistories > 0
+                               ? ", " + counted(result.nestedHistories, "nested history", "nested histories")
+                               : "",
+                           algorithms);
     return "checksum list, " + algorithms;
 }
 
@@ -64,9 +72,13 @@ Summary summary(const VerifyResult& result) {
         return {unfinishedText(result), Tone::warning};
     if (result.nothingCompared())
         return {"Nothing was verified: the records name no file that could be compared.", Tone::warning};
+    if (!result.chainProblems.empty())
+        return {fmt::format("The records of the backup are damaged ({}) — what they still name matches: {} ({})",
+                            counted(count(result.chainProblems), "problem", "problems"), countedFiles(result.ok),
+                            basis(result)),
+                Tone::warning};
     const std::string files = result.ok == 1 ? "the file matches" : fmt::format("all {} files match", result.ok);
-    return {fmt::format("Verified: {} ({})", files, basis(result)),
-            result.chainProblems.empty() ? Tone::ok : Tone::warning};
+    return {fmt::format("Verified: {} ({})", files, basis(result)), Tone::ok};
 }
 
 std::vector<std::string> warnings(const VerifyResult& result) {
@@ -85,11 +97,21 @@ std::vector<std::string> warnings(const VerifyResult& result) {
                                     "digest in the report.",
                                     countedFiles(n), plural(n, "was", "were"), plural(n, "is", "are"),
                                     result.basis == "hashList" ? "checksum list" : "MHL"));
+    if (result.onOtherDisk)
+        lines.push_back("This folder is on a disk that the report of the backup does not name: it is a copy of the "
+                        "backup, and stands for none of its disks.");
     lines.insert(lines.end(), result.chainProblems.begin(), result.chainProblems.end());
     return lines;
 }
 
 std::vector<std::string> machineLines(const VerifyResult& result) {
+    std::vector<std::string> lines = fileLines(result);
+    for (const std::string& problem : result.chainProblems)
+        lines.push_back("CHAIN    " + problem);
+    return lines;
+}
+
+std::vector<std::string> fileLines(const VerifyResult& result) {
     std::vector<std::string> lines;
     const auto add = [&](std::string_view word, const std::vector<std::string>& texts) {
         for (const std::string& text : texts)
@@ -102,7 +124,6 @@ std::vector<std::string> machineLines(const VerifyResult& result) {
     add("EXTRA    ", result.extra);
     add("FAILED-AT-COPY  ", result.failedAtCopy);
     add("FAILED-SUPERSEDED  ", result.failedSuperseded);
-    add("CHAIN    ", result.chainProblems);
     return lines;
 }
 

@@ -22,7 +22,9 @@ std::string basis(const VerifyResult& result);
 Summary summary(const VerifyResult& result);
 // What does not spoil the result but must be told.
 std::vector<std::string> warnings(const VerifyResult& result);
-// One line a problem, the kind first.
+// One line a file with a problem, the kind first.
+std::vector<std::string> fileLines(const VerifyResult& result);
+// The same and one line a problem of the records.
 std::vector<std::string> machineLines(const VerifyResult& result);
 std::string cliSummary(const VerifyResult& result, double seconds);
 

@@ -3,6 +3,7 @@
 #include "base/Timestamp.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@ struct VerifyResult {
     Timestamp finished;
     std::string basis; // "ascmhl", "hashList" or "pending"
     std::int64_t generations = 0;
+    std::int64_t nestedHistories = 0; // ASC MHL histories of folders inside, which were checked as well
     std::vector<std::string> hashAlgorithms;
     std::int64_t totalFiles = 0;   // in the record
     std::int64_t totalBytes = 0;   // as recorded
@@ -33,15 +35,23 @@ struct VerifyResult {
     std::vector<std::string> failedSuperseded; // the newest record failed; an older generation was used
     std::vector<Unreadable> unreadable;
     std::vector<std::string> chainProblems;
-    std::int64_t checked = 0;
+    std::int64_t checked = 0; // files that were read to their end
     std::int64_t bytesRead = 0;
     bool cancelled = false;
     bool folderGone = false;
     bool reportInsideCard = false; // the history ignores _REPORT, so a report may lie there
-    bool unfinished = false;       // the verification of the newest generation never ended
+    bool unfinished = false;       // the newest generation never got to its end
+    bool copyBrokeOff = false;     // and not because its verification did not: its copy, append or repair died
+    bool onOtherDisk = false;      // the serial of the disk is none that the newest report names: a copy of the backup
+    std::optional<std::string> volumeSerial = {}; // of the disk
+    std::optional<std::string> recordedPath = {}; // as the newest report names this folder
 
     // No file is wrong. Extra files, superseded failures and problems of the chain are warnings.
     bool success() const { return changed.empty() && missing.empty() && unreadable.empty() && failedAtCopy.empty(); }
+    // Everything that was recorded is here as it was recorded.
+    bool clean() const {
+        return success() && ok > 0 && !unfinished && !cancelled && !folderGone && chainProblems.empty();
+    }
     // No file is wrong, and none is right either.
     bool nothingCompared() const { return success() && ok == 0 && !cancelled && !folderGone; }
 };

@@ -96,12 +96,15 @@ TEST(FileTimes, ComparesExactlyAndAcrossTimeZonesOfCards) {
         bool same, sameLocal, close, closeLocal;
     };
     const Timestamp base{1'700'000'000, 500'000'000};
-    for (const Case& c : {Case{0, true, true, true, true}, Case{0.1, false, false, true, true},
-                          Case{2, false, false, true, true}, Case{2.1, false, false, false, false},
-                          Case{3600, false, true, false, true}, Case{3601, false, false, false, true},
-                          Case{3598, false, false, false, true}, Case{3603, false, false, false, false},
-                          Case{5400, false, false, false, false}, Case{14 * 3600, false, true, false, true},
-                          Case{14 * 3600 + 1, false, false, false, true}, Case{15 * 3600, false, false, false, false}})
+    for (const Case& c :
+         {Case{0, true, true, true, true}, Case{0.1, false, false, true, true}, Case{2, false, false, true, true},
+          Case{2.1, false, false, false, false}, Case{3600, false, true, false, true},
+          Case{3601, false, false, false, true}, Case{3598, false, false, false, true},
+          Case{3603, false, false, false, false}, Case{5400, false, false, false, true},
+          Case{5.5 * 3600 - 2, false, false, false, true}, Case{900, false, false, false, false},
+          Case{14 * 3600, false, true, false, true}, Case{14 * 3600 + 1, false, false, false, true},
+          Case{15 * 3600, false, false, false, true}, Case{26 * 3600 + 2, false, false, false, true},
+          Case{26.5 * 3600, false, false, false, false}})
         for (const double sign : {1.0, -1.0}) {
             const Timestamp other = FileTimes::date(FileTimes::ticks(base) + std::llround(sign * c.seconds * 1e7));
             EXPECT_EQ(FileTimes::same(base, other, false), c.same) << sign * c.seconds;

@@ -4,6 +4,7 @@
 #include "blocks/CacheProbe.h"
 #include "blocks/CardVerdict.h"
 #include "blocks/MultiHasher.h"
+#include "blocks/ReadAhead.h"
 #include "platform/IO.h"
 #include "support/FaultDisk.h"
 #include "support/FileTree.h"
@@ -59,6 +60,16 @@ std::string mismatchText(const Copied& file, std::string disk, std::int64_t bloc
            hashText(file.blocks[static_cast<std::size_t>(block)]);
 }
 
+// The digest of the one full read stands in the failure, the block that is to blame beside it.
+void expectMismatch(const ReadBack::Outcome& outcome, const Copied& file, const std::string& disk, std::int64_t block) {
+    XXH64Stream whole;
+    whole.update(disk.data(), disk.size());
+    EXPECT_EQ(outcome.result.error,
+              "HASH MISMATCH: dest " + hashText(whole.digest()) + " != source " + *file.hashes.xxh64Hex());
+    ASSERT_EQ(outcome.wrong.size(), 1U);
+    EXPECT_EQ(outcome.wrong[0].number, block);
+}
+
 TEST(ReadBack, VerifiesWhatIsRightAndFindsEverySingleFlippedBit) {
     for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{blockSize}, std::size_t{blockSize} + 1,
                                    std::size_t{3 * blockSize} - 1}) {
@@ -75,8 +86,8 @@ TEST(ReadBack, VerifiesWhatIsRightAndFindsEverySingleFlippedBit) {
             flipBit(card / "DCIM/A.mov", static_cast<std::int64_t>(at), 3);
             const auto bad = readBack(card.path(), file.expected());
             EXPECT_EQ(bad.result.state, FileState::failed);
-            EXPECT_EQ(bad.result.error, mismatchText(file, test::FileTree::read(card / "DCIM/A.mov"),
-                                                     static_cast<std::int64_t>(at) / blockSize));
+            expectMismatch(bad, file, test::FileTree::read(card / "DCIM/A.mov"),
+                           static_cast<std::int64_t>(at) / blockSize);
             EXPECT_FALSE(bad.xxh128);
             flipBit(card / "DCIM/A.mov", static_cast<std::int64_t>(at), 3);
         }
@@ -108,6 +119,35 @@ TEST(ReadBack, TellsFailuresInItsOwnWords) {
     EXPECT_TRUE(link.result.error->starts_with("verify: open ")) << *link.result.error;
 }
 
+// Every length around the pieces, with any memory: the same bytes in the same order, to the true end of the file, and
+// an end by an exception leaves nobody writing.
+TEST(ReadAhead, GivesTheBytesInOrderWhateverTheSizes) {
+    const test::TempFolder folder;
+    constexpr std::int64_t mib = 1 << 20;
+    AlignedBuffer memory(4 * mib);
+    for (const std::int64_t size :
+         {std::int64_t{0}, std::int64_t{1}, std::int64_t{8192}, mib, mib + 1, 2 * mib, 5 * mib - 4096, 9 * mib + 77}) {
+        const std::string content = test::FileTree::bytes(7, static_cast<std::size_t>(size));
+        test::FileTree::write(folder / "f", content);
+        for (const std::size_t room : {std::size_t{4096}, std::size_t{12288}, std::size_t{4 * mib}}) {
+            ReadAhead reader(memory.span().first(room));
+            for (const std::int64_t expected : {size, size / 2, size + 5000}) { // it shrank or grew meanwhile
+                UncachedReader file(folder / "f");
+                std::string seen;
+                const auto take = [&](std::span<const std::byte> bytes) {
+                    seen.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+                };
+                EXPECT_EQ(reader.read(file, expected, take), size);
+                EXPECT_TRUE(seen == content) << size << " in " << room;
+            }
+            UncachedReader file(folder / "f");
+            if (size > 0) {
+                EXPECT_THROW(reader.read(file, size, [](auto) { throw Cancelled(); }), Cancelled);
+            }
+        }
+    }
+}
+
 class ReadBackOnFaultyDisk : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -116,18 +156,19 @@ protected:
     }
 };
 
-TEST_F(ReadBackOnFaultyDisk, CallsABlockUnstableThatIsRightTheSecondTime) {
+TEST_F(ReadBackOnFaultyDisk, FailsAFileWhoseBlockIsRightTheSecondTimeAndNamesTheBlock) {
     FaultDisk disk;
     const Copied file(disk.root(), 5 * blockSize);
     disk.flip({.ops = "read", .skip = 2, .times = 1, .pattern = "*A.mov"});
     const auto outcome = readBack(disk.root(), file.expected());
     ASSERT_EQ(disk.hits(), 1);
-    EXPECT_EQ(outcome.result, (DestFileResult{FileState::verified, std::nullopt}));
+    EXPECT_EQ(outcome.result.state, FileState::failed);
+    EXPECT_TRUE(outcome.result.error->starts_with("HASH MISMATCH: dest ")) << *outcome.result.error;
+    EXPECT_TRUE(outcome.wrong.empty());
     ASSERT_EQ(outcome.unstable.size(), 1U);
     EXPECT_EQ(CardVerdict::unstable("A.mov", "DISK", outcome.unstable),
               "Unstable read: A.mov on DISK (block " + std::to_string(outcome.unstable[0]) +
                   ") gave different data in one read — the next read matched the card.");
-    EXPECT_FALSE(outcome.xxh128); // it was computed over the wrong bytes
 }
 
 TEST_F(ReadBackOnFaultyDisk, TurnsAReadErrorIntoAFailedFile) {
@@ -313,8 +354,7 @@ TEST_P(ReadBackOnImages, NamesTheBlockOfAFlippedBit) {
     for (const std::int64_t at : {std::int64_t{0}, 7 * blockSize, 10 * blockSize + 16}) {
         flipBit(image / "DCIM/A.mov", at);
         const auto outcome = readBack(image.path(), file.expected());
-        EXPECT_EQ(*outcome.result.error,
-                  mismatchText(file, test::FileTree::read(image / "DCIM/A.mov"), at / blockSize));
+        expectMismatch(outcome, file, test::FileTree::read(image / "DCIM/A.mov"), at / blockSize);
         EXPECT_FALSE(outcome.throughCache);
         flipBit(image / "DCIM/A.mov", at);
     }

@@ -22,7 +22,8 @@ constexpr const char* date = "2026-03-14";
 class CopyProgramTest : public testing::Test {
 protected:
     test::TempFolder temp;
-    std::string card = temp / "CARD";
+    test::TempFolder reader{"/dev/shm"}; // the card lies on a volume of its own
+    std::string card = reader / "CARD";
     std::string a = temp / "a";
     std::string b = temp / "b";
 
@@ -103,7 +104,7 @@ TEST_F(CopyProgramTest, RefusalsPrintTheirCodeAndCreateNothing) {
          "refused: destinationNotFound: Destination not found: " + missing + " — is the drive connected?"},
         {{"copy", card, "--dest", a, "--dest", a + "/"},
          "refused: duplicateDestination: Destination added twice: " + a},
-        {{"copy", card, "--dest", a},
+        {{"copy", b, "--dest", a},
          "refused: sameVolumeAsSource: Destination " + a + " is on the same drive as the source."},
         {{"copy", card, "--dest", a, "--dest", b, "--allow-source-volume"},
          "refused: sharedVolume: Two destinations are on the same drive (" + b +
@@ -119,11 +120,17 @@ TEST_F(CopyProgramTest, RefusalsPrintTheirCodeAndCreateNothing) {
         {copy({"--buffers", "1"}), "refused: bufferCount: Buffer count must be at least 2 (got 1)."},
         {{"copy", card, "--dest", a, "--date", "14.3.2026"},
          "refused: date: Date must be YYYY-MM-DD (got “14.3.2026”)."},
+        {{"copy", card, "--dest", a, "--date", "2026-02-31"},
+         "refused: date: Date must be YYYY-MM-DD (got “2026-02-31”)."},
+        {copy({}, card + "/DCIM"), "refused: sameVolumeAsSource: Destination " + card +
+                                       "/DCIM lies inside the source " + card + " — a copy must lie outside it."},
     };
     for (const auto& [arguments, message] : cases) {
         Program program(arguments);
         EXPECT_EQ(program.wait(), 3) << message;
         EXPECT_NE(("\n" + program.err()).find("\n" + message), std::string::npos) << program.err();
+        EXPECT_EQ(program.err().find("suggestion") == std::string::npos, !message.starts_with("refused: emptySource"))
+            << "the card is looked at when all else is well";
         EXPECT_EQ(program.out(), "");
         EXPECT_TRUE(contents(a).empty() && contents(b).empty()) << message;
     }
@@ -298,8 +305,22 @@ TEST_F(SignalledCopyTest, PausesAfterTheFileAndCountsTheStandApart) {
     EXPECT_GT(nlohmann::json::parse(report)["copyPausedSeconds"], 0.4);
 }
 
+TEST_F(SignalledCopyTest, SaysEachWarningOnce) {
+    Program program(copy({"--buffers", "2"}, disk->root()));
+    for (int i = 0; i < 1000 && disk->hits() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    test::FileTree::write(card + "/added", "while it was copied");
+    disk->clear();
+    EXPECT_EQ(program.wait(), 1) << program.err();
+    const std::string sentence = "The card has 1 file that the backup does not";
+    const std::string all = program.out() + program.err();
+    const auto at = all.find(sentence);
+    EXPECT_NE(at, std::string::npos) << all;
+    EXPECT_EQ(all.find(sentence, at + 1), std::string::npos) << all;
+}
+
 TEST_F(CopyProgramTest, TwoProcessesAtOnceNeverMix) {
-    const std::string other = temp / "OTHER";
+    const std::string other = reader / "OTHER";
     test::FileTree::make(other, {{"DCIM/C1.mov", 2'500'000}, {"other.txt", 10}}, 7);
     for (int round = 0; round < 5; ++round) {
         const std::string name = "N" + std::to_string(round);

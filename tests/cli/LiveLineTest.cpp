@@ -1,9 +1,12 @@
 #include "cli/LiveLine.h"
 
+#include "cli/CopySummary.h"
+#include "cli/StatusJson.h"
 #include "cli/TerminalText.h"
 #include "job/JobProgress.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace velmora {
 namespace {
@@ -19,6 +22,8 @@ JobStatus copying(std::int64_t mebibytes) {
     status.copy->fileIndex = 3;
     status.copy->currentFile = "DCIM/映像素材の名前がとても長い名前のファイル.mov";
     status.copy->readBytes = mebibytes * 1'000'000;
+    status.copy->bytesToWrite = {100'000'000, 100'000'000};
+    status.copy->handledBytes = {mebibytes * 1'000'000, mebibytes * 1'000'000};
     status.copy->writtenBytes = {mebibytes * 1'000'000, mebibytes * 500'000};
     return status;
 }
@@ -43,18 +48,48 @@ TEST(LiveLine, ShowsPhaseFilesSpeedsAndTimeLeft) {
     EXPECT_TRUE(line.ends_with("映像素材の名前がとても長い名前のファイル.mov")) << line;
 
     running.status.phase = Phase::verifying;
-    running.status.verifyDoneByDest = {90'000'000, 25'000'000};
+    running.status.verifyTotalByDest = {100'000'000, 50'000'000};
+    running.status.verifyDoneByDest = {25'000'000, 45'000'000};
+    running.progress.update(running.status, 3);
     EXPECT_TRUE(running.at(200).starts_with("Verifying 25 %")) << "the slower disk decides";
-    running.status.copy->totalBytes = 0; // a card of empty files
+    EXPECT_NE(running.at(200).find("raid 25 % 0, shuttle 90 % 0 MB/s"), std::string::npos) << running.at(200);
+    running.status.verifyTotalByDest = {0, 0}; // a card of empty files
+    running.progress.update(running.status, 4);
     EXPECT_EQ(running.at(200).find('%'), std::string::npos);
     running.status.phase = Phase::flushing;
     EXPECT_EQ(running.at(200), "Flushing");
+
+    JobStatus waiting;
+    EXPECT_EQ(LiveLine::compose(waiting, running.progress, {}, 80), "Checking the card and the disks");
+    waiting.paused = true;
+    waiting.pauseStep = "the check";
+    EXPECT_EQ(LiveLine::compose(waiting, running.progress, {}, 80), "Pausing (finishing the check)");
+    JobStatus repair;
+    repair.phase = Phase::copying;
+    repair.examining = "Checking the backup";
+    repair.verifyDoneByDest = {10};
+    repair.verifyTotalByDest = {100};
+    running.progress.update(repair, 5);
+    EXPECT_TRUE(
+        LiveLine::compose(repair, running.progress, {"/mnt/raid"}, 80).starts_with("Checking the backup 10 %  raid 0"))
+        << LiveLine::compose(repair, running.progress, {"/mnt/raid"}, 80);
 }
 
 TEST(LiveLine, NeverPassesTheWidthOfTheTerminal) {
     const Running running;
     for (std::size_t columns = 1; columns < 160; ++columns)
         EXPECT_LE(TerminalText::width(running.at(columns)), columns);
+}
+
+TEST(CopySummary, GivesEachWarningALineOfItsOwn) {
+    JobStatus status;
+    status.phase = Phase::done;
+    status.warnings = {"one", "two"};
+    std::string page;
+    for (const auto& line : CopySummary::lines(status, nullptr))
+        page += line.text + "\n";
+    EXPECT_NE(page.find("\none\ntwo\n"), std::string::npos) << page;
+    EXPECT_EQ(StatusJson::result(status, nullptr, 1)["warnings"], status.warnings);
 }
 
 TEST(LiveLine, TellsDisksApart) {

@@ -1,5 +1,6 @@
 #include "disks/BootSector.h"
 
+#include "disks/VolumeSerial.h"
 #include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
@@ -48,6 +49,17 @@ INSTANTIATE_TEST_SUITE_P(Mkfs, RealImages,
                                          Format{"exfat", "mkfs.exfat %s ", "64M", {"exFAT", 0}},
                                          Format{"ntfs", "mkfs.ntfs -F -Q %s", "64M", {"NTFS", 0}}),
                          [](const auto& each) { return std::string(each.param.name); });
+
+TEST(VolumeSerial, IsTakenFromAnIdentifierOnlyWhereItIsOne) {
+    using VolumeFacts::serialFromUUID;
+    EXPECT_EQ(serialFromUUID("msdos", "1A2B-3C4D"), 0x1A2B3C4DU);
+    EXPECT_EQ(serialFromUUID("exfat", "1A2B-3C4D"), 0x1A2B3C4DU);
+    EXPECT_EQ(serialFromUUID("ntfs", "0123456789ABCDEF"), 0x89ABCDEFU);
+    for (const char* type : {"udf", "ext4", "hfsplus", "fuseblk", "msdos"})
+        EXPECT_FALSE(serialFromUUID(type, "0123456789abcdef")) << type;
+    EXPECT_FALSE(serialFromUUID("udf", "1A2B-3C4D"));
+    EXPECT_FALSE(serialFromUUID("ntfs", "0123456789abcdeg"));
+}
 
 TEST(BootSector, TakesNothingFromShortForeignOrMissingSectors) {
     std::vector<std::byte> sector(512);

@@ -56,10 +56,12 @@ TEST(SpacePlanner, NamesWhatIsShortAndWhatGetsTight) {
         std::string what;
         std::int64_t free;
         std::string expected; // severity and text; empty: no problem
+        std::int64_t total = 1000 * GB;
     };
     const std::vector<Case> cases{
         {"one byte short", 110 * GB - 1,
-         "blocking Not enough space on disk a: needs 110.00 GB (100.00 GB cards, proxy ~9.00 GB, report 1.00 GB), free "
+         "blocking Not enough space on disk a: needs 110.00 GB (100.00 GB cards, proxy ~9.00 GB, reports and overhead "
+         "1.00 GB), free "
          "110.00 GB"},
         {"to the last byte", 110 * GB,
          "warning Only 0 B will be left on disk a after the offload — under 5% headroom, the proxy estimate is "
@@ -68,9 +70,13 @@ TEST(SpacePlanner, NamesWhatIsShortAndWhatGetsTight) {
          "warning Only 50.00 GB will be left on disk a after the offload — under 5% headroom, the proxy estimate is "
          "approximate."},
         {"five per cent", 160 * GB, ""},
+        {"a fraction of a byte under five per cent", 160 * GB,
+         "warning Only 50.00 GB will be left on disk a after the offload — under 5% headroom, the proxy estimate is "
+         "approximate.",
+         1000 * GB + 1},
     };
     for (const Case& c : cases) {
-        const auto verdict = verdictOn({"/a/c"}, {9 * GB, GB, false, {}}, 100 * GB, {{"a", {1000 * GB, c.free}}});
+        const auto verdict = verdictOn({"/a/c"}, {9 * GB, GB, false, {}}, 100 * GB, {{"a", {c.total, c.free}}});
         std::string found;
         for (const SpaceProblem& problem : verdict.problems)
             found += (problem.severity == SpaceSeverity::blocking ? "blocking " : "warning ") + problem.text;

@@ -1,8 +1,11 @@
 #include "disks/Volumes.h"
 
+#include "platform/VolumeFacts.h"
 #include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 namespace velmora {
 namespace {
@@ -13,6 +16,17 @@ void touch(const std::string& path) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path) << "x";
 }
+
+// The folder that a disk which is away was mounted on.
+struct BareMountPoint {
+    BareMountPoint() {
+        if (!VolumeFacts::isVolumeRoot("/mnt"))
+            std::filesystem::create_directories(path + "/sub", none);
+    }
+    ~BareMountPoint() { std::filesystem::remove_all(path, none); }
+    std::error_code none; // who may not write there sees a folder that is gone
+    const std::string path = "/mnt/velmora-disks-" + std::to_string(::getpid());
+};
 
 TEST(Volumes, RecogniseACameraCardByItsFoldersAndMedia) {
     struct Case {
@@ -36,6 +50,9 @@ TEST(Volumes, RecogniseACameraCardByItsFoldersAndMedia) {
              {"the fifty-first does not", fiftyFirst, false},
              {"hidden folders do not stop it", {".Spotlight-V100/x", "CLIP/x"}, true},
              {"hidden media", {".x/A.mov", ".A.mov"}, false},
+             {"a RED magazine", {"A001_1125AB.RDM/A001_C001.RDC/notes.txt"}, true},
+             {"RED clips one level down", {"red/A001_C001.rdc/notes.txt"}, true},
+             {"a folder with another extension of media", {"film.mov/notes.txt"}, false},
              {"documents", {"letter.pdf", "docs/a.txt"}, false},
          }) {
         TempFolder folder;
@@ -60,8 +77,32 @@ TEST(Volumes, ProposeDisksAndKeepWhatWasChosen) {
     volumes[1].looksLikeCard = true;
     volumes[2].isWritable = false;
     volumes[3].ejectProblem = "an internal disk cannot be ejected";
-    EXPECT_EQ(Volumes::autoDestinations({chosen.path(), "/gone"}, volumes, {"IGN"}, "/mnt/SRC/card"),
+    const BareMountPoint away;
+    EXPECT_EQ(Volumes::autoDestinations({chosen.path(), "/gone", away.path, away.path + "/sub"}, volumes, {"IGN"},
+                                        "/mnt/SRC/card"),
               (std::vector<std::string>{chosen.path(), "/mnt/A", "/mnt/B"}));
+}
+
+TEST(Volumes, FindFoldersInOneAnotherHoweverTheyAreReached) {
+    TempFolder folder;
+    touch(folder / "card/DCIM/a");
+    touch(folder / "card2/a");
+    std::filesystem::create_directories(folder / "bound");
+    std::filesystem::create_directory_symlink("card/DCIM", folder / "link");
+    const bool binds = ::geteuid() == 0;
+    if (binds) {
+        ASSERT_EQ(::mount((folder / "card/DCIM").c_str(), (folder / "bound").c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+    for (const auto& [path, within] : std::map<std::string, bool>{{"card", true},
+                                                                  {"card/new/deep", true},
+                                                                  {"link/new", true},
+                                                                  {"card2", false},
+                                                                  {"card2/../card/DCIM", true},
+                                                                  {"", false},
+                                                                  {"bound/new", binds}})
+        EXPECT_EQ(Volumes::isWithin(folder / path, folder / "card"), within) << path;
+    EXPECT_TRUE(Volumes::isWithin(folder.path(), "/"));
+    ::umount((folder / "bound").c_str());
 }
 
 TEST(Volumes, KeepTheSelectionAndAddNewCards) {

@@ -1,7 +1,6 @@
 #include "base/Text.h"
 #include "blocks/ManifestFile.h"
 #include "engine/OffloadEngine.h"
-#include "engine/RunRecorder.h"
 #include "platform/IO.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
@@ -23,11 +22,6 @@ namespace velmora::test {
 namespace {
 
 constexpr std::int64_t block = 65536;
-
-// The reports are judged elsewhere; here counts what the engine itself promises.
-class NoRecorder : public RunRecorder {
-    void write(Stage, const OffloadReport&, const std::string&) override {}
-};
 
 class Copy : public ::testing::Test {
 protected:
@@ -69,8 +63,7 @@ protected:
             engine.setBeforeRename(
                 [](std::size_t, std::size_t, const std::string& path) { std::filesystem::remove(path); });
         }
-        NoRecorder recorder;
-        const auto report = engine.run(std::move(plan), recorder);
+        const auto report = engine.run(std::move(plan));
         for (const auto* file : report.failedFiles())
             for (const auto& error : file->errors)
                 said += file->path + ": " + error.value_or("") + "; ";
@@ -85,9 +78,9 @@ protected:
         plan.cardName = "CARD";
         plan.resuming = true;
         const auto count = plan.scan.files.size();
-        plan.known.emplace(count);
-        plan.resume.emplace(count);
-        plan.write.emplace(count, std::vector<bool>(folders.size(), true));
+        FileTask everywhere;
+        everywhere.write.assign(folders.size(), true);
+        plan.tasks.assign(count, everywhere);
         for (std::size_t d = 0; d < folders.size(); ++d) {
             const auto records = ManifestFile::read(folders[d]);
             const auto finished = ManifestFile::files(records, 1);
@@ -95,16 +88,16 @@ protected:
             for (std::size_t f = 0; f < count; ++f) {
                 const auto key = pathKey(plan.scan.files[f].relPath);
                 if (const auto found = finished.find(key); found != finished.end()) {
-                    (*plan.known)[f] = found->second;
-                    (*plan.write)[f][d] = false;
+                    plan.tasks[f].known = found->second;
+                    plan.tasks[f].write[d] = false;
                 } else if (const auto part = parts.find(key); part != parts.end()) {
-                    (*plan.resume)[f] = part->second;
+                    plan.tasks[f].resume = part->second;
                 }
             }
         }
-        for (std::size_t f = 0; f < count; ++f) // a file that one disk lacks is copied again there
-            if ((*plan.known)[f] && ((*plan.write)[f][0] || (*plan.write)[f][1]))
-                (*plan.known)[f].reset();
+        for (FileTask& task : plan.tasks) // a file that one disk lacks is copied again there
+            if (task.write[0] || task.write[1])
+                task.known.reset();
     }
 
     // Every line that calls something safe tells the truth. A part file that was given up is gone, and its lines with

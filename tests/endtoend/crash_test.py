@@ -63,7 +63,9 @@ class Crashes(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="velmora-crash-")
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
-        self.source, self.roots = self.folder + "/card", [self.folder + "/disk a", self.folder + "/disk b"]
+        reader = tempfile.mkdtemp(prefix="velmora-card-", dir="/dev/shm")  # another volume than that of the disks
+        self.addCleanup(shutil.rmtree, reader, ignore_errors=True)
+        self.source, self.roots = reader + "/card", [self.folder + "/disk a", self.folder + "/disk b"]
         self.cards = [f"{root}/{DATE}/{CARD}" for root in self.roots]
         self.random = random.Random(f"{SEED}{self.id()}")
         self.rows, self.outcomes, self.reread = [], collections.Counter(), 0
@@ -90,12 +92,13 @@ class Crashes(unittest.TestCase):
         words = ["--name", CARD, "--date", DATE, "--block-mib", "1", "--no-history", "--json"]
         return self.run_velmora("copy", self.source, *into, *words, "--allow-same-device", "--allow-source-volume")
 
-    def into(self, command, cards=None):
+    def into(self, command, *words, cards=None):
         into = [word for card in cards or self.cards for word in ("--into", card)]
-        return self.run_velmora(command, self.source, *into, "--block-mib", "1", "--no-history", "--json")
+        return self.run_velmora(command, self.source, *into, *words, "--block-mib", "1", "--no-history", "--json")
 
     def append(self):
-        return self.into("append")
+        # The card is a folder, which nothing tells from another one: only comparing earns the promise.
+        return self.into("append", "--compare")
 
     def repair(self):
         return self.into("repair")

@@ -1,5 +1,6 @@
 """Disks for tests of the whole program: the disk that fails on demand, and real file systems on loop devices."""
 
+import ctypes
 import os
 import shutil
 import subprocess
@@ -77,3 +78,34 @@ class Image:
         subprocess.run(["umount", self.root], check=True)
         subprocess.run(["losetup", "-d", self.device], check=True)
         shutil.rmtree(self.folder)
+
+
+class Volumes:
+    """Small ext4 volumes below /mnt, in a mount namespace of this process: nothing outlives it."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        if ctypes.CDLL(None, use_errno=True).unshare(0x20000) != 0:  # CLONE_NEWNS
+            raise OSError(ctypes.get_errno(), "unshare")
+        subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "none", "/mnt"], check=True)
+
+    def make(self, name, mib=128):
+        image = f"{self.folder}/{name}.img"
+        subprocess.run(["truncate", "-s", f"{mib}M", image], check=True)
+        subprocess.run(["mkfs.ext4", "-q", "-O", "^has_journal", image], check=True)
+
+    def mount(self, name, at):
+        os.makedirs(at, exist_ok=True)
+        subprocess.run(["mount", "-o", "loop", f"{self.folder}/{name}.img", at], check=True)
+
+    @staticmethod
+    def unmount(at, lazy=False):
+        subprocess.run(["umount", *(["-l"] if lazy else []), at], check=True)
+
+    @staticmethod
+    def unmount_all():
+        for name in os.listdir("/mnt"):
+            while os.path.ismount("/mnt/" + name):
+                Volumes.unmount("/mnt/" + name, True)
+            shutil.rmtree("/mnt/" + name)

@@ -2,7 +2,6 @@
 
 #include "blocks/ManifestFile.h"
 #include "engine/OffloadEngine.h"
-#include "engine/RunRecorder.h"
 #include "platform/IO.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
@@ -16,17 +15,6 @@
 #include <vector>
 
 namespace velmora::test {
-
-// Remembers what it was asked to record; can refuse one folder.
-struct Recorder : RunRecorder {
-    std::vector<std::pair<Stage, std::string>> calls;
-    std::string refuse;
-    void write(Stage stage, const OffloadReport&, const std::string& cardPath) override {
-        if (!refuse.empty() && cardPath.starts_with(refuse))
-            throw IOError("open", cardPath, EROFS);
-        calls.emplace_back(stage, cardPath);
-    }
-};
 
 // A card and two destinations in folders of their own; small blocks, so that small files have many.
 class CopyTest : public ::testing::Test {
@@ -51,7 +39,7 @@ protected:
         engine = std::make_unique<OffloadEngine>(options);
         if (prepareEngine)
             prepareEngine(*engine);
-        return engine->run(std::move(plan), recorder);
+        return engine->run(std::move(plan));
     }
     // The card folder of a destination, as the last run named it.
     std::string dest(std::size_t d) const { return engine->plan()->cardPaths()[d]; }
@@ -77,7 +65,6 @@ protected:
     TempFolder temp;
     std::vector<std::string> roots;
     OffloadOptions options;
-    Recorder recorder;
     std::unique_ptr<OffloadEngine> engine;
     std::function<void(OffloadEngine&)> prepareEngine;
 };

@@ -54,19 +54,29 @@ TEST_F(FaultyDisks, ADestinationThatFailsLosesItsOwnFilesOnly) {
         {"rename", [&] { disk->fail(EIO, {.ops = "rename", .pattern = "*/.3.bin.*"}); }, {"B/3.bin"}},
         {"read-back", [&] { disk->fail(EIO, {.ops = "read", .times = 0, .pattern = "*/3.bin"}); }, {"B/3.bin"}},
         {"bit flipped on reading", [&] { disk->flip({.ops = "read", .times = 0, .pattern = "*/2.bin"}); }, {"A/2.bin"}},
-        {"bit flipped once", [&] { disk->flip({.ops = "read", .pattern = "*/2.bin"}); }, {}},
+        {"bit flipped once", [&] { disk->flip({.ops = "read", .pattern = "*/2.bin"}); }, {"A/2.bin"}},
         {"bit flipped on writing", [&] { disk->flip({.ops = "write", .pattern = "*/.1.bin.*"}); }, {"A/1.bin"}},
-        {"flush file", [&] { disk->fail(EIO, {.ops = "fsync", .pattern = "*/.offload-flush"}); }, all},
+        {"flush file", [&] { disk->fail(EIO, {.ops = "fsync", .pattern = "*/.offload-flush"}); }, {}, 1 << 28, false},
         {"no room for the flush file",
          [&] { disk->fail(ENOSPC, {.ops = "create", .pattern = "*/.offload-flush"}); },
          {}},
-        {"no room found out too late", [&] { disk->fail(ENOSPC, {.ops = "fsync", .pattern = "*/.offload-flush"}); },
-         all},
-        {"device flush", [&] { disk->fail(EIO, {.ops = "syncfs"}); }, all},
-        {"device flush behind large files", [&] { disk->fail(EIO, {.ops = "syncfs"}); }, {"B/small.bin"}, 4096},
+        {"no room found out too late",
+         [&] { disk->fail(ENOSPC, {.ops = "fsync", .pattern = "*/.offload-flush"}); },
+         {},
+         1 << 28,
+         false},
+        {"device flush", [&] { disk->fail(EIO, {.ops = "syncfs"}); }, {}, 1 << 28, false},
+        {"device flush that lost a file",
+         [&] {
+             disk->fail(EIO, {.ops = "syncfs"});
+             disk->flip({.ops = "read", .times = 0, .pattern = "*/2.bin"});
+         },
+         {"A/2.bin"}},
         {"device flush with nothing waiting", [&] { disk->fail(EIO, {.ops = "syncfs"}); }, {}, 1, false},
         {"names not flushed", [&] { disk->fail(EIO, {.ops = "fsyncdir", .pattern = "*/A"}); }, {"A/1.bin"}, 4096},
-        {"read-only", [&] { disk->turnReadOnly({.ops = "write", .pattern = "*/.3.bin.*"}); }, all},
+        {"read-only",
+         [&] { disk->turnReadOnly({.ops = "write", .pattern = "*/.3.bin.*"}); },
+         {"B/3.bin", "B/small.bin"}},
         {"pulled", [&] { disk->vanish({.ops = "write", .pattern = "*/.3.bin.*"}); }, all},
     };
     roots[0] = disk->root();
@@ -92,6 +102,10 @@ TEST_F(FaultyDisks, ADestinationThatFailsLosesItsOwnFilesOnly) {
         }
         if (std::string_view(c.name) == "device flush") {
             EXPECT_TRUE(fileLines(disk->medium() + "/2026-03-14/C").empty());
+        }
+        if (std::string_view(c.name).starts_with("device flush")) {
+            EXPECT_EQ(engine->unflushed(), std::vector<std::string>{dest(0)});
+            EXPECT_THAT(engine->reportProblems().at(0), ::testing::StartsWith(dest(0) + ": the flush of the disk"));
         }
     }
 }

@@ -2,12 +2,16 @@
 
 #include "engine/Layout.h"
 #include "engine/OffloadOptions.h"
+#include "engine/Scanner.h"
+#include "platform/VolumeFacts.h"
 #include "support/AsNobody.h"
 #include "support/FileTree.h"
 #include "support/TempFolder.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 namespace velmora {
 namespace {
@@ -63,6 +67,8 @@ TEST_F(PreflightTest, RefusesInAFixedOrderAndCreatesNothing) {
     test::FileTree::write(folder / "empty/.DS_Store", "junk");
     test::FileTree::write(folder / "empty/._x", "junk");
     const std::string empty = folder / "empty";
+    const std::string inside = empty + "/Backup";
+    fs::create_directories(inside);
 
     // Everything is wrong at once; each step shows what is found and puts that one thing right.
     options = {};
@@ -76,13 +82,16 @@ TEST_F(PreflightTest, RefusesInAFixedOrderAndCreatesNothing) {
         {"bufferCount: Buffer count must be at least 2 (got 1).", [&] { options.bufferCount = 2; }},
         {"date: Date must be YYYY-MM-DD (got “2026-3-14”).", [&] { inputs.date = "2026-03-14"; }},
         {"sourceNotFound: Source not found: " + missing, [&] { inputs.source = empty; }},
-        {"noDestination: No destination selected.", [&] { inputs.destRoots = {one, missing, one + "/"}; }},
-        {"duplicateDestination: Destination added twice: " + one + "/", [&] { inputs.destRoots.pop_back(); }},
+        {"noDestination: No destination selected.", [&] { inputs.destRoots = {inside, missing, inside + "/"}; }},
+        {"duplicateDestination: Destination added twice: " + inside + "/", [&] { inputs.destRoots.pop_back(); }},
         {"sourceIsOffload: The source looks like an earlier offload (it has _REPORT, _PROXY or ascmhl) — copy the "
          "original card, or remove those folders.",
          [&] { fs::rename(folder / "empty/_Proxy", folder / "empty/Proxy"); }},
-        {"sameVolumeAsSource: Destination " + one + " is on the same drive as the source.",
+        {"sameVolumeAsSource: Destination " + inside + " is on the same drive as the source.",
          [&] { options.allowSourceVolume = true; }},
+        {"sameVolumeAsSource: Destination " + inside + " lies inside the source " + empty +
+             " — a copy must lie outside it.",
+         [&] { inputs.destRoots[0] = one; }},
         {"destinationNotFound: Destination not found: " + missing + " — is the drive connected?",
          [&] { inputs.destRoots[1] = folder / "two"; }},
         {"sharedVolume: Two destinations are on the same drive (" + (folder / "two") +
@@ -96,6 +105,46 @@ TEST_F(PreflightTest, RefusesInAFixedOrderAndCreatesNothing) {
         EXPECT_EQ(refusal().substr(0, expected.size()), expected);
         fix();
     }
+}
+
+TEST_F(PreflightTest, RefusesDisksThatAreAwayAndBackupsThatHoldTheirSource) {
+    const std::string bare = "/mnt/velmora-preflight-" + std::to_string(::getpid());
+    const std::string link = folder / "link";
+    fs::create_symlink(bare, link);
+    const auto into = [&](const std::string& source, const std::string& cardPath) -> std::string {
+        try {
+            Preflight::checkInto(source, {cardPath}, options);
+        } catch (const OffloadError& e) {
+            return std::string(name(*e.code())) + ": " + e.what();
+        }
+        return "passed";
+    };
+    EXPECT_EQ(into(card, card + "/DCIM"), "sameVolumeAsSource: The card folder " + card +
+                                              "/DCIM lies inside the source " + card +
+                                              " — a copy must lie outside it.");
+    fs::create_directories(folder / "two/_REPORT");
+    fs::create_directories(folder / "two/DCIM");
+    EXPECT_EQ(into(folder / "two/DCIM", folder / "two"), "sameVolumeAsSource: The source " + (folder / "two/DCIM") +
+                                                             " lies inside the card folder " + (folder / "two") +
+                                                             " — give the original card.");
+    EXPECT_NE(into(card, folder.path()).substr(0, 4), "same") << "no card folder: for the planner to tell";
+    EXPECT_EQ(into(card, folder / "one"), "passed");
+    std::error_code none;
+    if (VolumeFacts::isVolumeRoot("/mnt") || !fs::create_directories(bare + "/sub", none))
+        GTEST_SKIP() << "needs an empty /mnt that takes folders";
+    for (const std::string& root : {bare, bare + "/sub", link + "/sub"}) {
+        inputs.destRoots = {folder / "one", root};
+        EXPECT_EQ(refusal(), "destinationNotFound: Destination not found: " + root + " — is the drive connected?");
+    }
+    EXPECT_EQ(into(card, bare + "/sub"), "appendUnavailable: The earlier backup is not available: " + bare +
+                                             "/sub — connect the drive, or make a full copy.");
+    if (::mount("tmpfs", bare.c_str(), "tmpfs", 0, "size=1m") == 0) {
+        fs::create_directories(bare + "/sub");
+        EXPECT_EQ(refusal(), "passed") << "a disk is there";
+        EXPECT_EQ(into(card, bare + "/sub"), "passed");
+        ::umount(bare.c_str());
+    }
+    fs::remove_all(bare);
 }
 
 TEST_F(PreflightTest, TakesBlockSizesOfWholePagesUpToOneGibibyte) {
@@ -141,8 +190,10 @@ TEST_F(PreflightTest, PlansAFullCopyUnderOneFreeName) {
     EXPECT_EQ(plan.cardPaths(),
               (std::vector<std::string>{folder / "one/2026-03-14/_Report__2", folder / "two/2026-03-14/_Report__2"}));
     EXPECT_EQ(plan.scan.files.size(), 2U);
-    inputs.cardName.reset();
-    inputs.date.reset();
+    inputs.listing = Scanner::scan(card + "/DCIM");
+    inputs.listing->files.pop_back();
+    EXPECT_EQ(prepare().plan.scan.files, inputs.listing->files) << "what was listed a moment ago is not listed again";
+    inputs = {inputs.source, inputs.destRoots, {}, {}};
     EXPECT_EQ(prepare().plan.cardPaths()[0], folder / "one/" + Layout::today() + "/card");
 }
 
@@ -154,8 +205,15 @@ TEST_F(PreflightTest, AsksForTheBytesAndAnAllowanceOnEveryDisk) {
     ASSERT_EQ(space.lines.size(), 1U);
     EXPECT_EQ(space.lines[0].need.total(), need);
     ASSERT_EQ(space.warnings.size(), 1U) << "nothing will be left";
+    EXPECT_EQ(space.lines[0].need.card, 2 * 1024);
     capacity->free = need - 1;
-    EXPECT_EQ(refusal().substr(0, 8), "noSpace:");
+    const std::string text = refusal();
+    EXPECT_EQ(text.substr(0, 8), "noSpace:");
+    EXPECT_NE(text.find("(2 kB cards, reports and overhead 134.5 MB), free"), std::string::npos) << text;
+    // What was freed a moment ago shows at the second look.
+    int looks = 0;
+    EXPECT_NO_THROW(Preflight::prepare(inputs, options, {},
+                                       [&](const auto&) { return IO::Capacity{plenty, ++looks > 2 ? plenty : 0}; }));
     capacity.reset();
     EXPECT_EQ(refusal(), "passed") << "a disk that does not know its size";
     capacity = IO::Capacity{plenty, need + 10};
@@ -171,10 +229,13 @@ TEST_F(PreflightTest, AsksForTheBytesAndAnAllowanceOnEveryDisk) {
     OffloadPlan plan;
     plan.scan.files = {{"whole", 1'000'000, {}}, {"begun", 50'000, {}}};
     plan.destRoots = {"/a", "/b"};
-    plan.write = {{false, true}, {true, true}};
-    plan.resume = {std::nullopt, PartCheckpoint{"begun", 50'000, {}, 4096, {1, 2, 3}}};
-    constexpr std::int64_t allowance = 67108864 + 2 * 65536 + 50'000 - 3 * 4096;
-    EXPECT_EQ(Preflight::demands(plan), (std::vector<std::int64_t>{allowance, allowance + 1'000'000}));
+    plan.tasks.resize(2);
+    plan.tasks[0].write = {false, true};
+    plan.tasks[1].resume = PartCheckpoint{"begun", 50'000, {}, 4096, {1, 2, 3}};
+    constexpr std::int64_t allowance = 67108864 + 2 * 65536;
+    constexpr std::int64_t begun = 50'000 - 3 * 4096;
+    EXPECT_EQ(Preflight::demands(plan),
+              (std::vector<SpaceNeed>{{begun, 0, allowance}, {begun + 1'000'000, 0, allowance}}));
 }
 
 } // namespace

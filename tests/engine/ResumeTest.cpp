@@ -2,6 +2,8 @@
 
 #include "base/Text.h"
 #include "engine/DestWriter.h"
+#include "engine/PartResume.h"
+#include "engine/SourceHasher.h"
 
 #include <fmt/format.h>
 
@@ -34,11 +36,11 @@ protected:
         plan.fixedCardPaths = plan.cardPaths();
         plan.resuming = true;
         const auto parts = ManifestFile::parts(ManifestFile::read(dest(0)), 1);
-        plan.resume.emplace();
-        for (const SourceFile& file : plan.scan.files) {
-            const auto part = parts.find(pathKey(file.relPath));
-            plan.resume->push_back(part == parts.end() ? std::nullopt : std::optional(part->second));
-        }
+        for (const SourceFile& file : plan.scan.files)
+            if (const auto part = parts.find(pathKey(file.relPath)); part != parts.end())
+                plan.tasks.emplace_back().resume = part->second;
+            else
+                plan.tasks.emplace_back();
         return plan;
     }
     void expectWhole(const OffloadReport& report) {
@@ -60,11 +62,11 @@ TEST_F(ResumeTest, GoesOnBehindTheCheckpointOrFromTheStart) {
     };
     const Case cases[] = {
         {"all is well", [](OffloadPlan&) {}, 6 * 4096},
-        {"fewer blocks", [](OffloadPlan& plan) { (*plan.resume)[1]->blocks.resize(1); }, 4096},
-        {"another block size", [](OffloadPlan& plan) { (*plan.resume)[1]->blockSize = 8192; }, 0},
-        {"no blocks", [](OffloadPlan& plan) { (*plan.resume)[1]->blocks.clear(); }, 0},
-        {"more blocks than file", [](OffloadPlan& plan) { (*plan.resume)[1]->blocks.resize(11); }, 0},
-        {"another hash", [](OffloadPlan& plan) { (*plan.resume)[1]->blocks[5] ^= 1; }, 0},
+        {"fewer blocks", [](OffloadPlan& plan) { plan.tasks[1].resume->blocks.resize(1); }, 4096},
+        {"another block size", [](OffloadPlan& plan) { plan.tasks[1].resume->blockSize = 8192; }, 0},
+        {"no blocks", [](OffloadPlan& plan) { plan.tasks[1].resume->blocks.clear(); }, 0},
+        {"more blocks than file", [](OffloadPlan& plan) { plan.tasks[1].resume->blocks.resize(11); }, 0},
+        {"another hash", [](OffloadPlan& plan) { plan.tasks[1].resume->blocks[5] ^= 1; }, 0},
         {"garbage on the second disk", [this](OffloadPlan&) { FileTree::flipBit(part(1), 5 * 4096 + 1); }, 0},
         {"garbage on the first disk", [this](OffloadPlan&) { FileTree::flipBit(part(0), 1); }, 0},
         {"part too short", [this](OffloadPlan&) { std::filesystem::resize_file(part(0), 5 * 4096 + 4095); }, 0},
@@ -85,15 +87,33 @@ TEST_F(ResumeTest, GoesOnBehindTheCheckpointOrFromTheStart) {
     }
 }
 
+// Ctrl-C and a pause are heard while the part files are read; a cancel leaves them for the next run.
+TEST_F(ResumeTest, TheCheckOfPartFilesTellsItsProgressAndCanBeCancelled) {
+    crashIn(1, 6);
+    const OffloadPlan plan = resumePlan();
+    BufferPool pool(4096, 2);
+    SourceHasher hasher(4096, 3, {});
+    hasher.begin();
+    const std::vector<std::string> folders{dest(0), dest(1)};
+    std::int64_t asked = 0;
+    std::int64_t read = 0;
+    const PartResume::Hooks hooks{[&] { return ++asked > 8; }, [&](std::int64_t bytes) { read += bytes; }};
+    EXPECT_THROW(PartResume::verify(plan.scan.files[1], *plan.tasks[1].resume, 4096, folders, hasher, pool, hooks),
+                 Cancelled);
+    EXPECT_EQ(read, 8 * 4096);
+    expectWhole(run(plan));
+    EXPECT_EQ(engine->snapshot().checkedBytes, 12 * 4096);
+    EXPECT_EQ(engine->snapshot().bytesToCheck, 12 * 4096);
+    EXPECT_EQ(engine->copyTimes().read, engine->snapshot().readBytes);
+}
+
 // `known` files are not read; the others are read once, whoever needs them.
 TEST_F(ResumeTest, KnownFilesAreAdoptedAndMissingOnesWritten) {
     const OffloadReport first = run();
     OffloadPlan plan = resumePlan();
-    plan.resume.reset();
-    plan.known.emplace();
-    for (const ManifestRecord& record : fileLines(dest(0)))
-        plan.known->push_back(record);
-    plan.write = {{false, false}, {false, true}, {false, false}};
+    const auto lines = fileLines(dest(0));
+    for (std::size_t file = 0; file < 3; ++file)
+        plan.tasks[file] = {{false, file == 1}, lines[file], false, {}};
     std::filesystem::remove(dest(1) + "/b.bin");
     const OffloadReport report = run(plan);
     expectWhole(report);
@@ -105,19 +125,30 @@ TEST_F(ResumeTest, KnownFilesAreAdoptedAndMissingOnesWritten) {
 
     // The card no longer holds what the record and the first disk do.
     std::filesystem::remove(dest(1) + "/b.bin");
-    (*plan.known)[1]->xxh64 = "0123456789abcdef";
+    plan.tasks[1].known->xxh64 = "0123456789abcdef";
     const OffloadReport differs = run(plan);
     EXPECT_THAT(entry(differs, "b.bin").sourceError.value_or(""),
                 ::testing::StartsWith("the card has different content than at the backup ("));
     EXPECT_FALSE(IO::exists(dest(1) + "/b.bin"));
     EXPECT_EQ(differs.failedFiles().size(), 1U);
+    EXPECT_EQ(entry(differs, "b.bin").destinations[1], "failed");
+
+    // The card cannot be read: the copy that was not to be written is as good as it was, and is read back as such.
+    plan.tasks[1].known->xxh64 = first.files[1].xxh64;
+    const std::string hidden = temp / "hidden";
+    IO::rename(card() + "/b.bin", hidden);
+    const OffloadReport unread = run(plan);
+    EXPECT_EQ(entry(unread, "b.bin").destinations, (std::vector<std::string>{"verified", "failed"}));
+    EXPECT_THAT(error(unread, "b.bin", 1), ::testing::StartsWith("source: open "));
+    IO::rename(hidden, card() + "/b.bin");
 
     // A record with other blocks tells too little: the card is read again, nothing is written.
-    plan.write.reset();
     FileTree::write(dest(1) + "/b.bin", FileTree::read(card() + "/b.bin"));
-    for (auto& known : *plan.known)
-        known->blockSize = 8192;
-    (*plan.known)[1]->xxh64 = first.files[1].xxh64;
+    for (FileTask& task : plan.tasks) {
+        task.write.clear();
+        task.known->blockSize = 8192;
+    }
+    plan.tasks[1].known->xxh64 = first.files[1].xxh64;
     expectWhole(run(plan));
     EXPECT_EQ(engine->snapshot().readBytes, first.totalBytes);
 }
@@ -128,18 +159,16 @@ TEST_F(ResumeTest, HashOnlyFilesAreReadBackAgainstTheCard) {
     plan.mode = PlanMode::repair;
     plan.generation = 2;
     plan.resuming = false;
-    plan.resume.reset();
-    plan.hashOnly = {true, true, true};
+    plan.tasks.assign(3, {{}, {}, true, {}});
     FileTree::flipBit(dest(1) + "/c.bin", 2999);
     const OffloadReport report = run(plan);
     EXPECT_EQ(report.kind, "repair");
     EXPECT_EQ(report.failedFiles().size(), 1U);
-    EXPECT_THAT(error(report, "c.bin", 1), ::testing::StartsWith("HASH MISMATCH: block 0"));
+    EXPECT_THAT(error(report, "c.bin", 1), ::testing::StartsWith("HASH MISMATCH: dest "));
     EXPECT_EQ(fileLines(dest(0)).size(), 3U) << "no line for what was only read";
 
     // The repair: the bad copy is moved aside at the last moment, and the file comes anew from the card.
-    plan.hashOnly = {true, true, false};
-    plan.write = {{false, false}, {false, false}, {false, true}};
+    plan.tasks[2] = {{false, true}, {}, false, {}};
     prepareEngine = [](OffloadEngine& e) {
         e.setBeforeRename([](std::size_t, std::size_t, const std::string& path) { IO::rename(path, path + ".bad"); });
     };

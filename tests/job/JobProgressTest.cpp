@@ -15,6 +15,8 @@ JobStatus copying(std::int64_t read, std::vector<std::int64_t> written, std::int
     status.copy.emplace();
     status.copy->totalBytes = total;
     status.copy->readBytes = read;
+    status.copy->bytesToWrite.assign(written.size(), total);
+    status.copy->handledBytes = written;
     status.copy->writtenBytes = std::move(written);
     return status;
 }
@@ -49,16 +51,54 @@ TEST(JobProgress, LetsTheSlowestPartTellTheTimeLeft) {
 
 TEST(JobProgress, MeasuresTheReadBackByItself) {
     JobProgress progress(0);
-    JobStatus status = copying(1000 * MB, {1000 * MB, 1000 * MB}, 1000 * MB);
+    JobStatus status = copying(100 * MB, {100 * MB, 100 * MB}, 100 * MB); // an append of little
     progress.update(status, 10);
     status.phase = Phase::verifying;
-    status.copy->verifiedBytes = {0, 0};
+    status.verifyTotalByDest = {1000 * MB, 500 * MB}; // an interrupted run left more to read back
+    status.verifyDoneByDest = {0, 0};
     progress.update(status, 11);
     EXPECT_EQ(progress.eta(), std::nullopt) << "the rate of the copy says nothing about reading back";
-    status.copy->verifiedBytes = {500 * MB, 250 * MB};
+    EXPECT_EQ(progress.share(), 0);
+    status.verifyDoneByDest = {250 * MB, 500 * MB};
     progress.update(status, 12);
     EXPECT_NEAR(progress.eta().value(), 750.0 / 100, 1e-6);
+    EXPECT_EQ(progress.share(), 0.25) << "the slower disk decides";
+    EXPECT_EQ(progress.destShares(), (std::vector<std::optional<double>>{0.25, 1.0}));
+    EXPECT_EQ(progress.destEtas()[1], 0);
     EXPECT_EQ(progress.detailText(), "100 MB/s · 0:08 left");
+
+    JobStatus repair; // reads the copies before there is anything to copy
+    repair.phase = Phase::copying;
+    repair.examining = "Checking the backup";
+    repair.verifyTotalByDest = {1000 * MB};
+    for (const int second : {0, 1}) {
+        repair.verifyDoneByDest = {second * 100 * MB};
+        progress.updateVerifyRates(repair, 20 + second);
+        progress.update(repair, 20 + second);
+    }
+    EXPECT_NEAR(progress.eta().value(), 900.0 / 40, 1e-6);
+    EXPECT_NEAR(progress.verifyRates().at(0), 40e6, 1);
+}
+
+TEST(JobProgress, WhatADiskCannotTakeIsNotLeftToDo) {
+    JobProgress progress(0);
+    JobStatus status = copying(0, {0, 0});
+    progress.update(status, 0);
+    double last = 1e9;
+    for (int second = 1; second <= 90; ++second) {
+        status = copying(100 * MB * second, {100 * MB * second, std::min(10, second) * 100 * MB});
+        status.copy->handledBytes[1] = 100 * MB * second; // full after ten seconds
+        progress.update(status, second);
+        EXPECT_LT(progress.eta().value(), last) << "after " << second << " s";
+        last = progress.eta().value();
+    }
+    EXPECT_NEAR(last, 10, 0.1);
+    EXPECT_LT(progress.destRates()[1], 1);
+    status.pauseHeld = true;
+    for (int second = 91; second <= 120; ++second)
+        progress.update(status, second);
+    EXPECT_NEAR(progress.readRate(), 100e6, 1e5) << "a pause is not the speed of the disks";
+    EXPECT_NEAR(progress.eta().value(), 10, 0.1);
 }
 
 TEST(JobProgress, CountsThePostStageWithoutItsPauses) {

@@ -61,7 +61,10 @@ TEST(JobWords, ShowsHowTheJobStands) {
     JobStatus clean = promising(Phase::done, true, true);
     clean.copySucceeded = true;
     JobStatus warned = clean;
-    warned.warning = "tight";
+    warned.addWarning("tight");
+    warned.addWarning("late");
+    warned.addWarning("tight");
+    EXPECT_EQ(warned.warning(), "tight\nlate") << "each once";
     JobStatus broken = at(Phase::done);
     broken.copySucceeded = false;
     JobStatus pausing = at(Phase::copying);

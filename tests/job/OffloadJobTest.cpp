@@ -19,7 +19,8 @@ using Phase = JobStatus::Phase;
 class OffloadJobTest : public testing::Test {
 protected:
     test::TempFolder temp;
-    JobConfig config{temp / "CARD", {temp / "a", temp / "b"}};
+    test::TempFolder reader{"/dev/shm"}; // the card lies on a volume of its own
+    JobConfig config{reader / "CARD", {temp / "a", temp / "b"}};
     OffloadOptions options;
 
     void SetUp() override {
@@ -30,7 +31,7 @@ protected:
         config.date = "2026-03-14";
         config.chunkMB = 1;
         config.allowSameDevice = true;
-        options.allowSourceVolume = true;
+        options.cardMedium = [](const std::string&) { return CardKey{"1A2B3C4D", std::int64_t{64} << 30}; };
     }
     void TearDown() override { ::unsetenv("VELMORA_SETTINGS_DIR"); }
 };
@@ -115,6 +116,27 @@ TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
     ASSERT_NE(job->report(), nullptr);
     EXPECT_EQ(job->report()->failedFiles().size(), 2U);
     EXPECT_EQ(job->report()->files.at(1).sourceError, "card changed while paused");
+
+    // The same when everything had been read. What another card holds is not missing from this backup.
+    swapped = false;
+    config.cardName = "LATE";
+    options.beforeFileCopy = {};
+    options.afterVerifyChunk = [&] {
+        job->pause();
+        test::FileTree::write(config.source + "/stranger.mov", "another card");
+        swapped = true;
+        job->resume();
+    };
+    job.emplace(config, options);
+    job->run({});
+    const auto late = job->status();
+    EXPECT_EQ(late.phase, Phase::failed);
+    EXPECT_TRUE(late.error && late.error->starts_with("All files of LATE were copied, but another card"))
+        << *late.error;
+    EXPECT_FALSE(late.safeToEject || late.safeToFormat);
+    EXPECT_FALSE(job->report()->safeToFormatSeconds);
+    for (const std::string& warning : late.warnings)
+        EXPECT_EQ(warning.find("not in the backup"), std::string::npos) << warning;
 }
 
 TEST_F(OffloadJobTest, KeepsOthersOutOfTheCardFoldersWhileItRuns) {
@@ -133,6 +155,15 @@ TEST_F(OffloadJobTest, KeepsOthersOutOfTheCardFoldersWhileItRuns) {
     EXPECT_EQ(job->plan()->cardName, "CARD_2");
     EXPECT_GE(refused, 3);
     EXPECT_NO_THROW(FolderLocks::acquire(job->plan()->cardPaths()));
+
+    // Where no lock can be had, nothing is copied.
+    test::FileTree::write(temp / "no folder", "");
+    ::setenv("VELMORA_SETTINGS_DIR", (temp / "no folder").c_str(), 1);
+    config.cardName = "UNLOCKED";
+    OffloadJob unlocked(config, options);
+    unlocked.run({});
+    EXPECT_EQ(unlocked.status().phase, Phase::failed);
+    EXPECT_FALSE(std::filesystem::exists(temp / "a/2026-03-14/UNLOCKED"));
 }
 
 TEST_F(OffloadJobTest, AnAppendThatCannotRunTouchesNothing) {

@@ -29,27 +29,41 @@ OffloadReport report() {
     return result;
 }
 
+ProgressSnapshot moved(std::int64_t megabytes) {
+    ProgressSnapshot snapshot;
+    snapshot.readBytes = megabytes * 1'000'000;
+    snapshot.verifiedBytes = {0, megabytes * 1'000'000}; // the first disk took nothing
+    return snapshot;
+}
+
 TEST(RateMemory, LearnsFromJobsThatSaySomething) {
     RateMemory memory;
+    memory.learn(report(), moved(0), false, {}, {}, false, true); // finished what was there already
+    memory.learn(report(), moved(60), false, {}, {}, false, true);
+    EXPECT_EQ(memory, RateMemory{}) << "too little was read to tell";
+    RateMemory half;
+    half.learn(report(), moved(500), false, {}, {}, false, true);
+    EXPECT_EQ(half.copyRate, 5e7) << "what was read counts, not what the report covers";
+    EXPECT_EQ(half.verifyRate, 1e8);
     OffloadReport failed = report();
     failed.files.push_back({});
     failed.files.back().sourceError = "read: Input/output error";
     OffloadReport repair = report();
     repair.kind = "repair";
-    memory.learn(failed, true, std::nullopt, 50.0, false, true);
-    memory.learn(repair, true, std::nullopt, 50.0, false, true);
+    memory.learn(failed, moved(1000), true, std::nullopt, 50.0, false, true);
+    memory.learn(repair, moved(1000), true, std::nullopt, 50.0, false, true);
     EXPECT_EQ(memory, RateMemory{});
 
     OffloadReport ridden = report();
     ridden.destinations[0].verifyMethod = "verify-in-proxy";
-    memory.learn(ridden, true, ProxyCodec::proresLT, 300.0, true, true); // cancelled during the render
+    memory.learn(ridden, moved(1000), true, ProxyCodec::proresLT, 300.0, true, true); // cancelled during the render
     EXPECT_EQ(memory.copyRate, 1e8);
     EXPECT_EQ(memory.verifyRate, std::nullopt);
     EXPECT_TRUE(memory.post.empty());
 
-    memory.learn(report(), true, std::nullopt, 50.0, false, true);
-    memory.learn(report(), true, ProxyCodec::proresLT, 300.0, false, true);
-    memory.learn(report(), true, ProxyCodec::hevc, std::nullopt, false, true);
+    memory.learn(report(), moved(1000), true, std::nullopt, 50.0, false, true);
+    memory.learn(report(), moved(1000), true, ProxyCodec::proresLT, 300.0, false, true);
+    memory.learn(report(), moved(1000), true, ProxyCodec::hevc, std::nullopt, false, true);
     EXPECT_EQ(memory.verifyRate, 2e8);
     EXPECT_EQ(memory.post, (std::map<std::string, double>{{"analysis", 0.5}, {"proresLT", 3.0}}));
 }

@@ -43,7 +43,7 @@ protected:
     BackupCheck check(const std::vector<SourceFile>& files) {
         SourceScan scan;
         scan.files = files;
-        return BackupCheck::of(scan, {card()}, false);
+        return BackupCheck::of(scan, {CardRecord::load(card())}, {}, {}, false);
     }
 
     test::TempFolder folder_;
@@ -51,18 +51,17 @@ protected:
 
 TEST_F(WholeBackup, ANameThatDiffersInCaseOnlyIsAnotherFile) {
     stand(reportOf({fileOf("A.MOV")}, 1, "verified", card()));
-    EXPECT_TRUE(check({fileOf("A.MOV")}).safeToFormat());
-    EXPECT_TRUE(check({fileOf("a.mov")}).safeToFormat()) << "a card may fold the case of its names";
+    EXPECT_EQ(check({fileOf("A.MOV")}).notInBackup, 0);
+    EXPECT_EQ(check({fileOf("a.mov")}).notInBackup, 0) << "a card may fold the case of its names";
     const BackupCheck both = check({fileOf("A.MOV"), fileOf("a.mov")});
     EXPECT_EQ(both.notInBackup, 1);
     ASSERT_EQ(both.covered.size(), 1U);
     EXPECT_EQ(both.covered[0].relPath, "A.MOV");
-    EXPECT_FALSE(both.safeToEject());
     stand(reportOf({fileOf("a.mov")}, 2, "verified", card()));
-    EXPECT_TRUE(check({fileOf("A.MOV"), fileOf("a.mov")}).safeToFormat());
+    EXPECT_EQ(check({fileOf("A.MOV"), fileOf("a.mov")}).notInBackup, 0);
 }
 
-TEST_F(WholeBackup, TheHistoryPromisesNoMoreThanEveryGenerationHolds) {
+TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {
     for (const std::string earlier : {"verified", "written", "failed"}) {
         const OffloadReport first = reportOf({fileOf("A.MOV")}, 1, earlier, card());
         const OffloadReport second = reportOf({fileOf("B.MOV")}, 2, "verified", card());
@@ -70,12 +69,21 @@ TEST_F(WholeBackup, TheHistoryPromisesNoMoreThanEveryGenerationHolds) {
         stand(second);
         const BackupCheck whole = check({fileOf("A.MOV"), fileOf("B.MOV"), fileOf("LATER.MOV")});
         // The history of another computer made the backup: there is no entry to add to.
-        const auto change = HistoryRecords::finished(nullptr, "x", second, whole.covered, {}, {}, whole);
+        const auto change =
+            HistoryRecords::finished(nullptr, "x", second, whole.covered, {}, {}, whole, earlier == "verified");
         EXPECT_EQ(change.entry.verified, earlier == "verified") << earlier;
         EXPECT_EQ(change.entry.success, earlier != "failed") << earlier;
         EXPECT_EQ(change.entry.generations.size(), 2U);
         EXPECT_EQ(change.entry.files, 2);
         ASSERT_TRUE(change.files);
+        // A repair reads every copy: what verifications found is over when all is verified, and only then.
+        OffloadReport repair = second;
+        repair.kind = "repair";
+        const HistoryEntry failed = HistoryRecords::verified(change.entry, {card(), {}, {}, Timestamp{1, 0}, "1"});
+        const auto mended =
+            HistoryRecords::finished(&failed, "x", repair, whole.covered, {}, {}, whole, earlier == "verified");
+        EXPECT_EQ(HistoryRecords::verificationOf({mended.entry}, card(), {}).value().failed.has_value(),
+                  earlier != "verified");
         EXPECT_EQ(change.files->size(), 2U) << "what the backup lacks must be new when the card comes back";
     }
 }

@@ -1,12 +1,20 @@
 #include "memory/CardInspector.h"
+#include "base/Text.h"
+#include "memory/AppendPlanner.h"
 #include "memory/BackedUpPrompt.h"
 #include "memory/CardFingerprint.h"
 #include "memory/CardNaming.h"
+#include "memory/CardStep.h"
 #include "memory/HistoryText.h"
 #include "platform/IO.h"
+#include "records/OffloadReport.h"
 #include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
 
 namespace velmora {
 namespace {
@@ -113,7 +121,8 @@ protected:
         world_.isVolumeRoot = [](const std::string&) { return true; };
         world_.volumeOf = [this](const std::string&) { return volume_; };
         world_.identify = [this](const std::string&) { return identity_; };
-        world_.hasRecords = [this](const std::string&) { return reachable_; };
+        world_.directoryExists = [this](const std::string&) { return reachable_; };
+        world_.awaitsVolume = [](const std::string&) { return true; };
         volume_ = CardVolume{"id", "1A2B3C4D", 1000, "CARD", "ext4"};
         put("A012_C001.mov");
         put("B003_C001.mov");
@@ -125,7 +134,7 @@ protected:
     // An entry for the card as it is now.
     HistoryEntry backedUp() {
         const CardInsight now = inspect({});
-        HistoryEntry entry = entryFor(now.files);
+        HistoryEntry entry = entryFor(now.listing.files);
         entry.card = HistoryCard{"id", "1A2B3C4D", 1000, "CARD", "ext4"};
         entry.destinations = {{"/mnt/A", "/mnt/A/2026-03-14/A001"}, {"/mnt/B", "/mnt/B/2026-03-14/A001"}};
         return entry;
@@ -156,9 +165,153 @@ TEST_F(Inspection, RecognisesTheCardAndDecidesWhatToOffer) {
     reachable_ = false;
     insight = inspect({entry});
     EXPECT_FALSE(AppendRules::offer(&insight));
-    // Another capacity is another card.
+    // A medium that is known to be another is another card, and so is one of another capacity.
+    entry.card->identity = "other";
+    EXPECT_FALSE(inspect({entry}).match);
+    entry.card->identity = "created:1";
+    EXPECT_TRUE(inspect({entry}).match);
     entry.card->capacity = 999;
     EXPECT_FALSE(inspect({entry}).match);
+}
+
+// A backup of the card as it lies on two disks, and what becomes of it after the history was written.
+class InspectionWithDisks : public Inspection {
+protected:
+    InspectionWithDisks() {
+        world_.directoryExists = [](const std::string& path) { return IO::isFolder(path); };
+        world_.awaitsVolume = [this](const std::string& path) { return path.starts_with(away_); };
+        entry_ = backedUp();
+        files_ = inspect({}).listing.files;
+        entry_.destinations = {{root("A"), folder("A")}, {root("B"), folder("B")}};
+        for (const char* disk : {"A", "B"}) {
+            IO::mkdirs(folder(disk) + "/_REPORT");
+            for (const SourceFile& file : files_)
+                std::filesystem::copy_file(card_.path() + "/" + file.relPath, folder(disk) + "/" + file.relPath);
+            touch(disk, files_[0].relPath, files_[0].mtime);
+            touch(disk, files_[1].relPath, files_[1].mtime);
+        }
+        report_.verified = true;
+        for (const HistoryDestination& destination : entry_.destinations)
+            report_.destinations.emplace_back().cardPath = destination.cardPath;
+        for (const SourceFile& file : files_) {
+            auto& recorded = report_.files.emplace_back();
+            recorded.path = file.relPath;
+            recorded.size = file.size;
+            recorded.modified = file.mtime;
+            recorded.xxh64 = "0";
+            recorded.destinations = {"verified", "verified"};
+            recorded.errors.resize(2);
+        }
+        stand();
+    }
+    std::string root(const std::string& disk) const { return disks_.path() + "/" + disk; }
+    std::string folder(const std::string& disk) const { return root(disk) + "/2026-03-14/A001"; }
+    void touch(const std::string& disk, const std::string& name, Timestamp time) {
+        const timespec times[2] = {{time.seconds, time.nanoseconds}, {time.seconds, time.nanoseconds}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, (folder(disk) + "/" + name).c_str(), times, 0), 0);
+    }
+    void stand() {
+        for (const char* disk : {"A", "B"})
+            if (IO::isFolder(folder(disk) + "/_REPORT"))
+                IO::writeFileDurably(folder(disk) + "/_REPORT/offload_report.json", report_.jsonData());
+    }
+
+    test::TempFolder disks_;
+    std::string away_ = "nowhere";
+    HistoryEntry entry_;
+    OffloadReport report_;
+    std::vector<SourceFile> files_;
+};
+
+// What the disks hold now counts, whatever the history remembers; and the step that is named is one that can work.
+TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
+    using Kind = CardStep::Kind;
+    struct Case {
+        std::string what;
+        std::function<void()> strike;
+        std::string says; // of the one sentence and its notes, with "$B" for the folder on disk B
+        Kind step;
+        bool safe;
+    };
+    const std::string first = files_[0].relPath;
+    const std::vector<Case> cases{
+        {"untouched", [] {}, "verified, safe to format", Kind::copyWhole, true},
+        {"a disk away", [&] { away_ = root("B"); }, "Not connected: $B — its state is that of", Kind::copyWhole, true},
+        {"a later verification failed",
+         [&] { entry_.verifications = {{folder("B"), {}, {}, Timestamp{5, 0}, "mismatch 1"}}; }, "found mismatch 1",
+         Kind::repair, false},
+        {"a copy touched", [&] { touch("B", first, {7, 0}); }, first + " in $B is missing or changed", Kind::repair,
+         false},
+        {"a copy gone", [&] { IO::unlink(folder("B") + "/" + first); }, first + " in $B is missing", Kind::repair,
+         false},
+        {"a copy that was never verified",
+         [&] {
+             report_.files[0].destinations[1] = "written";
+             stand();
+         },
+         "NOT VERIFIED", Kind::append, false},
+        {"a file that a cancelled run left out",
+         [&] {
+             report_.files[0].destinations[1] = "pending";
+             stand();
+         },
+         first + " was not copied to $B", Kind::append, false},
+        {"a copy that failed",
+         [&] {
+             report_.files[0].destinations[1] = "failed";
+             stand();
+         },
+         first + " was not copied correctly to $B", Kind::repair, false},
+        {"failed, and gone from the card",
+         [&] {
+             report_.files[0].path = "LOST.mov";
+             report_.files[0].destinations[1] = "failed";
+             stand();
+         },
+         "LOST.mov was not copied to $B and is no longer on the card", Kind::copyAgain, false},
+        {"a file that no report names",
+         [&] {
+             report_.files.pop_back();
+             stand();
+         },
+         "does not hold", Kind::append, false},
+        {"a broken report", [&] { IO::writeFileDurably(folder("B") + "/_REPORT/offload_report.json", "{"); },
+         "$B cannot be read (", Kind::copyAgain, false},
+        {"a folder gone", [&] { std::filesystem::remove_all(folder("B")); }, "$B is not there any more",
+         Kind::copyAgain, false},
+    };
+    const OffloadReport good = report_;
+    const HistoryEntry remembered = entry_;
+    for (const Case& c : cases) {
+        c.strike();
+        const CardInsight insight = inspect({entry_});
+        ASSERT_TRUE(insight.match) << c.what;
+        const auto line = HistoryText::line(*insight.match, false).text;
+        const std::string all = line + "\n" + join(HistoryText::notes(*insight.match), "\n");
+        EXPECT_NE(all.find(replaceAll(c.says, "$B", folder("B"))), std::string::npos) << c.what << ": " << all;
+        EXPECT_EQ(CardStep::of(insight).kind, c.step) << c.what;
+        EXPECT_EQ(line.ends_with("verified, safe to format"), c.safe) << line;
+        EXPECT_EQ(HistoryText::holdsWholeCard(*insight.match), c.safe || c.says == "NOT VERIFIED") << c.what;
+        // With errors on record too, nothing is called identical.
+        entry_.success = false;
+        EXPECT_FALSE(HistoryText::holdsWholeCard(*inspect({entry_}).match)) << c.what;
+        away_ = "nowhere";
+        entry_ = remembered;
+        report_ = good;
+        if (IO::isFolder(folder("B"))) {
+            std::filesystem::copy_file(card_.path() + "/" + first, folder("B") + "/" + first,
+                                       std::filesystem::copy_options::overwrite_existing);
+            touch("B", first, files_[0].mtime);
+            stand();
+        }
+    }
+    // An interrupted run is finished where all its folders are, also those that hold nothing yet; else nothing finishes
+    // it.
+    entry_.unfinished = true;
+    EXPECT_EQ(CardStep::of(inspect({entry_})).kind, Kind::copyAgain);
+    IO::mkdirs(folder("B"));
+    EXPECT_EQ(CardStep::of(inspect({entry_})).kind, Kind::finish);
+    EXPECT_TRUE(inspect({entry_}).appendReachable);
 }
 
 TEST_F(Inspection, SaysWhatKeepsItFromReadingTheCard) {
@@ -168,6 +321,8 @@ TEST_F(Inspection, SaysWhatKeepsItFromReadingTheCard) {
     EXPECT_FALSE(inspect({entry}).match);
     volume_.reset();
     EXPECT_EQ(inspect({entry}).error, "Cannot read the card.");
+    const std::string file = card_.path() + "/A012_C001.mov";
+    EXPECT_EQ(CardInspector::inspect(file, nullptr, nullptr, {}, world_).error, file + " is not a folder.");
     EXPECT_THROW(CardInspector::inspect(card_.path(), nullptr, nullptr, [] { return true; }, world_), Cancelled);
     world_.isVolumeRoot = [](const std::string&) { return false; };
     HistoryEntry folder = entry;
@@ -191,6 +346,16 @@ TEST(BackedUpPrompt, AsksInItsOwnWords) {
     EXPECT_EQ(two.question,
               "Copy them again in full? New folders will be created (e.g. 2026-03-15/A001, 2026-03-15/A002).");
     EXPECT_EQ(AppendRules::checkboxText(match), "Append new clips only to the earlier backup (2 files · 300 B)");
+}
+
+TEST(HistoryText, NamesDisksAsPeopleDo) {
+    for (const auto& [root, name] : std::map<std::string, std::string>{
+             {"/", "the system disk"}, {"/media/ann/T7/", "T7"}, {"/mnt", "mnt"}, {"/srv/raid", "/srv/raid"}})
+        EXPECT_EQ(HistoryText::diskName(root), name) << root;
+    // Of a disk that is away, and of a root on the system's own disk.
+    EXPECT_EQ(AppendPlanner::disk("/Volumes/gone/2026-03-14/A001"), "gone");
+    EXPECT_EQ(AppendPlanner::disk("/2026-03-14/A001"), "the system disk");
+    EXPECT_EQ(AppendPlanner::disk("/srv/raid/2026-03-14/A001"), "/srv/raid");
 }
 
 TEST(CardNaming, TakesTypedThenClipsThenTheNextOfTheDayThenTheLabel) {

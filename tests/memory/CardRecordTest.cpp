@@ -71,9 +71,9 @@ TEST(ResumePlanner, WritesAgainWhatNoRecordProves) {
         const auto onDisk = [&](std::size_t d, const SourceFile&) {
             return c.sizes[d] < 0 ? std::nullopt : std::optional(c.sizes[d]);
         };
-        const auto decision = ResumePlanner::decide(openOn(c.records), {source()}, onDisk, false, block);
-        EXPECT_EQ(decision.write.front(), c.write) << c.what;
-        EXPECT_EQ(decision.known.front().has_value(), c.known) << c.what;
+        const auto tasks = ResumePlanner::decide(openOn(c.records), {source()}, onDisk, false, block);
+        EXPECT_EQ(tasks.front().write, c.write) << c.what;
+        EXPECT_EQ(tasks.front().known.has_value(), c.known) << c.what;
     }
 }
 
@@ -189,61 +189,52 @@ TEST_F(CardRecords, FindsItsColumnAndHearsOfTheOtherDisks) {
     one.destinations[1].cardPath = "/media/dit/SHUTTLE/2026-03-14/CARD";
     one.destinations[1].volumeSerial = "S2";
     EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S2"), 1U);
-    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S9"), 1U);
+    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S9"), std::nullopt) << "another disk";
     EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/RAID/2026-03-15/CARD", "S1"), std::nullopt);
-
-    one = report(1, {entry("a.mov", "written", "verified")});
-    put(one, card, 1);
-    EXPECT_FALSE(CardRecord::load(card, {}, serial).incomplete);
-    one.finished.seconds += 1;
-    put(one, temp / "b/2026-03-14/CARD", 1);
-    EXPECT_TRUE(CardRecord::load(card, {}, serial).incomplete);
 }
 
 TEST_F(CardRecords, TheWholeCardIsHeldAgainstAllDisks) {
     const std::string other = temp / "b/2026-03-14/CARD";
+    const std::vector<SourceFile> same = {{"a.mov", 10, {1000, 0}}};
     struct Case {
         const char* what;
         OffloadReport::FileEntry inBackup;
         std::vector<SourceFile> onCard;
-        bool eject, format;
-        std::vector<std::string> says;
+        std::int64_t failed, unverified, notInBackup;
+        std::size_t lost;
     };
-    const std::vector<SourceFile> same = {{"a.mov", 10, {1000, 0}}};
     for (const Case& c : std::vector<Case>{
-             {"all verified", entry("a.mov", "verified", "verified"), same, true, true, {}},
-             {"written only",
-              entry("a.mov", "verified", "written"),
-              same,
-              true,
-              false,
-              {"1 file of the earlier backup is not verified — Verify backup recommended."}},
-             {"failed on one disk",
-              entry("a.mov", "verified", "failed"),
-              same,
-              false,
-              false,
-              {"1 file in the backup still does not match — do not eject the card, run Copy again."}},
+             {"all verified", entry("a.mov", "verified", "verified"), same, 0, 0, 0, 0},
+             {"written only", entry("a.mov", "verified", "written"), same, 0, 1, 0, 0},
+             {"failed on one disk", entry("a.mov", "verified", "failed"), same, 1, 0, 0, 0},
+             {"failed, and gone from the card", entry("a.mov", "verified", "failed"), {}, 0, 0, 0, 1},
              {"new and changed files",
               entry("a.mov", "verified", "verified"),
               {{"a.mov", 11, {1000, 0}}, {"b.mov", 1, {}}},
-              false,
-              false,
-              {"The card has 2 files that the backup does not — do not eject the card, append to the backup."}},
+              0,
+              0,
+              2,
+              0},
          }) {
-        for (const std::string& folder : {card, other})
+        std::vector<CardRecord> records;
+        for (const std::string& folder : {card, other}) {
             put(report(1, {c.inBackup}), folder, 1);
+            records.push_back(CardRecord::load(folder));
+        }
         SourceScan scan;
         scan.files = c.onCard;
-        const auto check = BackupCheck::of(scan, {card, other}, false);
-        EXPECT_EQ(check.safeToEject(), c.eject) << c.what;
-        EXPECT_EQ(check.safeToFormat(), c.format) << c.what;
-        EXPECT_EQ(check.messages(), c.says) << c.what;
+        const auto check = BackupCheck::of(scan, records, {}, 1, false);
+        EXPECT_FALSE(check.error) << c.what;
+        EXPECT_EQ(check.state.failed, c.failed) << c.what;
+        EXPECT_EQ(check.state.unverified, c.unverified) << c.what;
+        EXPECT_EQ(check.notInBackup, c.notInBackup) << c.what;
+        EXPECT_EQ(check.lost.size(), c.lost) << c.what;
+        // Another disk of the backup, which nobody named, must hold the whole card as well.
+        const auto away = BackupCheck::of(scan, {records[0]}, {{temp / "gone/2026-03-14/CARD", {}}}, 1, false);
+        EXPECT_EQ(away.elsewhere.size(), 1U) << c.what;
     }
     test::FileTree::write(other + "/_REPORT/offload_report.json", "{");
-    const auto check = BackupCheck::of({}, {card, other}, false);
-    EXPECT_FALSE(check.safeToEject());
-    EXPECT_TRUE(check.messages().at(0).starts_with("Cannot read the state of the backup ("));
+    EXPECT_TRUE(BackupCheck::of({}, {CardRecord::load(other)}, {}, 1, false).error);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "engine/FolderLocks.h"
 #include "memory/HistoryRecorder.h"
+#include "memory/HistoryRecords.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"
 #include "support/TempFolder.h"
@@ -82,6 +83,35 @@ TEST_F(History, SetsDamageAsideAndLeavesANewerVersionAlone) {
     EXPECT_EQ(add("y", 1), HistoryWrite::unchanged);
     EXPECT_EQ(IO::readFile(path(), 1000), newer);
     EXPECT_EQ(log_.back(), "history: written by a newer version of Velmora — read only");
+}
+
+TEST_F(History, KeepsWhatVerificationsFoundAndWhatItDoesNotKnow) {
+    std::ofstream(path()) << R"({"version":1,"entries":[{"id":"a","source":"","cardName":"","date":"","success":true,
+        "finished":"2026-03-14T07:00:00Z","verified":true,"files":0,"bytes":0,"fingerprint":"","shape":"","destinations":
+        [],"generations":[],"later":{"x":[1]}}]})";
+    const auto mark = [&](const HistoryVerification& one) {
+        EXPECT_EQ(store().update("a",
+                                 [&](const HistoryEntry* present) {
+                                     return HistoryStore::Change{HistoryRecords::verified(*present, one), std::nullopt};
+                                 }),
+                  HistoryWrite::written);
+    };
+    const Timestamp early{1000, 0};
+    const Timestamp late{2000, 0};
+    const auto known = [&](const char* folder, std::optional<std::string> serial) {
+        return HistoryRecords::verificationOf(store().load(), folder, serial).value_or(HistoryVerification{});
+    };
+    mark({"/mnt/a/2026-03-14/A001", "S1", early, {}, ""});
+    mark({"/mnt/a/2026-03-14/A001", "S1", {}, late, "missing 1"});
+    EXPECT_EQ(known("/media/x/2026-03-14/A001", "S1").failed, late) << "the disk is mounted elsewhere";
+    EXPECT_EQ(known("/media/x/2026-03-14/A001", "S1").clean, early);
+    EXPECT_EQ(known("/mnt/a/2026-03-14/A001", std::nullopt).found, "missing 1");
+    EXPECT_EQ(known("/mnt/a/2026-03-14/A001", "S2").failed, std::nullopt) << "another disk in the same place";
+    EXPECT_EQ(known("/media/x/2026-03-14/A001", std::nullopt).failed, std::nullopt);
+    mark({"/mnt/a/2026-03-14/A001", "S1", late, {}, ""});
+    EXPECT_EQ(known("/mnt/a/2026-03-14/A001", "S1"),
+              (HistoryVerification{"/mnt/a/2026-03-14/A001", "S1", late, {}, ""}));
+    EXPECT_NE(IO::readFile(path(), 10000).find("\"later\""), std::string::npos) << "written by another version";
 }
 
 TEST_F(History, NeverOpensAListOutsideOfItsFolder) {

@@ -2,9 +2,11 @@
 #include "base/Errors.h"
 #include "mhl/IgnorePatterns.h"
 #include "mhl/MHL.h"
+#include "mhl/NestedHistories.h"
 #include "support/FileTree.h"
 #include "support/TempFolder.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace velmora {
@@ -143,7 +145,15 @@ TEST(MHLReader, ReadsByAscendingNumberAndTellsGapsAndRepeats) {
     card.writeChain();
     EXPECT_EQ(card.read().chainProblems, Problems{"The ASC MHL chain does not list generation 0002."});
 
-    card.entries[0].seq = 1;
+    card.entries[0] = {3, card.entries[1].path, card.entries[1].c4}; // generation 3 hidden behind another's file
+    card.entries.push_back({2, "0002_A.mhl", "c4"});
+    card.writeChain();
+    EXPECT_THAT(card.read().chainProblems,
+                testing::Contains("The ASC MHL chain names the file of generation 0001 again for generation 0003: "
+                                  "0001_A.mhl"));
+    card.entries.pop_back();
+
+    card.entries[0] = {1, "0002_A.mhl", MHL::c4(generation(hashElement("a", "original", "", "02")))};
     card.writeChain();
     EXPECT_EQ(card.read().chainProblems, Problems{"The ASC MHL chain lists generation 0001 more than once."});
     EXPECT_EQ(card.read().generations.size(), 2U);
@@ -255,6 +265,33 @@ TEST(MHLReader, TakesWhatOtherToolsWrite) {
               " blanks are names ");
 }
 
+TEST(NestedHistories, AreReadToABoundedDepth) {
+    const test::TempFolder root;
+    std::string folder = root.path() + "/";
+    for (int i = 0; i < 20; ++i)
+        folder += "n/";
+    std::string inner; // the generation of the folder inside
+    for (int depth = 20; depth >= 0; --depth, folder.resize(folder.size() - 2)) {
+        std::string text = generation(hashElement("f"));
+        if (!inner.empty())
+            text.insert(text.rfind("</hashlist>"), "<references><hashlistreference><path>n/ascmhl/1.mhl</path><c4>" +
+                                                       MHL::c4(inner) + "</c4></hashlistreference></references>");
+        write(folder + "ascmhl/1.mhl", text);
+        write(
+            folder + "ascmhl/ascmhl_chain.xml",
+            "<ascmhldirectory xmlns=\"urn:ASC:MHL:DIRECTORY:v2.0\"><hashlist sequencenr=\"1\"><path>1.mhl</path><c4>" +
+                MHL::c4(text) + "</c4></hashlist></ascmhldirectory>");
+        inner = text;
+    }
+    const auto nested = NestedHistories::read(root.path(), MHLReader::read(root.path()));
+    EXPECT_EQ(nested.found.size(), 16U);
+    EXPECT_EQ(nested.found.front().folder, "n");
+    ASSERT_EQ(nested.problems.size(), 1U);
+    EXPECT_TRUE(nested.problems[0].ends_with("names too many nested histories — the rest of them was not read."));
+    std::int64_t left = 100; // shorter than a generation
+    EXPECT_THROW(MHLReader::read(root.path(), {}, &left), MHLFormatError);
+}
+
 TEST(MHLReader, RefusesHostileDocuments) {
     std::string deep;
     for (int i = 0; i < 5000; ++i)
@@ -286,7 +323,9 @@ TEST(MHLReader, RefusesHostileDocuments) {
         EXPECT_THROW(MHLReader::generationFromBytes(text, 1), MHLFormatError) << what;
     for (const char* chain :
          {"<ascmhldirectory/>", "<ascmhldirectory xmlns=\"urn:ASC:MHL:DIRECTORY:v2.0\"><hashlist/>",
-          "<ascmhldirectory xmlns=\"urn:ASC:MHL:DIRECTORY:v2.0\"><hashlist sequencenr=\"-1\"/></ascmhldirectory>"})
+          "<ascmhldirectory xmlns=\"urn:ASC:MHL:DIRECTORY:v2.0\"><hashlist sequencenr=\"-1\"/></ascmhldirectory>",
+          "<ascmhldirectory xmlns=\"urn:ASC:MHL:DIRECTORY:v2.0\"><hashlist sequencenr=\"9223372036854775807\"/>"
+          "</ascmhldirectory>"})
         EXPECT_THROW(MHLReader::chainFromBytes(chain), MHLFormatError) << chain;
 }
 

@@ -209,7 +209,9 @@ TEST(MHL, ARetryOutlivesTheFileOfAWriteThatDied) {
     MHL::write(report(card.path()), card.path(), now, "host");
     const std::string name = MHL::generationName(1, card.path(), now);
     const std::string died = read(ascmhl + name);
-    fs::remove(ascmhl + "ascmhl_chain.xml"); // as if the power had gone between the two files
+    fs::remove(ascmhl + "ascmhl_chain.xml");                   // as if the power had gone between the two files
+    MHL::write(report(card.path()), card.path(), now, "host"); // and again, in a retry of the same second
+    fs::remove(ascmhl + "ascmhl_chain.xml");
     const MHLHistory left = MHLReader::read(card.path());
     EXPECT_FALSE(left.chainProblems.empty());
     EXPECT_TRUE(left.problemsBeside(1).empty()); // nothing that finishing generation 1 would not settle
@@ -220,6 +222,7 @@ TEST(MHL, ARetryOutlivesTheFileOfAWriteThatDied) {
     EXPECT_TRUE(MHL::hasGeneration(report(card.path()), card.path()));
     EXPECT_TRUE(MHLReader::read(card.path()).chainProblems.empty());
     EXPECT_EQ(read(ascmhl + name + ".unchained"), died); // nothing was destroyed
+    EXPECT_EQ(read(ascmhl + name + ".unchained.2"), died);
 
     // Of a later generation: own and broken leftovers make way, another tool's file stays and stays told.
     const std::string chainBefore = read(ascmhl + "ascmhl_chain.xml");

@@ -36,6 +36,8 @@ protected:
 37 21 8:18 / /run/media/ann/T7 rw - ext4 /dev/sdb2 rw
 this line makes no sense
 38 21 0:53 /@home /home rw - btrfs /dev/nvme0n1p4 rw
+39 21 8:17 /DCIM /home/ann/bound rw - vfat /dev/sdb1 rw
+40 21 0:54 / /media/ann/auto rw - autofs systemd-1 rw
 )");
         disk("devices/pci0/usb1/1-2/host0/block/sdb", {"sdb1", "sdb2"}, "8:17 8:18", "1");
         disk("devices/pci0/usb1/1-3/host1/block/sdc", {"sdc1"}, "8:33", "0");
@@ -114,6 +116,29 @@ TEST_F(InventedComputer, ShowsTheVolumesOfAUser) {
         EXPECT_FALSE(VolumeFacts::isUserVolumePath(path)) << path;
     for (const char* path : {"/media/ann", "/media/ann/EOS/DCIM", "/mnt", "/mnt/", "/Volumes/CARD"})
         EXPECT_TRUE(VolumeFacts::isUserVolumePath(path)) << path;
+}
+
+TEST_F(InventedComputer, KnowsWhereADiskIsAwayAndWhereMountsShowTheSamePlace) {
+    for (const char* there : {"/mnt", "/mnt/data/sub", "/mnt/any", "/media/ann/EOS DIGITAL/x", "/run/media/ann/T7",
+                              "/home/x", "/", "/media2/x", "/mnt/ram"})
+        EXPECT_FALSE(VolumeFacts::awaitsVolume(there, system_)) << there;
+    for (const char* away : {"/media/ann", "/media/ann/T7", "/media/ann/EOS DIGITAL2", "/Volumes/A/b", "/run/media/bob",
+                             "/media/ann/auto", "/media"})
+        EXPECT_TRUE(VolumeFacts::awaitsVolume(away, system_)) << away;
+    EXPECT_EQ(VolumeFacts::placeOnVolume("/media/ann/EOS DIGITAL", system_), "8:17");
+    EXPECT_EQ(VolumeFacts::placeOnVolume("/media/ann/EOS DIGITAL/DCIM/x", system_), "8:17/DCIM/x");
+    EXPECT_EQ(VolumeFacts::placeOnVolume("/home/ann/bound/x", system_), "8:17/DCIM/x");
+    // Without the exFAT card on /mnt itself the folders in it are bare, but for what is mounted on them.
+    const std::string table = test::FileTree::contents(folder_.path()).at("mountinfo");
+    const std::map<std::string, bool> places{
+        {"/mnt/any", true}, {"/mnt/dat", true}, {"/mnt/data/sub", false}, {"/mnt/nas", false}};
+    for (const char* instead : {"", "35 21 0:55 / /mnt rw - tmpfs none rw\n"}) {
+        test::FileTree::write(system_.mountinfo,
+                              table.substr(0, table.find("35 ")) + instead + table.substr(table.find("36 ")));
+        EXPECT_EQ(VolumeFacts::awaitsVolume("/mnt", system_), *instead == '\0') << instead;
+        for (const auto& [path, away] : places)
+            EXPECT_EQ(VolumeFacts::awaitsVolume(path, system_), away) << path << instead;
+    }
 }
 
 TEST_F(InventedComputer, TellsBuiltInDisksFromWhatAUserPlugs) {
@@ -205,10 +230,21 @@ TEST(VolumeWatcher, CallsWhenAVolumeComesAndGoesAndNotAfterwards) {
         EXPECT_GE(waitFor(so_far + 1), so_far + 1);
     }
     const int last = calls;
+    {
+        const VolumeWatcher watcher([&] { ++calls; });
+        const auto begin = std::chrono::steady_clock::now();
+        while (calls == last && std::chrono::steady_clock::now() - begin < std::chrono::seconds(10)) {
+            ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=1m"), 0);
+            ASSERT_EQ(::umount(folder.path().c_str()), 0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_GT(calls, last) << "while mounts come and go without a rest";
+    }
+    const int end = calls;
     ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=1m"), 0);
     ::umount(folder.path().c_str());
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(calls, last);
+    EXPECT_EQ(calls, end);
 }
 
 } // namespace

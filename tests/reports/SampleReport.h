@@ -1,6 +1,7 @@
 #pragma once
 
 #include "records/OffloadReport.h"
+#include "reports/ReportWriter.h"
 
 namespace velmora {
 
@@ -40,6 +41,12 @@ inline OffloadReport sampleReport(const std::vector<std::string>& cardPaths, std
     report.totalBytes = 1500000000;
     report.countFiles();
     return report;
+}
+
+// All records of a report, into one card folder.
+inline void commitReport(const OffloadReport& report, const std::string& card, const ReportWriter::Stamp& stamp,
+                         bool create = true) {
+    ReportWriter::commit(report, ReportWriter::Pages(report), card, stamp, create);
 }
 
 } // namespace velmora

@@ -6,9 +6,18 @@
 
 namespace velmora::test {
 
-TempFolder::TempFolder() {
+namespace {
+
+std::string usualPlace() {
     const char* base = std::getenv("TMPDIR");
-    path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/velmora-test-XXXXXX";
+    return base != nullptr && *base != '\0' ? base : "/tmp";
+}
+
+} // namespace
+
+TempFolder::TempFolder() : TempFolder(usualPlace()) {}
+
+TempFolder::TempFolder(const std::string& below) : path_(below + "/velmora-test-XXXXXX") {
     if (::mkdtemp(path_.data()) == nullptr)
         throw std::runtime_error("mkdtemp " + path_);
 }

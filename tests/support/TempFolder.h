@@ -9,6 +9,8 @@ namespace velmora::test {
 class TempFolder {
 public:
     TempFolder();
+    // Below another folder: "/dev/shm" lies on a volume of its own, as a card does.
+    explicit TempFolder(const std::string& below);
     ~TempFolder();
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;

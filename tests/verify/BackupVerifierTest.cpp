@@ -1,7 +1,11 @@
 #include "verify/BackupVerifier.h"
 
 #include "blocks/HashAlgo.h"
+#include "blocks/ManifestFile.h"
+#include "disks/VolumeSerial.h"
 #include "engine/FolderLocks.h"
+#include "memory/HistoryRecords.h"
+#include "mhl/MHL.h"
 #include "reports/ReportWriter.h"
 #include "reports/SampleReport.h"
 #include "support/FileTree.h"
@@ -59,7 +63,7 @@ protected:
     void generation(std::int64_t number, const std::vector<File>& files) const {
         for (const File& file : files)
             test::FileTree::write(card + "/" + file.path, file.content);
-        ReportWriter::write(reportOf(number, files), card, true, {{1773473420 + number, 0}, "cart"});
+        commitReport(reportOf(number, files), card, {{1773473420 + number, 0}, "cart"});
     }
     void sample() const {
         generation(1, {{"DCIM/1.mov", test::FileTree::bytes(1, 300'001)},
@@ -123,8 +127,10 @@ TEST_F(BackupVerifierTest, NamesEachDamageExactly) {
              test::FileTree::write(card + "/ascmhl/notes", "n");
              test::FileTree::write(card + "/DCIM/.DS_Store", "n");
              test::FileTree::write(card + "/_PROXY/x/p.mp4", "n");
+             for (const char* deeper : {"_PROXY", "_REPORT", "ascmhl"})
+                 test::FileTree::write(card + "/DCIM/" + deeper + "/x", "n");
          },
-         {"EXTRA    new"},
+         {"EXTRA    DCIM/_PROXY/x", "EXTRA    DCIM/_REPORT/x", "EXTRA    DCIM/ascmhl/x", "EXTRA    new"},
          true},
         {"link in place of a file",
          [&] {
@@ -175,6 +181,7 @@ TEST_F(BackupVerifierTest, NamesEachDamageExactly) {
         for (std::size_t i = c.lines.size(); i < lines.size(); ++i)
             EXPECT_TRUE(lines[i].starts_with("EXTRA    DCIM")) << lines[i];
         EXPECT_EQ(result.success(), c.success);
+        EXPECT_EQ(result.checked, result.ok + (c.what == std::string_view("last bit"))) << "only what was read";
     }
 }
 
@@ -239,7 +246,15 @@ TEST_F(BackupVerifierTest, ChecksumListsServeWhereThereIsNoHistory) {
     sample();
     fs::remove_all(card + "/ascmhl");
     test::FileTree::write(card + "/_REPORT/A001.md5", digest("md5", "") + "  empty\nno line\n\n  \n");
-    VerifyResult result = verify();
+    ManifestRecord line; // the manifest is no sign of a run that died where report and list are final
+    line.path = "DCIM/1.mov";
+    ManifestFile::append(card, std::span(&line, 1));
+    std::int64_t total = 0;
+    VerifyResult result =
+        BackupVerifier::verify(card, 65'536, [&](const VerifyProgress& now) { total = now.totalBytes; }, {});
+    EXPECT_EQ(total, 365'547) << "lists tell no sizes";
+    EXPECT_FALSE(result.unfinished);
+    EXPECT_EQ(BackupVerifier::cardFolders(temp.path()), Paths{card}) << "a day without any history";
     EXPECT_TRUE(result.success());
     EXPECT_EQ(result.generations, 0);
     EXPECT_EQ(result.ok, 4);
@@ -256,6 +271,7 @@ TEST_F(BackupVerifierTest, ChecksumListsServeWhereThereIsNoHistory) {
 
     fs::remove(temp / "B002/_REPORT/A001.md5");
     fs::remove(temp / "B002/_REPORT/A001.xxh64");
+    fs::remove(temp / "B002/_REPORT/offload-manifest.jsonl");
     try {
         BackupVerifier::verify(temp / "B002", 65'536, {}, {});
         FAIL() << "nothing to compare with";
@@ -270,22 +286,118 @@ TEST_F(BackupVerifierTest, AnUnfinishedGenerationIsToldAndItsFilesAreNoStrangers
     open.verifyPending = true;
     test::FileTree::write(card + "/DCIM/4.mov", "new");
     test::FileTree::write(card + "/DCIM/5.mov", "stranger");
-    ReportWriter::writeReports(open, card, true);
+    ReportWriter::Pages(open).write(card, true);
     VerifyResult result = verify();
     EXPECT_EQ(result.ok, 4);
     EXPECT_TRUE(result.success());
     EXPECT_TRUE(result.unfinished);
+    EXPECT_FALSE(result.copyBrokeOff);
     EXPECT_EQ(result.extra, Paths{"DCIM/5.mov"});
+
+    // The later generation that is there ends the waiting: what was never read back is held against the report.
+    fs::remove_all(card);
+    open = reportOf(1, {{"DCIM/4.mov", "new", "written"}});
+    commitReport(open, card, {{1773473420, 0}, "cart"});
+    open.verifyPending = true;
+    ReportWriter::Pages(open).write(card, false);
+    generation(2, {{"DCIM/1.mov", "one"}});
+    test::FileTree::write(card + "/DCIM/4.mov", "new");
+    result = verify();
+    EXPECT_FALSE(result.unfinished);
+    EXPECT_EQ(result.onlyInReport, 1);
+    EXPECT_EQ(result.ok, 2);
+    ManifestRecord line;
+    line.gen = 3;
+    line.path = "DCIM/6.mov";
+    ManifestFile::append(card, std::span(&line, 1));
+    test::FileTree::write(card + "/DCIM/6.mov", "half");
+    result = verify();
+    EXPECT_TRUE(result.unfinished && result.copyBrokeOff);
+    EXPECT_EQ(result.extra, Paths{});
 
     fs::remove_all(card);
     open = reportOf(1, {{"4.mov", "new", "written"}});
     open.verifyPending = true;
     test::FileTree::write(card + "/4.mov", "new");
-    ReportWriter::writeReports(open, card, true);
+    ReportWriter::Pages(open).write(card, true);
     result = verify();
     EXPECT_EQ(VerifyReport::basis(result), "the record of the unfinished generation is not written yet");
     EXPECT_TRUE(result.unfinished);
     EXPECT_EQ(result.extra, Paths{});
+}
+
+TEST_F(BackupVerifierTest, HistoriesOfFoldersInsideAreReadAndChecked) {
+    const auto reference = [](const std::string& path, const std::string& c4) {
+        return "<hashlistreference><path>" + path + "</path><c4>" + c4 + "</c4></hashlistreference>";
+    };
+    // Puts references into the last generation of a folder and brings its chain up to them.
+    const auto refer = [&](const std::string& references) {
+        const std::string before = MHL::c4(test::FileTree::read(mhl(1)));
+        replaceIn(mhl(1), "</hashlist>", "<references>" + references + "</references></hashlist>");
+        replaceIn(card + "/ascmhl/ascmhl_chain.xml", before, MHL::c4(test::FileTree::read(mhl(1))));
+    };
+    const std::string top = card;
+    const std::string sub = top + "/Sub";
+    const struct {
+        const char* what;
+        std::function<void()> damage;
+        Paths lines;
+        std::int64_t ok = 5;
+        std::int64_t nested = 1;
+    } cases[] = {
+        {"whole", [] {}, {}},
+        {"a changed file", [&] { test::FileTree::flipBit(sub + "/in/x", 3); }, {"MISMATCH  Sub/in/x"}, 4},
+        {"a stranger", [&] { test::FileTree::write(sub + "/y", "y"); }, {"EXTRA    Sub/y"}},
+        {"no history",
+         [&] { fs::remove_all(sub + "/ascmhl"); },
+         {"EXTRA    Sub/in/x", "CHAIN    The ASC MHL names a nested history, but it is missing: Sub"},
+         4,
+         0},
+        {"no chain",
+         [&] { fs::remove(sub + "/ascmhl/ascmhl_chain.xml"); },
+         {"CHAIN    Sub: ascmhl_chain.xml is missing",
+          "CHAIN    Sub: The history above names the generation 0001_Sub_"}},
+        {"no generation",
+         [&] { test::FileTree::write((*fs::directory_iterator(sub + "/ascmhl")).path(), "<x"); },
+         {"EXTRA    Sub/in/x", "CHAIN    Sub: Cannot read ASC MHL generation 0001_Sub_"},
+         4,
+         0},
+        {"a link in its place",
+         [&] {
+             fs::rename(sub, temp / "outside");
+             fs::create_directory_symlink(temp / "outside", sub);
+         },
+         {"CHAIN    The ASC MHL names a nested history, but it is missing: Sub"},
+         4,
+         0},
+        {"references that lead elsewhere",
+         [&] { refer(reference("../Sub/ascmhl/1.mhl", "") + reference("1.mhl", "") + reference("ascmhl/1.mhl", "")); },
+         {"CHAIN    ASC MHL generation 1 lists a path outside the card folder",
+          "CHAIN    ASC MHL generation 1 refers to 1.mhl, which is no generation of a nested history.",
+          "CHAIN    ASC MHL generation 1 refers to ascmhl/1.mhl, which"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        fs::remove_all(top);
+        fs::remove_all(temp / "outside");
+        card = sub;
+        generation(1, {{"in/x", "nested"}});
+        const std::string named = mhl(1);
+        const std::string c4 = MHL::c4(test::FileTree::read(named));
+        fs::remove_all(sub + "/_REPORT");
+        card = top;
+        sample();
+        refer(reference(named.substr(top.size() + 1), c4));
+        c.damage();
+        const VerifyResult result = verify();
+        const Paths lines = VerifyReport::machineLines(result);
+        ASSERT_GE(lines.size(), c.lines.size());
+        EXPECT_EQ(lines.empty(), c.lines.empty());
+        for (std::size_t i = 0; i < c.lines.size(); ++i)
+            EXPECT_TRUE(lines[i].starts_with(c.lines[i])) << lines[i];
+        EXPECT_EQ(result.ok, c.ok);
+        EXPECT_EQ(result.nestedHistories, c.nested);
+    }
 }
 
 TEST_F(BackupVerifierTest, AFolderThatVanishesIsNotAListOfMissingFiles) {
@@ -302,6 +414,18 @@ TEST_F(BackupVerifierTest, AFolderThatVanishesIsNotAListOfMissingFiles) {
     EXPECT_TRUE(result.folderGone);
     EXPECT_EQ(result.missing, Paths{});
     EXPECT_EQ(result.checked, 1);
+    fs::rename(temp / "gone", card);
+    EXPECT_TRUE(BackupVerifier::verify(card, 65'536,
+                                       [&](const VerifyProgress&) {
+                                           if (std::exchange(moved, false)) {
+                                               fs::rename(card, temp / "gone");
+                                               fs::copy(temp / "gone", card, fs::copy_options::recursive);
+                                           }
+                                       },
+                                       {})
+                    .folderGone)
+        << "another folder has taken its place";
+    fs::remove_all(card);
     const auto summary = VerifyReport::summary(result);
     EXPECT_EQ(summary.tone, VerifyReport::Tone::error);
     EXPECT_TRUE(summary.text.ends_with("The backup folder disappeared — the disk may have been disconnected."));
@@ -319,10 +443,36 @@ TEST_F(BackupVerifierTest, TheJobEndsAsItsRunDoes) {
         EXPECT_EQ(job.currentStatus().errorCode, PreflightCode::appendBusy);
     }
     test::FileTree::flipBit(card + "/DCIM/1.mov", 0);
-    VerifyJob job(card);
+    HistoryStore history(temp / "settings", 1.0);
+    history.update("x", [&](const HistoryEntry*) {
+        HistoryEntry entry;
+        entry.destinations = {{"/", card}};
+        return HistoryStore::Change{entry, std::nullopt};
+    });
+    const auto trace = [&] {
+        return HistoryRecords::verificationOf(history.load(), card, VolumeFacts::volumeSerialText(card)).value();
+    };
+    VerifyJob job(card, {}, history);
     job.run();
     EXPECT_EQ(job.currentStatus().state, VerifyJob::State::done) << "a mismatch is a result";
     EXPECT_EQ(job.currentStatus().progress->bytes, 365'547);
+    EXPECT_EQ(trace().found, "mismatch 1, missing 0, unreadable 0, failed during the copy 0");
+    EXPECT_TRUE(trace().failed && !trace().clean);
+    test::FileTree::flipBit(card + "/DCIM/1.mov", 0);
+    VerifyJob(card, {}, history).run();
+    EXPECT_TRUE(!trace().failed && trace().clean);
+    fs::remove(mhl(2)); // every file matches, but not every record is there
+    const auto before = trace();
+    VerifyJob(card, {}, history).run();
+    EXPECT_EQ(trace(), before);
+    std::vector<std::string> log;
+    const auto say = [&](std::string_view line) { log.emplace_back(line); };
+    fs::remove(card + "/empty");
+    test::FileTree::write(temp / "nowhere", "no folder");
+    VerifyJob blind(card, say, HistoryStore(temp / "nowhere", 0.1, 5000, say));
+    blind.run();
+    EXPECT_EQ(blind.currentStatus().state, VerifyJob::State::done);
+    EXPECT_FALSE(log.empty()) << "a history that cannot be read is told";
     VerifyJob stopped(card);
     stopped.cancel();
     stopped.run();
@@ -330,10 +480,13 @@ TEST_F(BackupVerifierTest, TheJobEndsAsItsRunDoes) {
     EXPECT_FALSE(stopped.currentStatus().result);
     ::unsetenv("VELMORA_SETTINGS_DIR");
 
-    int asked = 0;
-    const VerifyResult half = BackupVerifier::verify(card, 65'536, {}, [&] { return ++asked > 2; });
+    bool enough = false;
+    const VerifyResult half = BackupVerifier::verify(
+        card, 65'536, [&](const VerifyProgress& now) { enough = now.bytes >= 131'072; }, [&] { return enough; });
     EXPECT_TRUE(half.cancelled);
-    EXPECT_EQ(half.bytesRead, 131'072) << "between two reads of one file";
+    EXPECT_LT(half.bytesRead, 300'000) << "between two reads of one file";
+    EXPECT_EQ(half.checked, 0);
+    EXPECT_TRUE(BackupVerifier::verify(card, 65'536, {}, [] { return true; }).cancelled);
     EXPECT_TRUE(half.changed.empty() && half.extra.empty());
 }
 

@@ -1,5 +1,6 @@
 #include "verify/Verification.h"
 
+#include "mhl/MHLReader.h"
 #include "platform/IO.h"
 #include "reports/SampleReport.h"
 #include "support/TempFolder.h"
@@ -21,25 +22,48 @@ protected:
             IO::mkdirs(card);
     }
     OffloadReport onDisk(std::size_t i) const { return ReportWriter::read(cards[i] + "/_REPORT/offload_report.json"); }
-    Verification::Outcome commit(const Verification::BeforeCommit& before = {}) {
-        return Verification::commit(
-            report, cards, [this](std::string_view line) { logged.emplace_back(line); }, {{1773473420, 0}, "cart"},
-            before);
+    // Judges as a job does that has nothing against the card.
+    Verification::Outcome commit(std::function<void(const std::string&)> beforeWrite = {}, bool create = true) {
+        Verification::Order order{cards, {{1773473420, 0}, "cart"}, create, std::move(beforeWrite)};
+        order.judge = [this](OffloadReport& judged, const std::vector<Verification::Failure>& failures) {
+            ++judgements;
+            if (!failures.empty())
+                return;
+            for (const auto& card : cards)
+                everywhere = everywhere && MHLReader::read(card).generations.size() == 1;
+            judged.safeToFormatSeconds = 1;
+        };
+        return Verification::commit(report, order, [this](std::string_view line) { logged.emplace_back(line); });
     }
+    int judgements = 0;
+    bool everywhere = true; // each folder had its generation when the judgement was asked for
 };
 
-TEST_F(VerificationCommitTest, PromisesNothingBeforeTheLastDisk) {
+TEST_F(VerificationCommitTest, PromisesNothingBeforeEveryDiskHoldsTheRecords) {
     int looked = 0;
-    const auto outcome = commit([&](const std::string& card) {
-        for (std::size_t i = 0; cards[i] != card; ++i, ++looked)
-            EXPECT_FALSE(onDisk(i).safeToFormat()) << "a power cut now would leave a promise that does not hold";
+    const auto outcome = commit([&](const std::string&) {
+        for (std::size_t i = 0; i < cards.size(); ++i, ++looked) {
+            const bool said = IO::exists(cards[i] + "/_REPORT") && onDisk(i).safeToFormatSeconds;
+            EXPECT_FALSE(judgements == 0 && said) << "a power cut now would leave a promise that does not hold";
+        }
     });
-    EXPECT_EQ(looked, 3);
-    EXPECT_TRUE(outcome.complete());
+    EXPECT_EQ(looked, 18);
+    EXPECT_TRUE(outcome.complete() && everywhere && judgements == 1);
     EXPECT_EQ(outcome.warning(), std::nullopt);
     EXPECT_TRUE(outcome.report.safeToFormat());
     for (std::size_t i = 0; i < cards.size(); ++i)
         EXPECT_EQ(onDisk(i), outcome.report);
+}
+
+// The last disk fails after the others have the final report: the mark is put back on them.
+TEST_F(VerificationCommitTest, AFailureInTheSecondPassTakesThePromiseBack) {
+    const auto outcome = commit([&](const std::string& card) {
+        if (judgements > 0 && card == cards[2])
+            throw IOError("open", card, EIO);
+    });
+    EXPECT_FALSE(outcome.complete() || outcome.report.safeToFormatSeconds);
+    for (std::size_t i = 0; i < cards.size(); ++i)
+        EXPECT_TRUE(onDisk(i).verifyIncomplete == true && !onDisk(i).safeToFormatSeconds) << i;
 }
 
 TEST_F(VerificationCommitTest, AFailureOnOneDiskIsToldAndDoesNotStopTheOthers) {
@@ -57,11 +81,11 @@ TEST_F(VerificationCommitTest, AFailureOnOneDiskIsToldAndDoesNotStopTheOthers) {
         EXPECT_TRUE(IO::exists(cards[i] + "/ascmhl/ascmhl_chain.xml"));
         EXPECT_TRUE(IO::exists(cards[i] + "/_REPORT/A001.xxh64"));
     }
-    EXPECT_FALSE(IO::exists(cards[1] + "/_REPORT/offload_report.json"));
+    EXPECT_FALSE(IO::exists(cards[1] + "/_REPORT/A001.xxh64"));
 
     // The obstacle gone, the same call finishes the backup.
     IO::unlink(cards[1] + "/ascmhl");
-    EXPECT_TRUE(commit().report.safeToFormat());
+    EXPECT_TRUE(commit({}, false).report.safeToFormat());
     EXPECT_TRUE(onDisk(0).safeToFormat() && onDisk(1).safeToFormat() && onDisk(2).safeToFormat());
 }
 

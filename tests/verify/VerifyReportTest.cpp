@@ -38,13 +38,16 @@ TEST(VerifyReport, WordsOfEachOutcome) {
          Tone::ok,
          "Verified: all 3 files match (checksum list, xxHash64, MD5)",
          {"2 files extra (not in the checksum list)."}},
-        {[](auto& r) { r.chainProblems = {"broken"}; }, Tone::warning, "Verified: all 3", {"broken"}},
+        {[](auto& r) { r.nestedHistories = 1; },
+         Tone::ok,
+         "Verified: all 3 files match (ASC MHL, 1 generation, 1 nested history, xxHash64, MD5)",
+         {}},
         {[](auto& r) {
              r.failedSuperseded = {"x"};
              r.chainProblems = {"broken"};
          },
          Tone::warning,
-         "Verified: all 3",
+         "The records of the backup are damaged (1 problem) — what they still name matches: 3 files (ASC MHL",
          {"1 file has the record \"failed during the copy\" in the newest generation — verified against an older valid "
           "generation.",
           "broken"}},
@@ -62,6 +65,10 @@ TEST(VerifyReport, WordsOfEachOutcome) {
          "2 files already failed during the copy and the record has no valid checksum" + details,
          {"2 files already failed during the copy."}},
         {[](auto& r) { r.unfinished = true; }, Tone::warning, "The backup is not finished: ", {}},
+        {[](auto& r) { r.unfinished = r.copyBrokeOff = true; },
+         Tone::warning,
+         "The backup is not finished: the copy of its newest generation was interrupted. Do not format the card yet",
+         {}},
         {[](auto& r) {
              r.unfinished = true;
              r.missing = {"x"};

@@ -58,7 +58,7 @@ Identity fromUdev(dev_t number) {
     if (device == nullptr)
         return {};
     const auto property = [&](const char* name) { return decoded(udev_device_get_property_value(device.get(), name)); };
-    return {property("ID_FS_TYPE"), property("ID_FS_UUID"), property("ID_FS_LABEL_ENC")};
+    return {property("ID_FS_TYPE"), property("ID_FS_UUID"), property("ID_FS_LABEL_ENC"), property("ID_FS_VERSION")};
 }
 
 Identity fromDevice(const std::string& path) {
@@ -66,7 +66,8 @@ Identity fromDevice(const std::string& path) {
     if (probe == nullptr)
         return {};
     blkid_probe_enable_superblocks(probe.get(), 1);
-    blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_UUID | BLKID_SUBLKS_LABEL);
+    blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_UUID | BLKID_SUBLKS_LABEL |
+                                                       BLKID_SUBLKS_VERSION);
     if (blkid_do_safeprobe(probe.get()) != 0)
         return {};
     const auto value = [&](const char* name) {
@@ -74,7 +75,7 @@ Identity fromDevice(const std::string& path) {
         return blkid_probe_lookup_value(probe.get(), name, &text, nullptr) == 0 && text != nullptr ? std::string(text)
                                                                                                    : std::string();
     };
-    return {value("TYPE"), value("UUID"), value("LABEL")};
+    return {value("TYPE"), value("UUID"), value("LABEL"), value("VERSION")};
 }
 
 // Folder names in sysfs end a line of text at most; a missing file reads as empty.

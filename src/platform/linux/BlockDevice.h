@@ -11,6 +11,7 @@ struct Identity {
     std::string type; // "exfat", "vfat", "ntfs", "ext4", …
     std::string uuid;
     std::string label;
+    std::string version; // "FAT32", "FAT16", "FAT12" on FAT
 };
 
 // From udev's properties, which need no right to read the device, else from the device itself. Never throws.

@@ -1,14 +1,19 @@
 #include "platform/linux/MountTable.h"
 
 #include "base/Errors.h"
+#include "base/Mutex.h"
 #include "platform/IO.h"
 #include "platform/linux/BlockDevice.h"
+#include "platform/linux/Descriptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <libmount/libmount.h>
 #include <memory>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace velmora {
 
@@ -36,13 +41,56 @@ bool isNetwork(libmnt_fs* fs) {
     return false;
 }
 
-bool isAtOrBelow(std::string_view path, std::string_view folder) {
+// The system's table, parsed again only when the kernel says that it has changed.
+class SystemTable {
+public:
+    // Shared, for the caller may still look at it while another thread finds it changed.
+    std::shared_ptr<const std::vector<MountEntry>> current() EXCLUDES(mutex_) {
+        const MutexLock held(mutex_);
+        return newest();
+    }
+    // For a mount that the table does not hold: a program that has moved to other mounts (unshare) hears of changes to
+    // the old ones only.
+    std::shared_ptr<const std::vector<MountEntry>> reopened() EXCLUDES(mutex_) {
+        const MutexLock held(mutex_);
+        owner_ = 0;
+        return newest();
+    }
+
+private:
+    std::shared_ptr<const std::vector<MountEntry>> newest() REQUIRES(mutex_) {
+        // A process that was forked off shares the open file with its parent, and each would take the other's news.
+        if (!changes_ || owner_ != ::getpid()) {
+            changes_ = Descriptor(::open(MountTable::systemTable, O_RDONLY | O_CLOEXEC));
+            owner_ = ::getpid();
+            entries_.reset();
+        }
+        pollfd news{changes_.get(), POLLPRI, 0};
+        // An answer is given once for all changes so far, so the table is read after it.
+        const bool unchanged = changes_ && ::poll(&news, 1, 0) == 0;
+        if (!unchanged || !entries_)
+            entries_ = std::make_shared<const std::vector<MountEntry>>(MountTable::read());
+        return entries_;
+    }
+
+    Mutex mutex_;
+    Descriptor changes_ GUARDED_BY(mutex_);
+    pid_t owner_ GUARDED_BY(mutex_) = 0;
+    std::shared_ptr<const std::vector<MountEntry>> entries_ GUARDED_BY(mutex_);
+};
+
+SystemTable& systemEntries() {
+    static SystemTable table;
+    return table;
+}
+
+} // namespace
+
+bool MountTable::isAtOrBelow(std::string_view path, std::string_view folder) {
     if (folder == "/")
         return true;
     return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
-
-} // namespace
 
 std::vector<MountEntry> MountTable::read(const std::string& mountinfo) {
     const std::unique_ptr<libmnt_table, Release> table(mnt_new_table());
@@ -82,14 +130,21 @@ std::optional<MountEntry> MountTable::entryOf(const std::vector<MountEntry>& tab
 
 std::optional<MountEntry> MountTable::entryOf(const std::string& path) {
     const std::string real = IO::realPath(path);
-    const std::vector<MountEntry> table = read();
+    auto table = systemEntries().current();
     struct statx info{};
     if (::statx(AT_FDCWD, real.c_str(), AT_NO_AUTOMOUNT, STATX_MNT_ID, &info) == 0 &&
-        (info.stx_mask & STATX_MNT_ID) != 0)
-        for (const MountEntry& entry : table)
-            if (static_cast<std::uint64_t>(entry.id) == info.stx_mnt_id)
-                return entry;
-    return entryOf(table, real);
+        (info.stx_mask & STATX_MNT_ID) != 0) {
+        const auto isIt = [&](const MountEntry& entry) {
+            return static_cast<std::uint64_t>(entry.id) == info.stx_mnt_id;
+        };
+        for (const bool again : {false, true}) {
+            if (again)
+                table = systemEntries().reopened();
+            if (const auto found = std::ranges::find_if(*table, isIt); found != table->end())
+                return *found;
+        }
+    }
+    return entryOf(*table, real);
 }
 
 std::string MountTable::filesystemType(const MountEntry& entry) {

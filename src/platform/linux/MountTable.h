@@ -29,11 +29,15 @@ inline constexpr const char* systemTable = "/proc/self/mountinfo";
 // In mount order. Throws IOError("mounts", …) when the table cannot be read; lines that make no sense are left out.
 std::vector<MountEntry> read(const std::string& mountinfo = systemTable);
 
+// By their words alone: `path` is `folder` or lies below it.
+bool isAtOrBelow(std::string_view path, std::string_view folder);
+
 // The mount that `path`, already free of links, lies on. Of mounts on top of each other the last one holds.
 std::optional<MountEntry> entryOf(const std::vector<MountEntry>& table, std::string_view realPath);
 
 // The same for any path, from the system's table: there the kernel itself says which mount it is, also where mounts
-// hide each other. Throws IOError("realpath", …) when the path does not exist.
+// hide each other. Cheap to ask often: the table is parsed again
+// only after a change. Throws IOError("realpath", …) when the path does not exist.
 std::optional<MountEntry> entryOf(const std::string& path);
 
 // The type as this system names it: "msdos" for every FAT, "exfat" and "ntfs" also behind FUSE, whose daemons all say

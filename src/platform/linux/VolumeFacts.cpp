@@ -7,10 +7,14 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 
 namespace velmora::VolumeFacts {
 
 namespace {
+
+constexpr std::string_view automounter = "autofs";
 
 std::vector<MountEntry> table(const System& system) try {
     return MountTable::read(system.mountinfo);
@@ -84,6 +88,17 @@ std::string underRoot(const std::string& path, const System& system) {
     return std::string(below);
 }
 
+std::optional<std::string> placeOnVolume(const std::string& path, const System& system) {
+    const auto entry = entryOf(path, system);
+    if (!entry)
+        return std::nullopt;
+    std::string place = std::to_string(major(entry->deviceNumber)) + ":" + std::to_string(minor(entry->deviceNumber));
+    if (entry->root != "/")
+        place += entry->root;
+    const std::string below = underRoot(path, system);
+    return below.empty() ? place : place + "/" + below;
+}
+
 bool isVolumeRoot(const std::string& path, const System& system) {
     const auto entry = entryOf(path, system);
     return entry && entry->mountPoint == realPath(path);
@@ -97,6 +112,27 @@ bool isUserVolumePath(std::string_view path) {
     for (const std::string_view place : {"/media/", "/run/media/", "/mnt/", "/Volumes/"})
         if (path.size() > place.size() && path.starts_with(place))
             return true;
+    return false;
+}
+
+bool awaitsVolume(const std::string& path, const System& system) {
+    const std::string real = realPath(path);
+    for (const char* const name : {"/media", "/run/media", "/mnt", "/Volumes"}) {
+        const std::string place = realPath(name); // some systems keep it elsewhere and leave a link
+        if (!MountTable::isAtOrBelow(real, place))
+            continue;
+        auto entry = entryOf(path, system);
+        if (entry && entry->type == automounter) {
+            // Only an open makes the automounter act; a stat does not.
+            const Descriptor opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            entry = entryOf(path, system);
+        }
+        if (!entry || entry->type == automounter || !MountTable::isAtOrBelow(entry->mountPoint, place))
+            return true;
+        // What holds the mount points of others without a disk of its own (a tmpfs over all of /mnt) is no one's
+        // backup.
+        return entry->pseudo && entry->mountPoint == place && real != place;
+    }
     return false;
 }
 
@@ -124,6 +160,14 @@ std::optional<std::string> volumeUUID(const std::string& path, const System& sys
 std::optional<std::string> label(const std::string& path, const System& system) {
     const auto identity = identityOf(path, system);
     return identity ? unlessEmpty(identity->label) : std::nullopt;
+}
+
+std::string fatName(const std::string& path, const System& system) {
+    if (const auto identity = identityOf(path, system); identity && identity->version.starts_with("FAT"))
+        return identity->version == "FAT32" ? "FAT32" : "FAT16";
+    constexpr fsblkcnt_t leastOfFAT32 = 65525;
+    struct statvfs info{};
+    return ::statvfs(path.c_str(), &info) == 0 && info.f_blocks < leastOfFAT32 ? "FAT16" : "FAT32";
 }
 
 std::optional<Timestamp> created(const std::string& path, const System& system) {

@@ -2,6 +2,8 @@
 
 #include "platform/linux/Descriptor.h"
 
+#include <algorithm>
+#include <chrono>
 #include <libmount/libmount.h>
 #include <poll.h>
 #include <pthread.h>
@@ -9,6 +11,8 @@
 #include <thread>
 
 namespace velmora {
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -27,17 +31,25 @@ struct VolumeWatcher::State {
     void watch() noexcept {
         ::pthread_setname_np(::pthread_self(), "velmora.volumes");
         // A desktop mounts a card in several steps (the mount itself, its options): let them settle into one call.
-        constexpr int settleMilliseconds = 100;
+        // Where mounts never rest (a machine that runs containers), the call is not put off for ever.
+        constexpr std::chrono::milliseconds settle(100);
+        constexpr std::chrono::milliseconds longest(1000);
         pollfd fds[] = {{mnt_monitor_get_fd(monitor.get()), POLLIN, 0}, {stop.get(), POLLIN, 0}};
-        bool changed = false;
+        bool changed = false; // and not told yet
+        std::chrono::steady_clock::time_point due;
         while (true) {
-            const int ready = ::poll(fds, 2, changed ? settleMilliseconds : -1);
+            const auto left = due - std::chrono::steady_clock::now();
+            const auto wait = std::clamp(std::chrono::ceil<std::chrono::milliseconds>(left), 0ms, settle);
+            const int ready = ::poll(fds, 2, changed ? static_cast<int>(wait.count()) : -1);
             if (fds[1].revents != 0)
                 return;
-            if (ready > 0 && fds[0].revents != 0) {
+            const bool news = ready > 0 && fds[0].revents != 0;
+            if (news)
                 mnt_monitor_event_cleanup(monitor.get());
+            if (news && !changed) {
                 changed = true;
-            } else if (ready == 0 && changed) {
+                due = std::chrono::steady_clock::now() + longest;
+            } else if (changed && (ready == 0 || std::chrono::steady_clock::now() >= due)) {
                 changed = false;
                 try {
                     onChange();

@@ -1,0 +1,213 @@
+#include "job/OffloadJob.h"
+
+#include "base/FileTimes.h"
+#include "base/Msg.h"
+#include "base/Text.h"
+#include "engine/Scanner.h"
+#include "job/HeldFolders.h"
+#include "job/HistoryKeeper.h"
+#include "job/RateMemory.h"
+#include "memory/BackupCheck.h"
+#include "platform/IO.h"
+#include "records/OffloadReport.h"
+#include "verify/Verification.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+// The end of a job: what it has found out is judged, recorded on every disk and told to the history.
+namespace velmora {
+
+namespace {
+
+using Phase = JobStatus::Phase;
+
+constexpr std::string_view swappedCard =
+    "The card in the reader was swapped or removed during the pause — the remaining files were not copied. Insert the "
+    "original card and append to the backup.";
+
+// Everything had been read when the other card came.
+std::string swappedAfterCopy(const OffloadReport& report) {
+    return fmt::format("All files of {} were copied, but another card is in the reader now, or none. Insert {} again "
+                       "and append to the backup: that tells whether it can be formatted.",
+                       report.cardName, report.cardName);
+}
+
+// Files that are on the card now and were not there, or not so, in the scan that the copy was made from.
+std::int64_t filesAddedSince(const SourceScan& before, const SourceScan& now) {
+    std::int64_t added = 0;
+    auto known = before.files.begin(); // both lists are sorted by path
+    for (const SourceFile& file : now.files) {
+        while (known != before.files.end() && known->relPath < file.relPath)
+            ++known;
+        added += known == before.files.end() || *known != file ? 1 : 0;
+    }
+    if (now.uncopied.size() > before.uncopied.size())
+        added += static_cast<std::int64_t>(now.uncopied.size() - before.uncopied.size());
+    return added;
+}
+
+bool storesLocalTime(const std::string& source, const std::vector<CardRecord>& records) {
+    const auto local = [](const std::string& path) { return FileTimes::storesLocalTime(IO::filesystemType(path)); };
+    return local(source) || std::ranges::any_of(records, [&](const auto& record) { return local(record.cardPath); });
+}
+
+} // namespace
+
+// A camera, or a helping hand, may write onto a card while it is copied: it is looked at once more. Not after a cancel,
+// and not when another card is in the reader, whose files nobody has asked for.
+Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const OffloadReport* report) {
+    Promises::Evidence evidence;
+    evidence.ran = true;
+    evidence.cardSwapped = engine_.cardChanged();
+    evidence.readBack = report == nullptr || report->verified;
+    evidence.failedFiles = report == nullptr ? 0 : static_cast<std::int64_t>(report->failedFiles().size());
+    evidence.problems = engine_.reportProblems();
+    evidence.onOtherVolume = held_ && held_->anyOffDevice(sourceDevice_);
+    evidence.failedVerifications = known_.failedVerifications;
+    SourceScan card = conclusion.card;
+    if (!engine_.isCancelled() && !evidence.cardSwapped) {
+        try {
+            card = Scanner::scan(config_.source, [this] { return engine_.isCancelled(); });
+            evidence.cardSeen = true;
+        } catch (const Cancelled&) {
+            log("the card was not looked at once more: cancelled");
+        } catch (const std::exception& error) {
+            evidence.cardError = error.what();
+        }
+    }
+    if (!conclusion.coversPart) {
+        evidence.filesAdded = filesAddedSince(conclusion.card, card);
+        return evidence;
+    }
+    const auto generation = report == nullptr ? std::nullopt : std::optional(report->generationNumber());
+    try {
+        evidence.whole = BackupCheck::of(card, conclusion.records, conclusion.elsewhere, generation,
+                                         storesLocalTime(config_.source, conclusion.records));
+    } catch (const std::exception& error) {
+        evidence.whole.emplace().error = error.what();
+    }
+    if (!conclusion.comparesAll) {
+        evidence.notCompared = evidence.whole->ofEarlierRuns;
+        evidence.compareCommand = compareCommand_;
+    }
+    return evidence;
+}
+
+void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
+    Promises::Evidence evidence;
+    Promises::Verdict verdict;
+    Verification::Order order;
+    for (const auto& destination : built.destinations)
+        order.cardPaths.push_back(destination.cardPath);
+    order.stamp = ReportWriter::Stamp::present();
+    order.create = conclusion.create;
+    order.beforeWrite = [this](const std::string& cardPath) { held_->check(cardPath); };
+    const auto addProblems = [&](const std::vector<Verification::Failure>& failures) {
+        for (const auto& failure : failures)
+            if (const std::string text = Msg::reportNotWritten(failure.error);
+                std::ranges::find(evidence.problems, text) == evidence.problems.end())
+                evidence.problems.push_back(text);
+    };
+    order.judge = [&](OffloadReport& report, const std::vector<Verification::Failure>& failures) {
+        const auto here = std::make_shared<const OffloadReport>(report);
+        for (CardRecord& record : conclusion.records)
+            record.add(here);
+        evidence = gather(conclusion, &report);
+        addProblems(failures);
+        verdict = Promises::judge(evidence);
+        if (verdict.safeToFormat) {
+            report.safeToFormatSeconds = secondsBetween(report.started, Timestamp::now());
+            return;
+        }
+        auto& notes = report.verifyNotes ? *report.verifyNotes : report.verifyNotes.emplace();
+        std::ranges::copy(verdict.reasons, std::back_inserter(notes));
+    };
+    Verification::Outcome outcome =
+        Verification::commit(std::move(built), order, [this](std::string_view line) { log(line); });
+    addProblems(outcome.failures);
+    std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems)); // after the last write
+    verdict = Promises::judge(evidence);
+
+    const auto report = std::make_shared<const OffloadReport>(std::move(outcome.report));
+    {
+        MutexLock lock(mutex_);
+        state_.copySucceeded = report->success();
+        report_ = report;
+    }
+    tell(verdict);
+    if (!outcome.complete() && report->verified)
+        addWarning(*outcome.warning());
+    recordFinish(*report, evidence.whole, conclusion.card.files, verdict);
+    learnRates(*report);
+    if (engine_.isCancelled())
+        endAs(Phase::cancelled);
+    else if (engine_.cardChanged())
+        endAs(Phase::failed, report->success() ? swappedAfterCopy(*report) : std::string(swappedCard));
+    else
+        endAs(Phase::done);
+}
+
+void OffloadJob::concludeNothingNew(const std::string& note, Conclusion& conclusion) {
+    Promises::Evidence evidence = gather(conclusion, nullptr);
+    std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems));
+    const Promises::Verdict verdict = Promises::judge(evidence);
+    const BackupCheck& check = *evidence.whole;
+    // A run that died between its last record and the history left the entry open, or none: nothing else would ever
+    // close it. A card that may be another one is not entered.
+    if (history_ && check.newest && evidence.notCompared == 0)
+        guardHistory([&] {
+            history_->finish(*check.newest, check.covered, check, verdict.verified,
+                             [this] { addWarning(std::string(Msg::historyBusy)); });
+        });
+    {
+        MutexLock lock(mutex_);
+        state_.note = note;
+        if (check.lastRead)
+            *state_.note +=
+                fmt::format(" The copies were last read on {}.", TimeText::local(*check.lastRead, "%Y-%m-%d %H:%M"));
+        state_.copySucceeded = verdict.safeToEject;
+    }
+    tell(verdict);
+    endAs(engine_.isCancelled() ? Phase::cancelled : Phase::done);
+}
+
+void OffloadJob::tell(const Promises::Verdict& verdict) {
+    for (const std::string& reason : verdict.reasons)
+        addWarning(reason);
+    MutexLock lock(mutex_);
+    state_.safeToEject = verdict.safeToEject;
+    state_.safeToFormat = verdict.safeToFormat;
+}
+
+void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard,
+                              const std::vector<SourceFile>& card, const Promises::Verdict& verdict) {
+    if (!history_)
+        return;
+    const auto isDone = [](const OffloadReport::FileEntry& file) {
+        return std::ranges::any_of(file.destinations,
+                                   [](const std::string& s) { return s != "pending" && s != "failed"; });
+    };
+    guardHistory([&] {
+        if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
+            history_->forget();
+        else
+            history_->finish(report, wholeCard ? wholeCard->covered : card, wholeCard, verdict.verified,
+                             [this] { addWarning(std::string(Msg::historyBusy)); });
+    });
+}
+
+void OffloadJob::learnRates(const OffloadReport& report) {
+    if (services_.supportFolder.empty() || engine_.isCancelled() || engine_.resumedBytes() > 0)
+        return;
+    const ProgressSnapshot moved = engine_.snapshot();
+    const std::string path = RateMemory::pathIn(services_.supportFolder);
+    RateMemory rates = RateMemory::load(path);
+    rates.learn(report, moved, false, {}, {}, false, true);
+    rates.save(path, [this](std::string_view line) { log(line); });
+}
+
+} // namespace velmora

@@ -1,0 +1,231 @@
+#include "job/OffloadJob.h"
+
+#include "base/FileTimes.h"
+#include "base/Msg.h"
+#include "base/RelativePath.h"
+#include "base/SideBySide.h"
+#include "base/Text.h"
+#include "disks/VolumeSerial.h"
+#include "engine/FolderLocks.h"
+#include "job/HeldFolders.h"
+#include "job/HistoryKeeper.h"
+#include "job/RepairWork.h"
+#include "job/SetAside.h"
+#include "memory/AppendPlanner.h"
+#include "memory/CaseTwins.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+#include "records/OffloadPlan.h"
+#include "records/OffloadReport.h"
+#include "reports/HashLists.h"
+#include "verify/Verification.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+// The roads of a job: what is checked, locked and planned before the engine runs.
+namespace velmora {
+
+namespace {
+
+using Phase = JobStatus::Phase;
+
+// What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
+// gives way without a trace only when it looks like the file that will replace it, or holds nothing.
+OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
+    return [&append, twins = CaseTwins(append.fullScan.files)](std::size_t destination, std::size_t file,
+                                                               const std::string&) {
+        const SourceFile& source = append.newFiles[file];
+        const auto isOwnWork = [&](const FileFacts& there) {
+            const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
+            return there.isFile && (there.size == 0 || alike);
+        };
+        SetAside::makeWay(append.cardPaths[destination], append.generation, source.relPath,
+                          twins.contains(source.relPath), isOwnWork);
+    };
+}
+
+std::vector<std::string> filesystemsOf(const std::vector<std::string>& cardPaths) {
+    std::vector<std::string> types;
+    for (const std::string& path : cardPaths)
+        types.push_back(IO::filesystemType(path));
+    return types;
+}
+
+// The medium below the source; none when the source is a folder of some disk, or the volume tells nothing of itself.
+std::optional<CardKey> mediumOf(const std::string& source, const OffloadOptions& options) {
+    if (options.cardMedium)
+        return options.cardMedium(source);
+    const auto volume = VolumeFacts::isVolumeRoot(source) ? cardVolumeOf(source) : std::nullopt;
+    return volume && !volume->fsSerial.empty() ? std::optional(volume->key()) : std::nullopt;
+}
+
+} // namespace
+
+void OffloadJob::runCopy() {
+    OffloadPlan plan = prepare();
+    plan.sourceMedium = mediumOf(config_.source, engine_.options());
+    if (engine_.isCancelled())
+        throw Cancelled();
+    begin(Phase::copying);
+    Conclusion conclusion;
+    conclusion.create = true;
+    conclusion.card = plan.scan;
+    OffloadReport report = engine_.run(std::move(plan));
+    conclude(std::move(report), conclusion);
+}
+
+AppendPlanner::Ask OffloadJob::ask(const std::vector<std::string>& cardPaths) {
+    AppendPlanner::Ask ask;
+    ask.source = config_.source;
+    ask.cardPaths = cardPaths;
+    ask.sourceFilesystem = IO::filesystemType(config_.source);
+    ask.destFilesystems = filesystemsOf(cardPaths);
+    ask.blockSize = engine_.options().chunkSize;
+    ask.verify = engine_.options().verify;
+    ask.compareCard = compareCard_;
+    ask.medium = mediumOf(config_.source, engine_.options());
+    if (history_)
+        guardHistory([&] { known_ = history_->look(cardPaths); });
+    ask.mediumInHistory = known_.medium;
+    ask.pastRuns = known_.runs;
+    return ask;
+}
+
+void OffloadJob::reopenHistory() {
+    if (history_)
+        guardHistory([&] { history_->reopen([this] { addWarning(std::string(Msg::historyBusy)); }); });
+}
+
+void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
+    Preflight::checkInto(config_.source, cardPaths, engine_.options());
+    lockFolders(cardPaths);
+    const AppendPlanner::Ask asked = ask(cardPaths);
+    const auto isCancelled = [this] { return engine_.isCancelled(); };
+    AppendPlan append;
+    try {
+        append = AppendPlanner::plan(asked, isCancelled);
+        if (append.settle) {
+            settleRecords(*append.settle, append.cardPaths);
+            append = AppendPlanner::plan(asked, isCancelled);
+        }
+    } catch (const AppendPlanner::NothingNew& nothing) {
+        nothingNew(nothing);
+        return;
+    }
+    if (append.settle)
+        throw OffloadError::failed("The records of the interrupted backup could not be finished.");
+    checkSpace(append.toPlan());
+    begin(Phase::copying);
+    if (append.later > 0)
+        addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
+                               countedFiles(append.later)));
+    reopenHistory();
+    if (append.resuming)
+        engine_.setBeforeRename(makingWay(append));
+    Conclusion conclusion;
+    conclusion.create = !append.resuming;
+    conclusion.card = append.fullScan;
+    conclusion.records = std::move(append.records);
+    conclusion.elsewhere = append.elsewhere;
+    conclusion.coversPart = true;
+    conclusion.comparesAll = append.sameMedium || compareCard_;
+    OffloadReport report = engine_.run(append.toPlan());
+    SetAside::list(report);
+    conclude(std::move(report), conclusion);
+}
+
+void OffloadJob::runRepair() {
+    const std::vector<std::string>& cardPaths = repair_->cardPaths();
+    if (!config_.verify)
+        throw OffloadError::preflight(PreflightCode::other, std::string(Msg::repairNeedsVerify));
+    Preflight::checkInto(config_.source, cardPaths, engine_.options());
+    lockFolders(cardPaths);
+    const auto isCancelled = [this] { return engine_.isCancelled(); };
+    RepairPlanner::Checked checked = RepairPlanner::check(cardPaths);
+    if (checked.settle) {
+        settleRecords(*checked.settle, checked.backup.paths);
+        checked = RepairPlanner::check(cardPaths);
+    }
+    begin(Phase::copying);
+    log("Reading every copy of the backup to find what is defective…");
+    const auto findings = repair_->examine(engine_.pauses(), isCancelled);
+    const AppendPlanner::Ask asked = ask(checked.backup.paths);
+    RepairPlan repair = repair_->plan(asked, checked, findings, engine_.pauses(), isCancelled);
+    checkSpace(repair.plan);
+    reopenHistory();
+    engine_.setBeforeRename(repair_->mover(repair));
+    Conclusion conclusion;
+    conclusion.create = !repair.finishes;
+    conclusion.card = std::move(repair.card);
+    conclusion.records = std::move(checked.backup.records);
+    conclusion.elsewhere = repair.plan.elsewhere;
+    conclusion.coversPart = true;
+    conclusion.comparesAll = true;
+    known_.failedVerifications.clear(); // every copy has just been read
+    OffloadReport report = engine_.run(repair.plan);
+    SetAside::list(report);
+    conclude(std::move(report), conclusion);
+}
+
+// A run that had done all its work was stopped between its last records. They are made final as they are: nothing has
+// to be read or copied for that.
+void OffloadJob::settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths) {
+    log(fmt::format("Finishing the records of generation {}, which an interrupted run has left.",
+                    report.generationNumber()));
+    Verification::Order order{cardPaths, ReportWriter::Stamp::present()};
+    order.beforeWrite = [this](const std::string& cardPath) { held_->check(cardPath); };
+    const auto outcome = Verification::commit(report, order, [this](std::string_view line) { log(line); });
+    if (!outcome.complete())
+        throw OffloadError::failed(*outcome.warning());
+}
+
+void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
+    const AppendPlan& plan = nothing.plan();
+    // A run that died between the chain and the lists left them short; nothing else of it is open.
+    sideBySide(plan.cardPaths.size(), [&](std::size_t d) {
+        const std::string& path = plan.cardPaths[d];
+        return HashLists::heal(path, std::string(RelativePath::name(path)), [this] { return engine_.isCancelled(); });
+    });
+    Conclusion conclusion;
+    conclusion.card = plan.fullScan;
+    conclusion.records = plan.records;
+    conclusion.elsewhere = plan.elsewhere;
+    conclusion.coversPart = true;
+    conclusion.comparesAll = plan.sameMedium;
+    concludeNothingNew(nothing.what(), conclusion);
+}
+
+void OffloadJob::checkSpace(const OffloadPlan& plan) {
+    const Preflight::Space space = Preflight::checkSpace(Preflight::demands(plan), plan.cardPaths(), {});
+    if (!space.warnings.empty())
+        addSpaceWarning(space.warnings.front());
+}
+
+// Told at once, while something can still be done about it, and again at the end.
+void OffloadJob::addSpaceWarning(const std::string& warning) {
+    log(warning);
+    addWarning(warning);
+}
+
+// A full copy learns the names of its folders by claiming them: only now can they be locked and the history be told.
+// The locks keep appends, repairs and verifications of other processes out until the records stand. Without them
+// nothing is copied. An append and a repair have locked their folders before they read them.
+void OffloadJob::foldersClaimed(const OffloadPlan& plan) {
+    if (locks_)
+        return;
+    lockFolders(plan.cardPaths());
+    if (history_)
+        guardHistory([&] { history_->start(plan, [this] { addWarning(std::string(Msg::historyBusy)); }); });
+}
+
+void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
+    locks_ = std::make_unique<FolderLocks>(FolderLocks::acquire(cardPaths));
+    std::vector<std::string> paths;
+    for (const std::string& cardPath : cardPaths)
+        paths.push_back(RelativePath::withoutTrailingSlash(cardPath));
+    held_ = std::make_unique<HeldFolders>(paths);
+}
+
+} // namespace velmora

@@ -1,0 +1,94 @@
+#include "job/Promises.h"
+
+#include "base/Text.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace velmora::Promises {
+
+namespace {
+
+// What a denial takes away.
+enum Denied : unsigned { eject = 1, format = 2, verified = 4, card = eject | format, everything = 7 };
+
+class Judgement {
+public:
+    void deny(bool applies, unsigned what, std::string reason = {}) {
+        if (!applies)
+            return;
+        denied_ |= what;
+        if (!reason.empty() && std::ranges::find(reasons_, reason) == reasons_.end())
+            reasons_.push_back(std::move(reason));
+    }
+    void denyEach(const std::vector<std::string>& reasons, unsigned what) {
+        for (const std::string& reason : reasons)
+            deny(true, what, reason);
+    }
+    Verdict verdict() && {
+        return {(denied_ & eject) == 0, (denied_ & card) == 0, (denied_ & verified) == 0, std::move(reasons_)};
+    }
+
+private:
+    unsigned denied_ = 0;
+    std::vector<std::string> reasons_;
+};
+
+constexpr std::string_view sameVolume =
+    "Every copy is on the card's own volume — that is no backup. Copy the card to another disk before you eject or "
+    "format it.";
+
+std::string lostText(const std::vector<std::string>& lost) {
+    const auto n = static_cast<std::int64_t>(lost.size());
+    return fmt::format("{} failed in the backup and {} on the card any more: {}{} — do not format the card; rescue {} "
+                       "from the card with other means, or make a full copy of what it holds.",
+                       countedFiles(n), plural(n, "is not", "are not"), escapeForDisplay(lost.front()),
+                       n > 1 ? fmt::format(" and {} more", n - 1) : "", plural(n, "it", "them"));
+}
+
+std::string notComparedText(const Evidence& evidence) {
+    return fmt::format(
+        "{} of the card {} neither copied nor compared in this run, and nothing tells this card from another one with "
+        "the same names, sizes and times — do not format it. To compare: {}",
+        countedFiles(evidence.notCompared), plural(evidence.notCompared, "was", "were"), evidence.compareCommand);
+}
+
+void judgeWhole(const BackupCheck& whole, Judgement& judgement) {
+    if (whole.error) {
+        judgement.deny(true, everything, BackupMessage::unreadable(*whole.error));
+        return;
+    }
+    const auto& [failed, unverified] = whole.state;
+    judgement.deny(failed > 0, everything, failed > 0 ? BackupMessage::failed(failed) : "");
+    judgement.deny(!whole.lost.empty(), everything, whole.lost.empty() ? "" : lostText(whole.lost));
+    judgement.deny(whole.notInBackup > 0, card,
+                   whole.notInBackup > 0 ? BackupMessage::notInBackup(whole.notInBackup) : "");
+    judgement.deny(unverified > 0, format | verified, unverified > 0 ? BackupMessage::unverified(unverified) : "");
+    judgement.denyEach(whole.elsewhere, format | verified);
+    judgement.deny(whole.failedFiles > 0, verified);
+}
+
+} // namespace
+
+Verdict judge(const Evidence& evidence) {
+    Judgement judgement;
+    judgement.deny(!evidence.ran, everything);
+    judgement.denyEach(evidence.problems, everything);
+    judgement.deny(evidence.failedFiles > 0, everything);
+    judgement.deny(evidence.cardSwapped, card);
+    judgement.deny(!evidence.readBack, format | verified);
+    judgement.denyEach(evidence.failedVerifications, everything);
+    if (evidence.cardError)
+        judgement.deny(true, card, BackupMessage::unreadable(*evidence.cardError));
+    judgement.deny(!evidence.cardSeen, format);
+    if (evidence.whole)
+        judgeWhole(*evidence.whole, judgement);
+    else
+        judgement.deny(evidence.filesAdded > 0, card,
+                       evidence.filesAdded > 0 ? BackupMessage::notInBackup(evidence.filesAdded) : "");
+    judgement.deny(evidence.notCompared > 0, card, evidence.notCompared > 0 ? notComparedText(evidence) : "");
+    judgement.deny(!evidence.onOtherVolume, everything, std::string(sameVolume));
+    return std::move(judgement).verdict();
+}
+
+} // namespace velmora::Promises

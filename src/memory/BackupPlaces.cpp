@@ -1,0 +1,104 @@
+#include "memory/BackupPlaces.h"
+
+#include "base/RelativePath.h"
+#include "base/Text.h"
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <set>
+#include <utility>
+
+namespace velmora::BackupPlaces {
+
+namespace {
+
+std::string pathOf(const std::string& cardPath) { return pathKey(RelativePath::withoutTrailingSlash(cardPath)); }
+
+// "<date>/<card>": the same on every disk.
+std::string tailOf(const std::string& cardPath) {
+    const std::string path = RelativePath::withoutTrailingSlash(cardPath);
+    return pathKey(std::string(RelativePath::name(RelativePath::folder(path))) + "/" +
+                   std::string(RelativePath::name(path)));
+}
+
+std::string serialKey(const BackupPlace& place) { return "serial " + *place.volumeSerial; }
+std::string pathKeyOf(const BackupPlace& place) { return "path " + pathOf(place.cardPath); }
+
+// What tells a column of a report from other places: its disk, or its path when two columns lie on one disk.
+std::pair<std::string, BackupPlace> placeOf(const OffloadReport& report, std::size_t column) {
+    const auto& entry = report.destinations.at(column);
+    BackupPlace place{entry.cardPath, report.onlyOnItsDisk(column) ? entry.volumeSerial : std::nullopt};
+    std::string key = place.volumeSerial ? serialKey(place) : pathKeyOf(place);
+    return {std::move(key), std::move(place)};
+}
+
+class Places {
+public:
+    void add(std::string key, BackupPlace place) {
+        paths_.insert(pathOf(place.cardPath));
+        places_.insert_or_assign(std::move(key), std::move(place)); // the newest path of a disk
+    }
+    // A serial that several of these places have tells none of them from the others.
+    void add(const std::vector<BackupPlace>& known) {
+        std::map<std::string, std::set<std::string>> pathsOf;
+        for (const BackupPlace& place : known)
+            if (place.volumeSerial)
+                pathsOf[serialKey(place)].insert(pathOf(place.cardPath));
+        for (const BackupPlace& place : known) {
+            if (place.volumeSerial && pathsOf[serialKey(place)].size() == 1)
+                add(serialKey(place), place);
+            else if (!paths_.contains(pathOf(place.cardPath)))
+                add(pathKeyOf(place), {place.cardPath, std::nullopt});
+        }
+    }
+    void drop(const std::string& key) { places_.erase(key); }
+    std::vector<BackupPlace> take() {
+        std::vector<BackupPlace> all;
+        for (auto& [key, place] : places_)
+            all.push_back(std::move(place));
+        return all;
+    }
+
+private:
+    std::map<std::string, BackupPlace> places_;
+    std::set<std::string> paths_;
+};
+
+} // namespace
+
+std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, const std::vector<BackupPlace>& known) {
+    Places places;
+    std::vector<BackupPlace> more;
+    for (const CardRecord& record : records)
+        for (const auto& generation : record.generations) {
+            for (std::size_t i = 0; i < generation.report->destinations.size(); ++i) {
+                auto [key, place] = placeOf(*generation.report, i);
+                places.add(std::move(key), std::move(place));
+            }
+            std::ranges::copy(generation.report->elsewhere, std::back_inserter(more));
+        }
+    std::ranges::copy(known, std::back_inserter(more));
+    // Places with a serial first: one that is known by its path alone may be the same.
+    std::ranges::stable_partition(more, [](const BackupPlace& place) { return place.volumeSerial.has_value(); });
+    places.add(more);
+    for (std::size_t d = 0; d < records.size(); ++d) {
+        const CardRecord& record = records[d];
+        places.drop(pathKeyOf({record.cardPath, std::nullopt}));
+        const auto isHere = [&](const BackupPlace& place) {
+            return place.volumeSerial == record.volumeSerial && tailOf(place.cardPath) == tailOf(record.cardPath);
+        };
+        if (record.volumeSerial && std::ranges::any_of(more, isHere))
+            places.drop("serial " + *record.volumeSerial);
+        for (const auto& generation : record.generations) {
+            const OffloadReport& report = *generation.report;
+            // A folder that is known by its place alone stands for that of another disk unless all of them are named.
+            const bool allNamed = records.size() == report.destinations.size();
+            if (const auto at = allNamed ? record.columnOrPlace(report, d) : record.column(report))
+                places.drop(placeOf(report, *at).first);
+        }
+    }
+    return places.take();
+}
+
+} // namespace velmora::BackupPlaces

@@ -1,0 +1,60 @@
+#include "memory/CardStep.h"
+
+#include "memory/HistoryText.h"
+
+#include <algorithm>
+
+namespace velmora {
+
+namespace {
+
+using State = FolderNow::State;
+
+bool any(const std::vector<FolderNow>& folders, bool (*test)(const FolderNow&)) {
+    return std::ranges::any_of(folders, test);
+}
+
+CardStep copyAgain(const HistoryMatch& match, std::string why) {
+    CardStep step{CardStep::Kind::copyAgain, std::move(why), {}, {}};
+    for (const FolderNow& folder : match.folders)
+        if (folder.state == State::connected || folder.state == State::unreadable)
+            step.leftBy.push_back(folder.cardPath);
+    return step;
+}
+
+} // namespace
+
+CardStep CardStep::of(const CardInsight& insight) {
+    if (insight.error || !insight.match || insight.isEmptied())
+        return {};
+    const HistoryMatch& match = *insight.match;
+    const std::vector<FolderNow>& folders = match.folders;
+    if (match.kind == HistoryMatchKind::changed)
+        return copyAgain(match, "An append and a repair refuse a card of which files have changed.");
+    if (match.kind == HistoryMatchKind::notCompared)
+        return {Kind::copyWhole, {}, {}, {}};
+    const bool broken = any(folders, [](const FolderNow& f) {
+        return f.state == State::gone || f.state == State::unreadable || f.lost.count > 0;
+    });
+    if (broken || match.entry.destinations.empty())
+        return copyAgain(match, "The earlier backup cannot be completed.");
+    CardStep step;
+    for (const FolderNow& folder : folders)
+        if (folder.state == State::away)
+            step.away.push_back(folder.cardPath);
+    const bool repairOpen = any(folders, [](const FolderNow& f) { return f.repairOpen; });
+    const bool open = any(folders, [](const FolderNow& f) {
+        return f.neverCame.count > 0 || f.unverified.count > 0 || f.lacking.count > 0;
+    });
+    if (match.entry.unfinished && !repairOpen)
+        step.kind = Kind::finish;
+    else if (any(folders, [](const FolderNow& f) { return f.needsRepair(); }))
+        step.kind = Kind::repair;
+    else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
+        step.kind = Kind::append;
+    else
+        return {Kind::copyWhole, {}, {}, {}};
+    return step;
+}
+
+} // namespace velmora

@@ -1,0 +1,232 @@
+#include "memory/FolderNow.h"
+
+#include "base/FileTimes.h"
+#include "base/RelativePath.h"
+#include "base/SideBySide.h"
+#include "base/Text.h"
+#include "disks/VolumeSerial.h"
+#include "memory/BackupFolder.h"
+#include "memory/CardRecord.h"
+#include "memory/CaseTwins.h"
+#include "memory/HistoryRecords.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace velmora {
+
+void FolderNow::Files::add(std::string_view path) {
+    if (count++ == 0 || path < first)
+        first = path;
+}
+
+std::string FolderNow::problem() const {
+    const auto some = [](const Files& files) {
+        return files.count == 1 ? files.first : fmt::format("{} ({} …)", countedFiles(files.count), files.first);
+    };
+    if (state == State::away && !failedVerification)
+        return "";
+    if (state == State::gone)
+        return cardPath + " is not there any more";
+    if (state == State::unreadable)
+        return fmt::format("{} cannot be read ({})", cardPath, error);
+    if (lost.count > 0)
+        return fmt::format("{} was not copied to {} and is no longer on the card", some(lost), cardPath);
+    if (damaged.count > 0)
+        return fmt::format("{} in {} {} missing or changed", some(damaged), cardPath,
+                           plural(damaged.count, "is", "are"));
+    if (failedVerification)
+        return fmt::format("the verification of {} on {} found {}", cardPath,
+                           TimeText::local(*failedVerification->failed, "%Y-%m-%d %H:%M"), failedVerification->found);
+    if (failed.count > 0)
+        return fmt::format("{} was not copied correctly to {}", some(failed), cardPath);
+    if (neverCame.count > 0)
+        return fmt::format("{} was not copied to {}", some(neverCame), cardPath);
+    if (lacking.count > 0)
+        return fmt::format("{} does not hold {} of the card", cardPath, some(lacking));
+    return repairOpen ? "a repair of " + cardPath + " was not finished" : "";
+}
+
+namespace FoldersNow {
+
+namespace {
+
+// One folder, and the record that was read there.
+struct Look {
+    FolderNow now;
+    CardRecord record;
+};
+
+// The card's files by path key, shared by all folders.
+struct CardIndex {
+    const Card& card;
+    CaseTwins twins;
+    std::unordered_set<std::string> keys;
+    std::unordered_set<std::string_view> newNames;
+
+    explicit CardIndex(const Card& onCard) : card(onCard), twins(onCard.files) {
+        for (const SourceFile& file : card.newFiles)
+            newNames.insert(file.relPath);
+        for (const SourceFile& file : card.files)
+            keys.insert(pathKey(file.relPath));
+    }
+};
+
+std::string_view statusOf(const CardRecord& record, const RecordedFile& recorded) {
+    const auto& words = recorded.file->destinations;
+    const OffloadReport& report = *recorded.report;
+    std::string_view word = "failed";
+    if (const auto column = record.column(report)) {
+        if (*column < words.size())
+            word = words[*column];
+    } else if (std::ranges::any_of(words, [](const auto& each) { return each == "written" || each == "verified"; })) {
+        word = "written"; // a copy of a folder that no report names was never read back
+    }
+    const bool open = report.verifyIncomplete.value_or(false) || report.verifyPending.value_or(false);
+    return word == "verified" && open ? "written" : word;
+}
+
+void judgeFile(FolderNow& now, const CardRecord& record, const RecordedFile& recorded, const BackupFolder& disk,
+               const CardIndex& card, bool exactly, bool localTime) {
+    const OffloadReport::FileEntry& file = *recorded.file;
+    const std::string_view status = statusOf(record, recorded);
+    const bool never = (file.sourceError && !file.xxh64) || status == "pending";
+    if (never || file.sourceError || (status != "written" && status != "verified")) {
+        FolderNow::Files& kind = !card.keys.contains(pathKey(file.path)) ? now.lost
+                                 : never                                 ? now.neverCame
+                                                                         : now.failed;
+        kind.add(file.path);
+        return;
+    }
+    const SourceFile* copy = disk.file(file.path, exactly);
+    // Every copy was given the time of the card's file: one with another time was touched since.
+    if (!copy || copy->size != file.size || !FileTimes::close(copy->mtime, file.modified, localTime))
+        now.damaged.add(file.path);
+    else if (status == "written")
+        now.unverified.add(file.path);
+}
+
+void judgeFiles(Look& look, const BackupFolder& disk, const CardIndex& card, bool localTime) {
+    const CardRecord& record = look.record;
+    for (const auto& [key, recorded] : record.files)
+        judgeFile(look.now, record, recorded, disk, card, !record.twins.empty(), localTime);
+    // Two names in one report are two files; in two reports the later may be the same file under another case.
+    for (const auto& [path, recorded] : record.twins)
+        if (record.files.at(pathKey(path)).report == recorded.report)
+            judgeFile(look.now, record, recorded, disk, card, true, localTime);
+    for (const SourceFile& file : card.card.files) {
+        if (card.newNames.contains(file.relPath))
+            continue;
+        const RecordedFile* found = record.find(file.relPath, card.twins.contains(file.relPath));
+        if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
+            look.now.lacking.add(file.relPath);
+    }
+}
+
+void unreadable(FolderNow& now, const std::string& error) {
+    now.state = FolderNow::State::unreadable;
+    now.error = error;
+}
+
+// Whether the folder is there; true when it can be read.
+bool isThere(FolderNow& now) {
+    try {
+        if (IO::stat(now.cardPath).isFolder)
+            return true;
+        now.state = FolderNow::State::gone;
+    } catch (const IOError& e) {
+        if (e.code() != ENOENT && e.code() != ENOTDIR)
+            unreadable(now, e.what());
+        else
+            now.state = FolderNow::State::gone;
+    }
+    return false;
+}
+
+void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, const IsCancelled& isCancelled) {
+    FolderNow& now = look.now;
+    look.record = CardRecord::load(now.cardPath);
+    const CardRecord& record = look.record;
+    if (!record.generations.empty()) {
+        const OffloadReport& newest = *record.generations.back().report;
+        now.repairOpen =
+            newest.isRepair() && (newest.verifyIncomplete.value_or(false) || newest.verifyPending.value_or(false));
+    }
+    if (entry.unfinished) // what is missing there is for the run to find that finishes it
+        return;
+    if (record.error)
+        return unreadable(now, *record.error);
+    if (!record.problems.empty())
+        return unreadable(now, record.problems.front());
+    if (record.reportMissing)
+        return unreadable(now, "it has no report");
+    const std::string onDisk = IO::filesystemType(now.cardPath);
+    const bool localTime =
+        FileTimes::storesLocalTime(card.card.filesystem.value_or("")) || FileTimes::storesLocalTime(onDisk);
+    try {
+        judgeFiles(look, BackupFolder(now.cardPath, isCancelled), card, localTime);
+    } catch (const OffloadError& e) {
+        unreadable(now, e.what());
+    } catch (const IOError& e) {
+        unreadable(now, e.what());
+    }
+}
+
+// Another disk stands where the folder's disk was: a report of the same backup says which serial that had.
+bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks) {
+    std::string there = cardPath;
+    while (there.size() > 1 && !IO::exists(there))
+        there = RelativePath::folder(there);
+    const auto serial = VolumeFacts::volumeSerialText(there.empty() ? "/" : there);
+    for (const Look& look : looks)
+        for (const auto& generation : look.record.generations)
+            for (const auto& destination : generation.report->destinations)
+                if (HistoryRecords::samePlace(destination.cardPath, cardPath) && destination.volumeSerial)
+                    return serial != destination.volumeSerial;
+    return false;
+}
+
+} // namespace
+
+std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<HistoryEntry>& history, const Card& card,
+                            const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled) {
+    std::vector<Look> looks(entry.destinations.size());
+    bool anyThere = false;
+    for (std::size_t d = 0; d < looks.size(); ++d) {
+        FolderNow& now = looks[d].now;
+        now.cardPath = entry.destinations[d].cardPath;
+        if (isAway(now.cardPath))
+            now.state = FolderNow::State::away;
+        else
+            anyThere = isThere(now) || anyThere;
+    }
+    if (anyThere) {
+        const CardIndex index(card);
+        sideBySide(looks.size(), [&](std::size_t d) {
+            if (looks[d].now.state == FolderNow::State::connected)
+                lookInto(looks[d], entry, index, isCancelled);
+            return true;
+        });
+    }
+    std::vector<FolderNow> folders;
+    for (const Look& each : looks) {
+        FolderNow& now = folders.emplace_back(each.now);
+        if (now.state == FolderNow::State::gone && onAnotherDisk(now.cardPath, looks))
+            now.state = FolderNow::State::away;
+        const auto known = HistoryRecords::verificationOf(history, now.cardPath, each.record.volumeSerial);
+        now.lastKnown = known && known->clean ? std::max(*known->clean, entry.finished) : entry.finished;
+        if (known && known->failed)
+            now.failedVerification = known;
+    }
+    return folders;
+}
+
+} // namespace FoldersNow
+
+} // namespace velmora
