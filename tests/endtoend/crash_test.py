@@ -228,7 +228,7 @@ class Crashes(unittest.TestCase):
     def each_alone(self):
         """The way out that the documentation names: the disks one by one, and they are in step again."""
         for card in self.cards:
-            status = self.into(self.recovering, [card])
+            status = self.into(self.recovering, cards=[card])
             nothing = status == 3 and self.events[-1].get("errorCode") == "repairNothing"
             # The disk that is ahead must not promise the card away while the other lags behind.
             lags = status == 1 and "which was not named and does not hold" in self.events[-1].get("warning", "")
