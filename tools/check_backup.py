@@ -34,9 +34,9 @@ KEYS = {
         "tool version hashAlgorithm generation kind cardName date source sourceFilesystem started "
         "copyFinished finished verified totalFiles totalBytes destinations files skipped clips",
         "hashAlgorithms project verifyPending verifyIncomplete safeToFormatSeconds verifyNotes copyPausedSeconds verifyPausedSeconds "
-        "setAside proxy proxyEncoder",
+        "setAside proxy proxyEncoder sourceMedium elsewhere",
     ),
-    "destination": ("root cardPath filesystem filesOK filesFailed", "unbuffered verifyMethod verifyNote volumeSerial"),
+    "destination": ("root cardPath filesystem filesOK filesFailed", "unbuffered verifyMethod verifyNote volumeSerial flushed"),
     "file": ("path size modified destinations errors", "xxh64 xxh128 md5 sourceError rewritten"),
 }
 complaints = []

@@ -147,15 +147,13 @@ void OffloadJob::runRepair() {
     if (checked.settle) {
         settleRecords(*checked.settle, checked.backup.paths);
         checked = RepairPlanner::check(cardPaths);
+        checked.settled = true;
     }
     begin(Phase::copying);
     log("Reading every copy of the backup to find what is defective…");
     const auto findings = repair_->examine(engine_.pauses(), isCancelled);
     const AppendPlanner::Ask asked = ask(checked.backup.paths);
     RepairPlan repair = repair_->plan(asked, checked, findings, engine_.pauses(), isCancelled);
-    checkSpace(repair.plan);
-    reopenHistory();
-    engine_.setBeforeRename(repair_->mover(repair));
     Conclusion conclusion;
     conclusion.create = !repair.finishes;
     conclusion.card = std::move(repair.card);
@@ -164,6 +162,13 @@ void OffloadJob::runRepair() {
     conclusion.coversPart = true;
     conclusion.comparesAll = true;
     known_.failedVerifications.clear(); // every copy has just been read
+    if (repair.plan.scan.files.empty()) {
+        concludeNothingNew("The interrupted repair is finished — every file is good on every destination.", conclusion);
+        return;
+    }
+    checkSpace(repair.plan);
+    reopenHistory();
+    engine_.setBeforeRename(repair_->mover(repair));
     OffloadReport report = engine_.run(repair.plan);
     SetAside::list(report);
     conclude(std::move(report), conclusion);

@@ -40,7 +40,8 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
     return words;
 }
 
-// What a folder lacks that nobody named for this run, by its records and by what lies there; empty when it lacks nothing.
+// What a folder lacks that nobody named for this run, by its records and by what lies there; empty when it lacks
+// nothing.
 std::string lackOf(const BackupPlace& place, const SourceScan& card, const CaseTwins& twins, bool localTime) {
     const std::string& cardPath = place.cardPath;
     if (!IO::isFolder(cardPath) ||

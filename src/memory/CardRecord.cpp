@@ -139,7 +139,7 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
     return record;
 }
 
-void CardRecord::add(std::shared_ptr<const OffloadReport> report) {
+void CardRecord::add(const std::shared_ptr<const OffloadReport>& report) {
     Generation generation{report->generationNumber(), report, columnOf(*report, cardPath, volumeSerial)};
     highestReportNumber = std::max(highestReportNumber, generation.generation);
     reportMissing = false;

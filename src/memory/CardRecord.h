@@ -54,7 +54,7 @@ struct CardRecord {
     const RecordedFile* find(const std::string& relPath, bool exactly) const;
 
     // Takes in the report of a further generation without reading it from the disk.
-    void add(std::shared_ptr<const OffloadReport> report);
+    void add(const std::shared_ptr<const OffloadReport>& report);
 
     // Always gives a record; what went wrong stands in it. Reports above `maxGeneration` are not read, so that a
     // half-made generation does not count. `serial` is the serial of the folder's volume if the caller knows it (or

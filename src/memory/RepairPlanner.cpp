@@ -58,7 +58,7 @@ public:
     RepairPlan run(const std::vector<Findings>& findings) {
         collect(findings);
         takeUpOpenRepair();
-        if (bad_.empty())
+        if (bad_.empty() && !checked_.settled)
             throw refuse(PreflightCode::repairNothing, "Nothing to repair — every file is good on every destination.");
         if (!sameCard())
             throw refuse(PreflightCode::other, Msg::repairOtherCard);

@@ -46,7 +46,7 @@ bool Unfinished::mentions(const std::string& relPath) const {
 std::shared_ptr<const OffloadReport> Unfinished::result() const {
     if (!report || !report->verifyIncomplete.value_or(false) || report->verifyPending.value_or(false))
         return nullptr;
-    const auto unflushed = [](const auto& destination) { return destination.flushed == false; };
+    const auto unflushed = [](const auto& destination) { return !destination.flushed.value_or(true); };
     return std::ranges::any_of(report->destinations, unflushed) ? nullptr : report;
 }
 

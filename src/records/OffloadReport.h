@@ -45,7 +45,8 @@ struct OffloadReport {
         std::optional<std::string> verifyMethod;
         std::optional<std::string> verifyNote;
         std::optional<std::string> volumeSerial;
-        std::optional<bool> flushed = {}; // false: no flush of the disk succeeded, so its copies may not be there for good
+        // false: no flush of the disk succeeded, so its copies may not be there for good
+        std::optional<bool> flushed = {};
         bool operator==(const Destination&) const = default;
     };
 

@@ -11,8 +11,8 @@ namespace {
 
 std::string timing(double seconds, std::int64_t bytes) {
     const std::string rate =
-        seconds > 0 ? fmt::format("{:.0f}", static_cast<double>(bytes) / seconds / 1e6) : std::string("-");
-    return fmt::format("{:.1f} s  {} MB/s", seconds, rate);
+        seconds > 0 ? fmt::format("{:.0f} MB/s", static_cast<double>(bytes) / seconds / 1e6) : std::string("-");
+    return fmt::format("{:.1f} s  {}", seconds, rate);
 }
 
 std::string verifyLine(const OffloadReport& report) {

@@ -69,7 +69,8 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
     ASSERT_EQ(copy(card), 0) << err;
     const auto before = test::FileTree::contents(a);
     EXPECT_EQ(run({"verify", a + "/2026-03-14", b + "/2026-03-14/A001/"}), 0) << err;
-    EXPECT_TRUE(printed(folder + "\n  Verified: all 3 files match (ASC MHL, 1 generation, xxHash64, xxHash128)\n")) << out;
+    EXPECT_TRUE(printed(folder + "\n  Verified: all 3 files match (ASC MHL, 1 generation, xxHash64, xxHash128)\n"))
+        << out;
     EXPECT_TRUE(printed("Verified 3 files (400 kB) in ")) << out;
     EXPECT_EQ(run({"verify", folder, "--machine"}), 0);
     EXPECT_EQ(out, "");

@@ -20,7 +20,7 @@ HeldFolder::HeldFolder(std::string path) : path_(std::move(path)) {
     const int fd = ::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     velmora::check(fd, "open", path_);
     handle_ = std::make_unique<Handle>(fd);
-    struct stat facts {};
+    struct stat facts{};
     velmora::check(::fstat(fd, &facts), "stat", path_);
     device_ = facts.st_dev;
     inode_ = facts.st_ino;
