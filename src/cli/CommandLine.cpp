@@ -4,9 +4,11 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
+#include "cli/StandardStreams.h"
 #include "settings/AppSupport.h"
 
 #include <CLI/CLI.hpp>
+#include <cstring>
 #include <fmt/format.h>
 #include <new>
 #include <unistd.h>
@@ -46,7 +48,7 @@ ExitStatus runGuarded(Command& command, CommandContext& context) {
 }
 
 // Help and version are answers; anything else that the parser throws is wrong usage.
-int answerParse(const CLI::App& program, const CLI::ParseError& error, Console& console) {
+ExitStatus answerParse(const CLI::App& program, const CLI::ParseError& error, Console& console) {
     std::ostringstream out;
     std::ostringstream err;
     if (program.exit(error, out, err) == 0) {
@@ -54,21 +56,28 @@ int answerParse(const CLI::App& program, const CLI::ParseError& error, Console& 
         while (!text.empty() && text.back() == '\n')
             text.pop_back();
         console.print(text);
-        return static_cast<int>(ExitStatus::ok);
+        return ExitStatus::ok;
     }
     console.log(fmt::format("velmora: {}", error.what()));
     const auto chosen = program.get_subcommands();
     console.log(chosen.empty() ? "Run velmora --help for the commands."
                                : fmt::format("Run velmora {} --help for its options.", chosen.front()->get_name()));
-    return static_cast<int>(ExitStatus::usage);
+    return ExitStatus::usage;
 }
 
-} // namespace
+// An answer that did not get out is no success, however well the command ended.
+ExitStatus whenPrinted(ExitStatus status, Console& console) {
+    const int error = console.outputError();
+    if (error == 0)
+        return status;
+    console.log(
+        fmt::format("velmora: standard output could not be written ({}), so what stands there is not whole; the "
+                    "command itself ended with status {}",
+                    std::strerror(error), static_cast<int>(status)));
+    return status == ExitStatus::ok ? ExitStatus::brokeOff : status;
+}
 
-int runCommandLine(int argc, const char* const* argv) {
-    Interrupts interrupts; // before any other thread
-    Console console(STDOUT_FILENO, STDERR_FILENO);
-
+ExitStatus parseAndRun(int argc, const char* const* argv, CommandContext& context) {
     CLI::App program("Copies camera cards to several disks at once, proves the copies, and says when a card may be "
                      "ejected and formatted.",
                      "velmora");
@@ -86,15 +95,24 @@ int runCommandLine(int argc, const char* const* argv) {
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return answerParse(program, error, console);
+        return answerParse(program, error, context.console);
     }
-    AppSupport::migrateFromOffload([&](std::string_view line) { console.log(line); });
-    CommandContext context{console, interrupts};
+    AppSupport::migrateFromOffload([&](std::string_view line) { context.console.log(line); });
     for (const auto& [app, command] : declared) {
         if (app->parsed())
-            return static_cast<int>(runGuarded(*command, context));
+            return runGuarded(*command, context);
     }
-    return static_cast<int>(ExitStatus::usage);
+    return ExitStatus::usage;
+}
+
+} // namespace
+
+int runCommandLine(int argc, const char* const* argv) {
+    StandardStreams::fill();
+    Interrupts interrupts; // before any other thread
+    Console console(STDOUT_FILENO, STDERR_FILENO);
+    CommandContext context{console, interrupts};
+    return static_cast<int>(whenPrinted(parseAndRun(argc, argv, context), console));
 }
 
 } // namespace velmora

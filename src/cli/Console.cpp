@@ -29,7 +29,7 @@ Console::Console(int out, int err)
     : out_(out), err_(err), terminalFd_(err), terminal_(::isatty(err) == 1 && !dumbTerminal()),
       colour_(::isatty(out) == 1 && colourWanted()) {}
 
-void Console::write(int& fd, std::string_view bytes) {
+int Console::write(int& fd, std::string_view bytes) {
     while (!bytes.empty() && fd >= 0) {
         const auto written = ::write(fd, bytes.data(), bytes.size());
         if (written >= 0) {
@@ -37,10 +37,12 @@ void Console::write(int& fd, std::string_view bytes) {
         } else if (errno == EAGAIN) { // somebody made the shared terminal non-blocking
             pollfd wait{fd, POLLOUT, 0};
             ::poll(&wait, 1, 1000);
-        } else if (errno != EINTR) {
+        } else if (const int error = errno; error != EINTR) {
             fd = -1;
+            return error;
         }
     }
+    return 0;
 }
 
 void Console::wipe() {
@@ -52,7 +54,17 @@ void Console::wipe() {
 void Console::print(std::string_view line) {
     MutexLock lock(mutex_);
     wipe();
-    write(out_, std::string(line).append("\n"));
+    if (const int error = write(out_, std::string(line).append("\n")); error != 0)
+        outputError_ = error;
+}
+
+int Console::outputError() {
+    MutexLock lock(mutex_);
+    // Some file systems, those of a network above all, tell of a full disk only when a descriptor is closed.
+    if (out_ >= 0)
+        if (const int copy = ::dup(out_); copy >= 0 && ::close(copy) != 0 && errno != EINTR)
+            outputError_ = errno;
+    return outputError_;
 }
 
 void Console::event(const nlohmann::json& object) {

@@ -9,8 +9,8 @@
 namespace velmora {
 
 // The two output streams of a command. Results go to standard output, log lines and progress to standard error. A
-// stream whose reader has gone away is given up silently: a copy does not stop because `| head` has seen enough.
-// Any thread.
+// stream that takes no more is given up: a copy does not stop because `| head` has seen enough, or because the disk of
+// the log is full. What did not reach standard output is no success all the same: `outputError` tells. Any thread.
 class Console {
 public:
     // Descriptors of the two streams; `colour` only matters on a terminal.
@@ -22,6 +22,8 @@ public:
     void event(const nlohmann::json& object);
     // A line on standard error. A progress line is wiped first and comes back with the next `progress`.
     void log(std::string_view line);
+    // What kept standard output from being written, 0 for nothing. To be asked when all is printed.
+    int outputError();
 
     // Whether a progress line would be seen at all: standard error is a terminal that can redraw.
     bool showsProgress() const noexcept { return terminal_; }
@@ -36,12 +38,14 @@ public:
     std::string toned(std::string_view text, Tone tone) const;
 
 private:
-    void write(int& fd, std::string_view bytes) REQUIRES(mutex_);
+    // 0, or what went wrong; the stream is given up then.
+    static int write(int& fd, std::string_view bytes);
     void wipe() REQUIRES(mutex_);
 
     Mutex mutex_;
     int out_ GUARDED_BY(mutex_);
     int err_ GUARDED_BY(mutex_);
+    int outputError_ GUARDED_BY(mutex_) = 0;
     int terminalFd_;
     bool terminal_;
     bool colour_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -214,8 +215,48 @@ TEST_F(CopyProgramTest, StreamsJsonAndSurvivesAReaderThatGoesAway) {
     ::close(pipe[0]);
     Program unread(copy({"--json", "--name", "UNREAD"}), {.out = pipe[1]});
     ::close(pipe[1]);
-    EXPECT_EQ(unread.wait(), 0) << unread.err();
-    EXPECT_EQ(copied(backup(b, "UNREAD")), contents(card));
+    EXPECT_EQ(unread.wait(), 4) << unread.err();
+    EXPECT_EQ(copied(backup(b, "UNREAD")), contents(card)) << "the copy does not stop for it";
+}
+
+TEST_F(CopyProgramTest, WhatCouldNotBePrintedIsNoSuccess) {
+    ASSERT_EQ(Program(copy({"--name", "K"})).wait(), 0);
+    const std::string folder = backup(a, "K");
+    const std::pair<Arguments, int> cases[] = {
+        {copy({"--name", "FULL"}), 4},
+        {{"append", card, "--into", folder, "--into", backup(b, "K"), "--compare"}, 4},
+        {{"verify", folder}, 4},
+        {{"inspect", card, "--json"}, 4},
+        {{"history"}, 4},
+        {{"settings"}, 4},
+        {{"volumes"}, 4},
+        {{"--version"}, 4},
+        {{"copy", "--help"}, 4},
+        {{"verify", folder, "--machine"}, 0}, // has nothing to print
+        {{"verify", card}, 3}};
+    const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    for (const auto& [arguments, status] : cases) {
+        Program unwritten(arguments, {.out = full});
+        EXPECT_EQ(unwritten.wait(), status) << arguments.front() << unwritten.err();
+        EXPECT_EQ(unwritten.err().find("No space left on device") != std::string::npos, status == 4) << unwritten.err();
+        Program without(arguments, {.closed = {STDIN_FILENO, STDOUT_FILENO}});
+        EXPECT_EQ(without.wait(), status) << arguments.front() << without.err();
+    }
+    ::close(full);
+    // The numbers of closed streams are taken by no lock and no copy.
+    Program silent(copy({"--name", "SILENT"}), {.environment = {"VELMORA_SETTINGS_DIR=" + temp / "settings"},
+                                                .closed = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}});
+    EXPECT_EQ(silent.wait(), 4);
+    EXPECT_EQ(copied(backup(b, "SILENT")), contents(card));
+    for (const auto& [path, text] : contents(temp / "settings"))
+        EXPECT_EQ(text.find("Safe to"), std::string::npos) << path;
+    if (test::FaultDisk::unavailable())
+        return;
+    test::FaultDisk late; // tells of it when the file is closed
+    const int fd = ::open((late.root() + "/out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    late.fail(ENOSPC, {.ops = "close", .times = 0});
+    EXPECT_EQ(Program({"--version"}, {.out = fd}).wait(), 4);
+    ::close(fd);
 }
 
 TEST_F(CopyProgramTest, ProgressLineStaysWithinTheTerminal) {

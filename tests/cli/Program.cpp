@@ -25,6 +25,8 @@ constexpr int steps = 6000;
     ::dup2(out, STDOUT_FILENO);
     ::dup2(err, STDERR_FILENO);
     ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    for (const int number : how.closed)
+        ::close(number);
     for (const int number : how.ignoredSignals)
         std::signal(number, SIG_IGN);
     for (const auto& variable : how.environment)

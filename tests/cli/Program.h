@@ -19,6 +19,7 @@ public:
         std::vector<std::string> environment = {}; // "NAME=value"
         int out = -1;                              // standard output, instead of a file
         std::vector<int> ignoredSignals = {};      // as nohup and scripts hand them on
+        std::vector<int> closed = {};              // descriptors that the program is started without
     };
     explicit Program(const std::vector<std::string>& arguments) : Program(arguments, How()) {}
     Program(const std::vector<std::string>& arguments, const How& how);
