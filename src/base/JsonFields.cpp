@@ -66,7 +66,9 @@ private:
             top.value->push_back(std::move(v));
             return &top.value->back();
         }
-        return &((*top.value)[key_] = std::move(v));
+        // Our own records have their keys in order: the place of the next one is known.
+        auto& members = top.value->get_ref<json::object_t&>();
+        return &members.insert_or_assign(members.end(), std::move(key_), std::move(v))->second;
     }
     void hand() {
         if (!stack_.empty() && stack_.back().streams)

@@ -8,7 +8,6 @@
 #include "platform/IO.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,15 +17,8 @@ namespace velmora {
 
 namespace {
 
-constexpr std::int64_t version = 1;
 // 5,000 entries take some ten megabytes; ten times that is no history of ours.
 constexpr std::int64_t largestHistory = 256 << 20;
-
-bool isId(const std::string& id) {
-    return !id.empty() && id.size() <= 64 && std::all_of(id.begin(), id.end(), [](unsigned char c) {
-        return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
-    });
-}
 
 void newestFirst(std::vector<HistoryEntry>& entries) {
     std::stable_sort(entries.begin(), entries.end(),
@@ -36,41 +28,6 @@ void newestFirst(std::vector<HistoryEntry>& entries) {
 auto withId(std::vector<HistoryEntry>& entries, const std::string& id) {
     return std::find_if(entries.begin(), entries.end(), [&](const HistoryEntry& e) { return e.id == id; });
 }
-
-// Decodes each entry as soon as the parser has it and takes it out of the document again: a history of thousands of
-// cards is never held as JSON. What is left in "entries" after that is none.
-class EntryReader {
-public:
-    // As nlohmann::json::parser_callback_t: false takes `value` out of the document.
-    bool operator()(int depth, nlohmann::json::parse_event_t event, nlohmann::json& value) {
-        using Event = nlohmann::json::parse_event_t;
-        if (depth == 1 && event == Event::key) { // of a repeated key the last one counts
-            inEntries_ = value == "entries";
-            if (inEntries_) {
-                entries_.clear();
-                good_ = true;
-            }
-        }
-        if (depth != 2 || event != Event::object_end || !inEntries_)
-            return true;
-        decode(value);
-        return false;
-    }
-    bool good() const { return good_; }
-    std::vector<HistoryEntry> take() { return std::move(entries_); }
-
-private:
-    void decode(const nlohmann::json& value) try {
-        entries_.push_back(value.get<HistoryEntry>());
-        good_ = good_ && isId(entries_.back().id);
-    } catch (const std::exception&) {
-        good_ = false;
-    }
-
-    std::vector<HistoryEntry> entries_;
-    bool inEntries_ = false;
-    bool good_ = true;
-};
 
 void removeList(const std::string& path) {
     try {
@@ -94,8 +51,7 @@ void HistoryStore::say(const std::string& text) const {
         log_(text);
 }
 
-HistoryStore::Contents HistoryStore::read() const {
-    Contents contents;
+HistoryFile::Contents HistoryStore::read() const {
     std::string text;
     try {
         text = IO::readFile(path(), largestHistory);
@@ -103,22 +59,9 @@ HistoryStore::Contents HistoryStore::read() const {
         // A file that is there but cannot be read now must not be taken for an empty history and written over.
         if (error.code() != ENOENT)
             throw;
-        return contents;
+        return {};
     }
-    EntryReader reader;
-    const nlohmann::json document = nlohmann::json::parse(text, std::ref(reader), false);
-    const auto number = document.is_object() ? document.find("version") : document.end();
-    if (!document.is_object() || number == document.end() || !number->is_number_integer()) {
-        contents.state = State::damaged;
-        return contents;
-    }
-    contents.state = number->get<std::int64_t>() > version ? State::newer : State::good;
-    const auto left = document.find("entries");
-    if (reader.good() && left != document.end() && left->is_array() && left->empty())
-        contents.entries = reader.take();
-    else if (contents.state == State::good)
-        contents.state = State::damaged;
-    return contents;
+    return HistoryFile::read(text);
 }
 
 std::vector<HistoryEntry> HistoryStore::load() {
@@ -126,9 +69,9 @@ std::vector<HistoryEntry> HistoryStore::load() {
     const auto lock = FileLock::problem(file) ? std::nullopt : FileLock::lock(file, lockTimeout_);
     std::vector<HistoryEntry> entries;
     try {
-        Contents contents = read();
+        HistoryFile::Contents contents = read();
         // Without the lock the damage may be another's half-finished doing; only its holder may set the file aside.
-        if (contents.state == State::damaged && lock)
+        if (contents.state == HistoryFile::State::damaged && lock)
             setAside();
         entries = std::move(contents.entries);
     } catch (const std::exception& error) {
@@ -154,9 +97,8 @@ HistoryWrite HistoryStore::save(std::vector<HistoryEntry> entries) const {
         dropped.push_back(entries.back().id);
         entries.pop_back();
     }
-    nlohmann::json document = {{"version", version}, {"entries", entries}};
     IO::mkdirs(folder_);
-    IO::writeFileDurably(path(), document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    IO::writeFileDurably(path(), HistoryFile::write(entries));
     for (const std::string& id : dropped)
         removeList(listPath(id));
     return HistoryWrite::written;
@@ -173,12 +115,12 @@ HistoryWrite HistoryStore::underLock(std::optional<double> timeout,
     if (!lock)
         return HistoryWrite::busy;
     try {
-        Contents contents = read();
-        if (contents.state == State::newer) {
+        HistoryFile::Contents contents = read();
+        if (contents.state == HistoryFile::State::newer) {
             say("history: written by a newer version of Velmora — read only");
             return HistoryWrite::unchanged;
         }
-        if (contents.state == State::damaged)
+        if (contents.state == HistoryFile::State::damaged)
             setAside();
         const HistoryWrite result = edit(contents.entries);
         return result == HistoryWrite::written ? save(std::move(contents.entries)) : result;
@@ -196,7 +138,7 @@ HistoryWrite HistoryStore::update(const std::string& id, const Changer& change, 
             return HistoryWrite::unchanged;
         HistoryEntry& entry = changed->entry;
         entry.id = id;
-        if (!isId(id)) {
+        if (!HistoryFile::isId(id)) {
             say("history: no valid entry id: " + id);
             return HistoryWrite::failed;
         }
@@ -227,7 +169,7 @@ HistoryWrite HistoryStore::remove(const std::string& id, std::optional<double> t
 
 std::optional<std::vector<SourceFile>> HistoryStore::readFileList(const HistoryEntry& entry) const {
     // The stored name is not believed: the list of an entry can only lie under its id.
-    if (!entry.fileList || !isId(entry.id))
+    if (!entry.fileList || !HistoryFile::isId(entry.id))
         return std::nullopt;
     return FileListStore::read(listPath(entry.id));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "memory/HistoryFile.h"
 #include "records/CardKey.h"
 #include "records/HistoryEntry.h"
 #include "records/SourceFile.h"
@@ -17,13 +18,12 @@ enum class HistoryWrite { written, unchanged, busy, failed };
 // history.json: every card that was backed up, newest first. A cache of facts, never the truth about a backup: that is
 // the folder on the disk.
 //
-// Layout: {"entries": […], "version": 1}, pretty-printed, keys sorted, beside it "history/{id}.files.gz" with the files
-// of each card. Every change is made under a lock between processes and replaces the file atomically, so a reader sees
-// the state before or after. A file list is written before the entry that names it: a crash between the two leaves a
-// list that nothing names, never a name without a list. A file of a newer version is read if it can be and never
-// written; a file that cannot be parsed is set aside under a name of its own and the history starts empty. Appending to
-// a log instead was rejected: the file is read far more often than written, and 5,000 entries are written in well under
-// a second.
+// Beside it stands "history/{id}.files.gz" with the files of each card. Every change is made under a lock between
+// processes and replaces the file atomically, so a reader sees the state before or after. A file list is written before
+// the entry that names it: a crash between the two leaves a list that nothing names, never a name without a list. A
+// file of a newer version is read if it can be and never written; a file that cannot be parsed is set aside under a
+// name of its own and the history starts empty. Appending to a log instead was rejected: the file is read far more
+// often than written, and 5,000 entries are written in well under a second.
 //
 // Any thread; the store itself holds no state but its settings.
 class HistoryStore {
@@ -62,15 +62,9 @@ public:
     static std::string newId(Timestamp finished);
 
 private:
-    enum class State { good, newer, damaged };
-    struct Contents {
-        State state = State::good;
-        std::vector<HistoryEntry> entries;
-    };
-
     std::string path() const;
     std::string listPath(const std::string& id) const;
-    Contents read() const;
+    HistoryFile::Contents read() const;
     void setAside() const;
     HistoryWrite save(std::vector<HistoryEntry> entries) const;
     // Under the lock: reads, sets damage aside, hands the entries to `edit`; true means "save what you see now".

@@ -3,6 +3,7 @@
 #include "base/Errors.h"
 #include "base/RelativePath.h"
 #include "mhl/MHLReader.h"
+#include "records/RecordLimits.h"
 
 #include <charconv>
 #include <cstring>
@@ -18,7 +19,6 @@ constexpr std::size_t maxHashes = 64;
 constexpr std::size_t maxReferences = 10'000;
 constexpr std::size_t maxFiles = 4'000'000;
 constexpr std::size_t maxRefused = 10'000;
-constexpr std::int64_t maxSequence = 999'999'999; // as long as the number of a file name may be
 constexpr std::size_t maxChainEntries = 100'000;
 
 void addText(std::string& text, std::string_view piece) {
@@ -125,6 +125,12 @@ void GenerationParser::open(const XmlElement& element) {
 void GenerationParser::openPath(const XmlElement& element) {
     hasPath_ = true;
     record_.size = number(element.attribute("size"));
+    if (const std::int64_t size = record_.size.value_or(0); size > 0) {
+        if (size > RecordLimits::fileSize || size > RecordLimits::bytesOfOneList - bytes_) {
+            throw MHLFormatError("a file has a size that no file can have");
+        }
+        bytes_ += size;
+    }
     if (const char* modified = element.attribute("lastmodificationdate")) {
         record_.modified = MHLReader::parseDate(modified);
     }
@@ -234,7 +240,7 @@ void ChainParser::open(const XmlElement& element) {
     open_.emplace_back(meant ? element.name : std::string_view{});
     if (meant && inRoot) {
         const auto seq = number(element.attribute("sequencenr"));
-        if (!seq || *seq < 1 || *seq > maxSequence) {
+        if (!seq || *seq < 1 || *seq > RecordLimits::generation) {
             throw MHLFormatError("an entry has no sequence number");
         }
         if (entries_.size() >= maxChainEntries) {

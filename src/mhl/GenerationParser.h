@@ -51,6 +51,7 @@ private:
     std::vector<Kind> open_;
     std::string text_; // of the innermost element that has a meaning
     MHLFileRecord record_;
+    std::int64_t bytes_ = 0; // of all files
     bool hasPath_ = false;
     bool rootSeen_ = false;
     XmlParser xml_;

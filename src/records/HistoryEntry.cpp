@@ -23,15 +23,17 @@ std::vector<T> list(const JsonFields& fields, const char* key) {
 
 // What of an entry has no field here, as text; it must not be lost when the entry is written again.
 std::string otherKeys(const json& entry) {
-    static constexpr std::array<std::string_view, 21> known = {
-        "bytes",       "card",     "cardName",    "date",           "destinations", "failedFiles", "fileList", "files",
-        "fingerprint", "finished", "generations", "hashAlgorithms", "id",           "project",     "reels",    "shape",
-        "source",      "success",  "unfinished",  "verifications",  "verified"};
-    json other = json::object();
+    static constexpr std::array<std::string_view, 23> known = {
+        "bytes",    "card",    "cardName",    "date",          "destinations", "failedFiles",
+        "fileList", "files",   "fingerprint", "finished",      "generations",  "hashAlgorithms",
+        "id",       "project", "reels",       "safeToEject",   "safeToFormat", "shape",
+        "source",   "success", "unfinished",  "verifications", "verified"};
+    static_assert(std::ranges::is_sorted(known));
+    json other;
     for (const auto& [key, value] : entry.items())
-        if (std::ranges::find(known, key) == known.end())
+        if (!std::ranges::binary_search(known, std::string_view(key)))
             other[key] = value;
-    return other.empty() ? std::string() : Json::compact(other);
+    return other.is_null() ? std::string() : Json::compact(other);
 }
 
 } // namespace

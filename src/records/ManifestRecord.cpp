@@ -2,6 +2,7 @@
 
 #include "base/Hex.h"
 #include "base/JsonFields.h"
+#include "records/RecordLimits.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -87,15 +88,15 @@ void from_json(const nlohmann::json& j, ManifestRecord& value) {
     const JsonFields fields(j);
     value.v = fields.integerOr("v", 1);
     value.kind = fields.string("kind", ManifestRecord::fileKind);
-    value.gen = fields.integerOr("gen", 1);
+    value.gen = fields.integerOr("gen", 1, 1, RecordLimits::generation);
     value.path = fields.string("path", "");
-    value.size = fields.integerOr("size", 0);
+    value.size = fields.integerOr("size", 0, 0, RecordLimits::fileSize);
     value.modified = fields.timestamp("modified", Timestamp{});
     value.xxh64 = fields.optionalString("xxh64");
     value.xxh128 = fields.optionalString("xxh128");
     value.md5 = fields.optionalString("md5");
-    value.blockSize = fields.integerOr("blockSize", 0);
-    value.first = fields.integerOr("first", 0);
+    value.blockSize = fields.integerOr("blockSize", 0, 0, RecordLimits::fileSize);
+    value.first = fields.integerOr("first", 0, 0, RecordLimits::fileSize);
     const auto blocks = fields.optionalStrings("blocks").value_or(std::vector<std::string>{});
     value.blocks.reserve(blocks.size());
     for (const std::string& block : blocks)

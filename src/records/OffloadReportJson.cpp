@@ -1,5 +1,6 @@
 #include "base/JsonFields.h"
 #include "records/OffloadReport.h"
+#include "records/RecordLimits.h"
 
 #include <nlohmann/json.hpp>
 
@@ -97,7 +98,7 @@ void readAllButFiles(const JsonFields& fields, OffloadReport& r) {
     r.version = fields.string("version", "?");
     r.hashAlgorithm = fields.string("hashAlgorithm", "xxh64");
     r.hashAlgorithms = fields.optionalStrings("hashAlgorithms");
-    r.generation = fields.optionalInteger("generation");
+    r.generation = fields.optionalInteger("generation", 1, RecordLimits::generation);
     r.kind = fields.optionalString("kind");
     r.project = fields.optionalString("project");
     r.cardName = fields.string("cardName");
@@ -119,8 +120,8 @@ void readAllButFiles(const JsonFields& fields, OffloadReport& r) {
     r.elsewhere = list<BackupPlace>(fields, "elsewhere");
     if (fields.array("setAside"))
         r.setAside = list<SetAsideCopy>(fields, "setAside");
-    r.totalFiles = fields.integer("totalFiles");
-    r.totalBytes = fields.integer("totalBytes");
+    r.totalFiles = fields.integer("totalFiles", 0);
+    r.totalBytes = fields.integer("totalBytes", 0, RecordLimits::bytesOfOneList);
     r.destinations = list<OffloadReport::Destination>(fields, "destinations");
     r.skipped = fields.optionalStrings("skipped").value_or(std::vector<std::string>{});
     r.clips = list<ClipEntry>(fields, "clips");
@@ -186,7 +187,7 @@ void to_json(json& j, const OffloadReport::FileEntry& value) {
 void from_json(const json& j, OffloadReport::FileEntry& value) {
     const JsonFields fields(j);
     value.path = fields.string("path");
-    value.size = fields.integer("size");
+    value.size = fields.integer("size", 0, RecordLimits::fileSize);
     value.modified = fields.timestamp("modified");
     value.xxh64 = fields.optionalString("xxh64");
     value.xxh128 = fields.optionalString("xxh128");
@@ -204,9 +205,17 @@ std::string OffloadReport::jsonData() const {
 
 OffloadReport OffloadReport::fromJson(std::string_view text) {
     OffloadReport report;
-    const json rest = Json::parseStreaming(
-        text, "files", [&](json&& file) { report.files.push_back(file.get<FileEntry>()); },
-        [&] { report.files.clear(); });
+    std::int64_t bytes = 0;
+    const auto add = [&](json&& file) {
+        report.files.push_back(file.get<FileEntry>());
+        bytes += report.files.back().size;
+        if (bytes > RecordLimits::bytesOfOneList)
+            throw FormatError("the sizes in \"files\" are not within their bounds");
+    };
+    const json rest = Json::parseStreaming(text, "files", add, [&] {
+        report.files.clear();
+        bytes = 0;
+    });
     const JsonFields fields(rest);
     fields.array("files"); // a value that is no list is as wrong here as elsewhere
     readAllButFiles(fields, report);

@@ -1,5 +1,6 @@
 #include "memory/HistoryStore.h"
 
+#include "base/Text.h"
 #include "engine/FolderLocks.h"
 #include "memory/HistoryRecorder.h"
 #include "memory/HistoryRecords.h"
@@ -67,8 +68,14 @@ TEST_F(History, KeepsTheNewestFirstAndDropsTheOldestWithItsList) {
 }
 
 TEST_F(History, SetsDamageAsideAndLeavesANewerVersionAlone) {
-    const std::vector<std::string> damaged = {"{", "[]", "{\"entries\": [{}], \"version\": 1}",
-                                              "{\"entries\": [], \"version\": \"1\"}", std::string(1000, '[')};
+    const std::vector<std::string> damaged = {"{",
+                                              "[]",
+                                              "{\"entries\": [{}], \"version\": 1}",
+                                              "{\"entries\": [], \"version\": \"1\"}",
+                                              std::string(1000, '['),
+                                              "{\"entries\": [], \"version\": 0}",
+                                              "{\"entries\": [], \"version\": -1}",
+                                              "{\"entries\": " + std::string(50, '[') + std::string(50, ']') + "}"};
     for (const std::string& text : damaged) {
         std::ofstream(path()) << text;
         EXPECT_EQ(add("x", 1), HistoryWrite::written) << text;
@@ -78,11 +85,42 @@ TEST_F(History, SetsDamageAsideAndLeavesANewerVersionAlone) {
     for (const auto& entry : std::filesystem::directory_iterator(folder_.path()))
         aside += entry.path().filename().string().starts_with("history.json.corrupt-");
     EXPECT_EQ(aside, damaged.size());
-    const std::string newer = "{\"entries\": [], \"later\": true, \"version\": 2}";
-    std::ofstream(path()) << newer;
-    EXPECT_EQ(add("y", 1), HistoryWrite::unchanged);
-    EXPECT_EQ(IO::readFile(path(), 1000), newer);
-    EXPECT_EQ(log_.back(), "history: written by a newer version of Velmora — read only");
+    for (const char* number : {"2", "1.5", "9223372036854775808", "18446744073709551615", "1e30"}) {
+        const std::string newer = std::string("{\"entries\": [], \"later\": true, \"version\": ") + number + "}";
+        std::ofstream(path()) << newer;
+        EXPECT_EQ(add("y", 1), HistoryWrite::unchanged) << number;
+        EXPECT_EQ(IO::readFile(path(), 1000), newer);
+        EXPECT_EQ(log_.back(), "history: written by a newer version of Velmora — read only");
+    }
+}
+
+// A long history is read in two halves, which must say the same as the whole.
+TEST(HistoryFile, ReadsAnyLayoutAlike) {
+    std::vector<HistoryEntry> entries(300);
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        entries[i].id = "id" + std::to_string(i);
+    entries[7].cardName = "\n    },\n    {\n";
+    const std::string text = HistoryFile::write(entries);
+    const auto with = [&](const std::string& from, const std::string& to, bool last = false) {
+        std::string changed = text;
+        const std::size_t at = last ? changed.rfind(from) : changed.find(from);
+        return changed.replace(at, from.size(), to);
+    };
+    const std::string other =
+        R"("before": [)" + text.substr(text.find("[") + 1, text.rfind("]") - text.find("[") - 1) + "],\n  ";
+    for (const std::string& good :
+         {text, replaceAll(text, "\n", ""), with("\"entries\"", other + "\"entries\""),
+          with("\"version\"", replaceAll(other, "before", "x") + "\"version\""),
+          with("\"version\"", R"("entries": [], "entries": )" +
+                                  text.substr(text.find("["), text.rfind("]") - text.find("[") + 1) +
+                                  ", \"version\"")}) {
+        const HistoryFile::Contents read = HistoryFile::read(good);
+        EXPECT_EQ(read.state, HistoryFile::State::good);
+        EXPECT_EQ(read.entries, entries);
+    }
+    for (const std::string& bad : {text.substr(0, text.size() - 3), with("\"id299\"", "7"), with("\"id0\"", "\"/\""),
+                                   with("\"id299\"", std::string(40, '[')), text + "x"})
+        EXPECT_EQ(HistoryFile::read(bad).state, HistoryFile::State::damaged);
 }
 
 TEST_F(History, KeepsWhatVerificationsFoundAndWhatItDoesNotKnow) {

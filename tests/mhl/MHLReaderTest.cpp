@@ -312,6 +312,7 @@ TEST(MHLReader, RefusesHostileDocuments) {
         {"a huge comment", generation("<!--" + std::string(8 << 20, 'x') + "-->")},
         {"a thousand digests of one file", generation(manyHashes + "</hash>")},
         {"a hash without a path", generation("<hash><xxh64>1</xxh64></hash>")},
+        {"a size that no file has", generation("<hash><path size=\"9223372036854775807\">a</path></hash>")},
         {"another root", "<checksums/>"},
         {"another namespace", "<hashlist xmlns=\"urn:ASC:MHL:v9\"/>"},
         {"nothing", ""},

@@ -221,6 +221,23 @@ TEST(RecordJson, WrongValuesAreNeverTakenForGood) {
     }
 }
 
+TEST(RecordJson, NumbersThatNoCardHasAreRefused) {
+    for (const char* key : {"gen", "size", "blockSize", "first"})
+        for (const std::int64_t number : {std::int64_t{-1}, INT64_MAX, std::int64_t{1} << 51})
+            EXPECT_FALSE(ManifestRecord::parse(json{{key, number}}.dump())) << key << number;
+    const std::string huge = std::to_string(std::int64_t{1} << 50);
+    const std::string file = R"({"modified":"2026-03-14T08:30:05Z","path":"a","size":)" + huge + "}";
+    for (const auto& [key, text] : std::map<std::string, std::string>{
+             {"generation", "0"}, {"generation", "1000000000"}, {"totalBytes", "-1"}, {"files", "[" + file + "]"}}) {
+        std::string files = text;
+        for (int i = 0; key == "files" && i < 64; ++i)
+            files.insert(1, file + ",");
+        json report = json::parse(reportText());
+        report[key] = json::parse(files);
+        EXPECT_THROW(OffloadReport::fromJson(report.dump()), FormatError) << key << text;
+    }
+}
+
 TEST(RecordJson, DefaultsAreThoseOfANewRecord) {
     EXPECT_EQ(json::object().get<ProxySettings>(), ProxySettings());
     EXPECT_EQ(json::object().get<ExternalTools>(), ExternalTools());

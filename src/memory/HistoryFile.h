@@ -1,0 +1,34 @@
+#pragma once
+
+#include "records/HistoryEntry.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+// The text of history.json: {"entries": […], "version": 1}, pretty-printed, keys sorted. Pure functions.
+namespace HistoryFile {
+
+enum class State {
+    good,
+    newer,   // written by a newer version of the program: read as far as it can be, and never written
+    damaged, // cannot be told from garbage
+};
+
+struct Contents {
+    State state = State::good;
+    std::vector<HistoryEntry> entries;
+};
+
+// Hostile text. An entry that cannot be read makes the whole damaged: it would be lost at the next write.
+Contents read(std::string_view text);
+std::string write(const std::vector<HistoryEntry>& entries);
+
+// What an id may be: the name of a file is made of it.
+bool isId(std::string_view id);
+
+} // namespace HistoryFile
+
+} // namespace velmora
