@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -40,6 +41,8 @@ void Chunk::release() noexcept {
 
 BufferPool::BufferPool(std::size_t bufferBytes, std::size_t count) : bufferBytes_(bufferBytes) {
     try {
+        if (count > SIZE_MAX / bufferBytes) // no machine has that much
+            throw std::bad_alloc();
         all_.reserve(count);
         free_.reserve(count);
         for (std::size_t i = 0; i < count; ++i) {

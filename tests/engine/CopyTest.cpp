@@ -124,7 +124,7 @@ TEST_F(CopyTest, ARunThatCannotBeginGivesItsFoldersBack) {
                 throw IOError("open", "lock", EROFS);
         });
     };
-    for (const std::int64_t buffers : {std::int64_t{4}, std::int64_t{1} << 40}) {
+    for (const std::int64_t buffers : {std::int64_t{4}, std::int64_t{1} << 60}) {
         const OffloadPlan plan = prepare();
         options.bufferCount = buffers;
         EXPECT_THROW(run(plan), std::runtime_error);
