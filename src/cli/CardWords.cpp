@@ -128,7 +128,7 @@ std::string command(const CardInsight& insight) {
     switch (step.kind) {
     case CardStep::Kind::append:
     case CardStep::Kind::finish:
-        return intoCommand("append", insight.source, cardPaths);
+        return intoCommand("append", insight.source, cardPaths) + (step.compare ? " --compare" : "");
     case CardStep::Kind::repair:
         return intoCommand("repair", insight.source, cardPaths);
     default:

@@ -3,7 +3,6 @@
 #include "base/Msg.h"
 #include "base/Product.h"
 #include "disks/VolumeSerial.h"
-#include "memory/HistoryRecords.h"
 #include "platform/VolumeFacts.h"
 
 #include <fmt/format.h>
@@ -79,15 +78,15 @@ void HistoryKeeper::reopen(const std::function<void()>& delayed) {
 }
 
 void HistoryKeeper::finish(const OffloadReport& report, std::vector<SourceFile> card,
-                           const std::optional<BackupCheck>& wholeCard, bool verified,
+                           const std::optional<BackupCheck>& wholeCard, const HistoryRecords::Verdict& verdict,
                            const std::function<void()>& delayed) {
     if (id_.empty())
         return;
     record(report.kind.value_or("copy"), delayed,
-           [id = id_, report, card = std::move(card), wholeCard, verified, volume = volume_](HistoryStore& store) {
+           [id = id_, report, card = std::move(card), wholeCard, verdict, volume = volume_](HistoryStore& store) {
                return store.update(id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
                    const auto stored = present ? store.readFileList(*present) : std::nullopt;
-                   return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard, verified);
+                   return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard, verdict);
                });
            });
 }

@@ -4,6 +4,7 @@
 #include "memory/AppendPlanner.h"
 #include "memory/BackupCheck.h"
 #include "memory/HistoryRecorder.h"
+#include "memory/HistoryRecords.h"
 #include "records/CardKey.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
@@ -36,9 +37,9 @@ public:
     // An append, a finish or a repair, after `look`: the entry is marked as unfinished.
     void reopen(const std::function<void()>& delayed);
     // `card` are the files of the card that the backup has; `wholeCard` is the state of the backup after a run that
-    // covered a part of it; `verified` is the verdict on the backup as a whole.
+    // covered a part of it.
     void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
-                bool verified, const std::function<void()>& delayed);
+                const HistoryRecords::Verdict& verdict, const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
 

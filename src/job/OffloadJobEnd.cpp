@@ -50,6 +50,10 @@ std::int64_t filesAddedSince(const SourceScan& before, const SourceScan& now) {
     return added;
 }
 
+HistoryRecords::Verdict forHistory(const Promises::Verdict& verdict) {
+    return {verdict.verified, verdict.safeToEject, verdict.safeToFormat};
+}
+
 bool storesLocalTime(const std::string& source, const std::vector<CardRecord>& records) {
     const auto local = [](const std::string& path) { return FileTimes::storesLocalTime(IO::filesystemType(path)); };
     return local(source) || std::ranges::any_of(records, [&](const auto& record) { return local(record.cardPath); });
@@ -160,7 +164,7 @@ void OffloadJob::concludeNothingNew(const std::string& note, Conclusion& conclus
     // close it. A card that may be another one is not entered.
     if (history_ && check.newest && evidence.notCompared == 0)
         guardHistory([&] {
-            history_->finish(*check.newest, check.covered, check, verdict.verified,
+            history_->finish(*check.newest, check.covered, check, forHistory(verdict),
                              [this] { addWarning(std::string(Msg::historyBusy)); });
         });
     {
@@ -195,7 +199,7 @@ void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<B
         if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
             history_->forget();
         else
-            history_->finish(report, wholeCard ? wholeCard->covered : card, wholeCard, verdict.verified,
+            history_->finish(report, wholeCard ? wholeCard->covered : card, wholeCard, forHistory(verdict),
                              [this] { addWarning(std::string(Msg::historyBusy)); });
     });
 }

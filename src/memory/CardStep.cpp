@@ -15,7 +15,7 @@ bool any(const std::vector<FolderNow>& folders, bool (*test)(const FolderNow&)) 
 }
 
 CardStep copyAgain(const HistoryMatch& match, std::string why) {
-    CardStep step{CardStep::Kind::copyAgain, std::move(why), {}, {}};
+    CardStep step{CardStep::Kind::copyAgain, std::move(why), {}, false, {}};
     for (const FolderNow& folder : match.folders)
         if (folder.state == State::connected || folder.state == State::unreadable)
             step.leftBy.push_back(folder.cardPath);
@@ -32,7 +32,7 @@ CardStep CardStep::of(const CardInsight& insight) {
     if (match.kind == HistoryMatchKind::changed)
         return copyAgain(match, "An append and a repair refuse a card of which files have changed.");
     if (match.kind == HistoryMatchKind::notCompared)
-        return {Kind::copyWhole, {}, {}, {}};
+        return {Kind::copyWhole, {}, {}, false, {}};
     const bool broken = any(folders, [](const FolderNow& f) {
         return f.state == State::gone || f.state == State::unreadable || f.lost.count > 0;
     });
@@ -52,8 +52,11 @@ CardStep CardStep::of(const CardInsight& insight) {
         step.kind = Kind::repair;
     else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
         step.kind = Kind::append;
-    else
-        return {Kind::copyWhole, {}, {}, {}};
+    else if (!match.entry.safeToFormat.value_or(false)) {
+        step.kind = Kind::append;
+        step.compare = !match.entry.card;
+    } else
+        return {Kind::copyWhole, {}, {}, false, {}};
     return step;
 }
 

@@ -21,6 +21,7 @@ struct CardStep {
     Kind kind = Kind::none;
     std::string why;                 // for `copyAgain`: what keeps an append or a repair from working
     std::vector<std::string> away;   // folders that must be connected first
+    bool compare = false;            // an append that compares: nothing else tells the card from another one like it
     std::vector<std::string> leftBy; // folders of the old backup that the step leaves as they are
 
     static CardStep of(const CardInsight& insight);

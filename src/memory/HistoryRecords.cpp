@@ -141,7 +141,7 @@ HistoryEntry reopened(const HistoryEntry& entry) {
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,
-                              const std::optional<BackupCheck>& wholeCard, bool verifiedAsAWhole) {
+                              const std::optional<BackupCheck>& wholeCard, const Verdict& verdict) {
     HistoryEntry entry = present ? *present : HistoryEntry{};
     entry.id = id;
     entry.source = report.source;
@@ -164,7 +164,9 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
     entry.failedFiles = failed;
     entry.success = failed == 0 && (!wholeCard || !wholeCard->error);
     addGeneration(entry, HistoryGeneration::of(report, report.generationNumber()));
-    entry.verified = entry.success && verifiedAsAWhole;
+    entry.verified = entry.success && verdict.verified;
+    entry.safeToEject = verdict.safeToEject;
+    entry.safeToFormat = verdict.safeToFormat;
     entry.unfinished = false;
     if (report.isRepair() && entry.verified)
         for (const auto& destination : report.destinations)

@@ -29,15 +29,21 @@ HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVo
 // The same for an append, a finish or a repair of a card that the history knows: its entry, marked as unfinished.
 HistoryEntry reopened(const HistoryEntry& entry);
 
+// The verdict at the end of a job.
+struct Verdict {
+    bool verified = false; // all of the backup, of which the report of the job may be a part
+    bool safeToEject = false;
+    bool safeToFormat = false;
+};
+
 // The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` are the files
 // of the card that the backup has, `storedFiles` is the list of the entry before this job. `wholeCard` is the state of
 // the backup after a run that covered a part of it: the entry may be new, or may have missed a generation.
-// `verifiedAsAWhole` is the verdict on all of the backup, of which this run's report may be a part. A repair reads
-// every copy: one after which all is verified clears what verifications found in its folders.
+// A repair reads every copy: one after which all is verified clears what verifications found in its folders.
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,
-                              const std::optional<BackupCheck>& wholeCard, bool verifiedAsAWhole);
+                              const std::optional<BackupCheck>& wholeCard, const Verdict& verdict);
 
 // Both paths are those of one card folder.
 bool samePlace(const std::string& a, const std::string& b);

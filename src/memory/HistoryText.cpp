@@ -36,6 +36,11 @@ bool saysProblem(const HistoryMatch& match) {
     return (match.entry.unfinished || allGood(match.entry)) && !problems(match).empty();
 }
 
+// Of the card as it is now: what was promised of it, and nothing has come to it since.
+bool maySay(const std::optional<bool>& promise, const HistoryMatch& match) {
+    return promise.value_or(false) && match.kind == HistoryMatchKind::identical && match.uncopied == 0;
+}
+
 Line sentence(const HistoryMatch& match) {
     const HistoryEntry& entry = match.entry;
     const std::string date = when(entry.finished);
@@ -56,12 +61,13 @@ Line sentence(const HistoryMatch& match) {
     if (!problem.empty()) // the disk is the truth
         return {fmt::format("{}, but {} — do not format", begin, problem.front()), HistoryTone::error};
     if (!entry.verified || std::ranges::any_of(match.folders, [](const auto& f) { return f.unverified.count > 0; }))
-        return {begin + " — NOT VERIFIED (safe to eject, do not format)", HistoryTone::warning};
+        return {begin + (maySay(entry.safeToEject, match) ? " — NOT VERIFIED (safe to eject, do not format)"
+                                                          : " — NOT VERIFIED (do not format)"),
+                HistoryTone::warning};
     if (match.uncopied > 0)
         return {fmt::format("{} — verified, but {} on the card that no backup can hold — do not format", begin,
                             counted(match.uncopied, "name", "names")),
                 HistoryTone::warning};
-    // The promise to format covers what is on the card now, so it stands only when nothing was added since.
     switch (match.kind) {
     case HistoryMatchKind::newFiles:
         return {fmt::format("{} — verified, but {} since ({}) — do not format", begin,
@@ -71,8 +77,13 @@ Line sentence(const HistoryMatch& match) {
         return {begin + " — verified, but its files could not be compared with the card — do not format",
                 HistoryTone::warning};
     default:
-        return {begin + " — verified, safe to format", HistoryTone::ok};
+        break;
     }
+    // What the run itself did not promise, the memory of it does not either.
+    if (!maySay(entry.safeToFormat, match))
+        return {begin + " — verified, but its last run did not call the card safe to format — do not format",
+                HistoryTone::warning};
+    return {begin + " — verified, safe to format", HistoryTone::ok};
 }
 
 } // namespace

@@ -133,6 +133,8 @@ void to_json(json& j, const HistoryEntry& value) {
     Json::put(j, "finished", value.finished);
     Json::put(j, "failedFiles", value.failedFiles);
     Json::put(j, "fileList", value.fileList);
+    Json::put(j, "safeToEject", value.safeToEject);
+    Json::put(j, "safeToFormat", value.safeToFormat);
     if (!value.verifications.empty())
         j["verifications"] = value.verifications;
     if (!value.otherKeys.empty())
@@ -162,6 +164,8 @@ void from_json(const json& j, HistoryEntry& value) {
     value.generations = list<HistoryGeneration>(fields, "generations");
     value.reels = fields.optionalStrings("reels").value_or(std::vector<std::string>{});
     value.unfinished = fields.boolean("unfinished", false);
+    value.safeToEject = fields.optionalBoolean("safeToEject");
+    value.safeToFormat = fields.optionalBoolean("safeToFormat");
     value.verifications = list<HistoryVerification>(fields, "verifications");
     value.otherKeys = otherKeys(j);
 }

@@ -75,7 +75,9 @@ struct HistoryEntry {
     std::vector<HistoryDestination> destinations;
     std::vector<HistoryGeneration> generations;
     std::vector<std::string> reels;
-    bool unfinished = false; // recorded at the start of the job, which has not finished
+    bool unfinished = false;          // recorded at the start of the job, which has not finished
+    std::optional<bool> safeToEject;  // what the last run that ended promised of the card as it then was;
+    std::optional<bool> safeToFormat; // none where no run has ended, or an older program did not record it
     std::vector<HistoryVerification> verifications;
     std::string otherKeys; // a JSON object: what another version of this program wrote and this one does not know
     bool operator==(const HistoryEntry&) const = default;

@@ -68,11 +68,13 @@ TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {
         stand(first);
         stand(second);
         const BackupCheck whole = check({fileOf("A.MOV"), fileOf("B.MOV"), fileOf("LATER.MOV")});
+        const HistoryRecords::Verdict verdict{earlier == "verified", true, false};
         // The history of another computer made the backup: there is no entry to add to.
-        const auto change =
-            HistoryRecords::finished(nullptr, "x", second, whole.covered, {}, {}, whole, earlier == "verified");
+        const auto change = HistoryRecords::finished(nullptr, "x", second, whole.covered, {}, {}, whole, verdict);
         EXPECT_EQ(change.entry.verified, earlier == "verified") << earlier;
         EXPECT_EQ(change.entry.success, earlier != "failed") << earlier;
+        EXPECT_EQ(change.entry.safeToEject, true);
+        EXPECT_EQ(change.entry.safeToFormat, false);
         EXPECT_EQ(change.entry.generations.size(), 2U);
         EXPECT_EQ(change.entry.files, 2);
         ASSERT_TRUE(change.files);
@@ -80,8 +82,7 @@ TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {
         OffloadReport repair = second;
         repair.kind = "repair";
         const HistoryEntry failed = HistoryRecords::verified(change.entry, {card(), {}, {}, Timestamp{1, 0}, "1"});
-        const auto mended =
-            HistoryRecords::finished(&failed, "x", repair, whole.covered, {}, {}, whole, earlier == "verified");
+        const auto mended = HistoryRecords::finished(&failed, "x", repair, whole.covered, {}, {}, whole, verdict);
         EXPECT_EQ(HistoryRecords::verificationOf({mended.entry}, card(), {}).value().failed.has_value(),
                   earlier != "verified");
         EXPECT_EQ(change.files->size(), 2U) << "what the backup lacks must be new when the card comes back";

@@ -33,6 +33,7 @@ HistoryEntry entryFor(const std::vector<SourceFile>& files) {
     entry.cardName = "A001";
     entry.date = "2026-03-14";
     entry.success = entry.verified = true;
+    entry.safeToEject = entry.safeToFormat = true;
     return entry;
 }
 
@@ -108,6 +109,15 @@ TEST(HistoryText, PromisesFormattingOnlyForACardThatHoldsNothingNew) {
         EXPECT_EQ(text(kind).find("safe to format"), std::string::npos);
     match.entry.verified = false;
     EXPECT_NE(text(HistoryMatchKind::identical).find("NOT VERIFIED (safe to eject, do not format)"), std::string::npos);
+    EXPECT_TRUE(text(HistoryMatchKind::newFiles).ends_with("NOT VERIFIED (do not format)"));
+    // Nothing that the run denied, or that nobody recorded.
+    for (const std::optional<bool> denied : {std::optional(false), std::optional<bool>()}) {
+        match.entry.safeToEject = match.entry.safeToFormat = denied;
+        match.entry.verified = false;
+        EXPECT_TRUE(text(HistoryMatchKind::identical).ends_with("NOT VERIFIED (do not format)"));
+        match.entry.verified = true;
+        EXPECT_TRUE(text(HistoryMatchKind::identical).ends_with(" safe to format — do not format"));
+    }
     match.entry.success = false;
     match.entry.failedFiles = 2;
     EXPECT_NE(text(HistoryMatchKind::identical).find("with errors (2 files)"), std::string::npos);
@@ -236,6 +246,8 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
     const std::string first = files_[0].relPath;
     const std::vector<Case> cases{
         {"untouched", [] {}, "verified, safe to format", Kind::copyWhole, true},
+        {"a run that promised nothing", [&] { entry_.safeToFormat.reset(); }, "did not call the card safe to format",
+         Kind::append, false},
         {"a disk away", [&] { away_ = root("B"); }, "Not connected: $B — its state is that of", Kind::copyWhole, true},
         {"a later verification failed",
          [&] { entry_.verifications = {{folder("B"), {}, {}, Timestamp{5, 0}, "mismatch 1"}}; }, "found mismatch 1",
@@ -291,7 +303,9 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         EXPECT_NE(all.find(replaceAll(c.says, "$B", folder("B"))), std::string::npos) << c.what << ": " << all;
         EXPECT_EQ(CardStep::of(insight).kind, c.step) << c.what;
         EXPECT_EQ(line.ends_with("verified, safe to format"), c.safe) << line;
-        EXPECT_EQ(HistoryText::holdsWholeCard(*insight.match), c.safe || c.says == "NOT VERIFIED") << c.what;
+        EXPECT_EQ(HistoryText::holdsWholeCard(*insight.match),
+                  c.safe || c.says == "NOT VERIFIED" || c.says.starts_with("did not call"))
+            << c.what;
         // With errors on record too, nothing is called identical.
         entry_.success = false;
         EXPECT_FALSE(HistoryText::holdsWholeCard(*inspect({entry_}).match)) << c.what;

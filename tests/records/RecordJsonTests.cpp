@@ -125,7 +125,7 @@ std::vector<Document> documents() {
              "cardName":"A","date":"2026-01-01","destinations":[{"cardPath":"/d/x/A","root":"/d"}],"failedFiles":1,
              "fileList":"history/x.files.gz","files":2,"fingerprint":"f","finished":"2026-03-14T08:30:05Z",
              "generations":[{"bytes":5,"files":2,"finished":"2026-03-14T08:30:05Z","kind":"copy","seq":1,
-             "verified":true}],"hashAlgorithms":["xxh64","md5"],"id":"x","project":"P","reels":["A001"],"shape":"s",
+             "verified":true}],"hashAlgorithms":["xxh64","md5"],"id":"x","project":"P","reels":["A001"],"safeToEject":true,"safeToFormat":false,"shape":"s",
              "source":"/c","success":true,"unfinished":true,"verifications":[{"cardPath":"/d/x/A",
              "clean":"2026-03-14T08:30:05Z","failed":"2026-03-14T09:30:05Z","found":"1","volumeSerial":"S"}],
              "verified":true})",
