@@ -2,10 +2,14 @@
 
 #include "base/Msg.h"
 #include "base/Product.h"
+#include "base/RelativePath.h"
 #include "disks/VolumeSerial.h"
 #include "platform/VolumeFacts.h"
+#include "verify/VerificationTrace.h"
 
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace velmora {
 
@@ -57,7 +61,8 @@ HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPat
     for (const std::string& cardPath : cardPaths) {
         const auto last = HistoryRecords::verificationOf(entries, cardPath, VolumeFacts::volumeSerialText(cardPath));
         if (last && last->failed)
-            known.failedVerifications.push_back(
+            known.failedVerifications.emplace(
+                RelativePath::withoutTrailingSlash(cardPath),
                 fmt::format("{} did not pass its verification of {} ({}) — do not format the card; run Repair "
                             "({} repair), or verify the folder again.",
                             cardPath, TimeText::local(*last->failed, "%Y-%m-%d %H:%M"), last->found, Product::cli));
@@ -89,6 +94,16 @@ void HistoryKeeper::finish(const OffloadReport& report, std::vector<SourceFile> 
                    return HistoryRecords::finished(present, id, report, card, volume, stored, wholeCard, verdict);
                });
            });
+}
+
+void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed) {
+    if (!folders.empty())
+        record("verify", delayed, [folders = std::move(folders), log = log_](HistoryStore& store) {
+            HistoryWrite worst = HistoryWrite::written;
+            for (const HistoryVerification& folder : folders)
+                worst = std::max(worst, VerificationTrace::enter(store, folder, log));
+            return worst;
+        });
 }
 
 void HistoryKeeper::forget() {

@@ -10,6 +10,7 @@
 #include "records/OffloadReport.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,9 +26,10 @@ public:
 
     // What the history knows of a backup before a run into its folders.
     struct Known {
-        std::optional<CardKey> medium;                // the card
-        std::vector<AppendPlanner::PastRun> runs;     // the folders of each record that names one of these
-        std::vector<std::string> failedVerifications; // a sentence for each folder that did not pass its last one
+        std::optional<CardKey> medium;            // the card
+        std::vector<AppendPlanner::PastRun> runs; // the folders of each record that names one of these
+        // For each folder that did not pass its last verification: the folder, and the sentence that says so.
+        std::map<std::string, std::string> failedVerifications;
     };
     // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
     Known look(const std::vector<std::string>& cardPaths);
@@ -40,6 +42,8 @@ public:
     // covered a part of it.
     void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
                 const HistoryRecords::Verdict& verdict, const std::function<void()>& delayed);
+    // Folders in which this run has read every file and found it good: what verifications found there is over.
+    void passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
 

@@ -7,6 +7,7 @@
 #include "job/JobStatus.h"
 #include "job/Promises.h"
 #include "memory/AppendPlanner.h"
+#include "memory/RepairPlanner.h"
 #include "records/JobConfig.h"
 #include "records/SourceFile.h"
 
@@ -90,6 +91,7 @@ private:
         SourceScan card;                 // as it was planned for
         bool coversPart = false;         // the promises hold for the whole card, of which the run did a part
         bool comparesAll = true;         // no file of the card is taken for what it was by its name, size and time
+        bool readAll = false;            // every copy in the folders has been read and held against its records
         std::vector<CardRecord> records; // of the folders, before the run
         std::vector<BackupPlace> elsewhere;
     };
@@ -98,6 +100,8 @@ private:
     void runAppend(const std::vector<std::string>& cardPaths);
     void runRepair();
     AppendPlanner::Ask ask(const std::vector<std::string>& cardPaths);
+    RepairPlanner::Checked checkRepair(const std::vector<std::string>& cardPaths);
+    void moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation);
     void settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths);
     void nothingNew(const AppendPlanner::NothingNew& nothing);
     void foldersClaimed(const OffloadPlan& plan) EXCLUDES(mutex_);
@@ -108,14 +112,16 @@ private:
 
     Promises::Evidence gather(const Conclusion& conclusion, const OffloadReport* report);
     void conclude(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
-    void concludeNothingNew(const std::string& note, Conclusion& conclusion) EXCLUDES(mutex_);
+    // `note` says that all is well, and gives way to `otherwise` when the backup is not.
+    void concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) EXCLUDES(mutex_);
+    std::vector<HistoryVerification> passed(const Conclusion& conclusion, const OffloadReport* report) const;
     void tell(const Promises::Verdict& verdict) EXCLUDES(mutex_);
     void learnRates(const OffloadReport& report);
 
     void openHistory(const Log& log);
     void reopenHistory();
-    void recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard,
-                      const std::vector<SourceFile>& card, const Promises::Verdict& verdict);
+    void recordFinish(const OffloadReport& report, const Promises::Evidence& evidence, const Conclusion& conclusion,
+                      const Promises::Verdict& verdict);
     void takeBackStart();
     void guardHistory(const std::function<void()>& call) const;
 

@@ -59,7 +59,30 @@ bool storesLocalTime(const std::string& source, const std::vector<CardRecord>& r
     return local(source) || std::ranges::any_of(records, [&](const auto& record) { return local(record.cardPath); });
 }
 
+// Every file that the records of a folder name was read back by this run and is good there.
+bool provedBy(const CardRecord& record, std::size_t place, const OffloadReport& report) {
+    const auto isProved = [&](const auto& entry) {
+        const RecordedFile& recorded = entry.second;
+        return recorded.generation == report.generationNumber() && record.statusOf(recorded, place) == "verified" &&
+               !recorded.file->sourceError;
+    };
+    return std::ranges::all_of(record.files, isProved) && std::ranges::all_of(record.twins, isProved);
+}
+
 } // namespace
+
+// The folders that did not pass a verification before and in which this run has found every file good.
+std::vector<HistoryVerification> OffloadJob::passed(const Conclusion& conclusion, const OffloadReport* report) const {
+    std::vector<HistoryVerification> folders;
+    for (std::size_t d = 0; d < conclusion.records.size(); ++d) {
+        const CardRecord& record = conclusion.records[d];
+        const bool good = conclusion.readAll ? report == nullptr || report->success()
+                                             : report != nullptr && provedBy(record, d, *report);
+        if (good && known_.failedVerifications.contains(record.cardPath))
+            folders.push_back({record.cardPath, record.volumeSerial, Timestamp::now(), {}, {}});
+    }
+    return folders;
+}
 
 // A camera, or a helping hand, may write onto a card while it is copied: it is looked at once more. Not after a cancel,
 // and not when another card is in the reader, whose files nobody has asked for.
@@ -71,7 +94,11 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     evidence.failedFiles = report == nullptr ? 0 : static_cast<std::int64_t>(report->failedFiles().size());
     evidence.problems = engine_.reportProblems();
     evidence.onOtherVolume = held_ && held_->anyOffDevice(sourceDevice_);
-    evidence.failedVerifications = known_.failedVerifications;
+    auto failedBefore = known_.failedVerifications;
+    for (const HistoryVerification& folder : passed(conclusion, report))
+        failedBefore.erase(folder.cardPath);
+    for (auto& [cardPath, sentence] : failedBefore)
+        evidence.failedVerifications.push_back(std::move(sentence));
     SourceScan card = conclusion.card;
     if (!engine_.isCancelled() && !evidence.cardSwapped) {
         try {
@@ -145,7 +172,7 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
     tell(verdict);
     if (!outcome.complete() && report->verified)
         addWarning(*outcome.warning());
-    recordFinish(*report, evidence.whole, conclusion.card.files, verdict);
+    recordFinish(*report, evidence, conclusion, verdict);
     learnRates(*report);
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
@@ -155,7 +182,7 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
         endAs(Phase::done);
 }
 
-void OffloadJob::concludeNothingNew(const std::string& note, Conclusion& conclusion) {
+void OffloadJob::concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) {
     Promises::Evidence evidence = gather(conclusion, nullptr);
     std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems));
     const Promises::Verdict verdict = Promises::judge(evidence);
@@ -167,10 +194,16 @@ void OffloadJob::concludeNothingNew(const std::string& note, Conclusion& conclus
             history_->finish(*check.newest, check.covered, check, forHistory(verdict),
                              [this] { addWarning(std::string(Msg::historyBusy)); });
         });
+    if (history_)
+        guardHistory([&] { history_->passed(passed(conclusion, nullptr), {}); });
+    const bool whole = !check.error && check.failedFiles == 0 && check.state.failed == 0 && check.notInBackup == 0 &&
+                       evidence.failedVerifications.empty();
     {
         MutexLock lock(mutex_);
-        state_.note = note;
-        if (check.lastRead)
+        state_.note = whole ? note : otherwise;
+        if (conclusion.readAll)
+            *state_.note += " Every copy was read just now.";
+        else if (check.lastRead)
             *state_.note +=
                 fmt::format(" The copies were last read on {}.", TimeText::local(*check.lastRead, "%Y-%m-%d %H:%M"));
         state_.copySucceeded = verdict.safeToEject;
@@ -187,10 +220,11 @@ void OffloadJob::tell(const Promises::Verdict& verdict) {
     state_.safeToFormat = verdict.safeToFormat;
 }
 
-void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<BackupCheck>& wholeCard,
-                              const std::vector<SourceFile>& card, const Promises::Verdict& verdict) {
+void OffloadJob::recordFinish(const OffloadReport& report, const Promises::Evidence& evidence,
+                              const Conclusion& conclusion, const Promises::Verdict& verdict) {
     if (!history_)
         return;
+    const std::optional<BackupCheck>& wholeCard = evidence.whole;
     const auto isDone = [](const OffloadReport::FileEntry& file) {
         return std::ranges::any_of(file.destinations,
                                    [](const std::string& s) { return s != "pending" && s != "failed"; });
@@ -199,8 +233,10 @@ void OffloadJob::recordFinish(const OffloadReport& report, const std::optional<B
         if (engine_.isCancelled() && std::ranges::none_of(report.files, isDone))
             history_->forget();
         else
-            history_->finish(report, wholeCard ? wholeCard->covered : card, wholeCard, forHistory(verdict),
-                             [this] { addWarning(std::string(Msg::historyBusy)); });
+            history_->finish(report, wholeCard ? wholeCard->covered : conclusion.card.files, wholeCard,
+                             forHistory(verdict), [this] { addWarning(std::string(Msg::historyBusy)); });
+        if (evidence.problems.empty())
+            history_->passed(passed(conclusion, &report), {});
     });
 }
 

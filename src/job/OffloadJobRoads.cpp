@@ -10,6 +10,7 @@
 #include "job/HeldFolders.h"
 #include "job/HistoryKeeper.h"
 #include "job/RepairWork.h"
+#include "job/ReportRebuild.h"
 #include "job/SetAside.h"
 #include "memory/AppendPlanner.h"
 #include "memory/CaseTwins.h"
@@ -34,8 +35,8 @@ using Phase = JobStatus::Phase;
 // What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
 // gives way without a trace only when it looks like the file that will replace it, or holds nothing.
 OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
-    return [&append, twins = CaseTwins(append.fullScan.files)](std::size_t destination, std::size_t file,
-                                                               const std::string&) {
+    return [&append, twins = CaseTwins(append.fullScan.files, append.records)](std::size_t destination,
+                                                                               std::size_t file, const std::string&) {
         const SourceFile& source = append.newFiles[file];
         const auto isOwnWork = [&](const FileFacts& there) {
             const bool alike = there.size == source.size && FileTimes::close(there.modified, source.mtime, false);
@@ -122,6 +123,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
                                countedFiles(append.later)));
     reopenHistory();
+    moveStrangePages(append.cardPaths, append.generation);
     if (append.resuming)
         engine_.setBeforeRename(makingWay(append));
     Conclusion conclusion;
@@ -143,11 +145,11 @@ void OffloadJob::runRepair() {
     Preflight::checkInto(config_.source, cardPaths, engine_.options());
     lockFolders(cardPaths);
     const auto isCancelled = [this] { return engine_.isCancelled(); };
-    RepairPlanner::Checked checked = RepairPlanner::check(cardPaths);
-    if (checked.settle) {
+    RepairPlanner::Checked checked = checkRepair(cardPaths);
+    const bool settled = checked.settle.has_value();
+    if (settled) {
         settleRecords(*checked.settle, checked.backup.paths);
         checked = RepairPlanner::check(cardPaths);
-        checked.settled = true;
     }
     begin(Phase::copying);
     log("Reading every copy of the backup to find what is defective…");
@@ -161,17 +163,50 @@ void OffloadJob::runRepair() {
     conclusion.elsewhere = repair.plan.elsewhere;
     conclusion.coversPart = true;
     conclusion.comparesAll = true;
-    known_.failedVerifications.clear(); // every copy has just been read
+    conclusion.readAll = true;
     if (repair.plan.scan.files.empty()) {
-        concludeNothingNew("The interrupted repair is finished — every file is good on every destination.", conclusion);
+        if (settled)
+            concludeNothingNew("The interrupted repair is finished — every file is good on every destination.",
+                               "The interrupted repair is finished.", conclusion);
+        else
+            concludeNothingNew("Nothing to repair — every file is good on every destination.",
+                               "Nothing to repair from this card.", conclusion);
         return;
     }
     checkSpace(repair.plan);
     reopenHistory();
+    moveStrangePages(repair.plan.cardPaths(), repair.plan.generation);
     engine_.setBeforeRename(repair_->mover(repair));
     OffloadReport report = engine_.run(repair.plan);
     SetAside::list(report);
     conclude(std::move(report), conclusion);
+}
+
+// A report that only one of the disks lost is made anew before the backup is refused for it.
+RepairPlanner::Checked OffloadJob::checkRepair(const std::vector<std::string>& cardPaths) {
+    try {
+        return RepairPlanner::check(cardPaths);
+    } catch (const OffloadError&) {
+        std::vector<std::string> rebuilt;
+        try {
+            rebuilt = ReportRebuild::run(cardPaths, [this](const std::string& cardPath) { held_->check(cardPath); });
+        } catch (const std::exception& error) {
+            log(std::string("no report was made anew: ") + error.what());
+        }
+        if (rebuilt.empty())
+            throw;
+        for (const std::string& sentence : rebuilt)
+            addWarning(sentence);
+    }
+    return RepairPlanner::check(cardPaths);
+}
+
+// The reports of the run get their names, whatever a person put there.
+void OffloadJob::moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation) {
+    for (const std::string& cardPath : cardPaths) {
+        held_->check(cardPath);
+        SetAside::strangePages(cardPath, generation);
+    }
 }
 
 // A run that had done all its work was stopped between its last records. They are made final as they are: nothing has
@@ -179,6 +214,7 @@ void OffloadJob::runRepair() {
 void OffloadJob::settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths) {
     log(fmt::format("Finishing the records of generation {}, which an interrupted run has left.",
                     report.generationNumber()));
+    moveStrangePages(cardPaths, report.generationNumber());
     Verification::Order order{cardPaths, ReportWriter::Stamp::present()};
     order.beforeWrite = [this](const std::string& cardPath) { held_->check(cardPath); };
     const auto outcome = Verification::commit(report, order, [this](std::string_view line) { log(line); });
@@ -199,7 +235,7 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     conclusion.elsewhere = plan.elsewhere;
     conclusion.coversPart = true;
     conclusion.comparesAll = plan.sameMedium;
-    concludeNothingNew(nothing.what(), conclusion);
+    concludeNothingNew(nothing.what(), "Nothing new on the card.", conclusion);
 }
 
 void OffloadJob::checkSpace(const OffloadPlan& plan) {

@@ -65,7 +65,10 @@ void judgeWhole(const BackupCheck& whole, Judgement& judgement) {
                    whole.notInBackup > 0 ? BackupMessage::notInBackup(whole.notInBackup) : "");
     judgement.deny(unverified > 0, format | verified, unverified > 0 ? BackupMessage::unverified(unverified) : "");
     judgement.denyEach(whole.elsewhere, format | verified);
-    judgement.deny(whole.failedFiles > 0, verified);
+    // Whatever failed is among these by name. A failure that is not must not pass unsaid.
+    const bool said = failed > 0 || !whole.lost.empty() || whole.notInBackup > 0;
+    judgement.deny(whole.failedFiles > 0, everything,
+                   whole.failedFiles > 0 && !said ? BackupMessage::failed(whole.failedFiles) : "");
 }
 
 } // namespace

@@ -1,11 +1,11 @@
 #include "job/SetAside.h"
 
+#include "base/Errors.h"
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "engine/Layout.h"
-#include "engine/Scanner.h"
+#include "memory/ReportFile.h"
 #include "platform/IO.h"
-#include "records/SourceFile.h"
 
 #include <fmt/format.h>
 
@@ -19,6 +19,7 @@ namespace velmora::SetAside {
 namespace {
 
 constexpr int mostOfOneName = 100;
+constexpr std::int64_t largestPage = 1LL << 30;
 
 // Relative to the card folder.
 std::string folderOf(std::int64_t generation) {
@@ -40,20 +41,21 @@ void makeFolders(const std::string& root, const std::string& relative) {
 // The name that a file had before it was moved: a copy that found its name taken has a number behind it.
 std::string nameBefore(const std::string& name, const std::unordered_set<std::string>& files) {
     const std::size_t dot = name.rfind('.');
-    return files.contains(name) || dot == std::string::npos ? name : name.substr(0, dot);
+    const bool isNumbered = dot != std::string::npos && dot + 1 < name.size() &&
+                            name.find_first_not_of("0123456789", dot + 1) == std::string::npos;
+    return isNumbered && !files.contains(name) ? name.substr(0, dot) : name;
 }
 
-} // namespace
-
-void move(const std::string& cardPath, std::int64_t generation, const std::string& relPath) {
+// Calls `put` with the first free path for `relPath`, whose folder is there then.
+void place(const std::string& cardPath, std::int64_t generation, const std::string& relPath,
+           const std::function<void(const std::string& to)>& put) {
     const std::string wanted = RelativePath::join(folderOf(generation), relPath);
     const std::string folder(RelativePath::folder(wanted));
     makeFolders(cardPath, folder);
-    const std::string from = RelativePath::join(cardPath, relPath);
     for (int n = 1; n <= mostOfOneName; ++n) {
         const std::string to = n == 1 ? wanted : fmt::format("{}.{}", wanted, n); // a run that died may have left one
         try {
-            IO::renameNoReplace(from, RelativePath::join(cardPath, to));
+            put(RelativePath::join(cardPath, to));
             IO::syncFolder(RelativePath::join(cardPath, folder));
             return;
         } catch (const IOError& error) {
@@ -62,6 +64,57 @@ void move(const std::string& cardPath, std::int64_t generation, const std::strin
         }
     }
     throw IOError("rename", RelativePath::join(cardPath, wanted), EEXIST);
+}
+
+// All that lies below `folder`, by its path there: files and links, and folders that hold nothing or that stood in the
+// place of a file.
+void collect(const std::string& folder, const std::string& below, const std::unordered_set<std::string>& files,
+             std::vector<std::string>& found) {
+    for (const IOEntry& entry : IO::list(folder)) {
+        const std::string path = below.empty() ? entry.name : below + "/" + entry.name;
+        const std::size_t before = found.size();
+        if (entry.isFolder() && !files.contains(nameBefore(path, files)))
+            collect(folder + "/" + entry.name, path, files, found);
+        if (!entry.isFolder() || found.size() == before)
+            found.push_back(path);
+    }
+}
+
+} // namespace
+
+void move(const std::string& cardPath, std::int64_t generation, const std::string& relPath) {
+    const std::string from = RelativePath::join(cardPath, relPath);
+    place(cardPath, generation, relPath, [&](const std::string& to) { IO::renameNoReplace(from, to); });
+}
+
+void keep(const std::string& cardPath, std::int64_t generation, const std::string& relPath) {
+    std::string bytes;
+    try {
+        bytes = IO::readFileBeneath(cardPath, relPath, largestPage);
+    } catch (const IOError&) {
+        move(cardPath, generation, relPath);
+        return;
+    }
+    place(cardPath, generation, relPath, [&](const std::string& to) { IO::writeFileNew(to, bytes); });
+}
+
+void strangePages(const std::string& cardPath, std::int64_t generation) {
+    const std::string folder = std::string(Layout::reportDirName) + "/";
+    const std::string json = folder + OffloadReport::jsonName(generation);
+    const std::string text = folder + OffloadReport::textName(generation);
+    const std::string path = RelativePath::join(cardPath, json);
+    if (IO::exists(path)) {
+        try {
+            if (ReportFile::read(path).generationNumber() == generation)
+                return;
+        } catch (const IOError&) {
+            throw;                        // what cannot be read now may be ours
+        } catch (const std::exception&) { // it is no report
+        }
+        move(cardPath, generation, json);
+    }
+    if (IO::exists(RelativePath::join(cardPath, text)))
+        move(cardPath, generation, text);
 }
 
 void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath, bool isTwin,
@@ -86,9 +139,11 @@ void list(OffloadReport& report) {
         try {
             if (!IO::exists(path) || !IO::lstat(path).isFolder)
                 continue;
-            for (const SourceFile& file : Scanner::scan(path).files)
-                copies.push_back({static_cast<std::int64_t>(d), nameBefore(file.relPath, files),
-                                  RelativePath::join(folder, file.relPath)});
+            std::vector<std::string> found;
+            collect(path, "", files, found);
+            for (const std::string& each : found)
+                copies.push_back({static_cast<std::int64_t>(d), escapeForDisplay(nameBefore(each, files)),
+                                  escapeForDisplay(RelativePath::join(folder, each))});
         } catch (const std::exception&) {
             continue; // the disk is gone, and the run says so itself
         }

@@ -17,14 +17,21 @@ namespace SetAside {
 // link below the card folder. Throws IOError.
 void move(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
 
+// Puts a copy of the file aside, and leaves it where it is; one that cannot be read is moved.
+void keep(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
+
+// Moves aside what stands under the names of the reports of `generation` and is none of them: somebody put it there. A
+// text without its report is nobody's: the report is written first.
+void strangePages(const std::string& cardPath, std::int64_t generation);
+
 // Frees the name `relPath` of the card folder for a new copy. What stands there moves aside, unless `isOwnWork` says of
 // it that a run which died has left it: that is deleted. Where another file of the card differs from it in case only
 // (`isTwin`), a disk that folds case may give that one under this name: it stays where it is.
 void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath, bool isTwin,
              const std::function<bool(const FileFacts&)>& isOwnWork = {});
 
-// Lists in the report all that lies aside for its generation in its card folders: what the run moved itself, and what
-// runs had moved that died before they could write a report. What cannot be read is left out.
+// Lists in the report all that lies aside for its generation in its card folders, links and folders too: what the run
+// moved itself, and what runs had moved that died before they could write a report. What cannot be read is left out.
 void list(OffloadReport& report);
 
 } // namespace SetAside

@@ -1,6 +1,7 @@
 #include "memory/AppendPlanner.h"
 
 #include "base/Msg.h"
+#include "base/Product.h"
 #include "base/RelativePath.h"
 #include "base/SideBySide.h"
 #include "base/Text.h"
@@ -56,10 +57,12 @@ CardRecord loadRecord(const std::string& path, std::optional<std::int64_t> unfin
             PreflightCode::appendNoReport,
             fmt::format("{} has no report of the earlier backup (_REPORT/offload_report.json) — cannot append.", path));
     if (record.error || !record.problems.empty())
-        throw refuse(PreflightCode::other,
-                     fmt::format("Cannot read the report of the earlier backup in {} ({}) — cannot "
-                                 "append.",
-                                 path, record.error ? *record.error : record.problems.front()));
+        throw refuse(
+            PreflightCode::other,
+            fmt::format("Cannot read the report of the earlier backup in {} ({}) — cannot "
+                        "append. A report that another disk of the backup still has is made anew by Repair ({} "
+                        "repair) into all of them.",
+                        path, record.error ? *record.error : record.problems.front(), Product::cli));
     return record;
 }
 

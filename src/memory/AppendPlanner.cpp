@@ -2,6 +2,7 @@
 
 #include "base/FileTimes.h"
 #include "base/Msg.h"
+#include "base/Product.h"
 #include "base/RelativePath.h"
 #include "base/SideBySide.h"
 #include "base/Text.h"
@@ -31,6 +32,8 @@ namespace {
 
 OffloadError refuse(PreflightCode code, const std::string& text) { return OffloadError::preflight(code, text); }
 
+std::string exactBytes(std::int64_t bytes) { return counted(bytes, "byte", "bytes"); }
+
 void stopIf(const IsCancelled& isCancelled) {
     if (isCancelled && isCancelled())
         throw Cancelled();
@@ -42,7 +45,8 @@ public:
     Planning(const Ask& ask, Backup backup, const ResumePlanner::Findings& found, bool localTime,
              const IsCancelled& isCancelled)
         : ask_(ask), backup_(std::move(backup)), unfinished_(found.unfinished), localTime_(localTime),
-          isCancelled_(isCancelled), card_(Scanner::scan(ask.source, isCancelled)), twins_(card_.files) {
+          isCancelled_(isCancelled), card_(Scanner::scan(ask.source, isCancelled)),
+          twins_(card_.files, backup_.records) {
         folders_ = sideBySide(backup_.paths.size(),
                               [&](std::size_t d) { return BackupFolder(backup_.paths[d], isCancelled); });
         plan_.source = ask.source;
@@ -164,11 +168,17 @@ private:
         const std::string_view status = backup_.records[d].statusOf(record, d);
         if (status != "written" && status != "verified")
             throw refuse(PreflightCode::appendFailedFile,
-                         fmt::format("{} was not copied correctly to {} in the earlier backup — cannot append, make a "
-                                     "full copy.",
-                                     file.relPath, disk(backup_.paths[d])));
+                         fmt::format("{} was not copied correctly to {} in the earlier backup — cannot append; Repair "
+                                     "({} repair) copies such files again from the card.",
+                                     file.relPath, disk(backup_.paths[d]), Product::cli));
         const SourceFile* present = folders_[d].file(file.relPath, twins_.contains(file.relPath));
-        if (!present || present->size != file.size)
+        if (present && present->size != file.size)
+            throw refuse(PreflightCode::appendMissingFile,
+                         fmt::format("A file of the earlier backup has another size on {}: {} ({}, in the backup {}) — "
+                                     "check the backup with {}, then run Repair ({} repair).",
+                                     disk(backup_.paths[d]), file.relPath, exactBytes(present->size),
+                                     exactBytes(file.size), verifyHint, Product::cli));
+        if (!present)
             throw refuse(PreflightCode::appendMissingFile,
                          fmt::format("A file of the earlier backup is missing on {}: {} — check the backup with {}.",
                                      disk(backup_.paths[d]), file.relPath, verifyHint));
@@ -379,9 +389,22 @@ std::string disk(const std::string& path) {
 
 std::string when(Timestamp date) { return TimeText::local(date, "%m-%d %H:%M"); }
 
+// Rounded for the eye; where that would read the same of two that differ, as exactly as they differ.
 std::string conflict(const SourceFile& file, std::int64_t size, Timestamp modified) {
-    return fmt::format("{}: different size or date (card {}, {}; backup {}, {})", file.relPath, formatBytes(file.size),
-                       when(file.mtime), formatBytes(size), when(modified));
+    std::string card = formatBytes(file.size), backup = formatBytes(size);
+    if (card == backup && file.size != size)
+        card = exactBytes(file.size), backup = exactBytes(size);
+    const char* const formats[] = {"%m-%d %H:%M", "%m-%d %H:%M:%S", "%Y-%m-%d %H:%M:%S %Z"};
+    std::string now, then;
+    for (const char* format : formats)
+        if (now == then)
+            now = TimeText::local(file.mtime, format), then = TimeText::local(modified, format);
+    if (now == then && file.mtime.nanoseconds != modified.nanoseconds) {
+        now += fmt::format(".{:09}", file.mtime.nanoseconds);
+        then += fmt::format(".{:09}", modified.nanoseconds);
+    }
+    return fmt::format("{}: different size or date (card {}, {}; backup {}, {})", file.relPath, card, now, backup,
+                       then);
 }
 
 OffloadError stopped(const std::vector<std::string>& lines, const std::string& folder) {

@@ -42,12 +42,13 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
 
 // What a folder lacks that nobody named for this run, by its records and by what lies there; empty when it lacks
 // nothing.
-std::string lackOf(const BackupPlace& place, const SourceScan& card, const CaseTwins& twins, bool localTime) {
+std::string lackOf(const BackupPlace& place, const SourceScan& card, bool localTime) {
     const std::string& cardPath = place.cardPath;
     if (!IO::isFolder(cardPath) ||
         (place.volumeSerial && VolumeFacts::volumeSerialText(cardPath) != place.volumeSerial))
         return BackupMessage::elsewhereUnchecked(cardPath);
     const std::vector<CardRecord> record{CardRecord::load(cardPath)};
+    const CaseTwins twins(card.files, record);
     const BackupFolder folder(cardPath, {});
     std::int64_t lacking = 0;
     for (const SourceFile& file : card.files) {
@@ -80,16 +81,17 @@ std::optional<std::string> problemOf(const CardRecord& record) {
 }
 
 // Nobody has these: the run that recorded them failed, and the card does not show them any more.
-std::vector<std::string> lostFiles(const std::vector<CardRecord>& records, const SourceScan& card) {
+std::vector<std::string> lostFiles(const std::vector<CardRecord>& records, const SourceScan& card,
+                                   const CaseTwins& twins) {
     std::unordered_set<std::string> onCard;
     for (const SourceFile& file : card.files)
-        onCard.insert(pathKey(file.relPath));
+        onCard.insert(twins.nameOf(file.relPath));
     for (const UncopiedItem& item : card.uncopied)
-        onCard.insert(pathKey(item.shown));
+        onCard.insert(twins.nameOf(item.shown));
     std::set<std::string> lost;
     for (const CardRecord& record : records)
         for (std::string& path : record.failedFiles())
-            if (!onCard.contains(pathKey(path)))
+            if (!onCard.contains(twins.nameOf(path)))
                 lost.insert(std::move(path));
     return {lost.begin(), lost.end()};
 }
@@ -110,8 +112,8 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
         check.generations = generationsOf(records.front());
         check.newest = records.front().generations.back().report;
     }
-    check.lost = lostFiles(records, card);
-    const CaseTwins twins(card.files);
+    const CaseTwins twins(card.files, records);
+    check.lost = lostFiles(records, card, twins);
     for (const SourceFile& file : card.files) {
         const bool exactly = twins.contains(file.relPath);
         const auto words = statusesOf(file, records, exactly, localTime);
@@ -130,8 +132,7 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
         if (!check.lastRead || recorded->report->finished < *check.lastRead)
             check.lastRead = recorded->report->finished;
     }
-    const auto lacks =
-        sideBySide(places.size(), [&](std::size_t p) { return lackOf(places[p], card, twins, localTime); });
+    const auto lacks = sideBySide(places.size(), [&](std::size_t p) { return lackOf(places[p], card, localTime); });
     for (const std::string& lack : lacks)
         if (!lack.empty())
             check.elsewhere.push_back(lack);

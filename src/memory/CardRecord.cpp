@@ -60,8 +60,10 @@ void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
         const auto [slot, isNew] = record.files.try_emplace(pathKey(file.path), recorded);
         if (isNew)
             continue;
-        // Another name under the same key is another file; only a repair may record a file under a changed name.
-        if (slot->second.file->path != file.path && !generation.report->isRepair())
+        // Another name under the same key is another file; only a repair may record a file under a changed name, unless
+        // the key has two files already.
+        const bool isTwin = record.twins.contains(file.path);
+        if (slot->second.file->path != file.path && (isTwin || !generation.report->isRepair()))
             record.twins.insert_or_assign(slot->second.file->path, slot->second);
         if (!record.twins.empty())
             record.twins.erase(file.path);
@@ -111,7 +113,12 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
         return record;
     }
     try {
-        record.generations.push_back({1, readReport(first)});
+        try {
+            record.generations.push_back({1, readReport(first)});
+        } catch (const OffloadError& error) {
+            record.error = OffloadReport::jsonName(1) + ": " + error.what();
+            return record;
+        }
         const std::vector<std::int64_t> numbers = reportNumbers(cardPath);
         record.highestReportNumber = numbers.empty() ? 1 : numbers.back();
         for (std::int64_t number : numbers) {

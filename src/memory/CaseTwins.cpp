@@ -4,12 +4,15 @@
 
 namespace velmora {
 
-CaseTwins::CaseTwins(const std::vector<SourceFile>& files) {
+CaseTwins::CaseTwins(const std::vector<SourceFile>& files, std::span<const CardRecord> records) {
     std::unordered_set<std::string> seen;
     seen.reserve(files.size());
     for (const SourceFile& file : files)
         if (auto [key, isNew] = seen.insert(pathKey(file.relPath)); !isNew)
             keys_.insert(*key);
+    for (const CardRecord& record : records)
+        for (const auto& [path, recorded] : record.twins)
+            keys_.insert(pathKey(path));
 }
 
 bool CaseTwins::contains(std::string_view relPath) const { return !keys_.empty() && keys_.contains(pathKey(relPath)); }

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "memory/CardRecord.h"
 #include "records/SourceFile.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -9,12 +11,13 @@
 
 namespace velmora {
 
-// The names of a card that differ only in case. Records are looked up without regard to case, since a card or a disk
-// may fold it; two files that share such a key would then stand in for each other, so theirs is compared byte for byte.
+// The names of a card and its backup that differ only in case. Records are looked up without regard to case, since a
+// card or a disk may fold it; two files that share such a key would then stand in for each other, so theirs is compared
+// byte for byte. The records have a say: a card that lost one of two such files shows the other alone.
 class CaseTwins {
 public:
     CaseTwins() = default;
-    explicit CaseTwins(const std::vector<SourceFile>& files);
+    CaseTwins(const std::vector<SourceFile>& files, std::span<const CardRecord> records);
 
     bool contains(std::string_view relPath) const;
     // What a file is filed under: its path key, or the path itself where the key is shared.

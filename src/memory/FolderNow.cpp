@@ -66,15 +66,20 @@ struct Look {
 // The card's files by path key, shared by all folders.
 struct CardIndex {
     const Card& card;
-    CaseTwins twins;
     std::unordered_set<std::string> keys;
+    std::unordered_set<std::string_view> names;
     std::unordered_set<std::string_view> newNames;
 
-    explicit CardIndex(const Card& onCard) : card(onCard), twins(onCard.files) {
+    explicit CardIndex(const Card& onCard) : card(onCard) {
         for (const SourceFile& file : card.newFiles)
             newNames.insert(file.relPath);
-        for (const SourceFile& file : card.files)
+        for (const SourceFile& file : card.files) {
             keys.insert(pathKey(file.relPath));
+            names.insert(file.relPath);
+        }
+    }
+    bool holds(const std::string& path, const CaseTwins& twins) const {
+        return twins.contains(path) ? names.contains(path) : keys.contains(pathKey(path));
     }
 };
 
@@ -93,18 +98,16 @@ std::string_view statusOf(const CardRecord& record, const RecordedFile& recorded
 }
 
 void judgeFile(FolderNow& now, const CardRecord& record, const RecordedFile& recorded, const BackupFolder& disk,
-               const CardIndex& card, bool exactly, bool localTime) {
+               const CardIndex& card, const CaseTwins& twins, bool localTime) {
     const OffloadReport::FileEntry& file = *recorded.file;
     const std::string_view status = statusOf(record, recorded);
     const bool never = (file.sourceError && !file.xxh64) || status == "pending";
     if (never || file.sourceError || (status != "written" && status != "verified")) {
-        FolderNow::Files& kind = !card.keys.contains(pathKey(file.path)) ? now.lost
-                                 : never                                 ? now.neverCame
-                                                                         : now.failed;
+        FolderNow::Files& kind = !card.holds(file.path, twins) ? now.lost : never ? now.neverCame : now.failed;
         kind.add(file.path);
         return;
     }
-    const SourceFile* copy = disk.file(file.path, exactly);
+    const SourceFile* copy = disk.file(file.path, twins.contains(file.path));
     // Every copy was given the time of the card's file: one with another time was touched since.
     if (!copy || copy->size != file.size || !FileTimes::close(copy->mtime, file.modified, localTime))
         now.damaged.add(file.path);
@@ -114,16 +117,17 @@ void judgeFile(FolderNow& now, const CardRecord& record, const RecordedFile& rec
 
 void judgeFiles(Look& look, const BackupFolder& disk, const CardIndex& card, bool localTime) {
     const CardRecord& record = look.record;
+    const CaseTwins twins(card.card.files, std::span(&record, 1));
     for (const auto& [key, recorded] : record.files)
-        judgeFile(look.now, record, recorded, disk, card, !record.twins.empty(), localTime);
+        judgeFile(look.now, record, recorded, disk, card, twins, localTime);
     // Two names in one report are two files; in two reports the later may be the same file under another case.
     for (const auto& [path, recorded] : record.twins)
         if (record.files.at(pathKey(path)).report == recorded.report)
-            judgeFile(look.now, record, recorded, disk, card, true, localTime);
+            judgeFile(look.now, record, recorded, disk, card, twins, localTime);
     for (const SourceFile& file : card.card.files) {
         if (card.newNames.contains(file.relPath))
             continue;
-        const RecordedFile* found = record.find(file.relPath, card.twins.contains(file.relPath));
+        const RecordedFile* found = record.find(file.relPath, twins.contains(file.relPath));
         if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
             look.now.lacking.add(file.relPath);
     }

@@ -50,7 +50,7 @@ public:
              const std::function<void(std::int64_t)>& progress)
         : ask_(ask), source_(ask.source), checked_(checked), backup_(checked.backup), open_(checked.found.unfinished),
           localTime_(localTime), isCancelled_(isCancelled), progress_(progress),
-          card_(Scanner::scan(ask.source, isCancelled)), twins_(card_.files) {
+          card_(Scanner::scan(ask.source, isCancelled)), twins_(card_.files, backup_.records) {
         for (const SourceFile& file : card_.files)
             onCard_.emplace(twins_.nameOf(file.relPath), &file);
     }
@@ -58,8 +58,6 @@ public:
     RepairPlan run(const std::vector<Findings>& findings) {
         collect(findings);
         takeUpOpenRepair();
-        if (bad_.empty() && !checked_.settled)
-            throw refuse(PreflightCode::repairNothing, "Nothing to repair — every file is good on every destination.");
         if (!sameCard())
             throw refuse(PreflightCode::other, Msg::repairOtherCard);
         const bool sameMedium =

@@ -40,16 +40,14 @@ struct Checked {
     AppendPlanner::Backup backup;
     ResumePlanner::Findings found;       // with an interrupted repair, if there is one
     std::optional<OffloadReport> settle; // of a repair that had done all but its records: to be committed as it is
-    bool settled = false;                // that has just been done
 };
 Checked check(const std::vector<std::string>& cardPaths);
 
 // `findings` runs parallel to the folders. A file that a report calls failed counts as bad too and is written again.
 // One that was never verified is compared with the card and read back, and so is what an interrupted repair has put
-// right. A plan without files says that all is good: only where the records were settled just now, which is work done;
-// otherwise that is the refusal `repairNothing`. On a card that nothing tells from another with the same names, sizes
-// and times, every file of the backup is compared. `progress` gets the bytes read on the card. Throws OffloadError with
-// a code, Cancelled, and the scan's IOError.
+// right. A plan without files says that nothing can be mended from this card. On a card that nothing tells from another
+// with the same names, sizes and times, every file of the backup is compared. `progress` gets the bytes read on the
+// card. Throws OffloadError with a code, Cancelled, and the scan's IOError.
 RepairPlan plan(const AppendPlanner::Ask& ask, const Checked& checked, const std::vector<Findings>& findings,
                 const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress = {});
 

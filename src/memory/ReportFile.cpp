@@ -19,7 +19,13 @@ std::string bytesOf(const std::string& path) {
 } // namespace
 
 OffloadReport read(const std::string& path) {
-    OffloadReport report = OffloadReport::fromJson(bytesOf(path));
+    const std::string bytes = bytesOf(path);
+    OffloadReport report;
+    try {
+        report = OffloadReport::fromJson(bytes);
+    } catch (const std::exception&) { // the text of the parser is for nobody at a cart
+        throw OffloadError::failed(bytes.empty() ? "it is empty" : "it is damaged");
+    }
     for (const auto& file : report.files)
         if (!isSafeRelative(file.path))
             throw OffloadError::failed("it names a file outside of the card folder: " + escapeForDisplay(file.path));

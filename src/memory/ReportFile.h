@@ -10,7 +10,7 @@ namespace velmora {
 // would leave the card folder makes the whole report unreadable.
 namespace ReportFile {
 
-// Throws IOError, or an error of parsing whose text says what is wrong.
+// Throws IOError, or OffloadError whose text says in plain words what is wrong.
 OffloadReport read(const std::string& path);
 
 } // namespace ReportFile

@@ -1,7 +1,6 @@
 #include "verify/VerificationTrace.h"
 
 #include "memory/HistoryRecords.h"
-#include "memory/HistoryStore.h"
 
 #include <fmt/format.h>
 
@@ -22,7 +21,10 @@ bool holds(const HistoryEntry& entry, const std::string& cardPath) {
     });
 }
 
-void write(HistoryStore& history, const HistoryVerification& mark, const Log& log) {
+} // namespace
+
+HistoryWrite enter(HistoryStore& history, const HistoryVerification& mark, const Log& log) {
+    HistoryWrite worst = HistoryWrite::written;
     for (const HistoryEntry& entry : history.load()) {
         if (!holds(entry, mark.cardPath))
             continue;
@@ -32,12 +34,12 @@ void write(HistoryStore& history, const HistoryVerification& mark, const Log& lo
                     return std::nullopt;
                 return HistoryStore::Change{HistoryRecords::verified(*present, mark), std::nullopt};
             });
+        worst = std::max(worst, written);
         if (log && (written == HistoryWrite::busy || written == HistoryWrite::failed))
             log("history (verify): not written — the card history does not know what was found in " + mark.cardPath);
     }
+    return worst;
 }
-
-} // namespace
 
 std::optional<HistoryVerification> of(const VerifyResult& result) {
     if (result.onOtherDisk)
@@ -46,6 +48,10 @@ std::optional<HistoryVerification> of(const VerifyResult& result) {
     // The disk may be mounted elsewhere now than when the backup was made.
     mark.cardPath = result.recordedPath.value_or(result.cardPath);
     mark.volumeSerial = result.volumeSerial;
+    const bool onlyAtCopy =
+        result.changed.empty() && result.missing.empty() && result.unreadable.empty() && !result.failedAtCopy.empty();
+    if (onlyAtCopy)
+        return std::nullopt;
     if (!result.success()) {
         mark.failed = result.finished;
         mark.found = foundIn(result);
@@ -59,7 +65,7 @@ std::optional<HistoryVerification> of(const VerifyResult& result) {
 
 void record(HistoryStore& history, const VerifyResult& result, const Log& log) noexcept try {
     if (const auto mark = of(result))
-        write(history, *mark, log);
+        enter(history, *mark, log);
 } catch (const std::exception& error) {
     if (log)
         log(std::string("history (verify): not written — ") + error.what());

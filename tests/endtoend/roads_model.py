@@ -235,7 +235,7 @@ class World:
 
     def judge(self, run, before):
         name = run.result.get("cardName") or (self.name if run.kind != "copy" else None)
-        if run.kind == "repair" and run.result.get("errorCode") in (None, "repairNothing", "repairConflict"):
+        if run.kind == "repair" and run.result.get("errorCode") in (None, "repairConflict"):
             if run.status >= 0:
                 self.noticed(run.into, name)
         safe = [p for p, text in run.wrote.items() if REPORT.search(p) and load(text).get("safeToFormatSeconds")]

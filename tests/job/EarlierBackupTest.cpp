@@ -3,6 +3,9 @@
 #include "engine/FolderLocks.h"
 #include "job/OffloadJob.h"
 #include "memory/CardRecord.h"
+#include "memory/HistoryRecorder.h"
+#include "memory/HistoryRecords.h"
+#include "memory/HistoryStore.h"
 #include "memory/ResumePlanner.h"
 #include "mhl/MHLReader.h"
 #include "platform/IO.h"
@@ -10,6 +13,8 @@
 #include "records/OffloadReport.h"
 #include "support/FileTree.h"
 #include "support/TempFolder.h"
+#include "verify/BackupVerifier.h"
+#include "verify/VerificationTrace.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -31,6 +36,7 @@ protected:
     test::TempFolder temp;
     test::TempFolder reader{"/dev/shm"}; // the card lies on a volume of its own
     OffloadOptions options;
+    JobServices services;
     std::unique_ptr<OffloadJob> job;
     std::vector<std::string> cards{temp / "a/2026-03-14/CARD", temp / "b/2026-03-14/CARD"};
 
@@ -55,7 +61,7 @@ protected:
         return config;
     }
     JobStatus run(JobConfig config, const std::vector<std::string>* repair = nullptr) {
-        job = std::make_unique<OffloadJob>(std::move(config), options);
+        job = std::make_unique<OffloadJob>(std::move(config), options, services);
         if (repair)
             job->repairInto(*repair);
         job->run({});
@@ -133,7 +139,11 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
         {"a disk that is away", [&] { shell("mv b elsewhere; mkdir b"); }, appendUnavailable, {cards[1]}},
         {"no report", [&] { fs::remove(reportOf(0)); }, appendNoReport, {cards[0], "cannot append."}},
         {"no report, repair", [&] { fs::remove(reportOf(0)); }, appendNoReport, {"cannot repair."}, repairing},
-        {"a report that is none", [&] { test::FileTree::write(reportOf(1), "{"); }, other, {"Cannot read the report"}},
+        {"a report that is none",
+         [&] { test::FileTree::write(reportOf(1), "{"); },
+         other,
+         {"Cannot read the report of the earlier backup in " + cards[1] + " (offload_report.json: it is damaged)",
+          "by Repair (velmora repair)"}},
         {"a report without a list",
          [&] { test::FileTree::write(reportOf(1), R"({"destinations":[],"files":[]})"); },
          other,
@@ -181,14 +191,16 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
         {"files that do not match, all of them",
          [&] {
              test::FileTree::write(temp / "card/3.txt", "longer than it was", 1'700'000'000);
+             const std::string touched = temp / "card/DCIM/1.mov";
+             fs::last_write_time(touched, fs::last_write_time(touched) + std::chrono::seconds(5));
              test::FileTree::write(temp / "card/.new.mov.offload-part", "x");
              test::FileTree::write(temp / "card/new.mov", "x");
              test::FileTree::write(cards[1] + "/DCIM/mine.mov", "x");
              test::FileTree::write(cards[0] + "/.DCIM.offload-part", "x");
          },
          appendConflict,
-         {"Append stopped — nothing was copied. 4 files do not match the backup:\n  ", "3.txt: different size or date",
-          "new.mov (the temporary copy name .new.mov.offload-part is another",
+         {"Append stopped — nothing was copied. 5 files do not match the backup:\n  ", "3.txt: different size or date",
+          ":05; backup 2.1 MB, ", "new.mov (the temporary copy name .new.mov.offload-part is another",
           "has a file DCIM/mine.mov that no report", "has a file .DCIM.offload-part that no report knows",
           "\nMake a full copy (it goes to "}},
         {"a file that only the dead run still has",
@@ -202,7 +214,11 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
         {"a copy that failed",
          [&] { replaceIn(reportOf(1), "\"verified\",\n        \"verified\"", "\"verified\",\n        \"failed\""); },
          appendFailedFile,
-         {"3.txt was not copied correctly to "}},
+         {"3.txt was not copied correctly to ", "cannot append; Repair (velmora repair) copies"}},
+        {"a copy of another size",
+         [&] { fs::resize_file(cards[1] + "/DCIM/2.mov", 999'999); },
+         appendMissingFile,
+         {"has another size on ", "DCIM/2.mov (999999 bytes, in the backup 1000000 bytes)"}},
         {"a copy that is gone", [&] { fs::remove(cards[1] + "/DCIM/2.mov"); }, appendMissingFile, {"DCIM/2.mov"}},
         {"a repair that never ended",
          [&] {
@@ -212,7 +228,6 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
          },
          other,
          {"was not finished — run it again first (velmora repair)"}},
-        {"nothing to repair", none, repairNothing, {"every file is good on every destination"}, repairing},
         {"nothing new while files are unfinished", [&] { line(2, "new"); }, other, {"finish it first"}, repairing},
         {"a repair without reading back", none, other, {"cannot run without verification"}, repairing, {"unverified"}},
         {"a card that lost and changed files",
@@ -279,13 +294,23 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
     ASSERT_TRUE(aside && aside->size() == 1);
     EXPECT_EQ(test::FileTree::read(cards[1] + "/" + aside->front().movedTo), bad);
 
-    // A text that somebody left under the name of the next report is not replaced by a repair, and that denies.
+    // A text that somebody left under the name of the next report moves aside.
     keep();
     const std::string text = cards[1] + "/_REPORT/offload_report_0004.txt";
     test::FileTree::write(text, "mine");
     fs::remove(cards[0] + "/3.txt");
-    EXPECT_FALSE(repair(cards).safeToFormat);
-    EXPECT_EQ(test::FileTree::read(text), "mine");
+    EXPECT_TRUE(repair(cards).safeToFormat);
+    EXPECT_EQ(test::FileTree::read(cards[1] + "/_REPORT/set-aside/0004/_REPORT/offload_report_0004.txt"), "mine");
+    restore();
+
+    // A card that fails while it is copied harms no good copy, and the next repair mends the bad one.
+    test::FileTree::flipBit(cards[1] + "/DCIM/4.mov", 5);
+    options.beforeFileCopy = [&](std::int64_t) { shell("mv card/DCIM/4.mov away"); };
+    EXPECT_FALSE(repair(cards).safeToEject);
+    EXPECT_EQ(job->report()->files.front().destinations, (std::vector<std::string>{"verified", "failed"}));
+    options.beforeFileCopy = {};
+    shell("cp -a away card/DCIM/4.mov");
+    EXPECT_TRUE(repair(cards).safeToFormat) << job->status().error.value_or("");
     restore();
 
     // A card that changes between the plan and the copy: what was planned is not what would be written.
@@ -344,19 +369,115 @@ TEST_F(EarlierBackup, ARepairKeepsGoodCopiesAndPassesOverWhatTheCardNeverGave) {
               (std::vector<std::string>{"verified", "verified"}));
 }
 
+// The card gave one of two files whose names differ in case only, and then lost the other.
+TEST_F(EarlierBackup, AFileThatIsLostIsNotHiddenByItsTwin) {
+    for (const std::string lost : {"A.MOV", "a.mov"}) {
+        SCOPED_TRACE(lost);
+        shell("rm -rf a/* b/* card/*.*");
+        shoot({{"A.MOV", 1000}, {"a.mov", 1000}});
+        options.beforeFileCopy = [&](std::int64_t) { fs::remove(temp / "card/" + lost); };
+        EXPECT_FALSE(copy().safeToEject);
+        options.beforeFileCopy = {};
+        for (const JobStatus& status : {append(cards), repair(cards)}) {
+            EXPECT_EQ(status.phase, Phase::done) << status.error.value_or("");
+            EXPECT_FALSE(status.safeToEject || status.safeToFormat);
+            EXPECT_THAT(status.warning().value_or(""), HasSubstr(lost + " — do not format the card"));
+            EXPECT_THAT(status.note.value_or(""), testing::StartsWith("Nothing "));
+            EXPECT_THAT(status.note.value_or(""),
+                        testing::Not(testing::AnyOf(HasSubstr("complete"), HasSubstr("good"))));
+        }
+    }
+}
+
+// What a verification found is over when a later run has read every copy of the folder and found it good.
+TEST_F(EarlierBackup, AReadingOfAllCopiesEndsWhatAVerificationFound) {
+    HistoryRecorder recorder;
+    services = {&recorder, temp / "settings"};
+    const auto verify = [&] {
+        HistoryStore store(temp / "settings", 2);
+        VerificationTrace::record(store, BackupVerifier::verify(cards[0], mebibyte, {}, {}), {});
+    };
+    const auto hasFailed = [&] {
+        return HistoryRecords::verificationOf(HistoryStore(temp / "settings", 2).load(), cards[0],
+                                              CardRecord::load(cards[0]).volumeSerial)
+            .value()
+            .failed.has_value();
+    };
+    JobConfig unread = config();
+    unread.verify = false;
+    ASSERT_EQ(run(unread).phase, Phase::done);
+    const std::string good = test::FileTree::read(cards[0] + "/3.txt");
+    const auto time = fs::last_write_time(cards[0] + "/3.txt");
+    const auto spoil = [&](bool bad) {
+        test::FileTree::flipBit(cards[0] + "/3.txt", 1);
+        fs::last_write_time(cards[0] + "/3.txt", time);
+        if (bad)
+            verify();
+    };
+    spoil(true);
+    ASSERT_TRUE(hasFailed());
+    spoil(false); // the disk reads well again
+    EXPECT_TRUE(append(cards).safeToFormat) << job->status().warning().value_or("");
+    EXPECT_FALSE(hasFailed());
+    spoil(true);
+    EXPECT_THAT(append(cards).warning().value_or(""), HasSubstr("did not pass its verification"));
+    EXPECT_THAT(job->status().note.value_or(""), testing::StartsWith("Nothing new on the card."));
+    spoil(false);
+    const JobStatus status = repair(cards);
+    EXPECT_TRUE(status.safeToFormat) << status.warning().value_or("");
+    EXPECT_EQ(status.note,
+              "Nothing to repair — every file is good on every destination. Every copy was read just now.");
+    EXPECT_FALSE(hasFailed());
+    EXPECT_EQ(CardRecord::load(cards[0]).generations.size(), 2U) << "reading alone is no generation";
+}
+
 // What a person put where a dead run had begun a file is not that run's to destroy.
 TEST_F(EarlierBackup, AResumedRunMovesAsideWhatItDidNotWrite) {
     ASSERT_EQ(copy().phase, Phase::done);
-    shoot({{"DCIM/4.mov", 1'500'000}});
+    shoot({{"DCIM/4.mov", 1'500'000}, {"DCIM/5.mov", 10}});
     line(2, "DCIM/4.mov");
+    line(2, "DCIM/5.mov");
+    fs::create_symlink("elsewhere", cards[0] + "/DCIM/5.mov");
+    fs::create_directories(cards[1] + "/DCIM/5.mov/empty");
+    test::FileTree::write(cards[1] + "/_REPORT/offload_report_0002.txt", "mine");
     test::FileTree::write(cards[1] + "/DCIM/4.mov", "notes");
     test::FileTree::write(cards[0] + "/_REPORT/set-aside/0002/DCIM/4.mov.2", "of a run that died");
     EXPECT_TRUE(append(cards).safeToFormat);
     ASSERT_TRUE(job->report()->setAside);
     EXPECT_THAT(*job->report()->setAside,
                 testing::ElementsAre(SetAsideCopy{0, "DCIM/4.mov", "_REPORT/set-aside/0002/DCIM/4.mov.2"},
-                                     SetAsideCopy{1, "DCIM/4.mov", "_REPORT/set-aside/0002/DCIM/4.mov"}));
+                                     SetAsideCopy{1, "DCIM/4.mov", "_REPORT/set-aside/0002/DCIM/4.mov"},
+                                     SetAsideCopy{0, "DCIM/5.mov", "_REPORT/set-aside/0002/DCIM/5.mov"},
+                                     SetAsideCopy{1, "DCIM/5.mov", "_REPORT/set-aside/0002/DCIM/5.mov"},
+                                     SetAsideCopy{1, "_REPORT/offload_report_0002.txt",
+                                                  "_REPORT/set-aside/0002/_REPORT/offload_report_0002.txt"}));
     EXPECT_EQ(test::FileTree::read(cards[1] + "/_REPORT/set-aside/0002/DCIM/4.mov"), "notes");
+}
+
+TEST_F(EarlierBackup, ARepairMakesABrokenReportAnewFromAnotherDisk) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    shoot({{"DCIM/4.mov", 1000}});
+    ASSERT_TRUE(append(cards).safeToFormat);
+    keep();
+    for (const std::int64_t generation : {1, 2}) {
+        restore();
+        const std::string broken = ResumePlanner::reportPath(cards[0], generation);
+        test::FileTree::write(broken, generation == 1 ? "{ broken" : "");
+        const std::string name = "/_REPORT/" + std::string(RelativePath::name(broken));
+        const JobStatus status = repair(cards);
+        EXPECT_TRUE(status.safeToFormat) << status.error.value_or("");
+        EXPECT_THAT(status.warning().value_or(""), HasSubstr("could not be read and was made anew from " + cards[1]));
+        EXPECT_EQ(test::FileTree::read(broken), test::FileTree::read(cards[1] + name));
+        EXPECT_EQ(test::FileTree::read(cards[0] + "/_REPORT/set-aside/000" + std::to_string(generation) + name),
+                  generation == 1 ? "{ broken" : "");
+        EXPECT_TRUE(append(cards).safeToFormat);
+    }
+    restore(); // another report than the one that the history proves
+    test::FileTree::write(reportOf(0), "{ broken");
+    shell("sed -i -E '/xxh64\": /s/: .{5}/: \"ffff/' b/2026-03-14/CARD/_REPORT/offload_report.json");
+    const auto before = disks();
+    EXPECT_EQ(repair(cards).errorCode, PreflightCode::other);
+    EXPECT_EQ(disks(), before);
 }
 
 // A report that stands cannot grow: what the card got since is left to the next append, and said.

@@ -4,10 +4,13 @@
 #include "platform/IO.h"
 #include "support/TempFolder.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 namespace velmora {
 namespace {
+
+namespace fs = std::filesystem;
 
 SourceFile fileOf(const std::string& path, std::int64_t size = 10) { return {path, size, Timestamp{1'700'000'000, 0}}; }
 
@@ -59,6 +62,21 @@ TEST_F(WholeBackup, ANameThatDiffersInCaseOnlyIsAnotherFile) {
     EXPECT_EQ(both.covered[0].relPath, "A.MOV");
     stand(reportOf({fileOf("a.mov")}, 2, "verified", card()));
     EXPECT_EQ(check({fileOf("A.MOV"), fileOf("a.mov")}).notInBackup, 0);
+    // A card that lost one of the two shows the other alone: neither stands for its twin.
+    for (const std::size_t lost : {0U, 1U}) {
+        OffloadReport report = reportOf({fileOf("A.MOV"), fileOf("a.mov")}, 1, "verified", card());
+        report.files[lost].destinations = {"failed"};
+        fs::remove_all(card());
+        stand(report);
+        const BackupCheck one = check({fileOf(report.files[1 - lost].path)});
+        EXPECT_EQ(one.lost, std::vector<std::string>{report.files[lost].path});
+        EXPECT_EQ(one.state.failed + one.notInBackup, 0);
+        // A repair that mends one of them leaves the record of the other.
+        OffloadReport mended = reportOf({fileOf(report.files[lost].path)}, 2, "verified", card());
+        mended.kind = "repair";
+        stand(mended);
+        EXPECT_TRUE(CardRecord::load(card()).find("A.MOV", true) && CardRecord::load(card()).find("a.mov", true));
+    }
 }
 
 TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {

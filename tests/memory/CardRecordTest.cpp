@@ -175,7 +175,8 @@ TEST_F(CardRecords, MergesGenerationsAndKeepsTheNewestStateOfAFile) {
     EXPECT_EQ(record.problems.size(), 1U);
     EXPECT_FALSE(record.error);
     put(report(1, {}), card, 1);
-    EXPECT_EQ(CardRecord::load(card, {}, serial).error, "the list of files or destinations is missing");
+    EXPECT_EQ(CardRecord::load(card, {}, serial).error,
+              "offload_report.json: the list of files or destinations is missing");
 }
 
 TEST_F(CardRecords, FindsItsColumnAndHearsOfTheOtherDisks) {
