@@ -46,7 +46,7 @@ std::string reportPath(const OffloadReport& report) {
     for (const auto& destination : report.destinations) {
         const std::string path = fmt::format("{}/{}/{}", destination.cardPath, Layout::reportDirName,
                                              OffloadReport::textName(report.generationNumber()));
-        if (IO::exists(path))
+        if (!IO::isGone(path))
             return path;
     }
     return {};

@@ -127,10 +127,12 @@ private:
     void collect(Console& console, const HistorySession& history) {
         for (const std::string& path : TypedPath::absolute(paths_)) {
             std::vector<std::string> folders;
-            if (IO::isFolder(path))
+            try {
                 folders = BackupVerifier::cardFolders(path);
+            } catch (const IOError&) { // the job tells, as it does where there is nothing to compare with
+            }
             if (folders.empty())
-                folders.push_back(path); // there is nothing to compare with, or no folder: the job tells
+                folders.push_back(path);
             for (const std::string& folder : folders)
                 items_.push_back({std::make_unique<VerifyJob>(
                     folder, [&console](std::string_view line) { console.log(line); }, history.store())});

@@ -6,7 +6,7 @@
 namespace velmora {
 
 std::optional<std::string> CardIdentity::of(const std::string& path) {
-    if (!IO::exists(path))
+    if (IO::isGone(path))
         return std::nullopt;
     if (auto uuid = VolumeFacts::volumeUUID(path); uuid && !uuid->empty())
         return uuid;

@@ -11,9 +11,10 @@ namespace velmora {
 
 namespace {
 
-// The path itself, or the nearest folder above it that exists.
+// The path itself, or the nearest folder above it that exists. One that cannot be asked stands for itself: the folder
+// above it may lie on another disk.
 std::string existing(std::string path) {
-    while (path.size() > 1 && !IO::exists(path)) {
+    while (path.size() > 1 && IO::isGone(path)) {
         const std::size_t slash = path.rfind('/');
         path.resize(slash == std::string::npos ? 0 : std::max<std::size_t>(slash, 1));
         if (path.empty())

@@ -77,7 +77,7 @@ std::string folderKey(const std::string& path) { return pathKey(realPath(path));
 } // namespace VolumeFacts
 
 std::optional<CardVolume> cardVolumeOf(const std::string& path) {
-    if (!IO::exists(path))
+    if (IO::isGone(path))
         return std::nullopt;
     const auto serial = VolumeFacts::fsSerial(path);
     if (!serial)

@@ -147,7 +147,7 @@ std::vector<std::string> autoDestinations(const std::vector<std::string>& curren
     std::vector<std::string> proposed;
     // What the user chose keeps its place, whatever the rules below would say of it.
     for (const std::string& root : current)
-        if (IO::isFolder(root) && !VolumeFacts::awaitsVolume(root) && !contains(proposed, root))
+        if (!IO::isGone(root) && !VolumeFacts::awaitsVolume(root) && !contains(proposed, root))
             proposed.push_back(root);
     for (const VolumeItem& volume : volumes) {
         const bool chosenAlready = std::any_of(proposed.begin(), proposed.end(), [&](const std::string& root) {

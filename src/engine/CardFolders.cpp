@@ -26,7 +26,7 @@ std::string parentOf(const std::string& path) {
 std::string deepestExisting(std::string path) {
     do
         path = parentOf(path);
-    while (path.size() > 1 && !IO::isFolder(path));
+    while (path.size() > 1 && IO::isGone(path));
     return path;
 }
 

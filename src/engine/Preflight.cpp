@@ -65,8 +65,13 @@ void refuseOffload(const std::string& source) {
                                                "ascmhl) — copy the original card, or remove those folders.");
 }
 
+// What a failing disk does not show is refused as unreadable; it is neither missing nor free.
+[[noreturn]] void refuseUnreadable(const IOError& error) {
+    refuse(PreflightCode::destinationUnreadable, "Cannot read the destination: " + error.path());
+}
+
 // A card folder that exists; one that does not is for the planner to name.
-void checkCardFolder(const std::string& cardPath, const std::string& source) {
+void checkCardFolder(const std::string& cardPath, const std::string& source) try {
     if (!IO::isFolder(cardPath))
         return;
     if (VolumeFacts::awaitsVolume(cardPath))
@@ -90,6 +95,8 @@ void checkCardFolder(const std::string& cardPath, const std::string& source) {
         if (!IO::isWritable(path))
             refuse(PreflightCode::destinationNotWritable, "Cannot write to the destination: " + path);
     }
+} catch (const IOError& error) {
+    refuseUnreadable(error);
 }
 
 std::string deviceOf(const std::string& path, PreflightCode code, const std::string& message) {
@@ -102,7 +109,7 @@ std::string deviceOf(const std::string& path, PreflightCode code, const std::str
 }
 
 // Two folders of one disk count as one drive; the order of the roots decides which one is named.
-void checkRoots(const std::vector<std::string>& roots, const std::string& source, const OffloadOptions& options) {
+void checkRoots(const std::vector<std::string>& roots, const std::string& source, const OffloadOptions& options) try {
     const std::string sourceDevice =
         deviceOf(source, PreflightCode::sourceUnreadable, "Cannot read the source: " + source);
     std::set<std::string> devices;
@@ -123,12 +130,16 @@ void checkRoots(const std::vector<std::string>& roots, const std::string& source
                                                     ") — that is not a second copy. Allow it with "
                                                     "--allow-same-device.");
     }
+} catch (const IOError& error) {
+    refuseUnreadable(error);
 }
 
-void checkSource(const std::string& source) {
+void checkSource(const std::string& source) try {
+    Scanner::checkReadAccess(source);
     if (!IO::isFolder(source))
         refuse(PreflightCode::sourceNotFound, "Source not found: " + source);
-    Scanner::checkReadAccess(source);
+} catch (const IOError&) {
+    refuse(PreflightCode::sourceUnreadable, "Cannot read the source: " + source);
 }
 
 SourceScan scanOf(const Preflight::Inputs& inputs, const IsCancelled& isCancelled) {
@@ -163,7 +174,11 @@ Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions&
     plan.date = inputs.date.value_or(Layout::today());
     const std::string name =
         inputs.cardName ? Layout::sanitize(*inputs.cardName) : Layout::defaultCardName(inputs.source);
-    plan.cardName = Layout::uniqueCardFolder(plan.destRoots, plan.date, name);
+    try {
+        plan.cardName = Layout::uniqueCardFolder(plan.destRoots, plan.date, name);
+    } catch (const IOError& error) {
+        refuseUnreadable(error);
+    }
     result.space = checkSpace(demands(plan), plan.cardPaths(), extra ? extra(plan.scan) : SpaceExtra{}, freeSpace);
     return result;
 }

@@ -22,7 +22,7 @@ std::optional<std::string> CardEject::problem(const Facts& facts) {
 
 std::optional<std::string> CardEject::problem(const std::string& source) {
     const std::optional<VolumeFacts::Mount> mount = VolumeFacts::mount(source);
-    return problem({.exists = IO::exists(source) && mount,
+    return problem({.exists = !IO::isGone(source) && mount,
                     .isVolumeRoot = VolumeFacts::isVolumeRoot(source),
                     .isLocal = !mount || mount->local,
                     .isInternal = VolumeFacts::isInternal(source),

@@ -30,6 +30,12 @@ std::int64_t blockBytes(std::int64_t mebibytes) {
                : mebibytes * mebibyte;
 }
 
+std::optional<std::uint64_t> deviceOf(const std::string& path) try {
+    return IO::stat(path).device;
+} catch (const IOError&) { // the preflight says what is wrong
+    return std::nullopt;
+}
+
 OffloadOptions engineOptions(const JobConfig& config, OffloadOptions options) {
     options.chunkSize = blockBytes(config.chunkMB);
     options.bufferCount = config.buffers;
@@ -112,7 +118,7 @@ void OffloadJob::run(const Log& log) {
     }
     try {
         awake_ = std::make_unique<PowerInhibitor>("Copying a card", [this](std::string_view line) { this->log(line); });
-        sourceDevice_ = IO::isFolder(config_.source) ? IO::stat(config_.source).device : 0;
+        sourceDevice_ = deviceOf(config_.source);
         openHistory(log);
         if (repair_)
             runRepair();

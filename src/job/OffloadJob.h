@@ -137,12 +137,12 @@ private:
     Log log_ GUARDED_BY(mutex_);
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
-    std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
-    std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
-    std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
-    std::unique_ptr<HeldFolders> held_;      // of the thread that runs; as long as the locks
-    HistoryKeeper::Known known_;             // before the run
-    std::uint64_t sourceDevice_ = 0;         // st_dev of the source when the run began
+    std::unique_ptr<FolderLocks> locks_;        // of the thread that runs
+    std::unique_ptr<PowerInhibitor> awake_;     // from the first step that takes time
+    std::unique_ptr<HistoryKeeper> history_;    // of the thread that runs
+    std::unique_ptr<HeldFolders> held_;         // of the thread that runs; as long as the locks
+    HistoryKeeper::Known known_;                // before the run
+    std::optional<std::uint64_t> sourceDevice_; // st_dev of the source when the run began, if it could be asked
     bool compareCard_ = false;
     std::string compareCommand_;
     OffloadEngine engine_;

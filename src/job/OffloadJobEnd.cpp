@@ -93,7 +93,7 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     evidence.readBack = report == nullptr || report->verified;
     evidence.failedFiles = report == nullptr ? 0 : static_cast<std::int64_t>(report->failedFiles().size());
     evidence.problems = engine_.reportProblems();
-    evidence.onOtherVolume = held_ && held_->anyOffDevice(sourceDevice_);
+    evidence.onOtherVolume = sourceDevice_ && held_ && held_->anyOffDevice(*sourceDevice_);
     auto failedBefore = known_.failedVerifications;
     for (const HistoryVerification& folder : passed(conclusion, report))
         failedBefore.erase(folder.cardPath);

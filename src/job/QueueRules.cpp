@@ -68,7 +68,7 @@ std::string QueueRules::reportPath(const std::string& cardPath, const std::strin
 std::optional<std::string> QueueRules::firstReport(const std::vector<std::string>& cardPaths,
                                                    const std::string& cardName) {
     for (const std::string& cardPath : cardPaths)
-        if (std::string path = reportPath(cardPath, cardName); IO::exists(path))
+        if (std::string path = reportPath(cardPath, cardName); !IO::isGone(path))
             return path;
     return std::nullopt;
 }

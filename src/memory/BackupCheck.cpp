@@ -42,7 +42,7 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
 
 // What a folder lacks that nobody named for this run, by its records and by what lies there; empty when it lacks
 // nothing.
-std::string lackOf(const BackupPlace& place, const SourceScan& card, bool localTime) {
+std::string lackOf(const BackupPlace& place, const SourceScan& card, bool localTime) try {
     const std::string& cardPath = place.cardPath;
     if (!IO::isFolder(cardPath) ||
         (place.volumeSerial && VolumeFacts::volumeSerialText(cardPath) != place.volumeSerial))
@@ -61,6 +61,8 @@ std::string lackOf(const BackupPlace& place, const SourceScan& card, bool localT
     if (record.front().error || !record.front().problems.empty())
         lacking = std::max<std::int64_t>(lacking, 1);
     return lacking > 0 ? BackupMessage::elsewhereLacks(cardPath, lacking) : "";
+} catch (const IOError&) {
+    return BackupMessage::elsewhereUnchecked(place.cardPath);
 }
 
 std::vector<HistoryGeneration> generationsOf(const CardRecord& record) {

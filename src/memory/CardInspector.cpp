@@ -61,6 +61,16 @@ void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* st
             match.entry, history, {scan.files, match.newFiles, insight.filesystem}, world.awaitsVolume, isCancelled);
 }
 
+// Both leave it to the scan, or to the look at the folders of the backup, to say why something cannot be asked.
+bool isFolder(const std::string& path) try { return IO::isFolder(path); } catch (const IOError&) {
+    return false;
+}
+bool isNoFolder(const std::string& path) try {
+    return IO::exists(path) && !IO::isFolder(path);
+} catch (const IOError&) {
+    return false;
+}
+
 } // namespace
 
 bool isVolumeRoot(const std::string& path) { return VolumeFacts::isVolumeRoot(path); }
@@ -70,8 +80,7 @@ World World::real() {
             [](const std::string& path) { return CardIdentity::of(path); },
             // A volume that bears no serial cannot be told from another: it is looked up as a folder is.
             [](const std::string& path) { return CardInspector::isVolumeRoot(path) && VolumeFacts::fsSerial(path); },
-            [](const std::string& path) { return IO::isFolder(path); },
-            [](const std::string& path) { return VolumeFacts::awaitsVolume(path); }};
+            isFolder, [](const std::string& path) { return VolumeFacts::awaitsVolume(path); }};
 }
 
 CardInsight inspect(const std::string& source, HistoryStore* store, const std::vector<HistoryEntry>* history,
@@ -79,7 +88,7 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
     CardInsight insight;
     insight.source = source;
     stopIf(isCancelled);
-    if (IO::exists(source) && !IO::isFolder(source)) {
+    if (isNoFolder(source)) {
         insight.error = source + " is not a folder.";
         return insight;
     }

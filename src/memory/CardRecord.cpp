@@ -104,15 +104,17 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
         try {
             for (const std::int64_t number : reportNumbers(cardPath))
                 record.highestReportNumber = std::max(record.highestReportNumber, number);
-        } catch (const IOError&) { // no folder for reports yet
+        } catch (const IOError& error) {
+            if (error.code() != ENOENT && error.code() != ENOTDIR) // else there is no folder for reports yet
+                record.error = error.what();
         }
         return record;
     }
-    if (!IO::exists(first)) {
-        record.reportMissing = true;
-        return record;
-    }
     try {
+        if (!IO::exists(first)) {
+            record.reportMissing = true;
+            return record;
+        }
         try {
             record.generations.push_back({1, readReport(first)});
         } catch (const OffloadError& error) {
@@ -258,7 +260,7 @@ std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, con
         };
         for (std::size_t i = 0; i < report.destinations.size(); ++i)
             if (report.onlyOnItsDisk(i) && report.destinations[i].volumeSerial == serial &&
-                sameTail(report.destinations[i].cardPath) && !IO::exists(report.destinations[i].cardPath))
+                sameTail(report.destinations[i].cardPath) && IO::isGone(report.destinations[i].cardPath))
                 return i;
     }
     const std::size_t index = destinationIndex(report, cardPath, report.destinations.size());

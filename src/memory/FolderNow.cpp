@@ -185,7 +185,7 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
 // Another disk stands where the folder's disk was: a report of the same backup says which serial that had.
 bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks) {
     std::string there = cardPath;
-    while (there.size() > 1 && !IO::exists(there))
+    while (there.size() > 1 && IO::isGone(there))
         there = RelativePath::folder(there);
     const auto serial = VolumeFacts::volumeSerialText(there.empty() ? "/" : there);
     for (const Look& look : looks)

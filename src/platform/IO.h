@@ -69,13 +69,17 @@ private:
     bool coversEveryFile_ = true;
 };
 
-bool exists(const std::string& path); // lstat succeeds
+// Whether anything has that name, a link that leads nowhere too. ENOENT and ENOTDIR mean no. Any other error leaves it
+// open: it is thrown, so that a record that a failing disk does not show is not taken for one that was never written.
+bool exists(const std::string& path);
+// True when nothing has that name for certain; false also where that cannot be told.
+bool isGone(const std::string& path) noexcept;
 // The room that a file takes on its disk; 0 when there is none, or it cannot be told.
 std::int64_t allocatedBytes(const std::string& path) noexcept;
 // True when the folder of `path` has an entry of that very name. A disk that folds case answers `exists` for others
 // too.
 bool holdsName(const std::string& path);
-bool isFolder(const std::string& path);   // follows links
+bool isFolder(const std::string& path);   // follows links; throws as `exists` does
 bool isWritable(const std::string& path); // access(2) W_OK
 FileFacts stat(const std::string& path);  // follows links
 FileFacts lstat(const std::string& path);

@@ -66,6 +66,11 @@ std::string temporaryBeside(const std::string& target) {
             return path;
 }
 
+// A folder that cannot be asked is not passed over: the attempt to copy it says what is wrong.
+bool isFolderOrHidden(const std::string& path) try { return IO::isFolder(path); } catch (const IOError&) {
+    return true;
+}
+
 // Returns the names that could not be read.
 std::vector<std::string> copyFolder(const std::string& from, const std::string& target) {
     IO::mkdirs(std::string(RelativePath::folder(target)));
@@ -106,9 +111,8 @@ void migrate(const std::string& target, const std::vector<std::string>& earlier,
         if (log)
             log(line);
     };
-    const auto found =
-        std::find_if(earlier.begin(), earlier.end(), [](const auto& path) { return IO::isFolder(path); });
-    if (found == earlier.end() || IO::exists(target))
+    const auto found = std::find_if(earlier.begin(), earlier.end(), isFolderOrHidden);
+    if (found == earlier.end() || !IO::isGone(target))
         return;
     try {
         const std::vector<std::string> failed = copyFolder(*found, target);
@@ -116,7 +120,7 @@ void migrate(const std::string& target, const std::vector<std::string>& earlier,
             (failed.empty() ? "" : "; not copied (could not be read): " + join(failed, ", ")));
     } catch (const IOError& error) {
         // Another process may have been quicker: then the folder is there, which is all that was wanted.
-        if (error.code() != EEXIST || !IO::exists(target))
+        if (error.code() != EEXIST || IO::isGone(target))
             say("could not copy the settings from " + *found);
     } catch (const std::exception&) {
         say("could not copy the settings from " + *found);

@@ -176,8 +176,9 @@ bool hasRecords(const std::string& path) {
                        return entry.name.ends_with("." + std::string(algorithm));
                    });
         });
-    } catch (const IOError&) {
-        return false;
+    } catch (const IOError& error) {
+        // Records that cannot be asked for are not left out of a day in silence: the check of the folder says so.
+        return error.code() != ENOENT && error.code() != ENOTDIR;
     }
 }
 
@@ -307,6 +308,8 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
             task = VerifyTask::fromLists(std::move(*listed), result);
         else if (result.unfinished)
             result.basis = "pending";
+        else if (!result.chainProblems.empty())
+            throw OffloadError::failed(result.chainProblems.front()); // there is a list, but nothing to be had from it
         else
             throw OffloadError::preflight(PreflightCode::noHashRecord,
                                           result.cardPath +

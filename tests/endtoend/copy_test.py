@@ -187,6 +187,55 @@ class GoodDisks(Case):
 
 
 @unittest.skipUnless(possible(), "needs root, FUSE and loop devices")
+class BadRecords(Case):
+    """What lies on a disk and cannot be asked for is not taken for absent."""
+
+    def velmora(self, *words, strike=""):
+        preload = {"LD_PRELOAD": BIN + "/libvelmora_strike.so", "VELMORA_STRIKE": strike} if strike else {}
+        environment = {**self.environment(), "VELMORA_SETTINGS_DIR": self.folder + "/support", **preload}
+        run = subprocess.run([BIN + "/velmora", *words], capture_output=True, text=True, env=environment)
+        self.output = run.stdout + run.stderr
+        return run.returncode
+
+    def test_an_error_is_no_absence(self):
+        self.files(MIB, 100_000)
+        roots = [word for root in (self.a, self.b) for word in ("--dest", root)]
+        words = ["--name", CARD, "--date", DATE, "--allow-same-device"]
+        self.assertEqual(self.velmora("copy", self.source, *roots, *words), 0, self.output)
+        cards = [f"{root}/{DATE}/{CARD}" for root in (self.a, self.b)]
+        into = [self.source] + [word for card in cards for word in ("--into", card)]
+        report, lists = "_REPORT/offload_report.json", f"_REPORT/{CARD}.xxh64"
+        io, unreadable = "Input/output error", "refused: destinationUnreadable"
+        for op, record, command, status, text in (
+            ("stat", "ascmhl", ["verify", cards[0]], 4, io),
+            ("stat", "ascmhl", ["verify", os.path.dirname(cards[0])], 4, io),
+            ("stat", "ascmhl", ["append", *into], 3, unreadable),
+            ("stat", "ascmhl", ["repair", *into], 3, unreadable),
+            ("open", "ascmhl/ascmhl_chain.xml", ["verify", cards[0]], 1, io),
+            ("open", "ascmhl/ascmhl_chain.xml", ["append", *into], 3, "appendMhlDamaged"),
+            ("stat", report, ["verify", cards[0]], 1, io),
+            ("stat", report, ["append", *into], 3, io),
+            ("stat", report, ["repair", *into], 3, io),
+            ("stat", report, ["inspect", self.source], 0, "do not format"),
+            ("stat", lists, ["verify", cards[0]], 4, "Cannot read a checksum list"),  # has nothing but the lists
+            ("stat", lists, ["append", *into], 1, io),  # has a new file to list
+        ):
+            with self.subTest(op=op, record=record, command=command[0]):
+                if command[0] == "append" and record == lists:
+                    self.files(4097, at=self.source + "/more")
+                if text.endswith("list"):
+                    os.rename(cards[0] + "/ascmhl", self.folder + "/away")
+                before = os.stat(f"{cards[0]}/{record}")
+                found = self.velmora(*command, strike=f"{errno.EIO} {op} a/{DATE}/{CARD}/{record} 0 0")
+                self.assertEqual(found, status, self.output)
+                self.assertIn(text, self.output)
+                self.assertNotRegex(self.output, "all . files match|Safe to format")
+                if text.endswith("list"):
+                    os.rename(self.folder + "/away", cards[0] + "/ascmhl")
+                after = os.stat(f"{cards[0]}/{record}")
+                self.assertEqual((before.st_ino, before.st_mtime_ns), (after.st_ino, after.st_mtime_ns))
+
+
 class BadDisks(Case):
     """One of two disks, or the card, misbehaves. What is whole must be whole, what is not must be named."""
 

@@ -290,7 +290,15 @@ TEST(IO, AnswersTheLittleQuestions) {
     fs::create_symlink("file", folder / "link");
     fs::create_symlink("nowhere", folder / "dangling");
     EXPECT_TRUE(IO::exists(folder / "dangling"));
-    EXPECT_FALSE(IO::exists(folder / "nowhere"));
+    for (const std::string& none : {folder / "nowhere", folder / "file/below"}) {
+        EXPECT_FALSE(IO::exists(none));
+        EXPECT_FALSE(IO::isFolder(none));
+        EXPECT_TRUE(IO::isGone(none));
+    }
+    const std::string untold = folder / std::string(300, 'x'); // no such name can be asked for
+    EXPECT_EQ(codeOf([&] { IO::exists(untold); }), ENAMETOOLONG);
+    EXPECT_EQ(codeOf([&] { IO::isFolder(untold); }), ENAMETOOLONG);
+    EXPECT_FALSE(IO::isGone(untold));
     EXPECT_TRUE(IO::stat(folder / "link").isFile);
     EXPECT_TRUE(IO::lstat(folder / "link").isLink);
     EXPECT_EQ(IO::stat(folder / "link").inode, IO::lstat(folder / "file").inode);

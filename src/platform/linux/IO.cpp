@@ -62,6 +62,9 @@ std::string readAll(Descriptor fd, const std::string& path, std::int64_t limit) 
     return bytes;
 }
 
+// The errors that prove that nothing has the name.
+bool provesAbsence(int code) noexcept { return code == ENOENT || code == ENOTDIR; }
+
 bool ownsBlockDevice(const std::string& folder) try {
     const auto entry = MountTable::entryOf(folder);
     return entry && entry->type == "fuseblk";
@@ -153,7 +156,16 @@ void FileSystemSync::sync() {
 
 bool exists(const std::string& path) {
     struct stat info{};
-    return ::lstat(path.c_str(), &info) == 0;
+    if (::lstat(path.c_str(), &info) == 0)
+        return true;
+    if (!provesAbsence(errno))
+        throwErrno("stat", path);
+    return false;
+}
+
+bool isGone(const std::string& path) noexcept {
+    struct stat info{};
+    return ::lstat(path.c_str(), &info) != 0 && provesAbsence(errno);
 }
 
 std::int64_t allocatedBytes(const std::string& path) noexcept {
@@ -173,7 +185,11 @@ bool holdsName(const std::string& path) {
 
 bool isFolder(const std::string& path) {
     struct stat info{};
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    if (::stat(path.c_str(), &info) == 0)
+        return S_ISDIR(info.st_mode);
+    if (!provesAbsence(errno))
+        throwErrno("stat", path);
+    return false;
 }
 
 bool isWritable(const std::string& path) { return ::access(path.c_str(), W_OK) == 0; }

@@ -78,7 +78,7 @@ Blow strike(std::string_view op, std::string_view path, const HalfDone& half) {
     if (!Rules::ready)
         return Blow::none;
     const std::string name = "," + std::string(op) + ",";
-    const bool alters = op != "open" && op != "read";
+    const bool alters = op != "open" && op != "read" && op != "stat";
     for (const auto& rule : rules.all) {
         if (path.find(rule->pattern) == std::string_view::npos ||
             (rule->ops.find(name) == std::string::npos && !(alters && rule->ops == ",change,")))
@@ -152,6 +152,8 @@ Function* next(const char* name) {
         return fails(op, at) ? -1 : real arguments;                                                                    \
     }
 
+PASS_ON(stat64, "stat", path, (const char* path, struct stat64* facts), (path, facts))
+PASS_ON(lstat64, "stat", path, (const char* path, struct stat64* facts), (path, facts))
 PASS_ON(rename, "rename", from, (const char* from, const char* to), (from, to))
 PASS_ON(renameat2, "rename", beneath(a, from), (int a, const char* from, int b, const char* to, unsigned flags),
         (a, from, b, to, flags))
