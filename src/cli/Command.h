@@ -1,8 +1,11 @@
 #pragma once
 
+#include "base/Errors.h"
+
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace CLI {
@@ -28,6 +31,7 @@ enum class ExitStatus : int {
 struct CommandContext {
     Console& console;       // the two output streams, the progress line, the stream of JSON objects
     Interrupts& interrupts; // Ctrl-C and the signals that pause and resume
+    bool json = false;      // `--json` stands on the command line
 };
 
 // One sub-command of `velmora`, in a file of its own.
@@ -37,18 +41,22 @@ struct CommandContext {
 // Nothing else has to be touched; describe it in docs/command-line.md.
 //
 // `declare` adds the sub-command and binds its options to members. `--help` is there already; a command that offers
-// `--json` binds it itself and tells the console. Usage that the option parser cannot judge is refused from `run` by
+// `--json` binds it itself. Usage that the option parser cannot judge is refused from `run` by
 // throwing UsageError.
 //
 // `run` does the work on the main thread and answers with the exit status. What it throws is turned into one:
 // OffloadError with a code prints "refused: <code>: <message>" and ends with `refused`; Cancelled ends with
-// `cancelled`; every other exception prints its text and ends with `brokeOff`.
+// `cancelled`; every other exception prints its text and ends with `brokeOff`. With `--json` each of these ends has its
+// "result" as well; a command that answers by itself prints its own.
 class Command {
 public:
     virtual ~Command() = default;
     virtual CLI::App* declare(CLI::App& program) = 0; // called once, before the arguments are parsed
     virtual ExitStatus run(CommandContext& context) = 0;
 };
+
+// "refused: <code>: <message>", as scripts look for it.
+std::string refusalText(PreflightCode code, std::string_view message);
 
 // Wrong usage that only the command itself can see. `what()` is a sentence for the user.
 class UsageError : public std::runtime_error {

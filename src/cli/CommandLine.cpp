@@ -1,17 +1,23 @@
 #include "cli/CommandLine.h"
 
 #include "base/Errors.h"
+#include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
 #include "cli/StandardStreams.h"
+#include "cli/StatusJson.h"
 #include "settings/AppSupport.h"
 
 #include <CLI/CLI.hpp>
 #include <cstring>
 #include <fmt/format.h>
 #include <new>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
+
+#include <algorithm>
+#include <span>
 
 namespace velmora {
 
@@ -22,47 +28,71 @@ struct Declared {
     Command* command;
 };
 
+// An end that no command has told of: as a result for programs where the command line asks for JSON, and one line for
+// the eye. A list of conflicts has several, and stays in lines.
+ExitStatus tellEnd(ExitStatus status, const std::string& text, CommandContext& context,
+                   std::optional<PreflightCode> code = {}) {
+    if (context.json) {
+        JobStatus end;
+        end.phase = status == ExitStatus::cancelled ? JobStatus::Phase::cancelled : JobStatus::Phase::failed;
+        end.error = text;
+        end.errorCode = code;
+        context.console.event(StatusJson::result(end, nullptr, static_cast<int>(status)));
+    }
+    const std::string line = code                              ? refusalText(*code, text)
+                             : status == ExitStatus::cancelled ? text
+                                                               : "velmora: " + text;
+    for (const std::string_view each : split(line, '\n', true))
+        context.console.log(each);
+    return status;
+}
+
 ExitStatus runGuarded(Command& command, CommandContext& context) {
-    Console& console = context.console;
     try {
         return command.run(context);
     } catch (const UsageError& error) {
-        console.log(fmt::format("velmora: {}", error.what()));
-        console.log("Run with --help for more information.");
+        tellEnd(ExitStatus::usage, error.what(), context);
+        context.console.log("Run with --help for more information.");
         return ExitStatus::usage;
     } catch (const OffloadError& error) {
-        if (error.code()) {
-            console.log(fmt::format("refused: {}: {}", name(*error.code()), error.what()));
-            return ExitStatus::refused;
-        }
-        console.log(fmt::format("velmora: {}", error.what()));
+        return tellEnd(error.code() ? ExitStatus::refused : ExitStatus::brokeOff, error.what(), context, error.code());
     } catch (const Cancelled&) {
-        console.log("Cancelled.");
-        return ExitStatus::cancelled;
+        return tellEnd(ExitStatus::cancelled, "Cancelled.", context);
     } catch (const std::bad_alloc&) {
-        console.log("velmora: out of memory");
+        return tellEnd(ExitStatus::brokeOff, "out of memory", context);
     } catch (const std::exception& error) {
-        console.log(fmt::format("velmora: {}", error.what()));
+        return tellEnd(ExitStatus::brokeOff, error.what(), context);
     }
-    return ExitStatus::brokeOff;
 }
 
 // Help and version are answers; anything else that the parser throws is wrong usage.
-ExitStatus answerParse(const CLI::App& program, const CLI::ParseError& error, Console& console) {
+ExitStatus answerParse(const CLI::App& program, const CLI::ParseError& error, CommandContext& context) {
     std::ostringstream out;
     std::ostringstream err;
     if (program.exit(error, out, err) == 0) {
         std::string text = out.str();
         while (!text.empty() && text.back() == '\n')
             text.pop_back();
-        console.print(text);
+        context.console.print(text);
         return ExitStatus::ok;
     }
-    console.log(fmt::format("velmora: {}", error.what()));
+    tellEnd(ExitStatus::usage, error.what(), context);
     const auto chosen = program.get_subcommands();
-    console.log(chosen.empty() ? "Run velmora --help for the commands."
-                               : fmt::format("Run velmora {} --help for its options.", chosen.front()->get_name()));
+    context.console.log(chosen.empty()
+                            ? "Run velmora --help for the commands."
+                            : fmt::format("Run velmora {} --help for its options.", chosen.front()->get_name()));
     return ExitStatus::usage;
+}
+
+// Asked of the words themselves: wrong usage is told before any option has its value.
+bool asksForJson(std::span<const char* const> words) {
+    for (const std::string_view word : words) {
+        if (word == "--")
+            return false;
+        if (word == "--json")
+            return true;
+    }
+    return false;
 }
 
 // An answer that did not get out is no success, however well the command ended.
@@ -95,7 +125,7 @@ ExitStatus parseAndRun(int argc, const char* const* argv, CommandContext& contex
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return answerParse(program, error, context.console);
+        return answerParse(program, error, context);
     }
     AppSupport::migrateFromOffload([&](std::string_view line) { context.console.log(line); });
     for (const auto& [app, command] : declared) {
@@ -111,7 +141,8 @@ int runCommandLine(int argc, const char* const* argv) {
     StandardStreams::fill();
     Interrupts interrupts; // before any other thread
     Console console(STDOUT_FILENO, STDERR_FILENO);
-    CommandContext context{console, interrupts};
+    const std::span words(argv, static_cast<std::size_t>(argc));
+    CommandContext context{console, interrupts, asksForJson(words)};
     return static_cast<int>(whenPrinted(parseAndRun(argc, argv, context), console));
 }
 

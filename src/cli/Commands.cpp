@@ -11,4 +11,8 @@ std::vector<std::unique_ptr<Command>> allCommands() {
     return commands;
 }
 
+std::string refusalText(PreflightCode code, std::string_view message) {
+    return std::string("refused: ").append(name(code)).append(": ").append(message);
+}
+
 } // namespace velmora

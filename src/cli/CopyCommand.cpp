@@ -91,14 +91,12 @@ public:
         OffloadOptions options;
         options.allowSourceVolume = sourceVolume_;
         config.recordHistory = !noHistory_;
-        CopyStart::Start start =
-            CopyStart::prepare(config, options, {again_, settings.naming.suggestFromClips, json_}, history, context);
-        if (!start.may)
-            return ExitStatus::refused;
+        auto listing =
+            CopyStart::prepare(config, options, {again_, settings.naming.suggestFromClips}, history, context);
         OffloadJob job(std::move(config), std::move(options), history.services());
-        if (start.listing)
-            job.useListing(std::move(start.listing->scan), std::move(start.listing->identity));
-        const ExitStatus status = runJob(job, context, json_);
+        if (listing)
+            job.useListing(std::move(listing->scan), std::move(listing->identity));
+        const ExitStatus status = runJob(job, history, context, json_);
         if (eject_ && job.report())
             ejectCard(job, context.console, json_);
         return status;

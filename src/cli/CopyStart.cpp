@@ -1,6 +1,7 @@
 #include "cli/CopyStart.h"
 
 #include "base/Flag.h"
+#include "base/PauseGate.h"
 #include "base/Text.h"
 #include "cli/CardWords.h"
 #include "cli/Console.h"
@@ -11,6 +12,8 @@
 #include "disks/CardIdentity.h"
 #include "engine/Layout.h"
 #include "engine/OffloadOptions.h"
+#include "job/JobProgress.h"
+#include "job/JobWords.h"
 #include "job/OffloadJob.h"
 #include "job/RateMemory.h"
 #include "memory/BackedUpPrompt.h"
@@ -41,17 +44,6 @@ bool asks(Console& console, const std::string& question) {
     return answer == "y" || answer == "yes";
 }
 
-void refuse(PreflightCode code, const std::string& refusal, const Choice& choice, Console& console) {
-    if (choice.json) {
-        JobStatus status;
-        status.phase = JobStatus::Phase::failed;
-        status.error = refusal;
-        status.errorCode = code;
-        console.event(StatusJson::result(status, nullptr, static_cast<int>(ExitStatus::refused)));
-    }
-    console.log(TerminalText::printable(fmt::format("refused: {}: {}", name(code), refusal)));
-}
-
 // The preflight asks for the form of a date only. A person who types a day that no calendar has means another one.
 bool isDay(const std::string& date) {
     const auto number = [&](std::size_t at, std::size_t count) { return std::stoi(date.substr(at, count)); };
@@ -70,44 +62,92 @@ bool passesPreflight(const JobConfig& config, const OffloadOptions& options) {
     }
 }
 
-bool mayCopyAgain(const CardInsight& insight, const std::string& name, const std::string& date, const Choice& choice,
-                  Console& console) {
+void askAgain(const CardInsight& insight, const std::string& name, const std::string& date, const Choice& choice,
+              Console& console) {
     const BackedUpPromptModel prompt = BackedUpPrompt::build({{*insight.match, name}}, date);
     say(console, prompt.title + ":");
     for (const std::string& line : prompt.lines)
         say(console, "  " + line);
     for (const std::string& line : CardWords::offers(insight))
         say(console, line);
-    if (choice.again || asks(console, prompt.question))
-        return true;
-    refuse(PreflightCode::other, prompt.title + " — add --again to copy it again in full.", choice, console);
-    return false;
+    if (!choice.again && !asks(console, prompt.question))
+        throw OffloadError::preflight(PreflightCode::other, prompt.title + " — add --again to copy it again in full.");
 }
+
+// The first look at the card. A pause that is asked for meanwhile shows at once and is held when the look is done; the
+// card may be another one after it.
+class FirstLook {
+public:
+    FirstLook(const std::string& source, CommandContext& context)
+        : source_(source), console_(context.console), json_(context.json),
+          route_(context.interrupts, {[this] {
+                                          cancelled_.set();
+                                          pauses_.wake();
+                                      },
+                                      [this] {
+                                          pauses_.pause();
+                                          show(false);
+                                      },
+                                      [this] { pauses_.resume(); }}) {}
+
+    CardInsight take(HistoryStore& store, const std::vector<HistoryEntry>& entries) {
+        const auto isCancelled = [this] { return cancelled_.isSet(); };
+        for (;;) {
+            identity_ = CardIdentity::withVolume(source_);
+            CardInsight insight =
+                CardInspector::inspect(source_, &store, &entries, isCancelled, CardInspector::World::real());
+            if (!pauses_.isPaused())
+                return insight;
+            show(true);
+            if (!pauses_.waitWhilePaused(isCancelled))
+                throw Cancelled();
+            if (identity_ && CardIdentity::withVolume(source_) == identity_)
+                return insight;
+        }
+    }
+    const std::optional<std::string>& identity() const { return identity_; }
+
+private:
+    void show(bool held) {
+        JobStatus status;
+        status.paused = true;
+        status.pauseHeld = held;
+        status.pauseStep = "the check of the card";
+        console_.log(JobWords::pauseText(status).value_or(""));
+        if (json_)
+            console_.event(StatusJson::status(status, JobProgress(0)));
+    }
+
+    const std::string& source_;
+    Console& console_;
+    bool json_;
+    Flag cancelled_;
+    PauseGate pauses_;
+    std::optional<std::string> identity_;
+    Interrupts::Route route_; // last: it calls what stands above
+};
 
 } // namespace
 
-Start prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice, HistorySession& history,
-              CommandContext& context) {
+std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice,
+                               HistorySession& history, CommandContext& context) {
     Console& console = context.console;
-    if (config.date && !isDay(*config.date)) {
-        refuse(PreflightCode::date, "Date must be YYYY-MM-DD (got “" + *config.date + "”).", choice, console);
-        return {};
-    }
+    if (config.date && !isDay(*config.date))
+        throw OffloadError::preflight(PreflightCode::date, "Date must be YYYY-MM-DD (got “" + *config.date + "”).");
     if (!passesPreflight(config, options))
-        return {true, {}};
+        return {};
     CardInsight insight;
     const std::vector<HistoryEntry> entries = config.recordHistory ? history.load() : std::vector<HistoryEntry>();
-    const auto identity = CardIdentity::withVolume(config.source);
+    std::optional<std::string> identity;
     {
-        Flag cancelled;
-        const Interrupts::Route route(context.interrupts, {[&] { cancelled.set(); }, {}, {}});
+        FirstLook look(config.source, context);
         HistoryStore store = history.store();
-        insight = CardInspector::inspect(
-            config.source, &store, &entries, [&] { return cancelled.isSet(); }, CardInspector::World::real());
+        insight = look.take(store, entries);
+        identity = look.identity();
     }
     // What keeps the card from being read is told by the job, with its code; a swapped card is known here only.
     if (insight.error && insight.fingerprint.empty())
-        return {true, {}};
+        return {};
     if (insight.error)
         throw OffloadError::failed(*insight.error);
     const std::string today = Layout::today();
@@ -130,18 +170,17 @@ Start prepare(JobConfig& config, const OffloadOptions& options, const Choice& ch
     if (insight.isEmptied())
         say(console, HistoryText::emptied(insight.match->entry));
     else if (BackedUpPrompt::shouldAsk(&insight)) {
-        if (!mayCopyAgain(insight, Layout::sanitize(name.name), date, choice, console))
-            return {};
+        askAgain(insight, Layout::sanitize(name.name), date, choice, console);
         if (!choice.again)
-            return {true, {}}; // while the question stood, much may have happened to the card
+            return {}; // while the question stood, much may have happened to the card
     } else if (insight.match) {
         say(console, HistoryText::line(*insight.match, true).text);
         for (const std::string& line : CardWords::offers(insight))
             say(console, line);
     }
     if (!identity)
-        return {true, {}}; // a card that cannot be told from the next one is listed when its copy begins
-    return {true, Listing{std::move(insight.listing), *identity}};
+        return {}; // a card that cannot be told from the next one is listed when its copy begins
+    return Listing{std::move(insight.listing), *identity};
 }
 
 } // namespace velmora::CopyStart

@@ -19,7 +19,6 @@ namespace CopyStart {
 struct Choice {
     bool again = false;           // copy a card that is already backed up
     bool suggestFromClips = true; // take the card's name from its clips
-    bool json = false;            // a refusal is also a "result" on standard output
 };
 
 // The card as it was listed, for the copy to plan with.
@@ -28,15 +27,11 @@ struct Listing {
     std::string identity;
 };
 
-struct Start {
-    bool may = false; // false: the user does not want it, nobody is there to ask, or the date is none
-    std::optional<Listing> listing;
-};
-
 // Fills in `config.cardName`. What the preflight refuses is left for the job to refuse, and the card is then not looked
-// at. Throws Cancelled.
-Start prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice, HistorySession& history,
-              CommandContext& context);
+// at. None also where the listing may not hold any more when the copy begins. Throws Cancelled, and OffloadError when
+// the user does not want the copy, nobody is there to ask, or the date is none.
+std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice,
+                               HistorySession& history, CommandContext& context);
 
 } // namespace CopyStart
 

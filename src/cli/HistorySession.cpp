@@ -16,7 +16,7 @@ HistorySession::HistorySession(Console& console) : console_(console), folder_(Ap
     AppSupport::migrateFromOffload([&console](std::string_view line) { console.log(line); });
 }
 
-HistorySession::~HistorySession() {
+void HistorySession::finish() {
     if (!recorder_.drain(drainSeconds))
         console_.log(Msg::historyLost);
 }

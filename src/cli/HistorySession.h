@@ -11,12 +11,10 @@ namespace velmora {
 
 class Console;
 
-// The card history for the length of one command. At the end it waits for records that a busy history has delayed, and
-// says so when one is lost.
+// The card history for the length of one command.
 class HistorySession {
 public:
     explicit HistorySession(Console& console);
-    ~HistorySession();
     HistorySession(const HistorySession&) = delete;
     HistorySession& operator=(const HistorySession&) = delete;
 
@@ -25,6 +23,9 @@ public:
     // Newest first; what cannot be read is empty.
     std::vector<HistoryEntry> load();
     HistoryStore store() const;
+    // Waits for records that a busy history has delayed, and says so when one is lost. To be called while Ctrl-C still
+    // goes to the command: a record must not be lost to a second one.
+    void finish();
 
 private:
     Console& console_;

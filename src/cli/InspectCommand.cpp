@@ -39,6 +39,7 @@ nlohmann::json toJson(const CardInsight& insight) {
                            {"shape", insight.shape},
                            {"appendReachable", insight.appendReachable},
                            {"uncopied", insight.uncopied}};
+    json["exitStatus"] = static_cast<int>(insight.error ? ExitStatus::brokeOff : ExitStatus::ok);
     if (insight.error)
         json["error"] = *insight.error;
     if (insight.filesystem)

@@ -5,6 +5,7 @@
 #include "cli/CardWords.h"
 #include "cli/Console.h"
 #include "cli/CopySummary.h"
+#include "cli/HistorySession.h"
 #include "cli/Interrupts.h"
 #include "cli/LiveLine.h"
 #include "cli/StatusJson.h"
@@ -25,6 +26,8 @@ namespace {
 
 // Four times a second: as often as the stream of JSON promises at most, and as a person can read.
 constexpr auto tick = std::chrono::milliseconds(250);
+constexpr std::string_view recordAwaited =
+    "The run has ended — only its record in the card history is still waited for.";
 
 double monotonicSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -113,7 +116,7 @@ private:
 
 // A list of conflicts comes in lines, and stays in lines for the eye.
 void logRefusal(Console& console, PreflightCode code, const std::string& text) {
-    const std::string whole = fmt::format("refused: {}: {}", name(code), text);
+    const std::string whole = refusalText(code, text);
     for (const std::string_view line : split(whole, '\n', true))
         console.log(line);
 }
@@ -126,40 +129,17 @@ void logWayOn(Console& console, PreflightCode code, const JobConfig& config) {
     console.log("  " + CardWords::intoCommand("repair", config.source, *config.appendInto));
 }
 
-} // namespace
-
-ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted) {
-    using Phase = JobStatus::Phase;
-    if (status.phase == Phase::cancelled)
-        return ExitStatus::cancelled;
-    if (status.errorCode)
-        return ExitStatus::refused;
-    if (status.phase != Phase::done)
-        return hasReport ? ExitStatus::dataProblem : ExitStatus::brokeOff;
-    const bool well = verificationWanted ? status.safeToFormat : status.safeToEject;
-    return well && status.copySucceeded.value_or(true) ? ExitStatus::ok : ExitStatus::dataProblem;
+void follow(OffloadJob& job, Console& console, bool json) {
+    JobThread thread(job, [&console](std::string_view line) { console.log(line); });
+    Viewer viewer(job, console, json);
+    do
+        viewer.show();
+    while (!thread.endsWithin(tick));
+    thread.wait();
+    console.clearProgress();
 }
 
-ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
-    Console& console = context.console;
-    const Log log = [&console](std::string_view line) { console.log(line); };
-    {
-        const auto cancel = [&, told = false]() mutable { // on the thread of the signals, one at a time
-            const auto phase = job.status().phase;
-            job.cancel();
-            if (!std::exchange(told, true))
-                console.log(JobWords::cancellingText(phase));
-        };
-        const Interrupts::Route route(context.interrupts, {cancel, [&] { job.pause(); }, [&] { job.resume(); }});
-        JobThread thread(job, log);
-        Viewer viewer(job, console, json);
-        do
-            viewer.show();
-        while (!thread.endsWithin(tick));
-        thread.wait();
-    }
-    console.clearProgress();
-
+ExitStatus tellEnd(const OffloadJob& job, Console& console, bool json) {
     const JobStatus status = job.status();
     const auto report = job.report();
     const ExitStatus exit = exitStatusOf(status, report != nullptr, job.config().verify);
@@ -177,6 +157,34 @@ ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json) {
     if (exit != ExitStatus::refused && !json)
         for (const auto& line : CopySummary::lines(status, report.get()))
             console.print(console.toned(line.text, line.tone));
+    return exit;
+}
+
+} // namespace
+
+ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted) {
+    using Phase = JobStatus::Phase;
+    if (status.phase == Phase::cancelled)
+        return ExitStatus::cancelled;
+    if (status.errorCode)
+        return ExitStatus::refused;
+    if (status.phase != Phase::done)
+        return hasReport ? ExitStatus::dataProblem : ExitStatus::brokeOff;
+    const bool well = verificationWanted ? status.safeToFormat : status.safeToEject;
+    return well && status.copySucceeded.value_or(true) ? ExitStatus::ok : ExitStatus::dataProblem;
+}
+
+ExitStatus runJob(OffloadJob& job, HistorySession& history, CommandContext& context, bool json) {
+    const auto cancel = [&, told = false]() mutable { // on the thread of the signals, one at a time
+        const auto phase = job.status().phase;
+        job.cancel();
+        if (!std::exchange(told, true))
+            context.console.log(JobStatus::isFinished(phase) ? recordAwaited : JobWords::cancellingText(phase));
+    };
+    const Interrupts::Route route(context.interrupts, {cancel, [&] { job.pause(); }, [&] { job.resume(); }});
+    follow(job, context.console, json);
+    const ExitStatus exit = tellEnd(job, context.console, json);
+    history.finish();
     return exit;
 }
 

@@ -5,9 +5,11 @@
 
 namespace velmora {
 
+class HistorySession;
+
 // Runs a job on a thread of its own and shows it: a live line on a terminal, or JSON objects; then the outcome. Ctrl-C
-// and its kin cancel the job, SIGUSR1 pauses it and SIGUSR2 lets it go on.
-ExitStatus runJob(OffloadJob& job, CommandContext& context, bool json);
+// and its kin cancel the job, SIGUSR1 pauses it and SIGUSR2 lets it go on. Returns when the history has its record.
+ExitStatus runJob(OffloadJob& job, HistorySession& history, CommandContext& context, bool json);
 
 // The exit status of a job that has ended.
 ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificationWanted);

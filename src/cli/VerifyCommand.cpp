@@ -1,3 +1,4 @@
+#include "base/PauseGate.h"
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
@@ -47,11 +48,36 @@ Console::Tone toneOf(VerifyReport::Tone tone) {
     }
 }
 
+ExitStatus statusOf(const VerifyResult& result) {
+    if (result.cancelled)
+        return ExitStatus::cancelled;
+    if (result.folderGone)
+        return ExitStatus::brokeOff;
+    const bool well =
+        result.success() && !result.unfinished && !result.nothingCompared() && result.chainProblems.empty();
+    return well ? ExitStatus::ok : ExitStatus::dataProblem;
+}
+
+// Of a folder that was not looked at.
+nlohmann::json resultJson(const std::string& cardPath, const VerifyJob::Status& status, ExitStatus exit) {
+    nlohmann::json json = {{"event", "result"},
+                           {"exitStatus", static_cast<int>(exit)},
+                           {"cardPath", cardPath},
+                           {"success", false},
+                           {"cancelled", exit == ExitStatus::cancelled}};
+    if (status.error)
+        json["error"] = *status.error;
+    if (status.errorCode)
+        json["errorCode"] = name(*status.errorCode);
+    return json;
+}
+
 nlohmann::json resultJson(const VerifyResult& result, double seconds) {
     nlohmann::json unreadable = nlohmann::json::array();
     for (const auto& each : result.unreadable)
         unreadable.push_back({{"path", each.path}, {"error", each.error}});
     return {{"event", "result"},
+            {"exitStatus", static_cast<int>(statusOf(result))},
             {"cardPath", result.cardPath},
             {"basis", result.basis},
             {"generations", result.generations},
@@ -111,9 +137,9 @@ public:
                                                                    cancelled = true;
                                                                    for (Item& item : items_)
                                                                        item.job->cancel();
+                                                                   pauses_.wake();
                                                                },
-                                                               {},
-                                                               {}});
+                                                               [&] { pauses_.pause(); }, [&] { pauses_.resume(); }});
             work(byDevice, context.console);
         }
         context.console.clearProgress();
@@ -135,7 +161,7 @@ private:
                 folders.push_back(path);
             for (const std::string& folder : folders)
                 items_.push_back({std::make_unique<VerifyJob>(
-                    folder, [&console](std::string_view line) { console.log(line); }, history.store())});
+                    folder, [&console](std::string_view line) { console.log(line); }, history.store(), &pauses_)});
         }
     }
 
@@ -178,7 +204,7 @@ private:
             if (status.state == VerifyJob::State::running)
                 current = status.progress->file;
         }
-        const double seconds = secondsSince(start);
+        const double seconds = secondsSince(start) - pauses_.pausedTotal();
         if (json_)
             console.event({{"event", "status"},
                            {"phase", "verifying"},
@@ -186,12 +212,18 @@ private:
                            {"totalBytes", total},
                            {"foldersBegun", begun},
                            {"folders", items_.size()},
-                           {"file", current}});
+                           {"file", current},
+                           {"paused", pauses_.isPaused()},
+                           {"pauseHeld", pauses_.isHeld()},
+                           {"pausedSeconds", pauses_.pausedTotal()}});
         if (console.showsProgress() && seconds > 0) {
             const double percent = total > 0 ? 100.0 * static_cast<double>(bytes) / static_cast<double>(total) : 0;
             const std::string line = fmt::format(
-                "Verifying {:.0f} %{}  {} of {}  {:.0f} MB/s  {}", percent,
-                begun < items_.size() ? fmt::format(" of {} of {} folders", begun, items_.size()) : "",
+                "{} {:.0f} %{}  {} of {}  {:.0f} MB/s  {}",
+                pauses_.isHeld()     ? "Paused"
+                : pauses_.isPaused() ? "Pausing"
+                                     : "Verifying",
+                percent, begun < items_.size() ? fmt::format(" of {} of {} folders", begun, items_.size()) : "",
                 formatBytesShort(bytes), formatBytesShort(total), static_cast<double>(bytes) / seconds / 1e6, current);
             console.progress(TerminalText::fitMiddle(line, console.columns()));
         }
@@ -199,16 +231,19 @@ private:
 
     ExitStatus show(const Item& item, Console& console) const {
         const VerifyJob::Status status = item.job->currentStatus();
-        if (status.state == VerifyJob::State::cancelled && !status.result)
-            return ExitStatus::cancelled;
         if (!status.result) {
-            const std::string error = TerminalText::printable(status.error.value_or("not verified"));
-            if (status.errorCode) {
-                console.log(fmt::format("refused: {}: {}", name(*status.errorCode), error));
-                return ExitStatus::refused;
-            }
-            console.log("velmora: " + item.job->cardPath() + ": " + error);
-            return ExitStatus::brokeOff;
+            const bool cancelled = status.state == VerifyJob::State::cancelled;
+            const ExitStatus exit = cancelled          ? ExitStatus::cancelled
+                                    : status.errorCode ? ExitStatus::refused
+                                                       : ExitStatus::brokeOff;
+            if (json_)
+                console.event(resultJson(item.job->cardPath(), status, exit));
+            const std::string error = status.error.value_or("not verified");
+            if (status.errorCode)
+                console.log(refusalText(*status.errorCode, error));
+            else if (!cancelled)
+                console.log("velmora: " + item.job->cardPath() + ": " + error);
+            return exit;
         }
         const VerifyResult& result = *status.result;
         if (json_)
@@ -217,13 +252,7 @@ private:
             printLines(result, console);
         else
             describe(result, item.seconds, console);
-        if (result.cancelled)
-            return ExitStatus::cancelled;
-        if (result.folderGone)
-            return ExitStatus::brokeOff;
-        const bool well =
-            result.success() && !result.unfinished && !result.nothingCompared() && result.chainProblems.empty();
-        return well ? ExitStatus::ok : ExitStatus::dataProblem;
+        return statusOf(result);
     }
 
     // What no line can say, since it is about no file, goes to standard error.
@@ -270,6 +299,7 @@ private:
     std::vector<std::string> paths_;
     bool machine_ = false;
     bool json_ = false;
+    PauseGate pauses_;
     std::vector<Item> items_;
     Clock::time_point shown_;
 };

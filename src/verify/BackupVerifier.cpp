@@ -265,7 +265,7 @@ void addExtra(VerifyResult& result, const SourceScan& scan, const std::set<std::
 }
 
 VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Progress& progress,
-                    const IsCancelled& isCancelled) {
+                    const IsCancelled& isCancelled, PauseGate::Worker* pausing) {
     VerifyResult result;
     result.cardPath = RelativePath::withoutTrailingSlash(cardPath);
     result.started = Timestamp::now();
@@ -321,7 +321,7 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     // Neither the history nor a list names what never arrived.
     task.addFromReports(record, open ? std::optional(open->generation) : std::nullopt, result);
     noteAlgorithms(task, result);
-    if (FileChecks::run(result, task, chunkSize, isThere, progress, isCancelled)) {
+    if (FileChecks::run(result, task, chunkSize, isThere, progress, isCancelled, pausing)) {
         try {
             const SourceScan scan = Scanner::scan(result.cardPath, isCancelled);
             if (open)

@@ -17,14 +17,16 @@ using Expected = VerifyTask::Expected;
 class Reading {
 public:
     Reading(VerifyResult& result, const VerifyTask& task, std::size_t memory, const std::function<bool()>& isThere,
-            const VerifyProgressHook& progress, const IsCancelled& isCancelled)
+            const VerifyProgressHook& progress, const IsCancelled& isCancelled, PauseGate::Worker* pausing)
         : result_(result), task_(task), isThere_(isThere), progress_(progress), isCancelled_(isCancelled),
-          buffer_(IO::allocateAligned(memory)), reader_(buffer_.span()) {}
+          pausing_(pausing), buffer_(IO::allocateAligned(memory)), reader_(buffer_.span()) {}
 
     bool run() {
         if (!addUp())
             return false;
         for (const Expected& file : task_.files) {
+            if (pausing_ != nullptr)
+                pausing_->waitWhilePaused(isCancelled_);
             if (stopped())
                 return false;
             tell(file);
@@ -131,6 +133,7 @@ private:
     const std::function<bool()>& isThere_;
     const VerifyProgressHook& progress_;
     const IsCancelled& isCancelled_;
+    PauseGate::Worker* pausing_;
     AlignedBuffer buffer_;
     ReadAhead reader_;
     std::vector<std::int64_t> sizes_; // of each file, as far as known before it is read
@@ -142,8 +145,8 @@ private:
 
 bool FileChecks::run(VerifyResult& result, const VerifyTask& task, std::size_t memory,
                      const std::function<bool()>& isThere, const VerifyProgressHook& progress,
-                     const IsCancelled& isCancelled) {
-    return Reading(result, task, memory, isThere, progress, isCancelled).run();
+                     const IsCancelled& isCancelled, PauseGate::Worker* pausing) {
+    return Reading(result, task, memory, isThere, progress, isCancelled, pausing).run();
 }
 
 } // namespace velmora

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "base/PauseGate.h"
 #include "verify/VerifyResult.h"
 #include "verify/VerifyTask.h"
 
@@ -15,9 +16,9 @@ namespace FileChecks {
 
 // Reads the files of a task, one after another, past the page cache, and puts what is wrong with them into `result`.
 // The next bytes are read while those before them are hashed; `memory` bytes are held for that. Ends early when the
-// folder vanished, which `isThere` tells, or the user cancelled, and is false then.
+// folder vanished, which `isThere` tells, or the user cancelled, and is false then. `pausing` waits between two files.
 bool run(VerifyResult& result, const VerifyTask& task, std::size_t memory, const std::function<bool()>& isThere,
-         const VerifyProgressHook& progress, const IsCancelled& isCancelled);
+         const VerifyProgressHook& progress, const IsCancelled& isCancelled, PauseGate::Worker* pausing);
 
 } // namespace FileChecks
 

@@ -11,8 +11,8 @@ namespace {
 constexpr std::size_t chunkSize = 0x1000000;
 }
 
-VerifyJob::VerifyJob(std::string cardPath, Log log, std::optional<HistoryStore> history)
-    : cardPath_(std::move(cardPath)), log_(std::move(log)), history_(std::move(history)) {}
+VerifyJob::VerifyJob(std::string cardPath, Log log, std::optional<HistoryStore> history, PauseGate* pauses)
+    : cardPath_(std::move(cardPath)), log_(std::move(log)), history_(std::move(history)), pauses_(pauses) {}
 
 VerifyJob::Status VerifyJob::currentStatus() const {
     MutexLock lock(lock_);
@@ -42,8 +42,9 @@ void VerifyJob::run() {
             MutexLock lock(lock_);
             status_.progress = now;
         };
+        const auto worker = pauses_ != nullptr ? pauses_->work() : nullptr;
         VerifyResult result =
-            BackupVerifier::verify(cardPath_, chunkSize, progress, [this] { return cancelled_.load(); });
+            BackupVerifier::verify(cardPath_, chunkSize, progress, [this] { return cancelled_.load(); }, worker.get());
         if (history_)
             VerificationTrace::record(*history_, result, log_);
         const State state = result.cancelled ? State::cancelled : State::done;

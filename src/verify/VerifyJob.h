@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "base/Mutex.h"
+#include "base/PauseGate.h"
 #include "memory/HistoryStore.h"
 #include "verify/VerifyResult.h"
 
@@ -26,8 +27,10 @@ public:
         std::optional<PreflightCode> errorCode;
     };
 
-    // With a `history` the result leaves its trace there.
-    explicit VerifyJob(std::string cardPath, Log log = {}, std::optional<HistoryStore> history = {});
+    // With a `history` the result leaves its trace there. `pauses`, which several jobs may share, holds the job between
+    // two files and outlives it.
+    explicit VerifyJob(std::string cardPath, Log log = {}, std::optional<HistoryStore> history = {},
+                       PauseGate* pauses = nullptr);
 
     const std::string& cardPath() const noexcept { return cardPath_; }
     void run();
@@ -41,6 +44,7 @@ private:
     const std::string cardPath_;
     const Log log_;
     std::optional<HistoryStore> history_;
+    PauseGate* const pauses_;
     std::atomic<bool> cancelled_{false};
     mutable Mutex lock_;
     Status status_ GUARDED_BY(lock_);

@@ -135,9 +135,89 @@ TEST_F(CopyProgramTest, RefusalsPrintTheirCodeAndCreateNothing) {
         EXPECT_EQ(program.out(), "");
         EXPECT_TRUE(contents(a).empty() && contents(b).empty()) << message;
     }
-    Program program({"copy", missing, "--dest", a, "--json"});
-    EXPECT_EQ(program.wait(), 3);
-    EXPECT_EQ(program.events().back()["errorCode"], "sourceNotFound");
+}
+
+TEST_F(CopyProgramTest, EveryEndIsAResultForPrograms) {
+    const std::string missing = temp / "missing";
+    const struct {
+        Arguments arguments;
+        int status;
+        std::string code;
+        std::string error;
+    } cases[] = {
+        {{"copy", missing, "--dest", a}, 3, "sourceNotFound", "Source not found"},
+        {{"copy", card, "--dest", a, "--date", "2026-02-31"}, 3, "date", "Date must be"},
+        {{"copy", card}, 2, "", "--dest is required"},
+        {{"copy"}, 2, "", "SOURCE"},
+        {copy({"--block-mib", "x"}), 2, "", "--block-mib"},
+        {{"append", card}, 2, "", "--into"},
+        {{"verify"}, 2, "", "PATH"},
+        {{"verify", missing}, 4, "", "Folder not found"},
+        {{"verify", card}, 3, "noHashRecord", "nothing to compare"},
+        {{"inspect", missing}, 4, "", "Cannot read the card"},
+        {{"settings", "no.such", "1"}, 2, "", "no.such"},
+        {{"eject"}, 2, "", "PATH"},
+    };
+    for (const auto& [arguments, status, code, error] : cases) {
+        Arguments all = arguments;
+        all.emplace_back("--json");
+        Program program(all);
+        EXPECT_EQ(program.wait(), status) << error;
+        const auto events = program.events();
+        ASSERT_EQ(std::ranges::count(events, "result", [](const auto& event) { return event["event"]; }), 1) << error;
+        EXPECT_EQ(events.back()["exitStatus"], status) << error;
+        EXPECT_EQ(events.back().value("errorCode", ""), code);
+        EXPECT_NE(events.back().value("error", "").find(error), std::string::npos) << events.back();
+    }
+}
+
+// What comes before the copy stands still on a card that does.
+class SlowCardTest : public CopyProgramTest {
+protected:
+    void SetUp() override {
+        CopyProgramTest::SetUp();
+        if (const auto why = test::FaultDisk::unavailable())
+            GTEST_SKIP() << *why;
+        disk.emplace();
+        test::FileTree::make(disk->root() + "/CARD", {{"DCIM/C1.mov", 3000}});
+        card = disk->root() + "/CARD";
+        disk->stall({.ops = "readdir", .pattern = "*DCIM*"});
+    }
+    void waitUntilItStands(std::int64_t hits) {
+        for (int i = 0; i < 1000 && disk->hits() == hits; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::optional<test::FaultDisk> disk;
+};
+
+TEST_F(SlowCardTest, APauseDuringTheFirstLookShowsAndHolds) {
+    Program program(copy({"--json"}));
+    waitUntilItStands(0);
+    program.signal(SIGUSR1);
+    const auto pausing = program.waitFor([](const auto& event) { return event.value("paused", false); });
+    ASSERT_TRUE(pausing);
+    EXPECT_EQ((*pausing)["phase"], "waiting");
+    disk->clear();
+    ASSERT_TRUE(program.waitFor([](const auto& event) { return event.value("pauseHeld", false); }));
+    EXPECT_TRUE(contents(a).empty());
+    program.signal(SIGUSR2);
+    EXPECT_EQ(program.wait(), 0) << program.err();
+}
+
+TEST_F(SlowCardTest, ACancelledLookIsAResultForPrograms) {
+    for (const Arguments& arguments : {copy({"--json"}), Arguments{"inspect", card, "--json"}}) {
+        const auto before = disk->hits();
+        Program program(arguments);
+        waitUntilItStands(before);
+        program.signal(SIGINT);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200)); // the signal is taken by a thread of its own
+        disk->clear();
+        EXPECT_EQ(program.wait(), 130) << program.err();
+        ASSERT_EQ(program.events().size(), 1U) << program.out();
+        EXPECT_EQ(program.events().back()["phase"], "cancelled");
+        EXPECT_EQ(program.events().back()["exitStatus"], 130);
+        disk->stall({.ops = "readdir", .pattern = "*DCIM*"});
+    }
 }
 
 TEST_F(CopyProgramTest, WrongUsageEndsWithTwoAndAnswersWithZero) {

@@ -1,10 +1,12 @@
 #include "cli/Program.h"
 #include "engine/FolderLocks.h"
 #include "platform/FileLock.h"
+#include "support/FaultDisk.h"
 #include "support/FileTree.h"
 #include "support/LoopImage.h"
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <thread>
@@ -42,7 +44,7 @@ protected:
         err = program.err();
         return status;
     }
-    int copy(const std::string& source, const Arguments& more = {}) {
+    Arguments copyOf(const std::string& source, const Arguments& more = {}) const {
         Arguments all = {"copy",
                          source,
                          "--dest",
@@ -58,8 +60,9 @@ protected:
                          "--allow-same-device",
                          "--allow-source-volume"};
         all.insert(all.end(), more.begin(), more.end());
-        return run(all);
+        return all;
     }
+    int copy(const std::string& source, const Arguments& more = {}) { return run(copyOf(source, more)); }
     bool printed(const std::string& text) const { return out.find(text) != std::string::npos; }
     bool logged(const std::string& text) const { return err.find(text) != std::string::npos; }
 };
@@ -109,6 +112,29 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
     EXPECT_EQ(run({"verify", card}), 3);
     EXPECT_TRUE(logged("refused: noHashRecord: " + card + " has no ASC MHL and no checksum list")) << err;
     EXPECT_EQ(run({"verify"}), 2);
+}
+
+TEST_F(BackupProgramTest, VerifyPausesBetweenFiles) {
+    if (const auto why = test::FaultDisk::unavailable())
+        GTEST_SKIP() << *why;
+    test::FaultDisk disk;
+    a = disk.root();
+    fill(card);
+    ASSERT_EQ(copy(card), 0) << err;
+    disk.stall({.ops = "read", .pattern = "*one.mov"});
+    const auto hits = disk.hits();
+    Program program({"verify", a + "/2026-03-14/A001", "--json"});
+    ASSERT_TRUE(program.waitFor([&](const auto&) { return disk.hits() > hits; })) << program.err();
+    program.signal(SIGUSR1);
+    ASSERT_TRUE(program.waitFor([](const auto& event) { return event.value("paused", false); }));
+    disk.clear();
+    const auto held = program.waitFor([](const auto& event) { return event.value("pausedSeconds", 0.0) > 0.3; });
+    ASSERT_TRUE(held);
+    EXPECT_TRUE((*held)["pauseHeld"]);
+    EXPECT_EQ((*held)["bytes"], 300'000) << *held;
+    program.signal(SIGUSR2);
+    EXPECT_EQ(program.wait(), 0) << program.err();
+    EXPECT_EQ(program.events().back()["checked"], 3);
 }
 
 TEST_F(BackupProgramTest, ACopyOfABackupStandsForNoneOfItsDisks) {
@@ -254,10 +280,16 @@ TEST_F(BackupProgramTest, AHistoryHeldForTenSecondsDelaysARecordAndLosesNone) {
         lock->release();
     });
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(copy(card), 0) << err;
+    Program program(copyOf(card), {.environment = {"VELMORA_SETTINGS_DIR=" + settings}});
+    while (program.out().find("Safe to format") == std::string::npos &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(30))
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    program.signal(SIGINT); // an impatient hand takes nothing away
+    program.signal(SIGINT);
+    EXPECT_EQ(program.wait(), 0) << program.err();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(9)) << "it was not the history's lock";
     other.join();
-    const std::string all = out + err;
+    const std::string all = program.out() + program.err();
     EXPECT_EQ(all.find("The card history is busy right now"), all.rfind("The card history is busy right now")) << all;
     EXPECT_NE(all.find("The card history is busy right now"), std::string::npos) << all;
     EXPECT_EQ(run({"history", "--json"}), 0);
