@@ -1,7 +1,6 @@
 #include "engine/CopyRun.h"
 
 #include "base/Text.h"
-#include "disks/CardIdentity.h"
 #include "engine/CaseFolding.h"
 #include "engine/OffloadEngine.h"
 #include "engine/PartResume.h"
@@ -9,17 +8,13 @@
 #include "records/OffloadPlan.h"
 
 #include <algorithm>
-#include <chrono>
 #include <fmt/format.h>
-#include <thread>
 
 namespace velmora {
 
 namespace {
 
 constexpr std::string_view cardChanged = "card changed while paused";
-constexpr int identityTries = 3;
-constexpr std::chrono::milliseconds identityPause{250};
 
 NameClashes clashesOf(const OffloadPlan& plan) {
     const SourceScan& scan = plan.scan;
@@ -48,10 +43,6 @@ std::int64_t partBytes(const OffloadPlan& plan) {
             bytes +=
                 task.writesTo(d) ? task.resume->blockSize * static_cast<std::int64_t>(task.resume->blocks.size()) : 0;
     return bytes;
-}
-
-std::optional<std::string> identityOf(const OffloadOptions& options, const std::string& source) {
-    return options.cardIdentity ? options.cardIdentity(source) : CardIdentity::withVolume(source);
 }
 
 } // namespace
@@ -107,7 +98,8 @@ void CopyRun::describe(ProgressSnapshot& snapshot) const {
 OffloadReport CopyRun::run() {
     started_ = Timestamp::now();
     pausesSeen_ = engine_.pauses_.requests();
-    engine_.cardAtStart_ = identityOf(engine_.options_, plan_->source);
+    if (!engine_.card_)
+        engine_.meetCard(plan_->source);
     worker_ = engine_.pauses_.work();
     pausedBefore_ = engine_.pauses_.pausedTotal();
     const std::int64_t began = monotonicNanos();
@@ -245,22 +237,8 @@ void CopyRun::lookForOtherCard() {
     const std::int64_t pauses = engine_.pauses_.requests();
     if (pauses == pausesSeen_ || isCancelled())
         return;
-    if (!sameCardAsAtStart() && !isCancelled())
-        engine_.cardChanged_ = true;
+    engine_.lookForOtherCard();
     pausesSeen_ = pauses;
-}
-
-// A volume that was just mounted again may need a moment before it tells its name.
-bool CopyRun::sameCardAsAtStart() const {
-    if (!engine_.cardAtStart_)
-        return true;
-    for (int attempt = 1;; ++attempt) {
-        if (identityOf(engine_.options_, plan_->source) == engine_.cardAtStart_)
-            return true;
-        if (attempt == identityTries || isCancelled())
-            return false;
-        std::this_thread::sleep_for(identityPause);
-    }
 }
 
 const CopyRun::Task& CopyRun::taskOf(std::size_t file) {

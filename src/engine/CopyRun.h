@@ -49,7 +49,6 @@ private:
     void copyAll();
     bool holdBetweenFiles();
     void drainAll();
-    bool sameCardAsAtStart() const;
     void endAt(std::size_t file, std::string reason);
     void endForOtherCard(std::size_t file);
     void lookForOtherCard();

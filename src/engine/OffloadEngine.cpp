@@ -88,6 +88,11 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
     }
 }
 
+void OffloadEngine::lookForOtherCard() {
+    if (card_ && !isCancelled() && !card_->isThere([this] { return isCancelled(); }) && !isCancelled())
+        cardChanged_ = true;
+}
+
 void OffloadEngine::cancel() {
     cancelled_ = true;
     pauses_.wake();

@@ -6,6 +6,7 @@
 #include "engine/CopyTimes.h"
 #include "engine/OffloadOptions.h"
 #include "engine/Preflight.h"
+#include "engine/SourceCard.h"
 #include "records/ProgressSnapshot.h"
 
 #include <atomic>
@@ -65,7 +66,11 @@ public:
 
     // The plan as it runs; null until the card folders are claimed and everything that the run needs is had.
     std::shared_ptr<const OffloadPlan> plan() const EXCLUDES(mutex_);
-    // The card in the reader was swapped or removed during a pause.
+    // Takes what is in the reader for the card of the run; `run` does it where nobody has.
+    void meetCard(const std::string& source) { card_.emplace(source, options_.cardIdentity); }
+    // Looks whether that card is still in the reader; nothing is found out once the run is cancelled.
+    void lookForOtherCard();
+    // It was found swapped or removed.
     bool cardChanged() const noexcept { return cardChanged_.load(); }
     const std::vector<std::string>& spaceWarnings() const noexcept { return space_.warnings; }
     const std::vector<SpaceLine>& spaceLines() const noexcept { return space_.lines; }
@@ -75,7 +80,7 @@ public:
     const std::vector<std::vector<std::uint64_t>>& fileBlocks() const noexcept { return fileBlocks_; }
     // Bytes a second that each destination took while it was written; 0 when nothing was.
     const std::vector<double>& writeRates() const noexcept { return writeRates_; }
-    const std::optional<std::string>& cardAtStart() const noexcept { return cardAtStart_; }
+    std::optional<std::string> cardAtStart() const { return card_ ? card_->identity() : std::nullopt; }
     std::int64_t resumedBytes() const noexcept { return resumedBytes_; } // taken over from part files
     const CopyTimes& copyTimes() const noexcept { return copyTimes_; }
     // Card folders whose disk never said that it keeps what it was given: no promise holds for them. `reportProblems`
@@ -107,7 +112,7 @@ private:
 
     std::vector<std::vector<std::uint64_t>> fileBlocks_;
     std::vector<double> writeRates_;
-    std::optional<std::string> cardAtStart_;
+    std::optional<SourceCard> card_;
     std::int64_t resumedBytes_ = 0;
     CopyTimes copyTimes_;
     std::vector<std::string> reportProblems_;

@@ -118,6 +118,7 @@ void OffloadJob::run(const Log& log) {
     }
     try {
         awake_ = std::make_unique<PowerInhibitor>("Copying a card", [this](std::string_view line) { this->log(line); });
+        engine_.meetCard(config_.source);
         sourceDevice_ = deviceOf(config_.source);
         openHistory(log);
         if (repair_)

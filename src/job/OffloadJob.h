@@ -112,6 +112,7 @@ private:
 
     Promises::Evidence gather(const Conclusion& conclusion, const OffloadReport* report);
     void conclude(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
+    void addLastLook(Promises::Evidence& evidence);
     // `note` says that all is well, and gives way to `otherwise` when the backup is not.
     void concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) EXCLUDES(mutex_);
     std::vector<HistoryVerification> passed(const Conclusion& conclusion, const OffloadReport* report) const;

@@ -29,11 +29,11 @@ constexpr std::string_view swappedCard =
     "The card in the reader was swapped or removed during the pause — the remaining files were not copied. Insert the "
     "original card and append to the backup.";
 
-// Everything had been read when the other card came.
-std::string swappedAfterCopy(const OffloadReport& report) {
-    return fmt::format("All files of {} were copied, but another card is in the reader now, or none. Insert {} again "
-                       "and append to the backup: that tells whether it can be formatted.",
-                       report.cardName, report.cardName);
+// Everything had been read when the other card came, or nothing had to be.
+std::string swappedAfterwards(const std::string& done, const std::string& cardName) {
+    return fmt::format("{}, but another card is in the reader now, or none. Insert {} again and append to the backup: "
+                       "that tells whether it can be formatted.",
+                       done, cardName);
 }
 
 // Files that are on the card now and were not there, or not so, in the scan that the copy was made from.
@@ -85,11 +85,11 @@ std::vector<HistoryVerification> OffloadJob::passed(const Conclusion& conclusion
 }
 
 // A camera, or a helping hand, may write onto a card while it is copied: it is looked at once more. Not after a cancel,
-// and not when another card is in the reader, whose files nobody has asked for.
+// and not when another card is in the reader, whose files nobody has asked for. It is asked for before and after, as
+// cards are changed without a word to this program.
 Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const OffloadReport* report) {
     Promises::Evidence evidence;
     evidence.ran = true;
-    evidence.cardSwapped = engine_.cardChanged();
     evidence.readBack = report == nullptr || report->verified;
     evidence.failedFiles = report == nullptr ? 0 : static_cast<std::int64_t>(report->failedFiles().size());
     evidence.problems = engine_.reportProblems();
@@ -100,16 +100,23 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     for (auto& [cardPath, sentence] : failedBefore)
         evidence.failedVerifications.push_back(std::move(sentence));
     SourceScan card = conclusion.card;
-    if (!engine_.isCancelled() && !evidence.cardSwapped) {
+    engine_.lookForOtherCard();
+    if (!engine_.isCancelled() && !engine_.cardChanged()) {
         try {
-            card = Scanner::scan(config_.source, [this] { return engine_.isCancelled(); });
-            evidence.cardSeen = true;
+            SourceScan now = Scanner::scan(config_.source, [this] { return engine_.isCancelled(); });
+            engine_.lookForOtherCard();
+            evidence.cardSeen = !engine_.cardChanged();
+            if (evidence.cardSeen)
+                card = std::move(now);
         } catch (const Cancelled&) {
             log("the card was not looked at once more: cancelled");
         } catch (const std::exception& error) {
-            evidence.cardError = error.what();
+            engine_.lookForOtherCard();
+            if (!engine_.cardChanged())
+                evidence.cardError = error.what();
         }
     }
+    evidence.cardSwapped = engine_.cardChanged();
     if (!conclusion.coversPart) {
         evidence.filesAdded = filesAddedSince(conclusion.card, card);
         return evidence;
@@ -157,10 +164,11 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
         auto& notes = report.verifyNotes ? *report.verifyNotes : report.verifyNotes.emplace();
         std::ranges::copy(verdict.reasons, std::back_inserter(notes));
     };
+    order.stands = [this] { return held_->problems().empty(); };
     Verification::Outcome outcome =
         Verification::commit(std::move(built), order, [this](std::string_view line) { log(line); });
     addProblems(outcome.failures);
-    std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems)); // after the last write
+    addLastLook(evidence);
     verdict = Promises::judge(evidence);
 
     const auto report = std::make_shared<const OffloadReport>(std::move(outcome.report));
@@ -177,14 +185,17 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
     else if (engine_.cardChanged())
-        endAs(Phase::failed, report->success() ? swappedAfterCopy(*report) : std::string(swappedCard));
+        endAs(Phase::failed,
+              report->success()
+                  ? swappedAfterwards(fmt::format("All files of {} were copied", report->cardName), report->cardName)
+                  : std::string(swappedCard));
     else
         endAs(Phase::done);
 }
 
 void OffloadJob::concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) {
     Promises::Evidence evidence = gather(conclusion, nullptr);
-    std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems));
+    addLastLook(evidence);
     const Promises::Verdict verdict = Promises::judge(evidence);
     const BackupCheck& check = *evidence.whole;
     // A run that died between its last record and the history left the entry open, or none: nothing else would ever
@@ -209,7 +220,20 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
         state_.copySucceeded = verdict.safeToEject;
     }
     tell(verdict);
-    endAs(engine_.isCancelled() ? Phase::cancelled : Phase::done);
+    if (engine_.isCancelled())
+        endAs(Phase::cancelled);
+    else if (engine_.cardChanged())
+        endAs(Phase::failed,
+              swappedAfterwards("The backup was looked at", check.newest ? check.newest->cardName : "the card"));
+    else
+        endAs(Phase::done);
+}
+
+// Disks and card once more, when everything is written: the verdict speaks of what is there when it is read.
+void OffloadJob::addLastLook(Promises::Evidence& evidence) {
+    std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems));
+    engine_.lookForOtherCard();
+    evidence.cardSwapped = engine_.cardChanged();
 }
 
 void OffloadJob::tell(const Promises::Verdict& verdict) {

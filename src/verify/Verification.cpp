@@ -73,7 +73,7 @@ Outcome commit(OffloadReport report, const Order& order, const Log& log) {
         order.judge(report, folders.failures());
     const std::size_t failed = folders.failures().size();
     folders.replaceReports(report);
-    if (folders.failures().size() > failed) {
+    if (folders.failures().size() > failed || (order.stands && !order.stands())) {
         report.verifyIncomplete = true;
         report.safeToFormatSeconds.reset();
         folders.replaceReports(report);

@@ -37,6 +37,8 @@ struct Order {
     std::function<void(const std::string& cardPath)> beforeWrite = {};
     // Called once, when every folder holds its records: says in the report what may be promised now. It must not throw.
     std::function<void(OffloadReport&, const std::vector<Failure>&)> judge = {};
+    // Called when the judged reports stand. False takes what they promise back, on every disk that still takes it.
+    std::function<bool()> stands = {};
 };
 
 // Commits a report in two passes over all folders; a failure on one folder does not stop the others.

@@ -68,9 +68,17 @@ TEST_F(OffloadJobTest, ACancelKeepsThePromisesThatWereEarned) {
         std::size_t generations; // folders of the backup that hold an ASC MHL history
     };
     for (const auto& [moment, eject, generations] :
-         {Case{"before", false, 0}, Case{"copy", false, 2}, Case{"read-back", true, 2}}) {
+         {Case{"before", false, 0}, Case{"copy", false, 2}, Case{"read-back", true, 2}, Case{"last scan", true, 2}}) {
         std::optional<OffloadJob> job;
-        options.afterChunkRead = [&](std::int64_t) { moment == "copy" ? job->cancel() : void(); };
+        options.cardIdentity = [&](const std::string&) {
+            if (moment == "last scan" && job->status().phase == Phase::reporting) // it is asked for ahead of the scan
+                job->cancel();
+            return std::optional<std::string>("A");
+        };
+        options.afterChunkRead = [&](std::int64_t) {
+            if (moment == "copy" && !job->isCancelled()) // nobody looks what came since
+                test::FileTree::write(config.source + "/later.mov", "new"), job->cancel();
+        };
         options.afterVerifyChunk = [&] { moment == "read-back" ? job->cancel() : void(); };
         config.cardName = moment;
         job.emplace(config, options);
@@ -81,6 +89,7 @@ TEST_F(OffloadJobTest, ACancelKeepsThePromisesThatWereEarned) {
         EXPECT_EQ(status.phase, Phase::cancelled) << moment;
         EXPECT_EQ(status.safeToEject, eject) << moment;
         EXPECT_FALSE(status.safeToFormat) << moment;
+        EXPECT_TRUE(status.warnings.empty()) << moment << status.warnings.front();
         EXPECT_EQ(job->report() == nullptr, moment == "before");
         std::size_t found = 0;
         for (const auto& root : config.destRoots)
@@ -92,6 +101,7 @@ TEST_F(OffloadJobTest, ACancelKeepsThePromisesThatWereEarned) {
 TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
     std::optional<OffloadJob> job;
     std::atomic<bool> swapped = false;
+    int asked = 0;
     std::thread user;
     options.cardIdentity = [&](const std::string&) { return std::optional<std::string>(swapped ? "B" : "A"); };
     options.beforeFileCopy = [&](std::int64_t index) {
@@ -117,26 +127,44 @@ TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
     EXPECT_EQ(job->report()->failedFiles().size(), 2U);
     EXPECT_EQ(job->report()->files.at(1).sourceError, "card changed while paused");
 
-    // The same when everything had been read. What another card holds is not missing from this backup.
-    swapped = false;
-    config.cardName = "LATE";
+    // The same when everything had been read, with a pause or without, and where nothing has to be copied. What another
+    // card holds is not missing from this backup.
     options.beforeFileCopy = {};
-    options.afterVerifyChunk = [&] {
-        job->pause();
-        test::FileTree::write(config.source + "/stranger.mov", "another card");
-        swapped = true;
-        job->resume();
-    };
-    job.emplace(config, options);
-    job->run({});
-    const auto late = job->status();
-    EXPECT_EQ(late.phase, Phase::failed);
-    EXPECT_TRUE(late.error && late.error->starts_with("All files of LATE were copied, but another card"))
-        << *late.error;
-    EXPECT_FALSE(late.safeToEject || late.safeToFormat);
-    EXPECT_FALSE(job->report()->safeToFormatSeconds);
-    for (const std::string& warning : late.warnings)
-        EXPECT_EQ(warning.find("not in the backup"), std::string::npos) << warning;
+    for (const std::string moment : {"PAUSE", "READBACK", "RECORDS", "NOTHINGNEW"}) {
+        swapped = false;
+        std::filesystem::remove(config.source + "/stranger.mov");
+        config.cardName = moment;
+        const std::string card = "/2026-03-14/" + moment;
+        if (moment == "NOTHINGNEW") {
+            OffloadJob(config, options).run({});
+            config.appendInto = {temp / ("a" + card), temp / ("b" + card)};
+        }
+        const auto swap = [&] {
+            test::FileTree::write(config.source + "/stranger.mov", "another card");
+            swapped = true;
+        };
+        options.afterVerifyChunk = [&] {
+            moment == "PAUSE" ? job->pause() : void();
+            moment == "PAUSE" || moment == "READBACK" ? swap() : void();
+            moment == "PAUSE" ? job->resume() : void();
+        };
+        options.cardIdentity = [&](const std::string&) {
+            const bool late = moment == "RECORDS" && std::filesystem::exists(temp / ("b" + card + "/ascmhl"));
+            if (late || (moment == "NOTHINGNEW" && job->status().phase == Phase::waiting && asked++ == 1))
+                swap();
+            return std::optional<std::string>(swapped ? "B" : "A");
+        };
+        job.emplace(config, options);
+        job->run({});
+        const auto late = job->status();
+        EXPECT_EQ(late.phase, Phase::failed);
+        EXPECT_TRUE(late.error && late.error->find(", but another card is in the reader now") != std::string::npos)
+            << moment << late.error.value_or("");
+        EXPECT_FALSE(late.safeToEject || late.safeToFormat) << moment;
+        EXPECT_FALSE(job->report() && job->report()->safeToFormatSeconds) << moment;
+        for (const std::string& warning : late.warnings)
+            EXPECT_EQ(warning.find("the backup does not"), std::string::npos) << warning;
+    }
 }
 
 TEST_F(OffloadJobTest, KeepsOthersOutOfTheCardFoldersWhileItRuns) {

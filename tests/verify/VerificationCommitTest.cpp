@@ -33,9 +33,11 @@ protected:
                 everywhere = everywhere && MHLReader::read(card).generations.size() == 1;
             judged.safeToFormatSeconds = 1;
         };
+        order.stands = [this] { return stays; };
         return Verification::commit(report, order, [this](std::string_view line) { logged.emplace_back(line); });
     }
     int judgements = 0;
+    bool stays = true;
     bool everywhere = true; // each folder had its generation when the judgement was asked for
 };
 
@@ -56,14 +58,22 @@ TEST_F(VerificationCommitTest, PromisesNothingBeforeEveryDiskHoldsTheRecords) {
 }
 
 // The last disk fails after the others have the final report: the mark is put back on them.
+// Or it takes the report and is found gone right after.
 TEST_F(VerificationCommitTest, AFailureInTheSecondPassTakesThePromiseBack) {
-    const auto outcome = commit([&](const std::string& card) {
-        if (judgements > 0 && card == cards[2])
-            throw IOError("open", card, EIO);
-    });
-    EXPECT_FALSE(outcome.complete() || outcome.report.safeToFormatSeconds);
-    for (std::size_t i = 0; i < cards.size(); ++i)
-        EXPECT_TRUE(onDisk(i).verifyIncomplete == true && !onDisk(i).safeToFormatSeconds) << i;
+    for (const bool afterwards : {false, true}) {
+        judgements = 0;
+        stays = !afterwards;
+        const auto outcome = commit(
+            [&](const std::string& card) {
+                if (judgements > 0 && card == cards[2] && !afterwards)
+                    throw IOError("open", card, EIO);
+            },
+            !afterwards);
+        EXPECT_EQ(outcome.complete(), afterwards);
+        EXPECT_FALSE(outcome.report.safeToFormatSeconds);
+        for (std::size_t i = 0; i < cards.size(); ++i)
+            EXPECT_TRUE(onDisk(i).verifyIncomplete == true && !onDisk(i).safeToFormatSeconds) << i;
+    }
 }
 
 TEST_F(VerificationCommitTest, AFailureOnOneDiskIsToldAndDoesNotStopTheOthers) {
