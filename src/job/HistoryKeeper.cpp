@@ -16,6 +16,15 @@ namespace velmora {
 namespace {
 // Finding the entry of an append is worth a short wait, not a long one: without it the record makes a new entry.
 constexpr double lookupSeconds = 2.0;
+
+std::optional<std::string> failedVerification(const std::vector<HistoryEntry>& entries, const BackupPlace& place) {
+    const auto last = HistoryRecords::verificationOf(entries, place.cardPath, place.volumeSerial);
+    if (!last || !last->failed)
+        return std::nullopt;
+    return fmt::format("{} did not pass its verification of {} ({}) — do not format the card; run Repair ({} repair), "
+                       "or verify the folder again.",
+                       place.cardPath, TimeText::local(*last->failed, "%Y-%m-%d %H:%M"), last->found, Product::cli);
+}
 } // namespace
 
 HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, const std::string& source, Log log)
@@ -52,22 +61,27 @@ HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPat
     Known known;
     if (entry && entry->card)
         known.medium = entry->card->key();
-    for (const HistoryEntry* each : HistoryRecords::entriesNaming(entries, cardPaths)) {
+    for (const HistoryEntry* each : HistoryRecords::entriesOfName(entries, cardPaths)) {
         AppendPlanner::PastRun& run = known.runs.emplace_back();
         run.finished = each->finished;
         for (const HistoryDestination& destination : each->destinations)
             run.places.push_back({destination.cardPath, std::nullopt});
     }
-    for (const std::string& cardPath : cardPaths) {
-        const auto last = HistoryRecords::verificationOf(entries, cardPath, VolumeFacts::volumeSerialText(cardPath));
-        if (last && last->failed)
-            known.failedVerifications.emplace(
-                RelativePath::withoutTrailingSlash(cardPath),
-                fmt::format("{} did not pass its verification of {} ({}) — do not format the card; run Repair "
-                            "({} repair), or verify the folder again.",
-                            cardPath, TimeText::local(*last->failed, "%Y-%m-%d %H:%M"), last->found, Product::cli));
-    }
+    for (const std::string& cardPath : cardPaths)
+        if (auto failed = failedVerification(entries, {cardPath, VolumeFacts::volumeSerialText(cardPath)}))
+            known.failedVerifications.emplace(RelativePath::withoutTrailingSlash(cardPath), std::move(*failed));
     return known;
+}
+
+std::vector<std::string> HistoryKeeper::failedVerifications(const std::vector<BackupPlace>& places) const {
+    std::vector<std::string> failed;
+    if (places.empty())
+        return failed;
+    const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load();
+    for (const BackupPlace& place : places)
+        if (auto sentence = failedVerification(entries, place))
+            failed.push_back(std::move(*sentence));
+    return failed;
 }
 
 void HistoryKeeper::reopen(const std::function<void()>& delayed) {

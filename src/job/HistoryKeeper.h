@@ -27,12 +27,14 @@ public:
     // What the history knows of a backup before a run into its folders.
     struct Known {
         std::optional<CardKey> medium;            // the card
-        std::vector<AppendPlanner::PastRun> runs; // the folders of each record that names one of these
+        std::vector<AppendPlanner::PastRun> runs; // the folders of each record that may be of this backup
         // For each folder that did not pass its last verification: the folder, and the sentence that says so.
         std::map<std::string, std::string> failedVerifications;
     };
     // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
     Known look(const std::vector<std::string>& cardPaths);
+    // The same sentences for folders that this job did not lock, as the history knows them now.
+    std::vector<std::string> failedVerifications(const std::vector<BackupPlace>& places) const;
 
     // A copy that begins now.
     void start(const OffloadPlan& plan, const std::function<void()>& delayed);

@@ -128,6 +128,11 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     } catch (const std::exception& error) {
         evidence.whole.emplace().error = error.what();
     }
+    if (history_)
+        guardHistory([&] {
+            std::ranges::move(history_->failedVerifications(conclusion.elsewhere),
+                              std::back_inserter(evidence.whole->elsewhere));
+        });
     if (!conclusion.comparesAll) {
         evidence.notCompared = evidence.whole->ofEarlierRuns;
         evidence.compareCommand = compareCommand_;

@@ -148,11 +148,11 @@ std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const
     for (const CardRecord& record : records)
         if (!record.generations.empty() && (!began || record.started() < *began))
             began = record.started();
-    std::vector<BackupPlace> known = found.places;
+    std::vector<std::vector<BackupPlace>> runs;
     for (const PastRun& run : pastRuns)
         if (!began || secondsBetween(run.finished, *began) < slack)
-            known.insert(known.end(), run.places.begin(), run.places.end());
-    return BackupPlaces::beside(records, known);
+            runs.push_back(run.places);
+    return BackupPlaces::beside(records, found.places, std::move(runs));
 }
 
 // Cameras with unset clocks and files of one size make cards that no name, size or time tells apart: only the medium

@@ -48,7 +48,7 @@ struct Ask {
     bool compareCard = false; // every file of the card is read and held against its copies, also those of earlier runs
     std::optional<CardKey> medium;          // of the source, where it is a whole volume that tells what it is
     std::optional<CardKey> mediumInHistory; // of the card that the history knows for these folders
-    std::vector<PastRun> pastRuns;
+    std::vector<PastRun> pastRuns;          // into folders of these names, on these disks or others
 };
 
 // Throws OffloadError with a code, Cancelled, and the scan's IOError. With nothing to do it throws NothingNew.

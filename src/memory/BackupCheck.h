@@ -20,7 +20,8 @@ struct BackupCheck {
     std::int64_t notInBackup = 0;   // files of the card that no report names, or names with another size or time
     std::int64_t ofEarlierRuns = 0; // files of the card that only earlier generations than the given one record
     std::vector<std::string> lost;  // recorded as failed on some disk, and not on the card any more
-    // A sentence for each further folder of this backup that lacks something or could not be looked at.
+    // A sentence for each further folder of this backup that lacks something, could not be looked at, or did not pass
+    // its last verification.
     std::vector<std::string> elsewhere;
     std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
 

@@ -2,6 +2,11 @@
 
 #include "base/RelativePath.h"
 #include "base/Text.h"
+#include "blocks/ManifestFile.h"
+#include "disks/VolumeSerial.h"
+#include "memory/HistoryRecords.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
 
 #include <algorithm>
 #include <iterator>
@@ -65,19 +70,28 @@ private:
     std::set<std::string> paths_;
 };
 
-} // namespace
+// What one report says of the folders of its backup.
+struct Told {
+    Timestamp finished;
+    std::vector<std::pair<std::string, BackupPlace>> columns;
+    std::vector<BackupPlace> elsewhere;
 
-std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, const std::vector<BackupPlace>& known) {
+    explicit Told(const OffloadReport& report) : finished(report.finished), elsewhere(report.elsewhere) {
+        for (std::size_t i = 0; i < report.destinations.size(); ++i)
+            columns.push_back(placeOf(report, i));
+    }
+};
+
+std::vector<BackupPlace> besideThese(const std::vector<CardRecord>& records, std::vector<Told> told,
+                                     const std::vector<BackupPlace>& known) {
     Places places;
     std::vector<BackupPlace> more;
-    for (const CardRecord& record : records)
-        for (const auto& generation : record.generations) {
-            for (std::size_t i = 0; i < generation.report->destinations.size(); ++i) {
-                auto [key, place] = placeOf(*generation.report, i);
-                places.add(std::move(key), std::move(place));
-            }
-            std::ranges::copy(generation.report->elsewhere, std::back_inserter(more));
-        }
+    std::ranges::stable_sort(told, {}, &Told::finished);
+    for (Told& report : told) {
+        for (auto& [key, place] : report.columns)
+            places.add(std::move(key), std::move(place));
+        std::ranges::copy(report.elsewhere, std::back_inserter(more));
+    }
     std::ranges::copy(known, std::back_inserter(more));
     // Places with a serial first: one that is known by its path alone may be the same.
     std::ranges::stable_partition(more, [](const BackupPlace& place) { return place.volumeSerial.has_value(); });
@@ -99,6 +113,57 @@ std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, const st
         }
     }
     return places.take();
+}
+
+bool isThere(const BackupPlace& place) {
+    return IO::isFolder(place.cardPath) &&
+           (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial);
+}
+
+// One of the group is one of these folders, or one that was found.
+bool isOurs(const std::vector<BackupPlace>& group, const std::vector<CardRecord>& records,
+            const std::vector<BackupPlace>& found) {
+    return std::ranges::any_of(group, [&](const BackupPlace& place) {
+        const auto isIt = [&](const auto& other) {
+            return HistoryRecords::samePlace(place.cardPath, RelativePath::withoutTrailingSlash(other.cardPath));
+        };
+        return std::ranges::any_of(records, isIt) || std::ranges::any_of(found, isIt);
+    });
+}
+
+} // namespace
+
+std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, std::vector<BackupPlace> known,
+                                std::vector<std::vector<BackupPlace>> groups) {
+    constexpr std::size_t maxRead = 100;
+    std::vector<Told> told;
+    const auto hear = [&](const CardRecord& record) {
+        for (const auto& generation : record.generations)
+            told.emplace_back(*generation.report);
+    };
+    std::ranges::for_each(records, hear);
+    std::set<std::string> read;
+    while (true) {
+        std::vector<BackupPlace> found = besideThese(records, told, known);
+        bool more = std::erase_if(groups, [&](const std::vector<BackupPlace>& group) {
+                        const bool ours = isOurs(group, records, found);
+                        if (ours)
+                            std::ranges::copy(group, std::back_inserter(known));
+                        return ours;
+                    }) > 0;
+        for (const BackupPlace& place : found) {
+            if (read.size() == maxRead || !isThere(place) || !read.insert(pathOf(place.cardPath)).second)
+                continue;
+            more = true;
+            hear(CardRecord::load(place.cardPath));
+            ManifestFile::forEach(place.cardPath, [&](const ManifestRecord& line) {
+                std::ranges::copy(line.destinations, std::back_inserter(known));
+                return true;
+            });
+        }
+        if (!more)
+            return found;
+    }
 }
 
 } // namespace velmora::BackupPlaces

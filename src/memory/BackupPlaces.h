@@ -14,8 +14,12 @@ namespace velmora {
 namespace BackupPlaces {
 
 // The folders that are not among `records`, which are those that a run was given. `known` adds what no report in
-// `records` says; a place without a serial counts only if no other source knows its path.
-std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, const std::vector<BackupPlace>& known);
+// `records` says; a place without a serial counts only if no other source knows its path. Each of `groups` are places
+// that belong together, and to this backup if one of them does. Whatever a folder that is found so and can be read says
+// of further ones counts as well, and so on until nobody knows of more: a disk that is away may be named by one alone
+// that nobody named for this run. A hundred folders are read at most; those found beyond them are listed all the same.
+std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, std::vector<BackupPlace> known,
+                                std::vector<std::vector<BackupPlace>> groups = {});
 
 } // namespace BackupPlaces
 

@@ -105,14 +105,17 @@ const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std:
     return nullptr;
 }
 
-std::vector<const HistoryEntry*> entriesNaming(const std::vector<HistoryEntry>& entries,
+std::vector<const HistoryEntry*> entriesOfName(const std::vector<HistoryEntry>& entries,
                                                const std::vector<std::string>& cardPaths) {
-    const std::set<std::string> wanted = keysOf(cardPaths);
-    std::vector<const HistoryEntry*> naming;
+    std::set<std::string> wanted;
+    for (const std::string& path : cardPaths)
+        wanted.insert(tailOf(RelativePath::withoutTrailingSlash(path)));
+    std::vector<const HistoryEntry*> found;
     for (const HistoryEntry& entry : entries)
-        if (std::ranges::any_of(keysOf(cardPathsOf(entry)), [&](const auto& key) { return wanted.contains(key); }))
-            naming.push_back(&entry);
-    return naming;
+        if (std::ranges::any_of(entry.destinations,
+                                [&](const auto& each) { return wanted.contains(tailOf(each.cardPath)); }))
+            found.push_back(&entry);
+    return found;
 }
 
 HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVolume>& volume, Timestamp now) {

@@ -18,8 +18,8 @@ namespace HistoryRecords {
 // The entry whose destinations are exactly these card folders; null when there is none.
 const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths);
 
-// The entries that name at least one of these card folders.
-std::vector<const HistoryEntry*> entriesNaming(const std::vector<HistoryEntry>& entries,
+// The entries that name a folder of the same day and card name as one of these: those of one backup are among them.
+std::vector<const HistoryEntry*> entriesOfName(const std::vector<HistoryEntry>& entries,
                                                const std::vector<std::string>& cardPaths);
 
 // An entry for a copy that begins now. It holds the whole card, so that a card that comes back after a crash is known

@@ -331,6 +331,13 @@ class World:
                 file.write(bytes([byte ^ 1]))
             os.utime(whole, ns=(times.st_atime_ns, times.st_mtime_ns))
 
+    def clone(self, disk, to):
+        shutil.copytree(self.folder(disk), self.folder(to))
+        self.steps.append(f"clone {disk} to {to}")
+        for (where, name, path), how in list(self.why.items()):
+            if (where, name) == (disk, self.name):
+                self.why[to, name, path] = how
+
     def lose(self, disk, record):
         """Deletes one kind of record, or the whole folder, of the newest backup on a disk."""
         folder = self.folder(disk)

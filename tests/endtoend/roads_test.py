@@ -165,12 +165,7 @@ class Road:
         """A copy of a card folder on a third disk, made by a person, sometimes a bad one."""
         disks = [d for d in self.disks() if d != "c"]
         if disks and not os.path.isdir(self.world.folder("c")):
-            disk = self.dice.choice(disks)
-            shutil.copytree(self.world.folder(disk), self.world.folder("c"))
-            self.world.steps.append(f"clone {disk} to c")
-            for (where, name, path), how in list(self.world.why.items()):
-                if (where, name) == (disk, self.world.name):
-                    self.world.why["c", name, path] = how
+            self.world.clone(self.dice.choice(disks), "c")
             if self.dice.random() < 0.5:
                 there = [p for p in files(self.world.folder("c")) if not p.startswith(("_REPORT", "ascmhl"))]
                 self.world.harm("c", self.dice.choice(there), "flip") if there else None
@@ -334,6 +329,15 @@ class Roads(unittest.TestCase):
             self.assertGreater(rounds, SECONDS / 10)
             self.assertGreater(promises.get("format", 0), rounds / 4)
 
+    def test_narrow_roads(self):
+        """Roads on which a promise is easily given too early: no dice, and the end is none."""
+        for name, road in self.NARROW.items():
+            with self.subTest(name):
+                world = self.world(name, 1)
+                run = road(world)
+                self.assertFalse(run.result.get("safeToFormat"), run.text)
+                self.assertNotRegex(world.inspect().text, "verified, safe to format")
+
     def test_ways_out(self):
         """Honest roads end in the promise, by the commands that the program names."""
         met, ended, dice = {}, 0, random.Random(SEED)
@@ -358,6 +362,35 @@ class Roads(unittest.TestCase):
         if not ALL:
             self.assertEqual([key for key in met if not any(fnmatch.fnmatch(key, known) for known in KNOWN)], [])
         self.assertGreater(ended, len(self.HONEST))
+
+    @staticmethod
+    def bad_and_not_named(kind):
+        def road(world):
+            copy(world)
+            world.harm("b", "DCIM/C0001.MOV", "flip")
+            world.verify("b")
+            world.harm("a", "DCIM/C0003.MOV", "delete") if kind == "repair" else None
+            return into(world, kind, "a", compare=kind == "append")
+
+        return road
+
+    @staticmethod
+    def known_to_one_alone(world):
+        copy(world)
+        world.clone("b", "c")
+        world.shoot("DCIM/N1.MOV", 5000)
+        into(world, "append", "bc", compare=True)
+        world.leave("c")
+        return into(world, "append", "a", compare=True)
+
+    @staticmethod
+    def pulled(strike, other=True):
+        """Another card comes without a pause, or none."""
+
+        def swap(world):
+            world.swap_card() if other else world.volumes.unmount(world.card, True)
+
+        return lambda world: copy(world, strike=strike, during=lambda _: swap(world))
 
     def follow(self, world, run):
         """The command that a run's last words name."""
@@ -418,6 +451,18 @@ class Roads(unittest.TestCase):
         for number, size in enumerate([MIB + 1, 0, 4000]):
             world.shoot(f"NEW/N{number}.MOV", size)
 
+
+Roads.NARROW = {
+    "a bad copy that is not named": Roads.bad_and_not_named("append"),
+    "a bad copy that a repair does not name": Roads.bad_and_not_named("repair"),
+    "a disk that is known to one alone": Roads.known_to_one_alone,
+}
+if possible():
+    Roads.NARROW |= {
+        "another card in the read-back": Roads.pulled("stop read /mnt/b/2026 3 1"),
+        "another card while records are written": Roads.pulled("stop rename A001/_REPORT 2 1"),
+        "a card that is pulled": Roads.pulled("stop rename A001/_REPORT 2 1", False),
+    }
 
 KILL, STOP = "kill change {disks} {at} 1", "int change {disks} {at} 1"
 RECORDS = "kill rename A001/_REPORT {few} 1; kill rename A001/ascmhl {few} 1"

@@ -315,10 +315,7 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
 
     // A card that changes between the plan and the copy: what was planned is not what would be written.
     test::FileTree::flipBit(cards[1] + "/DCIM/4.mov", 5);
-    options.cardIdentity = [&](const std::string&) {
-        test::FileTree::flipBit(temp / "card/DCIM/4.mov", 9);
-        return std::optional<std::string>("card");
-    };
+    options.beforeFileCopy = [&](std::int64_t) { test::FileTree::flipBit(temp / "card/DCIM/4.mov", 9); };
     EXPECT_FALSE(repair(cards).safeToFormat);
     EXPECT_THAT(job->report()->files.front().sourceError.value_or(""), HasSubstr("the card has different content"));
 }
