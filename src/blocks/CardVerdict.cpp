@@ -50,6 +50,12 @@ std::string unstable(std::string_view file, std::string_view disk, std::span<con
                        file, disk, fmt::join(blocks, ", "));
 }
 
+std::string changing(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks) {
+    return fmt::format("Unstable read: {} on {} (block {}) gave different data in two reads — neither matched the "
+                       "card.",
+                       file, disk, fmt::join(blocks, ", "));
+}
+
 std::vector<std::string> notes(std::string_view file, std::span<const SharedMismatch> mismatches,
                                const std::function<std::optional<std::uint64_t>(std::int64_t block)>& readCard) {
     std::vector<std::string> all;

@@ -31,6 +31,9 @@ std::string differs(std::string_view file, std::string_view disk, std::span<cons
 // "Unstable read: …" for blocks that ended matching.
 std::string unstable(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks);
 
+// "Unstable read: …" for blocks that were wrong both times, and not in the same way.
+std::string changing(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks);
+
 // One block that is wrong on two or more disks.
 struct SharedMismatch {
     std::int64_t block = 0;

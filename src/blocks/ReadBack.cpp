@@ -44,8 +44,8 @@ FirstPass readWhole(UncachedReader& file, ReadAhead& reader, std::int64_t size, 
     return pass;
 }
 
-// The digest of the file is wrong. Finds the blocks that are to blame and reads them once more. Leaves `outcome` alone
-// when no block can be named. Throws Cancelled and IOError.
+// The digest of the file is wrong. Finds the blocks that are to blame and reads them once more; where that read fails,
+// the first answer stands. Leaves `outcome` alone when no block can be named.
 void findBlocks(UncachedReader& file, std::span<std::byte> buffer, const std::string& path,
                 const ReadBack::Expected& expected, const FirstPass& pass, const IsCancelled& isCancelled,
                 ReadBack::Outcome& outcome) {
@@ -59,19 +59,22 @@ void findBlocks(UncachedReader& file, std::span<std::byte> buffer, const std::st
     for (std::size_t block = 0; block < pass.blocks.size(); ++block) {
         verifier.feedHash(static_cast<std::int64_t>(block), pass.blocks[block]);
     }
-    AlignedBuffer own;
-    const std::size_t needed = BlockPass::bufferBytes(expected.blockSize, expected.size, path);
-    if (needed > buffer.size()) {
-        own = AlignedBuffer(needed);
-        buffer = own.span();
+    try {
+        AlignedBuffer own;
+        const std::size_t needed = BlockPass::bufferBytes(expected.blockSize, expected.size, path);
+        if (needed > buffer.size()) {
+            own = AlignedBuffer(needed);
+            buffer = own.span();
+        }
+        BlockPass::run(file, buffer, verifier, {{}, isCancelled, {}});
+    } catch (const std::exception&) { // an error, no memory, or a cancel
     }
-    BlockPass::run(file, buffer, verifier, {{}, isCancelled, {}});
     outcome.unstable = verifier.unstableBlocks();
     std::erase_if(outcome.unstable, [&](std::int64_t block) { return verifier.diskHash(block).has_value(); });
     for (std::size_t block = 0; block < pass.blocks.size(); ++block) {
         const auto number = static_cast<std::int64_t>(block);
         if (const auto hash = verifier.diskHash(number)) {
-            outcome.wrong.push_back({number, *hash});
+            outcome.wrong.push_back({number, *hash, *hash != pass.blocks[block]});
         }
     }
 }
@@ -103,10 +106,7 @@ ReadBack::Outcome ReadBack::verify(const std::string& cardPath, const std::strin
             const std::string source = expected.xxh64 ? fmt::format("{:016x}", *expected.xxh64) : "-";
             outcome.result =
                 failed(fmt::format("HASH MISMATCH: dest {:016x} != source {}", pass.hashes.xxh64.value_or(0), source));
-            try {
-                findBlocks(file, buffer_, path, expected, pass, hooks.isCancelled, outcome);
-            } catch (const std::exception&) { // the verdict stands, nobody says where
-            }
+            findBlocks(file, buffer_, path, expected, pass, hooks.isCancelled, outcome);
         }
     } catch (const Cancelled&) {
         outcome.result = {FileState::written, std::nullopt};

@@ -34,13 +34,14 @@ public:
     };
     struct WrongBlock {
         std::int64_t number = 0;
-        std::uint64_t hash = 0; // what the disk gave the second time
+        std::uint64_t hash = 0; // what the disk gave last
+        bool changing = false;  // it gave something else the first time
     };
     struct Outcome {
         DestFileResult result;              // verified; failed with its text; written when it was cancelled
         bool throughCache = false;          // the file could not be driven out of memory before it was read
         std::vector<std::int64_t> unstable; // blocks that were wrong and were right the second time
-        std::vector<WrongBlock> wrong;      // blocks that were wrong both times
+        std::vector<WrongBlock> wrong;      // blocks that were wrong as often as they were read
         std::optional<std::string> xxh128;  // of a file that was verified
     };
 

@@ -107,6 +107,18 @@ OffloadReport::FileEntry entryOf(const Results& results, std::size_t file) {
     return entry;
 }
 
+// What the plan asks for and the read-back adds, as far as a stage of this run has computed it for any file.
+std::optional<std::vector<std::string>> algorithmsOf(HashKinds kinds,
+                                                     const std::vector<OffloadReport::FileEntry>& files) {
+    std::vector<std::string> names = kinds.names();
+    names.emplace_back("xxh128");
+    std::erase_if(names, [&](const std::string& name) {
+        return name != "xxh64" &&
+               std::ranges::none_of(files, [&](const auto& entry) { return entry.digest(name).has_value(); });
+    });
+    return names.size() > 1 ? std::optional(std::move(names)) : std::nullopt;
+}
+
 // It cannot be copied, and no record can hold its true name: the card must not pass for backed up.
 OffloadReport::FileEntry entryOf(const UncopiedItem& item, std::size_t columns) {
     OffloadReport::FileEntry entry;
@@ -156,10 +168,15 @@ std::vector<std::string> notesOf(const Results& results) {
             continue;
         const std::string disk = diskName(results.destinations[d].cardPath);
         for (const DestWriter::Wrong& wrong : writer->wrong()) {
-            std::vector<std::int64_t> blocks;
+            std::vector<std::int64_t> steady;
+            std::vector<std::int64_t> changing;
             for (const ReadBack::WrongBlock& block : wrong.blocks)
-                blocks.push_back(block.number);
-            notes.push_back(CardVerdict::differs(results.plan.scan.files[wrong.file].relPath, disk, blocks));
+                (block.changing ? changing : steady).push_back(block.number);
+            const std::string& path = results.plan.scan.files[wrong.file].relPath;
+            if (!steady.empty())
+                notes.push_back(CardVerdict::differs(path, disk, steady));
+            if (!changing.empty())
+                notes.push_back(CardVerdict::changing(path, disk, changing));
         }
         for (const DestWriter::Unstable& unstable : writer->unstable())
             notes.push_back(
@@ -213,8 +230,7 @@ OffloadReport build(const Results& results) {
         report.totalBytes += item.size;
     }
     report.countFiles();
-    if (std::ranges::any_of(report.files, [](const auto& entry) { return entry.xxh128.has_value(); }))
-        report.hashAlgorithms = {"xxh64", "xxh128"};
+    report.hashAlgorithms = algorithmsOf(plan.hashKinds, report.files);
     if (std::vector<std::string> notes = notesOf(results); !notes.empty())
         report.verifyNotes = std::move(notes);
     report.finished = Timestamp::now();

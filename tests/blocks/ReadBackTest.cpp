@@ -171,6 +171,25 @@ TEST_F(ReadBackOnFaultyDisk, FailsAFileWhoseBlockIsRightTheSecondTimeAndNamesThe
                   ") gave different data in one read — the next read matched the card.");
 }
 
+TEST_F(ReadBackOnFaultyDisk, NamesTheBlocksAlsoWhenTheSecondReadFailsOrGivesAThirdAnswer) {
+    FaultDisk disk;
+    const Copied file(disk.root(), 5 * blockSize);
+    const std::int64_t before = disk.count("read");
+    readBack(disk.root(), file.expected());
+    const FaultDisk::At second{.ops = "read", .skip = disk.count("read") - before, .times = 0, .pattern = "*A.mov"};
+    flipBit(disk.root() + "/DCIM/A.mov", 3 * blockSize);
+    for (const bool readable : {false, true}) {
+        readable ? disk.flip(second) : disk.fail(EIO, second);
+        const auto outcome = readBack(disk.root(), file.expected());
+        ASSERT_GT(disk.hits(), 0);
+        EXPECT_TRUE(outcome.result.error->starts_with("HASH MISMATCH: dest ")) << *outcome.result.error;
+        ASSERT_EQ(outcome.wrong.size(), 1U);
+        EXPECT_EQ(outcome.wrong[0].number, 3);
+        EXPECT_EQ(outcome.wrong[0].changing, readable);
+        disk.clear();
+    }
+}
+
 TEST_F(ReadBackOnFaultyDisk, TurnsAReadErrorIntoAFailedFile) {
     FaultDisk disk;
     const Copied file(disk.root(), 3 * blockSize);
