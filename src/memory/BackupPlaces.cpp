@@ -115,9 +115,12 @@ std::vector<BackupPlace> besideThese(const std::vector<CardRecord>& records, std
     return places.take();
 }
 
-bool isThere(const BackupPlace& place) {
+// A folder that cannot be asked tells nothing here; the look at all places in the end denies for it.
+bool isThere(const BackupPlace& place) try {
     return IO::isFolder(place.cardPath) &&
            (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial);
+} catch (const IOError&) {
+    return false;
 }
 
 // One of the group is one of these folders, or one that was found.
