@@ -71,6 +71,9 @@ private:
         case HistoryWrite::unchanged:
             console.log("velmora: the history has no entry " + TerminalText::printable(forget_));
             return ExitStatus::brokeOff;
+        case HistoryWrite::newer:
+            console.log("velmora: nothing was removed: a newer version of Velmora has written the history");
+            return ExitStatus::brokeOff;
         case HistoryWrite::failed:
             break;
         }

@@ -52,8 +52,8 @@ void HistoryKeeper::start(const OffloadPlan& plan, const std::function<void()>& 
     });
 }
 
-HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPaths) {
-    const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load();
+HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPaths, const IsCancelled& isCancelled) {
+    const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load(isCancelled);
     const HistoryEntry* entry = HistoryRecords::entryOf(entries, cardPaths);
     isNew_ = entry == nullptr;
     id_ = entry ? entry->id : HistoryStore::newId(Timestamp::now());
@@ -62,6 +62,8 @@ HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPat
     if (entry && entry->card)
         known.medium = entry->card->key();
     for (const HistoryEntry* each : HistoryRecords::entriesOfName(entries, cardPaths)) {
+        if (HistoryRecords::holdsNothing(*each))
+            continue;
         AppendPlanner::PastRun& run = known.runs.emplace_back();
         run.finished = each->finished;
         for (const HistoryDestination& destination : each->destinations)
@@ -118,6 +120,20 @@ void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::
                 worst = std::max(worst, VerificationTrace::enter(store, folder, log));
             return worst;
         });
+}
+
+void HistoryKeeper::failed() {
+    if (!isNew_)
+        return forget();
+    if (id_.empty())
+        return;
+    record("copy", {}, [id = id_](HistoryStore& store) {
+        return store.update(id, [](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
+            if (!present)
+                return std::nullopt;
+            return HistoryStore::Change{HistoryRecords::failed(*present, Timestamp::now()), std::nullopt};
+        });
+    });
 }
 
 void HistoryKeeper::forget() {

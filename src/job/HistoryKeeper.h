@@ -32,7 +32,7 @@ public:
         std::map<std::string, std::string> failedVerifications;
     };
     // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
-    Known look(const std::vector<std::string>& cardPaths);
+    Known look(const std::vector<std::string>& cardPaths, const IsCancelled& isCancelled);
     // The same sentences for folders that this job did not lock, as the history knows them now.
     std::vector<std::string> failedVerifications(const std::vector<BackupPlace>& places) const;
 
@@ -48,6 +48,8 @@ public:
     void passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
+    // The same after an error; but the entry of a copy stays, as one of which every file has failed.
+    void failed();
 
 private:
     void record(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write);

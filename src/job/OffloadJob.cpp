@@ -170,16 +170,18 @@ void OffloadJob::addWarning(const std::string& warning) {
     state_.addWarning(warning);
 }
 
-// A run that broke off before it had claimed its card folders has left nothing that could be finished.
+// A run that broke off before its first file has left nothing that could be finished.
 void OffloadJob::takeBackStart() {
     if (history_ && engine_.plan() == nullptr)
-        guardHistory([&] { history_->forget(); });
+        guardHistory([&] { engine_.isCancelled() ? history_->forget() : history_->failed(); });
 }
 
 // The history only says where to look: nothing that goes wrong with it may cost the backup.
 void OffloadJob::guardHistory(const std::function<void()>& call) const {
     try {
         call();
+    } catch (const Cancelled&) {
+        throw;
     } catch (const std::exception& error) {
         log(std::string("history: ") + error.what());
     }

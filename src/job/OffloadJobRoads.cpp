@@ -88,7 +88,7 @@ AppendPlanner::Ask OffloadJob::ask(const std::vector<std::string>& cardPaths) {
     ask.compareCard = compareCard_;
     ask.medium = mediumOf(config_.source, engine_.options());
     if (history_)
-        guardHistory([&] { known_ = history_->look(cardPaths); });
+        guardHistory([&] { known_ = history_->look(cardPaths, [this] { return engine_.isCancelled(); }); });
     ask.mediumInHistory = known_.medium;
     ask.pastRuns = known_.runs;
     return ask;

@@ -1,6 +1,7 @@
 #include "memory/BackedUpPrompt.h"
 
 #include "base/Text.h"
+#include "memory/HistoryRecords.h"
 #include "memory/HistoryText.h"
 
 #include <fmt/format.h>
@@ -11,7 +12,7 @@ namespace BackedUpPrompt {
 
 bool shouldAsk(const CardInsight* insight) {
     return insight && !insight->isEmptied() && insight->match && insight->match->kind != HistoryMatchKind::changed &&
-           !insight->match->entry.unfinished;
+           !insight->match->entry.unfinished && !HistoryRecords::holdsNothing(insight->match->entry);
 }
 
 std::vector<std::string> cardsToAsk(const std::vector<std::string>& paths,

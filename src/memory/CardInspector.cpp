@@ -105,7 +105,7 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
         insight.filesystem = IO::filesystemType(source);
     std::future<std::vector<HistoryEntry>> loading; // while the card is read
     if (!history && store)
-        loading = std::async(std::launch::async, [store] { return store->load(); });
+        loading = std::async(std::launch::async, [store, &isCancelled] { return store->load(isCancelled); });
     std::optional<SourceScan> scanned = scan(insight, isCancelled);
     if (!scanned)
         return insight;

@@ -141,6 +141,20 @@ HistoryEntry reopened(const HistoryEntry& entry) {
     return open;
 }
 
+HistoryEntry failed(const HistoryEntry& entry, Timestamp now) {
+    HistoryEntry broken = entry;
+    broken.finished = now;
+    broken.failedFiles = entry.files;
+    broken.unfinished = broken.success = broken.verified = false;
+    broken.safeToEject = broken.safeToFormat = false;
+    return broken;
+}
+
+bool holdsNothing(const HistoryEntry& entry) {
+    return !entry.unfinished && entry.generations.empty() && entry.files > 0 &&
+           entry.failedFiles.value_or(0) >= entry.files;
+}
+
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,

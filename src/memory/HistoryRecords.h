@@ -29,6 +29,12 @@ HistoryStore::Change started(const OffloadPlan& plan, const std::optional<CardVo
 // The same for an append, a finish or a repair of a card that the history knows: its entry, marked as unfinished.
 HistoryEntry reopened(const HistoryEntry& entry);
 
+// The entry of a copy that broke off before its first file.
+HistoryEntry failed(const HistoryEntry& entry, Timestamp now);
+
+// Such an entry: nothing stands in the folders that it names, and another backup may have them since.
+bool holdsNothing(const HistoryEntry& entry);
+
 // The verdict at the end of a job.
 struct Verdict {
     bool verified = false; // all of the backup, of which the report of the job may be a part

@@ -4,6 +4,7 @@
 
 #include "engine/FolderLocks.h"
 #include "memory/FileListStore.h"
+#include "memory/HistoryRecords.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"
 
@@ -64,9 +65,9 @@ HistoryFile::Contents HistoryStore::read() const {
     return HistoryFile::read(text);
 }
 
-std::vector<HistoryEntry> HistoryStore::load() {
+std::vector<HistoryEntry> HistoryStore::load(const IsCancelled& isCancelled) {
     const std::string file = Locks::history(folder_);
-    const auto lock = FileLock::problem(file) ? std::nullopt : FileLock::lock(file, lockTimeout_);
+    const auto lock = FileLock::problem(file) ? std::nullopt : FileLock::lock(file, lockTimeout_, isCancelled);
     std::vector<HistoryEntry> entries;
     try {
         HistoryFile::Contents contents = read();
@@ -118,7 +119,7 @@ HistoryWrite HistoryStore::underLock(std::optional<double> timeout,
         HistoryFile::Contents contents = read();
         if (contents.state == HistoryFile::State::newer) {
             say("history: written by a newer version of Velmora — read only");
-            return HistoryWrite::unchanged;
+            return HistoryWrite::newer;
         }
         if (contents.state == HistoryFile::State::damaged)
             setAside();
@@ -131,7 +132,7 @@ HistoryWrite HistoryStore::underLock(std::optional<double> timeout,
 }
 
 HistoryWrite HistoryStore::update(const std::string& id, const Changer& change, std::optional<double> timeout) {
-    return underLock(timeout, [&](std::vector<HistoryEntry>& entries) {
+    const HistoryWrite result = underLock(timeout, [&](std::vector<HistoryEntry>& entries) {
         const auto present = withId(entries, id);
         std::optional<Change> changed = change(present == entries.end() ? nullptr : &*present);
         if (!changed)
@@ -152,6 +153,7 @@ HistoryWrite HistoryStore::update(const std::string& id, const Changer& change, 
             *present = std::move(entry);
         return HistoryWrite::written;
     });
+    return result == HistoryWrite::newer ? HistoryWrite::unchanged : result;
 }
 
 HistoryWrite HistoryStore::remove(const std::string& id, std::optional<double> timeout) {
@@ -179,15 +181,20 @@ const HistoryEntry* HistoryStore::findForCard(const std::optional<CardKey>& key,
                                               const std::optional<std::string>& identity) {
     // A UUID says more than the serial; a time of creation is what is left to a user who may not read the UUID.
     const auto isUuid = [](const std::optional<std::string>& id) { return id && !id->starts_with("created:"); };
+    const HistoryEntry* empty = nullptr;
     for (const HistoryEntry& entry : entries) {
         if (entry.card && isUuid(identity) && isUuid(entry.card->identity) &&
             !equalIgnoringCase(*identity, *entry.card->identity))
             continue;
-        if (key ? entry.card && entry.card->fsSerial == key->fsSerial && entry.card->capacity == key->capacity
-                : !entry.card && entry.shape == shape)
+        if (key ? !entry.card || entry.card->fsSerial != key->fsSerial || entry.card->capacity != key->capacity
+                : entry.card || entry.shape != shape)
+            continue;
+        if (!HistoryRecords::holdsNothing(entry))
             return &entry;
+        if (!empty)
+            empty = &entry;
     }
-    return nullptr;
+    return empty;
 }
 
 std::string HistoryStore::newId(Timestamp finished) {

@@ -13,7 +13,13 @@
 
 namespace velmora {
 
-enum class HistoryWrite { written, unchanged, busy, failed };
+enum class HistoryWrite {
+    written,
+    unchanged,
+    newer, // of a removal: a newer version of the program has written the history, which is only read
+    busy,
+    failed,
+};
 
 // history.json: every card that was backed up, newest first. A cache of facts, never the truth about a backup: that is
 // the folder on the disk.
@@ -35,8 +41,9 @@ public:
 
     const std::string& folder() const noexcept { return folder_; }
 
-    // Newest first. Reads without the lock when it cannot be had in time. Never throws: what cannot be read is empty.
-    std::vector<HistoryEntry> load();
+    // Newest first. Reads without the lock when it cannot be had in time. What cannot be read is empty. Throws
+    // Cancelled while it waits, and nothing else.
+    std::vector<HistoryEntry> load(const IsCancelled& isCancelled = {});
 
     struct Change {
         HistoryEntry entry;
@@ -45,6 +52,7 @@ public:
     // Is given the present entry or null; answers nothing for "no change".
     using Changer = std::function<std::optional<Change>(const HistoryEntry* present)>;
 
+    // `unchanged` also where a newer version of the program has written the history.
     HistoryWrite update(const std::string& id, const Changer& change, std::optional<double> timeout = {});
     // Removes the entry and its list.
     HistoryWrite remove(const std::string& id, std::optional<double> timeout = {});
@@ -53,7 +61,8 @@ public:
 
     // The first entry that is this card: with a key, an entry whose card has the same serial and capacity; without one
     // (a folder, or a volume without a serial) an entry without a card and with the same shape. An entry of which the
-    // medium's `identity` is known to be another is passed over. Null when there is none.
+    // medium's `identity` is known to be another is passed over, and so is one of a copy that holds nothing, where an
+    // earlier entry is there. Null when there is none.
     static const HistoryEntry* findForCard(const std::optional<CardKey>& key, const std::string& shape,
                                            const std::vector<HistoryEntry>& entries,
                                            const std::optional<std::string>& identity = {});

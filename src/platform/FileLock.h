@@ -17,8 +17,8 @@ public:
     static std::optional<FileLock> tryLock(const std::string& path);
     // Why no lock on this file can be had by anybody: it cannot be made or opened. None when it can, held or not.
     static std::optional<IOError> problem(const std::string& path);
-    // Tries again and again for `timeout` seconds.
-    static std::optional<FileLock> lock(const std::string& path, double timeout);
+    // Tries again and again for `timeout` seconds. Throws Cancelled when it is asked to stop meanwhile.
+    static std::optional<FileLock> lock(const std::string& path, double timeout, const IsCancelled& isCancelled = {});
 
     FileLock(FileLock&&) noexcept;
     FileLock& operator=(FileLock&&) noexcept;

@@ -211,6 +211,10 @@ TEST_F(BackupProgramTest, AKnownCardIsToldAndCopiedAgainOnlyOnDemand) {
         EXPECT_EQ(run({"history", "--forget", entry["entry"]["id"]}), 0) << err;
     }
     EXPECT_EQ(run({"history", "--forget", "../settings"}), 4);
+    test::FileTree::write(temp / "settings/history.json", R"({"entries": [], "version": 2})");
+    EXPECT_EQ(run({"history", "--forget", "x"}), 4);
+    EXPECT_TRUE(logged("nothing was removed: a newer version") && !logged("no entry")) << err;
+    fs::remove(temp / "settings/history.json");
     EXPECT_EQ(run({"inspect", card}), 0);
     EXPECT_TRUE(printed("Not backed up yet, as far as this computer knows.")) << out;
 }

@@ -1,6 +1,8 @@
 #include "job/OffloadJob.h"
 
 #include "engine/FolderLocks.h"
+#include "memory/HistoryRecorder.h"
+#include "memory/HistoryRecords.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
 #include "support/FileTree.h"
@@ -95,6 +97,22 @@ TEST_F(OffloadJobTest, ACancelKeepsThePromisesThatWereEarned) {
         for (const auto& root : config.destRoots)
             found += std::filesystem::exists(root + "/2026-03-14/" + moment + "/ascmhl/ascmhl_chain.xml");
         EXPECT_EQ(found, generations) << moment;
+    }
+}
+
+// Its folders are there no more, but that it was tried is known.
+TEST_F(OffloadJobTest, ACopyThatBreaksOffAtOnceHasItsEntryInTheHistory) {
+    HistoryRecorder recorder;
+    for (const bool breaks : {true, false}) {
+        config.buffers = breaks ? std::int64_t{1} << 45 : 2; // more memory than there is
+        OffloadJob job(config, options, {&recorder, temp / "settings"});
+        job.run({});
+        const auto entries = HistoryStore(temp / "settings", 1).load();
+        ASSERT_EQ(entries.size(), breaks ? 1U : 2U) << job.status().error.value_or("");
+        EXPECT_EQ(HistoryRecords::holdsNothing(entries[0]), breaks);
+        EXPECT_EQ(entries[0].failedFiles, breaks ? 3 : 0);
+        EXPECT_EQ(entries[0].safeToFormat, !breaks);
+        EXPECT_FALSE(entries[0].unfinished);
     }
 }
 

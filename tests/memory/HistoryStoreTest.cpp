@@ -89,6 +89,7 @@ TEST_F(History, SetsDamageAsideAndLeavesANewerVersionAlone) {
         const std::string newer = std::string("{\"entries\": [], \"later\": true, \"version\": ") + number + "}";
         std::ofstream(path()) << newer;
         EXPECT_EQ(add("y", 1), HistoryWrite::unchanged) << number;
+        EXPECT_EQ(store().remove("y"), HistoryWrite::newer) << number;
         EXPECT_EQ(IO::readFile(path(), 1000), newer);
         EXPECT_EQ(log_.back(), "history: written by a newer version of Velmora — read only");
     }
@@ -197,6 +198,12 @@ TEST_F(History, FindsACardByItsKeyOrAFolderByItsShape) {
     EXPECT_EQ(HistoryStore::findForCard(CardKey{"1A2B3C4D", 200}, "s", entries), nullptr);
     EXPECT_EQ(HistoryStore::findForCard(std::nullopt, "s", entries), &entries[1]);
     EXPECT_EQ(HistoryStore::findForCard(std::nullopt, "t", entries), nullptr);
+    // A copy that broke off at once hides no earlier backup.
+    entries[0].files = 2;
+    entries[0] = HistoryRecords::failed(entries[0], {});
+    EXPECT_EQ(HistoryStore::findForCard(CardKey{"1A2B3C4D", 100}, "other", entries), &entries[2]);
+    entries.pop_back();
+    EXPECT_EQ(HistoryStore::findForCard(CardKey{"1A2B3C4D", 100}, "other", entries), &entries[0]);
 }
 
 TEST_F(History, ABusyHistoryDelaysRecordsKeepsTheirOrderAndLosesNone) {
@@ -217,6 +224,8 @@ TEST_F(History, ABusyHistoryDelaysRecordsKeepsTheirOrderAndLosesNone) {
     {
         const auto held = FileLock::lock(Locks::history(folder_.path()), 5);
         ASSERT_TRUE(held);
+        // Who is asked to stop waits no longer.
+        EXPECT_THROW(HistoryStore(folder_.path(), 600).load([] { return true; }), Cancelled);
         record("1");
         record("2");
         EXPECT_FALSE(recorder.drain(0.05));

@@ -51,13 +51,15 @@ std::optional<FileLock> FileLock::tryLock(const std::string& path) {
     return FileLock(std::move(held));
 }
 
-std::optional<FileLock> FileLock::lock(const std::string& path, double timeout) {
+std::optional<FileLock> FileLock::lock(const std::string& path, double timeout, const IsCancelled& isCancelled) {
     using Clock = std::chrono::steady_clock;
     const auto deadline =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
     while (true) {
         if (auto lock = tryLock(path))
             return lock;
+        if (isCancelled && isCancelled())
+            throw Cancelled();
         if (Clock::now() >= deadline)
             return std::nullopt;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
