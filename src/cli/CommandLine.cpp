@@ -127,7 +127,7 @@ ExitStatus parseAndRun(int argc, const char* const* argv, CommandContext& contex
     } catch (const CLI::ParseError& error) {
         return answerParse(program, error, context);
     }
-    AppSupport::migrateFromOffload([&](std::string_view line) { context.console.log(line); });
+    AppSupport::migrate([&](std::string_view line) { context.console.log(line); });
     for (const auto& [app, command] : declared) {
         if (app->parsed())
             return runGuarded(*command, context);

@@ -6,10 +6,10 @@
 #include "cli/JobRunner.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
+#include "cli/UserSettings.h"
 #include "disks/CardIdentity.h"
 #include "job/CardEject.h"
 #include "job/QueueRules.h"
-#include "settings/SettingsStore.h"
 
 #include <CLI/CLI.hpp>
 
@@ -77,7 +77,7 @@ public:
 
     ExitStatus run(CommandContext& context) override {
         HistorySession history(context.console);
-        const AppSettings settings = SettingsStore::load(history.folder());
+        const AppSettings settings = loadSettings(context.console);
         JobConfig config(TypedPath::absolute(source_), destinations(settings, context.console));
         config.cardName = cardName_;
         config.date = date_;

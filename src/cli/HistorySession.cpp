@@ -12,9 +12,7 @@ constexpr double lockSeconds = 5.0;
 constexpr double drainSeconds = 30.0;
 } // namespace
 
-HistorySession::HistorySession(Console& console) : console_(console), folder_(AppSupport::folder()) {
-    AppSupport::migrateFromOffload([&console](std::string_view line) { console.log(line); });
-}
+HistorySession::HistorySession(Console& console) : console_(console), folder_(AppSupport::folder()) {}
 
 void HistorySession::finish() {
     if (!recorder_.drain(drainSeconds))

@@ -1,6 +1,7 @@
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
+#include "cli/UserSettings.h"
 #include "settings/AppSupport.h"
 #include "settings/SettingsKeys.h"
 #include "settings/SettingsStore.h"
@@ -27,7 +28,11 @@ public:
                     "  velmora settings\n"
                     "  velmora settings proxy.height 720\n"
                     "  velmora settings destRoots /mnt/raid /mnt/shuttle\n"
-                    "  velmora settings proxy.height --reset");
+                    "  velmora settings proxy.height --reset\n"
+                    "\n"
+                    "A settings.json that cannot be understood is said by every command that reads it and stays as it\n"
+                    "is; a change sets a file that is no JSON object aside, and keeps single values as they are.\n"
+                    "Copies have XXH64 digests; the setting hash adds no MD5 to them.");
         return app;
     }
 
@@ -55,10 +60,7 @@ private:
     }
 
     void show(Console& console) {
-        bool damaged = false;
-        const AppSettings settings = SettingsStore::load(AppSupport::folder(), {}, &damaged);
-        if (damaged)
-            console.log("settings: settings.json is damaged; these are the defaults. The next change sets it aside.");
+        const AppSettings settings = loadSettings(console);
         if (!key_.empty()) {
             const SettingLine line = SettingsKeys::show(settings, key_);
             print(console, line, key_.size());
@@ -80,6 +82,7 @@ private:
                            {"key", line.key},
                            {"values", line.values},
                            {"allowed", line.allowed},
+                           {"note", line.note},
                            {"default", line.isDefault},
                            {"unreadable", line.unreadable}});
             return;
@@ -89,6 +92,8 @@ private:
         if (line.unreadable)
             text += "  (the file holds something that this version does not understand; it is kept)";
         console.print(text);
+        if (!key_.empty() && !line.note.empty())
+            console.print(line.note);
     }
 
     std::string key_;

@@ -5,11 +5,10 @@
 #include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
+#include "cli/UserSettings.h"
 #include "disks/Volumes.h"
 #include "job/CardEject.h"
 #include "platform/VolumeWatcher.h"
-#include "settings/AppSupport.h"
-#include "settings/SettingsStore.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -37,17 +36,17 @@ public:
     }
 
     ExitStatus run(CommandContext& context) override {
+        const AppSettings settings = loadSettings(context.console);
         if (watch_)
-            watch(context);
+            watch(settings, context);
         else
-            list(context.console);
+            list(settings, context.console);
         return ExitStatus::ok;
     }
 
 private:
-    void list(Console& console) const {
+    void list(const AppSettings& settings, Console& console) const {
         std::vector<std::string> roots = TypedPath::absolute(roots_);
-        const AppSettings settings = SettingsStore::load(AppSupport::folder());
         roots.insert(roots.end(), settings.destRoots.begin(), settings.destRoots.end());
         const std::vector<VolumeItem> volumes = Volumes::scan(roots);
         if (json_)
@@ -58,7 +57,7 @@ private:
     }
 
     // The first list comes after the watching has begun, so that nothing is missed in between.
-    void watch(CommandContext& context) const {
+    void watch(const AppSettings& settings, CommandContext& context) const {
         Mutex mutex;
         Condition changed;
         bool listDue = true;
@@ -83,7 +82,7 @@ private:
                 context.console.event({{"event", "volumes"}});
             else if (!first)
                 context.console.print("");
-            list(context.console);
+            list(settings, context.console);
         }
     }
 

@@ -29,6 +29,8 @@ void copyTree(const fs::path& from, const fs::path& to, int depth, std::vector<s
     if (error)
         throw IOError("mkdir", to.string(), error.value());
     fs::directory_iterator entries(from, error);
+    if (error && depth == 0) // nothing of it could be copied: an empty folder in its place would hide the old one
+        throw IOError("list", from.string(), error.value());
     if (error || depth > maxDepth) {
         failed.push_back(from.filename().string());
         return;
@@ -48,6 +50,8 @@ void copyTree(const fs::path& from, const fs::path& to, int depth, std::vector<s
                 failed.push_back(name);
         }
     }
+    if (error && depth == 0)
+        throw IOError("list", from.string(), error.value());
     if (error)
         failed.push_back(from.filename().string());
 }
@@ -103,8 +107,6 @@ void migrate(const Log& log) {
     earlier.erase(earlier.begin());
     migrate(folder(), earlier, log);
 }
-
-void migrateFromOffload(const Log& log) { migrate(log); }
 
 void migrate(const std::string& target, const std::vector<std::string>& earlier, const Log& log) {
     const auto say = [&](const std::string& line) {

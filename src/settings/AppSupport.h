@@ -17,9 +17,9 @@ std::vector<std::string> searchFolders(); // `folder()`, then the folders of the
 // When there is no folder yet but one of an earlier name, copies that. The copy is made beside the target under a
 // temporary name and renamed when it is complete and on the disk, so a crash leaves no half folder. Tools and locks
 // stay where they are, and the old folder is not changed. Links are not followed. Nothing happens when an environment
-// variable names the folder. Never throws: a copy that fails is a line of the log.
+// variable names the folder. Never throws: a copy that fails is a line of the log, leaves nothing and is tried again
+// the next time, and so is one whose folder cannot be listed.
 void migrate(const Log& log);
-void migrateFromOffload(const Log& log); // the name that main() knows it by
 
 // The same for given folders: the first of `earlier` that exists.
 void migrate(const std::string& target, const std::vector<std::string>& earlier, const Log& log);

@@ -2,11 +2,13 @@
 
 #include "base/JsonFields.h"
 #include "base/Text.h"
+#include "settings/SettingsStore.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 
 namespace velmora {
 
@@ -15,69 +17,94 @@ using Kind = SettingsField::Kind;
 
 namespace {
 
-const char* const value = "value"; // the key under which a single value is looked at
+// Also one that a person has written with a fraction of zero.
+std::optional<std::int64_t> wholeNumber(const json& j) {
+    constexpr double exact = 1LL << 53; // whole numbers up to it are those of a double
+    if (j.is_number_unsigned() && j.get<std::uint64_t>() > INT64_MAX)
+        return std::nullopt;
+    if (j.is_number_integer())
+        return j.get<std::int64_t>();
+    const double n = j.is_number() ? j.get<double>() : 0.5;
+    return std::trunc(n) == n && std::abs(n) <= exact ? std::optional(static_cast<std::int64_t>(n)) : std::nullopt;
+}
 
-// Reads one value with the rules that all JSON of this program is read by.
+// One value, by the rules that all JSON of this program is read by; nothing for a value of another type.
 template <class T>
-T read(const json& j) {
-    const json object = {{value, j}};
-    const JsonFields fields(object);
+std::optional<T> valueOf(const json& j) {
     if constexpr (std::is_same_v<T, bool>)
-        return fields.boolean(value);
+        return j.is_boolean() ? std::optional(j.get<bool>()) : std::nullopt;
     else if constexpr (std::is_same_v<T, std::int64_t>)
-        return fields.integer(value);
+        return wholeNumber(j);
     else if constexpr (std::is_same_v<T, double>)
-        return fields.number(value);
+        return j.is_number() && std::isfinite(j.get<double>()) ? std::optional(j.get<double>()) : std::nullopt;
     else if constexpr (std::is_same_v<T, std::string>)
-        return fields.string(value);
-    else if constexpr (std::is_same_v<T, std::vector<std::string>>)
-        return fields.strings(value);
-    else {
-        T map;
-        if (!j.is_object())
-            throw FormatError("an object was expected");
-        for (const auto& [key, item] : j.items())
-            map[key] = read<std::string>(item);
-        return map;
+        return j.is_string() ? std::optional(j.get<std::string>()) : std::nullopt;
+    else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
+        const bool texts = j.is_array() && std::ranges::all_of(j, [](const json& item) { return item.is_string(); });
+        return texts ? std::optional(j.get<T>()) : std::nullopt;
+    } else {
+        const bool texts = j.is_object() && std::ranges::all_of(j, [](const json& item) { return item.is_string(); });
+        return texts ? std::optional(j.get<T>()) : std::nullopt;
     }
 }
 
-// `member` gives the place of the value in the settings.
-template <class Member>
-SettingsField field(std::string section, std::string key, Kind kind, Member member) {
-    using T = std::remove_reference_t<decltype(member(std::declval<AppSettings&>()))>;
+template <class T>
+T read(const json& j) {
+    auto value = valueOf<T>(j);
+    if (!value)
+        throw FormatError("the value has another type");
+    return *std::move(value);
+}
+
+// The way to a value of the settings: a member of them, or one of its members.
+template <class T>
+auto at(T AppSettings::* member) {
+    return [member](auto& settings) -> auto& { return settings.*member; };
+}
+template <class Section, class T>
+auto at(Section AppSettings::* section, T Section::* member) {
+    return [section, member](auto& settings) -> auto& { return settings.*section.*member; };
+}
+
+template <class At>
+using ValueAt = std::remove_cvref_t<std::invoke_result_t<At, AppSettings&>>;
+
+template <class At>
+SettingsField field(std::string section, std::string key, Kind kind, At at) {
     SettingsField f;
     f.section = std::move(section);
     f.key = std::move(key);
     f.kind = kind;
-    f.get = [member](const AppSettings& s) { return json(member(const_cast<AppSettings&>(s))); };
-    f.set = [member](AppSettings& s, const json& j) { member(s) = read<T>(j); };
+    f.get = [at](const AppSettings& s) { return json(at(s)); };
+    f.set = [at](AppSettings& s, const json& j) { at(s) = read<ValueAt<At>>(j); };
     return f;
 }
 
-template <class Member>
-SettingsField optionalField(std::string section, std::string key, Kind kind, Member member) {
-    using T = typename std::remove_reference_t<decltype(member(std::declval<AppSettings&>()))>::value_type;
+template <class At>
+SettingsField optionalField(std::string section, std::string key, Kind kind, At at) {
+    using T = typename ValueAt<At>::value_type;
     SettingsField f;
     f.section = std::move(section);
     f.key = std::move(key);
     f.kind = kind;
     f.optional = true;
-    f.get = [member](const AppSettings& s) {
-        const auto& held = member(const_cast<AppSettings&>(s));
-        return held ? json(*held) : json();
-    };
-    f.set = [member](AppSettings& s, const json& j) {
+    f.get = [at](const AppSettings& s) { return at(s) ? json(*at(s)) : json(); };
+    f.set = [at](AppSettings& s, const json& j) {
         if (j.is_null())
-            member(s).reset();
+            at(s).reset();
         else
-            member(s) = read<T>(j);
+            at(s) = read<T>(j);
     };
     return f;
 }
 
 SettingsField choice(SettingsField f, std::vector<std::string> choices) {
     f.choices = std::move(choices);
+    return f;
+}
+
+SettingsField noted(SettingsField f, std::string note) {
+    f.note = std::move(note);
     return f;
 }
 
@@ -129,72 +156,74 @@ SettingsField lutModeField() {
 
 SettingsField heightField() {
     std::vector<std::string> heights;
-    for (const std::int64_t height : SettingsFields::proxyHeights)
+    for (const std::int64_t height : SettingsStore::proxyHeights)
         heights.push_back(std::to_string(height));
-    return choice(field("proxy", "height", Kind::integer, [](AppSettings& s) -> auto& { return s.proxy.height; }),
+    return choice(field("proxy", "height", Kind::integer, at(&AppSettings::proxy, &ProxySettings::height)),
                   std::move(heights));
 }
-
-// The member of the settings, or of one of its sections.
-// NOLINTNEXTLINE(bugprone-macro-parentheses): a member behind the dot takes no brackets
-#define IN(member) [](AppSettings& s) -> auto& { return s.member; }
 
 std::vector<SettingsField> proxyFields() {
     using namespace SettingsFields;
     return {
-        field("proxy", "enabled", Kind::boolean, IN(proxy.enabled)),
+        field("proxy", "enabled", Kind::boolean, at(&AppSettings::proxy, &ProxySettings::enabled)),
         heightField(),
         codecField(),
-        bounded(field("proxy", "bitrateMbps", Kind::integer, IN(proxy.bitrateMbps)), minBitrate, maxBitrate),
-        optionalField("proxy", "lutPath", Kind::path, IN(proxy.lutPath)),
+        bounded(field("proxy", "bitrateMbps", Kind::integer, at(&AppSettings::proxy, &ProxySettings::bitrateMbps)),
+                minBitrate, maxBitrate),
+        optionalField("proxy", "lutPath", Kind::path, at(&AppSettings::proxy, &ProxySettings::lutPath)),
         lutModeField(),
-        optionalField("proxy", "lutBuiltin", Kind::text, IN(proxy.lutBuiltin)),
-        optionalField("proxy", "lutFallback", Kind::text, IN(proxy.lutFallback)),
-        field("proxy", "burnFilename", Kind::boolean, IN(proxy.burnFilename)),
-        field("proxy", "burnTimecode", Kind::boolean, IN(proxy.burnTimecode)),
-        field("proxy", "audio", Kind::boolean, IN(proxy.audio)),
-        field("proxy", "skipCameraProxies", Kind::boolean, IN(proxy.skipCameraProxies)),
-        field("proxy", "skipLighterSources", Kind::boolean, IN(proxy.skipLighterSources)),
-        field("proxy", "copyToAllDestinations", Kind::boolean, IN(proxy.copyToAllDestinations)),
-        optionalField("proxy", "extraFolder", Kind::path, IN(proxy.extraFolder)),
-        bounded(optionalField("proxy", "frameAspect", Kind::number, IN(proxy.frameAspect)), minAspect, maxAspect),
-        bounded(field("proxy", "frameScale", Kind::number, IN(proxy.frameScale)), minScale, 1),
+        optionalField("proxy", "lutBuiltin", Kind::text, at(&AppSettings::proxy, &ProxySettings::lutBuiltin)),
+        optionalField("proxy", "lutFallback", Kind::text, at(&AppSettings::proxy, &ProxySettings::lutFallback)),
+        field("proxy", "burnFilename", Kind::boolean, at(&AppSettings::proxy, &ProxySettings::burnFilename)),
+        field("proxy", "burnTimecode", Kind::boolean, at(&AppSettings::proxy, &ProxySettings::burnTimecode)),
+        field("proxy", "audio", Kind::boolean, at(&AppSettings::proxy, &ProxySettings::audio)),
+        field("proxy", "skipCameraProxies", Kind::boolean, at(&AppSettings::proxy, &ProxySettings::skipCameraProxies)),
+        field("proxy", "skipLighterSources", Kind::boolean,
+              at(&AppSettings::proxy, &ProxySettings::skipLighterSources)),
+        field("proxy", "copyToAllDestinations", Kind::boolean,
+              at(&AppSettings::proxy, &ProxySettings::copyToAllDestinations)),
+        optionalField("proxy", "extraFolder", Kind::path, at(&AppSettings::proxy, &ProxySettings::extraFolder)),
+        bounded(
+            optionalField("proxy", "frameAspect", Kind::number, at(&AppSettings::proxy, &ProxySettings::frameAspect)),
+            minAspect, maxAspect),
+        bounded(field("proxy", "frameScale", Kind::number, at(&AppSettings::proxy, &ProxySettings::frameScale)),
+                minScale, 1),
     };
 }
 
 std::vector<SettingsField> build() {
     using namespace SettingsFields;
     std::vector<SettingsField> fields{
-        field("", "destRoots", Kind::paths, IN(destRoots)),
-        field("", "verify", Kind::boolean, IN(verify)),
-        field("", "analyzeClips", Kind::boolean, IN(analyzeClips)),
+        field("", "destRoots", Kind::paths, at(&AppSettings::destRoots)),
+        field("", "verify", Kind::boolean, at(&AppSettings::verify)),
+        field("", "analyzeClips", Kind::boolean, at(&AppSettings::analyzeClips)),
     };
     for (SettingsField& f : proxyFields())
         fields.push_back(std::move(f));
     for (SettingsField& f : std::vector<SettingsField>{
-             optionalField("tools", "ffmpeg", Kind::path, IN(tools.ffmpeg)),
-             optionalField("tools", "ffprobe", Kind::path, IN(tools.ffprobe)),
-             optionalField("tools", "redline", Kind::path, IN(tools.redline)),
-             optionalField("tools", "artCmd", Kind::path, IN(tools.artCmd)),
-             optionalField("tools", "brawDecoder", Kind::path, IN(tools.brawDecoder)),
-             field("", "portNames", Kind::map, IN(portNames)),
-             field("", "autoDestinations", Kind::boolean, IN(autoDestinations)),
-             field("", "ignoredVolumes", Kind::texts, IN(ignoredVolumes)),
-             field("naming", "suggestFromClips", Kind::boolean, IN(naming.suggestFromClips)),
-             choice(field("", "hash", Kind::text, IN(hash)), hashes),
-             field("outputs", "dayReport", Kind::boolean, IN(outputs.dayReport)),
-             field("outputs", "clipListCsv", Kind::boolean, IN(outputs.clipListCsv)),
-             field("outputs", "clipListAle", Kind::boolean, IN(outputs.clipListAle)),
-             field("", "verifyInProxy", Kind::boolean, IN(verifyInProxy)),
-             choice(field("", "verifyPrimary", Kind::text, IN(verifyPrimary)), primaries),
-             choice(field("", "appearance", Kind::text, IN(appearance)), appearances),
-             field("", "oneJobAtATime", Kind::boolean, IN(oneJobAtATime)),
+             optionalField("tools", "ffmpeg", Kind::path, at(&AppSettings::tools, &ExternalTools::ffmpeg)),
+             optionalField("tools", "ffprobe", Kind::path, at(&AppSettings::tools, &ExternalTools::ffprobe)),
+             optionalField("tools", "redline", Kind::path, at(&AppSettings::tools, &ExternalTools::redline)),
+             optionalField("tools", "artCmd", Kind::path, at(&AppSettings::tools, &ExternalTools::artCmd)),
+             optionalField("tools", "brawDecoder", Kind::path, at(&AppSettings::tools, &ExternalTools::brawDecoder)),
+             field("", "portNames", Kind::map, at(&AppSettings::portNames)),
+             field("", "autoDestinations", Kind::boolean, at(&AppSettings::autoDestinations)),
+             field("", "ignoredVolumes", Kind::texts, at(&AppSettings::ignoredVolumes)),
+             field("naming", "suggestFromClips", Kind::boolean,
+                   at(&AppSettings::naming, &NamingSettings::suggestFromClips)),
+             noted(choice(field("", "hash", Kind::text, at(&AppSettings::hash)), hashes),
+                   "Every copy has XXH64 digests. This setting is kept, but “both” adds no MD5 to a copy."),
+             field("outputs", "dayReport", Kind::boolean, at(&AppSettings::outputs, &OutputSettings::dayReport)),
+             field("outputs", "clipListCsv", Kind::boolean, at(&AppSettings::outputs, &OutputSettings::clipListCsv)),
+             field("outputs", "clipListAle", Kind::boolean, at(&AppSettings::outputs, &OutputSettings::clipListAle)),
+             field("", "verifyInProxy", Kind::boolean, at(&AppSettings::verifyInProxy)),
+             choice(field("", "verifyPrimary", Kind::text, at(&AppSettings::verifyPrimary)), primaries),
+             choice(field("", "appearance", Kind::text, at(&AppSettings::appearance)), appearances),
+             field("", "oneJobAtATime", Kind::boolean, at(&AppSettings::oneJobAtATime)),
          })
         fields.push_back(std::move(f));
     return fields;
 }
-
-#undef IN
 
 } // namespace
 

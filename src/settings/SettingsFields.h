@@ -23,6 +23,7 @@ struct SettingsField {
     bool optional = false;                                        // may be absent
     std::vector<std::string> choices;                             // of a text or an integer; empty: any
     double min = 0, max = 0;                                      // of a number without choices
+    std::string note;                                             // what a person should know of it; mostly empty
     std::function<nlohmann::json(const AppSettings&)> get;        // null when absent
     std::function<void(AppSettings&, const nlohmann::json&)> set; // throws FormatError; null makes it absent
 
@@ -40,7 +41,6 @@ namespace SettingsFields {
 const std::vector<SettingsField>& all();
 const SettingsField* find(std::string_view path);
 
-inline const std::vector<std::int64_t> proxyHeights{540, 720, 1080, 2160};
 inline const std::vector<std::string> hashes{"xxh64", "both"};
 inline const std::vector<std::string> primaries{"fastest", "first"};
 inline const std::vector<std::string> appearances{"dark", "light", "system"};

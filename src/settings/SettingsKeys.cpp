@@ -130,8 +130,12 @@ SettingLine lineOf(const SettingsField& field, const AppSettings& settings) {
     const json value = field.get(settings);
     const bool unreadable = settings.unreadable.contains(field.path()) ||
                             (!field.section.empty() && settings.unreadable.contains(field.section));
-    return {field.path(), textsOf(value), field.allowed() + (field.optional ? ", or empty" : ""),
-            value == field.get(defaults), unreadable};
+    return {field.path(),
+            textsOf(value),
+            field.allowed() + (field.optional ? ", or empty" : ""),
+            field.note,
+            value == field.get(defaults),
+            unreadable};
 }
 
 } // namespace

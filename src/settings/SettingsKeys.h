@@ -21,6 +21,7 @@ struct SettingLine {
     std::string key;                 // "verify", "proxy.height"
     std::vector<std::string> values; // several for a list; "key=name" each for a map; none when absent or empty
     std::string allowed;             // what it may be
+    std::string note;                // what a person should know of it; mostly empty
     bool isDefault = true;
     bool unreadable = false; // the document holds something here that this version does not understand
 };

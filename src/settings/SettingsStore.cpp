@@ -17,8 +17,6 @@ namespace velmora::SettingsStore {
 
 using nlohmann::json;
 
-const std::vector<std::int64_t> proxyHeights = SettingsFields::proxyHeights;
-
 namespace {
 
 constexpr std::int64_t largestFile = 4 << 20; // far beyond any settings, far below any trouble
@@ -114,11 +112,10 @@ void chooseOr(std::string& value, const std::vector<std::string>& choices, const
 void normalizeProxy(ProxySettings& proxy, const IsKnownLut& isKnownLut) {
     using namespace SettingsFields;
     // The offered height that is nearest; of two, the smaller.
-    proxy.height = *std::min_element(SettingsFields::proxyHeights.begin(), SettingsFields::proxyHeights.end(),
-                                     [&](std::int64_t a, std::int64_t b) {
-                                         return std::abs(static_cast<double>(a) - static_cast<double>(proxy.height)) <
-                                                std::abs(static_cast<double>(b) - static_cast<double>(proxy.height));
-                                     });
+    proxy.height = *std::min_element(proxyHeights.begin(), proxyHeights.end(), [&](std::int64_t a, std::int64_t b) {
+        return std::abs(static_cast<double>(a) - static_cast<double>(proxy.height)) <
+               std::abs(static_cast<double>(b) - static_cast<double>(proxy.height));
+    });
     proxy.bitrateMbps = std::clamp(proxy.bitrateMbps, minBitrate, maxBitrate);
     // NOLINTNEXTLINE(readability-simplify-boolean-expr): written so that a NaN is out of bounds
     if (!(proxy.frameScale > minScale && proxy.frameScale <= 1))

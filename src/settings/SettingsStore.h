@@ -26,7 +26,7 @@ namespace SettingsStore {
 inline constexpr std::string_view defaultsKey = "settings";
 inline constexpr std::string_view fileName = "settings.json";
 inline const std::vector<std::string> mergedSections{"proxy", "naming", "outputs"};
-extern const std::vector<std::int64_t> proxyHeights;
+inline const std::vector<std::int64_t> proxyHeights{540, 720, 1080, 2160}; // those that are offered
 
 // Never throws for what the bytes hold; a document that is no JSON object at all reads as the defaults, and `damaged`
 // (when given) turns true.

@@ -163,6 +163,16 @@ TEST_F(BackupProgramTest, ACopyTakesItsDefaultsFromTheSettings) {
     ASSERT_EQ(run({"copy", card}), 2) << "nowhere to copy to";
     ASSERT_EQ(run({"settings", "destRoots", a}), 0);
     ASSERT_EQ(run({"settings", "verify", "false"}), 0);
+    const std::string good = test::FileTree::read(temp / "settings/settings.json");
+    for (const auto& [text, said] : std::map<std::string, std::string>{
+             {R"({"verify":"no","destRoots":7})", "not understand: destRoots, verify;"}, {"{", "is damaged"}})
+        for (const Arguments& command : {Arguments{"copy", card}, {"volumes"}, {"settings"}}) {
+            test::FileTree::write(temp / "settings/settings.json", text);
+            run(command);
+            EXPECT_TRUE(logged(said)) << command[0] << err;
+            EXPECT_EQ(test::FileTree::read(temp / "settings/settings.json"), text);
+        }
+    test::FileTree::write(temp / "settings/settings.json", good);
     const Arguments copy = {"copy", card, "--name", "A001", "--date", "2026-03-14", "--allow-source-volume", "--again"};
     ASSERT_EQ(run(copy), 0) << err;
     EXPECT_TRUE(logged("Destinations, from the settings: " + a) && logged("the setting verify is off")) << err;

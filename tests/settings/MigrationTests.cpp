@@ -80,6 +80,15 @@ TEST_F(MigrationTest, NamesWhatItCouldNotRead) {
     test::asNobody([this] { migrate(); });
     ASSERT_EQ(log_.size(), 1u);
     EXPECT_TRUE(log_[0].ends_with("; not copied (could not be read): secret")) << log_[0];
+    // Of a folder that cannot be listed nothing is taken for copied, and the next run tries again.
+    std::filesystem::remove_all(target_);
+    ASSERT_EQ(chmod((temp_ / "data/Tarnwick").c_str(), 0700), 0);
+    test::asNobody([this] { migrate(); });
+    EXPECT_EQ(log_.back(), "could not copy the settings from " + temp_.path() + "/data/Tarnwick");
+    EXPECT_FALSE(IO::exists(target_));
+    ASSERT_EQ(chmod((temp_ / "data/Tarnwick").c_str(), 0755), 0);
+    test::asNobody([this] { migrate(); });
+    EXPECT_TRUE(IO::exists(target_ + "/settings.json"));
 }
 
 TEST_F(MigrationTest, AFolderNamedByHandTakesOverNothing) {
@@ -90,7 +99,7 @@ TEST_F(MigrationTest, AFolderNamedByHandTakesOverNothing) {
     AppSupport::migrate(log);
     EXPECT_FALSE(IO::exists(temp_ / "mine"));
     unsetenv("VELMORA_SETTINGS_DIR");
-    AppSupport::migrateFromOffload(log);
+    AppSupport::migrate(log);
     EXPECT_TRUE(IO::exists(temp_ / "home/Velmora/settings.json"));
     EXPECT_EQ(AppSupport::searchFolders()[2], temp_ / "home/Offload");
     unsetenv("XDG_DATA_HOME");

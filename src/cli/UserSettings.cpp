@@ -1,0 +1,30 @@
+#include "cli/UserSettings.h"
+
+#include "base/Text.h"
+#include "cli/Console.h"
+#include "cli/TerminalText.h"
+#include "settings/AppSupport.h"
+#include "settings/SettingsStore.h"
+
+#include <fmt/format.h>
+
+namespace velmora {
+
+AppSettings loadSettings(Console& console) try {
+    bool damaged = false;
+    AppSettings settings = SettingsStore::load(AppSupport::folder(), {}, &damaged);
+    if (damaged)
+        console.log("settings: settings.json is damaged; the defaults are used, and the file stays as it is.");
+    else if (!settings.unreadable.empty())
+        console.log(TerminalText::printable(
+            fmt::format("settings: settings.json holds something that this version does not understand: {}; the "
+                        "defaults are used for it.",
+                        join({settings.unreadable.begin(), settings.unreadable.end()}, ", "))));
+    return settings;
+} catch (const IOError& error) {
+    console.log(TerminalText::printable(
+        fmt::format("settings: settings.json cannot be read; the defaults are used: {}", error.what())));
+    return {};
+}
+
+} // namespace velmora
