@@ -5,6 +5,7 @@
 #include "disks/VolumeSerial.h"
 #include "engine/Scanner.h"
 #include "memory/CardFingerprint.h"
+#include "memory/HistoryRecords.h"
 #include "memory/HistoryStore.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
@@ -56,7 +57,8 @@ void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* st
             return !d.cardPath.empty() && world.directoryExists(d.cardPath);
         });
     // A card that was emptied, changed or could not be compared gets no promise, whatever the disks hold.
-    if (!scan.files.empty() && (match.kind == HistoryMatchKind::identical || match.kind == HistoryMatchKind::newFiles))
+    if (!scan.files.empty() && !HistoryRecords::holdsNothing(match.entry) &&
+        (match.kind == HistoryMatchKind::identical || match.kind == HistoryMatchKind::newFiles))
         insight.match->folders = FoldersNow::look(
             match.entry, history, {scan.files, match.newFiles, insight.filesystem}, world.awaitsVolume, isCancelled);
 }

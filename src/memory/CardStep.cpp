@@ -1,5 +1,6 @@
 #include "memory/CardStep.h"
 
+#include "memory/HistoryRecords.h"
 #include "memory/HistoryText.h"
 
 #include <algorithm>
@@ -29,6 +30,8 @@ CardStep CardStep::of(const CardInsight& insight) {
         return {};
     const HistoryMatch& match = *insight.match;
     const std::vector<FolderNow>& folders = match.folders;
+    if (HistoryRecords::holdsNothing(match.entry))
+        return copyAgain(match, "The earlier copy broke off before its first file.");
     if (match.kind == HistoryMatchKind::changed)
         return copyAgain(match, "An append and a repair refuse a card of which files have changed.");
     if (match.kind == HistoryMatchKind::notCompared)

@@ -1,17 +1,21 @@
 #include "memory/CardInspector.h"
 #include "base/Text.h"
+#include "engine/FolderLocks.h"
 #include "memory/AppendPlanner.h"
 #include "memory/BackedUpPrompt.h"
 #include "memory/CardFingerprint.h"
 #include "memory/CardNaming.h"
 #include "memory/CardStep.h"
+#include "memory/HistoryRecords.h"
 #include "memory/HistoryText.h"
+#include "platform/FileLock.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
 #include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -326,6 +330,24 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
     IO::mkdirs(folder("B"));
     EXPECT_EQ(CardStep::of(inspect({entry_})).kind, Kind::finish);
     EXPECT_TRUE(inspect({entry_}).appendReachable);
+    // A copy that broke off at once holds no folder: who stands there now is another.
+    entry_.files = 2;
+    entry_ = HistoryRecords::failed(entry_, {});
+    EXPECT_EQ(CardStep::of(inspect({entry_})).kind, Kind::copyAgain);
+}
+
+TEST_F(Inspection, WaitsForNoBusyHistoryWhenItIsCancelled) {
+    const test::TempFolder folder;
+    setenv("VELMORA_SETTINGS_DIR", folder.path().c_str(), 1);
+    const auto held = FileLock::lock(Locks::history(folder.path()), 5);
+    HistoryStore store(folder.path(), 20);
+    const auto begin = std::chrono::steady_clock::now();
+    const auto passed = [&](int seconds) {
+        return std::chrono::steady_clock::now() - begin > std::chrono::seconds(seconds);
+    };
+    EXPECT_THROW(CardInspector::inspect(card_.path(), &store, nullptr, [&] { return passed(1); }, world_), Cancelled);
+    EXPECT_FALSE(passed(10));
+    unsetenv("VELMORA_SETTINGS_DIR");
 }
 
 TEST_F(Inspection, SaysWhatKeepsItFromReadingTheCard) {
