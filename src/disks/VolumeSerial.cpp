@@ -1,6 +1,5 @@
 #include "disks/VolumeSerial.h"
 
-#include "base/Text.h"
 #include "disks/BootSector.h"
 #include "disks/CardIdentity.h"
 #include "platform/IO.h"
@@ -71,8 +70,6 @@ std::string filesystemName(const std::string& path) {
         return fatName(path);
     return type == "exfat" ? "exFAT" : type == "ntfs" ? "NTFS" : type;
 }
-
-std::string folderKey(const std::string& path) { return pathKey(realPath(path)); }
 
 } // namespace VolumeFacts
 

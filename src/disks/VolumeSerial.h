@@ -29,9 +29,6 @@ std::optional<std::uint32_t> serialFromUUID(const std::string& filesystemType, c
 // boot sector.
 std::string filesystemName(const std::string& path);
 
-// Two paths to the same folder have the same key: links resolved, no trailing "/", lower case.
-std::string folderKey(const std::string& path);
-
 } // namespace VolumeFacts
 
 // The medium below a path; none when the path does not exist or the volume tells nothing that identifies it.

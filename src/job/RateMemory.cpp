@@ -3,7 +3,6 @@
 #include "base/JsonFields.h"
 #include "base/RelativePath.h"
 #include "job/JobWords.h"
-#include "platform/AppSupportFolder.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
 
@@ -87,8 +86,6 @@ double RateMemory::clipSeconds(const OffloadReport& report) {
 std::string RateMemory::startText(double seconds, bool proxies) {
     return " ~" + JobWords::etaText(seconds) + (proxies ? " incl. proxies" : "");
 }
-
-std::string RateMemory::defaultPath() { return pathIn(AppSupportFolder::path()); }
 
 std::string RateMemory::pathIn(const std::string& supportFolder) { return supportFolder + "/rates.json"; }
 

@@ -91,8 +91,6 @@ std::optional<std::int64_t> CardRecord::numberedFile(std::string_view name) {
     return number;
 }
 
-bool CardRecord::appendReport(std::string_view name) { return numberedFile(name).value_or(1) > 1; }
-
 CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int64_t> maxGeneration,
                             const std::optional<std::optional<std::string>>& serial) {
     CardRecord record;

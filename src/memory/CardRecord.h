@@ -64,8 +64,6 @@ struct CardRecord {
 
     // The number in "offload_report_NNNN.json"; 1 for "offload_report.json"; none for any other name.
     static std::optional<std::int64_t> numberedFile(std::string_view name);
-    // True for the report of a later generation: "offload_report_NNNN.json" with a number of 2 or more.
-    static bool appendReport(std::string_view name);
 
     // The column of this folder in a report: by card path, else `position`.
     static std::size_t destinationIndex(const OffloadReport& report, const std::string& cardPath, std::size_t position);

@@ -162,11 +162,6 @@ std::string reportPath(const std::string& cardPath, std::int64_t generation) {
     return cardPath + "/" + std::string(Layout::reportDirName) + "/" + OffloadReport::jsonName(generation);
 }
 
-bool unsettled(const std::string& cardPath, std::int64_t generation) {
-    const auto report = readReport(reportPath(cardPath, generation));
-    return report && isOpen(*report);
-}
-
 Findings look(const std::vector<std::string>& paths) {
     std::vector<State> states = sideBySide(paths.size(), [&](std::size_t d) { return stateOf(paths[d]); });
     Findings found;

@@ -41,8 +41,6 @@ std::int64_t committed(const std::string& cardPath);
 // a run writes after the chain, are there. Such a folder has lost its history; no run died there.
 bool chainLost(const std::string& cardPath, std::int64_t committed);
 std::string reportPath(const std::string& cardPath, std::int64_t generation);
-// The report of a committed generation can be read and says that its verification is open.
-bool unsettled(const std::string& cardPath, std::int64_t generation);
 
 // What lies under a file's final name on a disk; none when there is no file.
 using SizeOnDisk = std::function<std::optional<std::int64_t>(std::size_t dest, const SourceFile& file)>;

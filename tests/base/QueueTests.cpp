@@ -1,5 +1,3 @@
-#include "base/Counter.h"
-#include "base/Flag.h"
 #include "base/SerialQueue.h"
 
 #include <array>
@@ -107,25 +105,6 @@ TEST(SerialQueue, LetsGoOfWhatATaskHoldsAsSoonAsItIsDone) {
     queue.async([held] {});
     queue.sync([] {});
     EXPECT_EQ(held.use_count(), 1);
-}
-
-TEST(CounterAndFlag, CarryValuesBetweenThreads) {
-    Counter counter;
-    CancelFlag flag;
-    std::int64_t plain = 0; // published by the flag
-    std::thread writer([&] {
-        for (int i = 0; i < 10000; ++i)
-            counter.add(2);
-        plain = 5;
-        flag.cancel();
-    });
-    for (int i = 0; i < 10000; ++i)
-        counter.add(1);
-    while (!flag.isCancelled())
-        std::this_thread::yield();
-    EXPECT_EQ(plain, 5);
-    writer.join();
-    EXPECT_EQ(counter.value(), 30000);
 }
 
 } // namespace

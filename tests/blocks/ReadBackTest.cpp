@@ -8,7 +8,6 @@
 #include "platform/IO.h"
 #include "support/FaultDisk.h"
 #include "support/FileTree.h"
-#include "support/LoopImage.h"
 #include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
@@ -361,28 +360,6 @@ TEST(CardVerdict, AsksTheCardForThreeBlocksAndCountsTheRest) {
                        "again for it).");
     EXPECT_NE(four[0].find("could not read the card again"), std::string::npos);
 }
-
-class ReadBackOnImages : public ::testing::TestWithParam<test::LoopImage::Kind> {};
-
-TEST_P(ReadBackOnImages, NamesTheBlockOfAFlippedBit) {
-    if (const auto reason = test::LoopImage::unavailable(GetParam()))
-        GTEST_SKIP() << *reason;
-    const test::LoopImage image(GetParam());
-    const Copied file(image.path(), 10 * blockSize + 17);
-    EXPECT_EQ(readBack(image.path(), file.expected()).result.state, FileState::verified);
-    for (const std::int64_t at : {std::int64_t{0}, 7 * blockSize, 10 * blockSize + 16}) {
-        flipBit(image / "DCIM/A.mov", at);
-        const auto outcome = readBack(image.path(), file.expected());
-        expectMismatch(outcome, file, test::FileTree::read(image / "DCIM/A.mov"), at / blockSize);
-        EXPECT_FALSE(outcome.throughCache);
-        flipBit(image / "DCIM/A.mov", at);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(All, ReadBackOnImages,
-                         ::testing::Values(test::LoopImage::Kind::ext4, test::LoopImage::Kind::xfs,
-                                           test::LoopImage::Kind::btrfs, test::LoopImage::Kind::exfat),
-                         [](const auto& kind) { return std::string(test::LoopImage::name(kind.param)); });
 
 } // namespace
 } // namespace velmora
