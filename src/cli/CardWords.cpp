@@ -119,18 +119,15 @@ std::string command(const CardInsight& insight) {
     const CardStep step = CardStep::of(insight);
     if (step.kind == CardStep::Kind::none)
         return "";
-    std::vector<std::string> cardPaths;
     std::string copy = "velmora copy " + quoted(insight.source) + " --again";
-    for (const HistoryDestination& destination : insight.match->entry.destinations) {
-        cardPaths.push_back(destination.cardPath);
+    for (const HistoryDestination& destination : insight.match->entry.destinations)
         copy += " --dest " + quoted(destination.root);
-    }
     switch (step.kind) {
     case CardStep::Kind::append:
     case CardStep::Kind::finish:
-        return intoCommand("append", insight.source, cardPaths) + (step.compare ? " --compare" : "");
+        return intoCommand("append", insight.source, step.into) + (step.compare ? " --compare" : "");
     case CardStep::Kind::repair:
-        return intoCommand("repair", insight.source, cardPaths);
+        return intoCommand("repair", insight.source, step.into);
     default:
         return copy;
     }

@@ -61,14 +61,7 @@ HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPat
     Known known;
     if (entry && entry->card)
         known.medium = entry->card->key();
-    for (const HistoryEntry* each : HistoryRecords::entriesOfName(entries, cardPaths)) {
-        if (HistoryRecords::holdsNothing(*each))
-            continue;
-        AppendPlanner::PastRun& run = known.runs.emplace_back();
-        run.finished = each->finished;
-        for (const HistoryDestination& destination : each->destinations)
-            run.places.push_back({destination.cardPath, std::nullopt});
-    }
+    known.runs = AppendPlanner::pastRuns(entries, cardPaths);
     for (const std::string& cardPath : cardPaths)
         if (auto failed = failedVerification(entries, {cardPath, VolumeFacts::volumeSerialText(cardPath)}))
             known.failedVerifications.emplace(RelativePath::withoutTrailingSlash(cardPath), std::move(*failed));

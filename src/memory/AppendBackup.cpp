@@ -7,6 +7,7 @@
 #include "base/Text.h"
 #include "disks/VolumeSerial.h"
 #include "memory/BackupPlaces.h"
+#include "memory/HistoryRecords.h"
 #include "memory/ResumePlanner.h"
 #include "mhl/MHLReader.h"
 #include "platform/IO.h"
@@ -138,6 +139,19 @@ bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& r
             return false;
     }
     return any;
+}
+
+std::vector<PastRun> pastRuns(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths) {
+    std::vector<PastRun> runs;
+    for (const HistoryEntry* entry : HistoryRecords::entriesOfName(entries, cardPaths)) {
+        if (HistoryRecords::holdsNothing(*entry))
+            continue;
+        PastRun& run = runs.emplace_back();
+        run.finished = entry->finished;
+        for (const HistoryDestination& destination : entry->destinations)
+            run.places.push_back({destination.cardPath, std::nullopt});
+    }
+    return runs;
 }
 
 std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,

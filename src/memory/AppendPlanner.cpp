@@ -14,6 +14,7 @@
 #include "memory/BackupFolder.h"
 #include "memory/BackupPlaces.h"
 #include "memory/CaseTwins.h"
+#include "memory/HistoryRecords.h"
 #include "memory/HistoryText.h"
 #include "memory/ResumePlanner.h"
 
@@ -419,9 +420,32 @@ NothingNew::NothingNew(AppendPlan plan)
     : OffloadError(OffloadError::preflight(PreflightCode::nothingNew, "Nothing new — the backup is complete.")),
       plan_(std::make_shared<const AppendPlan>(std::move(plan))) {}
 
+namespace {
+
+// A run that died at its very beginning leaves empty folders. Which others were to belong to them, only its first line
+// and the history tell: finished without knowing, the backup would be called whole though a disk of it was never
+// written.
+void requireKnownPlaces(const Ask& ask, const ResumePlanner::Findings& found) {
+    if (!found.unfinished || found.unfinished->generation > 1 || found.unfinished->holdsAnything() ||
+        !found.places.empty())
+        return;
+    for (const PastRun& run : ask.pastRuns)
+        for (const BackupPlace& place : run.places)
+            for (const std::string& cardPath : ask.cardPaths)
+                if (HistoryRecords::samePlace(place.cardPath, RelativePath::withoutTrailingSlash(cardPath)))
+                    return;
+    throw refuse(PreflightCode::appendNoReport,
+                 fmt::format("{} is empty, and no record says which disks its backup is for: the run that made it died "
+                             "at its beginning. Copy the card in full (velmora copy); the empty folder can be deleted.",
+                             ask.cardPaths.front()));
+}
+
+} // namespace
+
 AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled) {
     const ResumePlanner::Findings found = lookAt(ask.cardPaths);
     const auto& unfinished = found.unfinished;
+    requireKnownPlaces(ask, found);
     Backup backup = checkBackup(ask.cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt);
     if (auto report = settleable(unfinished, backup.paths)) {
         AppendPlan plan;

@@ -5,6 +5,7 @@
 #include "memory/CardRecord.h"
 #include "memory/ResumePlanner.h"
 #include "memory/Unfinished.h"
+#include "records/HistoryEntry.h"
 
 #include <cstdint>
 #include <memory>
@@ -36,6 +37,8 @@ struct PastRun {
     Timestamp finished;
     std::vector<BackupPlace> places; // its card folders
 };
+// Those into folders of these names, on these disks or others.
+std::vector<PastRun> pastRuns(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths);
 
 // What the job knows before it plans.
 struct Ask {
@@ -48,7 +51,7 @@ struct Ask {
     bool compareCard = false; // every file of the card is read and held against its copies, also those of earlier runs
     std::optional<CardKey> medium;          // of the source, where it is a whole volume that tells what it is
     std::optional<CardKey> mediumInHistory; // of the card that the history knows for these folders
-    std::vector<PastRun> pastRuns;          // into folders of these names, on these disks or others
+    std::vector<PastRun> pastRuns;
 };
 
 // Throws OffloadError with a code, Cancelled, and the scan's IOError. With nothing to do it throws NothingNew.

@@ -1,5 +1,6 @@
 #include "memory/BackupPlaces.h"
 
+#include "base/Errors.h"
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "blocks/ManifestFile.h"

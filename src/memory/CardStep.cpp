@@ -15,8 +15,27 @@ bool any(const std::vector<FolderNow>& folders, bool (*test)(const FolderNow&)) 
     return std::ranges::any_of(folders, test);
 }
 
+// The folders of the entry; where these lack nothing, those beside them that do: disks that stand at different
+// generations do not go into one run.
+std::vector<std::string> foldersFor(const HistoryMatch& match) {
+    std::vector<std::string> behind;
+    bool own = match.kind == HistoryMatchKind::newFiles || match.entry.unfinished;
+    for (const FolderNow& folder : match.folders) {
+        const bool needs = folder.needsRepair() || folder.needsAppend();
+        own = own || (needs && !folder.besides);
+        if (needs && folder.besides)
+            behind.push_back(folder.cardPath);
+    }
+    if (!own && !behind.empty())
+        return behind;
+    std::vector<std::string> paths;
+    for (const HistoryDestination& destination : match.entry.destinations)
+        paths.push_back(destination.cardPath);
+    return paths;
+}
+
 CardStep copyAgain(const HistoryMatch& match, std::string why) {
-    CardStep step{CardStep::Kind::copyAgain, std::move(why), {}, false, {}};
+    CardStep step{CardStep::Kind::copyAgain, std::move(why), {}, false, {}, {}};
     for (const FolderNow& folder : match.folders)
         if (folder.state == State::connected || folder.state == State::unreadable)
             step.leftBy.push_back(folder.cardPath);
@@ -35,20 +54,19 @@ CardStep CardStep::of(const CardInsight& insight) {
     if (match.kind == HistoryMatchKind::changed)
         return copyAgain(match, "An append and a repair refuse a card of which files have changed.");
     if (match.kind == HistoryMatchKind::notCompared)
-        return {Kind::copyWhole, {}, {}, false, {}};
+        return {Kind::copyWhole, {}, {}, false, {}, {}};
     const bool broken = any(folders, [](const FolderNow& f) {
         return f.state == State::gone || f.state == State::unreadable || f.lost.count > 0;
     });
     if (broken || match.entry.destinations.empty())
         return copyAgain(match, "The earlier backup cannot be completed.");
     CardStep step;
+    step.into = foldersFor(match);
     for (const FolderNow& folder : folders)
         if (folder.state == State::away)
             step.away.push_back(folder.cardPath);
     const bool repairOpen = any(folders, [](const FolderNow& f) { return f.repairOpen; });
-    const bool open = any(folders, [](const FolderNow& f) {
-        return f.neverCame.count > 0 || f.unverified.count > 0 || f.lacking.count > 0;
-    });
+    const bool open = any(folders, [](const FolderNow& f) { return f.needsAppend(); });
     if (match.entry.unfinished && !repairOpen)
         step.kind = Kind::finish;
     else if (any(folders, [](const FolderNow& f) { return f.needsRepair(); }))
@@ -59,7 +77,7 @@ CardStep CardStep::of(const CardInsight& insight) {
         step.kind = Kind::append;
         step.compare = !match.entry.card;
     } else
-        return {Kind::copyWhole, {}, {}, false, {}};
+        return {Kind::copyWhole, {}, {}, false, {}, {}};
     return step;
 }
 

@@ -23,6 +23,7 @@ struct CardStep {
     std::vector<std::string> away;   // folders that must be connected first
     bool compare = false;            // an append that compares: nothing else tells the card from another one like it
     std::vector<std::string> leftBy; // folders of the old backup that the step leaves as they are
+    std::vector<std::string> into;   // the folders that an append or a repair is for
 
     static CardStep of(const CardInsight& insight);
 };

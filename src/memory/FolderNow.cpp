@@ -5,6 +5,7 @@
 #include "base/SideBySide.h"
 #include "base/Text.h"
 #include "disks/VolumeSerial.h"
+#include "memory/AppendPlanner.h"
 #include "memory/BackupFolder.h"
 #include "memory/CardRecord.h"
 #include "memory/CaseTwins.h"
@@ -60,7 +61,7 @@ namespace {
 // One folder, and the record that was read there.
 struct Look {
     FolderNow now;
-    CardRecord record;
+    CardRecord* record; // never null
 };
 
 // The card's files by path key, shared by all folders.
@@ -116,7 +117,7 @@ void judgeFile(FolderNow& now, const CardRecord& record, const RecordedFile& rec
 }
 
 void judgeFiles(Look& look, const BackupFolder& disk, const CardIndex& card, bool localTime) {
-    const CardRecord& record = look.record;
+    const CardRecord& record = *look.record;
     const CaseTwins twins(card.card.files, std::span(&record, 1));
     for (const auto& [key, recorded] : record.files)
         judgeFile(look.now, record, recorded, disk, card, twins, localTime);
@@ -155,8 +156,8 @@ bool isThere(FolderNow& now) {
 
 void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, const IsCancelled& isCancelled) {
     FolderNow& now = look.now;
-    look.record = CardRecord::load(now.cardPath);
-    const CardRecord& record = look.record;
+    *look.record = CardRecord::load(now.cardPath);
+    const CardRecord& record = *look.record;
     if (!record.generations.empty()) {
         const OffloadReport& newest = *record.generations.back().report;
         now.repairOpen =
@@ -189,22 +190,38 @@ bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks) 
         there = RelativePath::folder(there);
     const auto serial = VolumeFacts::volumeSerialText(there.empty() ? "/" : there);
     for (const Look& look : looks)
-        for (const auto& generation : look.record.generations)
+        for (const auto& generation : look.record->generations)
             for (const auto& destination : generation.report->destinations)
                 if (HistoryRecords::samePlace(destination.cardPath, cardPath) && destination.volumeSerial)
                     return serial != destination.volumeSerial;
     return false;
 }
 
+std::vector<BackupPlace> placesBeside(const std::vector<CardRecord>& records, const std::vector<std::string>& cardPaths,
+                                      const std::vector<HistoryEntry>& history) {
+    auto places = AppendPlanner::elsewhere(records, {}, AppendPlanner::pastRuns(history, cardPaths));
+    std::erase_if(places, [&](const BackupPlace& place) { // a disk that is away, or mounted under another name
+        return std::ranges::any_of(cardPaths,
+                                   [&](const auto& path) { return HistoryRecords::samePlace(path, place.cardPath); });
+    });
+    return places;
+}
+
 } // namespace
 
 std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<HistoryEntry>& history, const Card& card,
                             const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled) {
-    std::vector<Look> looks(entry.destinations.size());
+    std::vector<std::string> cardPaths;
+    for (const HistoryDestination& destination : entry.destinations)
+        cardPaths.push_back(destination.cardPath);
+    std::vector<CardRecord> records(cardPaths.size());
+    std::vector<CardRecord> besideRecords;
+    std::vector<Look> looks;
     bool anyThere = false;
-    for (std::size_t d = 0; d < looks.size(); ++d) {
-        FolderNow& now = looks[d].now;
-        now.cardPath = entry.destinations[d].cardPath;
+    for (std::size_t d = 0; d < cardPaths.size(); ++d) {
+        records[d].cardPath = cardPaths[d];
+        FolderNow& now = looks.emplace_back(FolderNow{}, &records[d]).now;
+        now.cardPath = cardPaths[d];
         if (isAway(now.cardPath))
             now.state = FolderNow::State::away;
         else
@@ -212,18 +229,33 @@ std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<History
     }
     if (anyThere) {
         const CardIndex index(card);
-        sideBySide(looks.size(), [&](std::size_t d) {
-            if (looks[d].now.state == FolderNow::State::connected)
-                lookInto(looks[d], entry, index, isCancelled);
-            return true;
-        });
+        const auto lookFrom = [&](std::size_t first) {
+            sideBySide(looks.size() - first, [&](std::size_t d) {
+                if (looks[first + d].now.state == FolderNow::State::connected)
+                    lookInto(looks[first + d], entry, index, isCancelled);
+                return true;
+            });
+        };
+        lookFrom(0);
+        const std::vector<BackupPlace> places = placesBeside(records, cardPaths, history);
+        besideRecords.resize(places.size());
+        for (std::size_t p = 0; p < places.size(); ++p) {
+            FolderNow& now = looks.emplace_back(FolderNow{}, &besideRecords[p]).now;
+            now.cardPath = places[p].cardPath;
+            now.besides = true;
+            const auto& serial = places[p].volumeSerial;
+            if (isAway(now.cardPath) ||
+                (isThere(now) && serial && VolumeFacts::volumeSerialText(now.cardPath) != serial))
+                now.state = FolderNow::State::away;
+        }
+        lookFrom(cardPaths.size());
     }
     std::vector<FolderNow> folders;
     for (const Look& each : looks) {
         FolderNow& now = folders.emplace_back(each.now);
         if (now.state == FolderNow::State::gone && onAnotherDisk(now.cardPath, looks))
             now.state = FolderNow::State::away;
-        const auto known = HistoryRecords::verificationOf(history, now.cardPath, each.record.volumeSerial);
+        const auto known = HistoryRecords::verificationOf(history, now.cardPath, each.record->volumeSerial);
         now.lastKnown = known && known->clean ? std::max(*known->clean, entry.finished) : entry.finished;
         if (known && known->failed)
             now.failedVerification = known;

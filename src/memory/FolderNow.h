@@ -32,6 +32,7 @@ struct FolderNow {
     };
 
     std::string cardPath;
+    bool besides = false; // not of the entry: the records of its folders, or of others, name this one as well
     State state = State::connected;
     std::string error; // of `unreadable`
     // When the copies were last known to be good: at the last verification without a finding, else when they were made.
@@ -50,6 +51,8 @@ struct FolderNow {
     std::string problem() const;
     // Copies that only a repair puts right.
     bool needsRepair() const { return damaged.count > 0 || failed.count > 0 || failedVerification || repairOpen; }
+    // What an append brings or proves.
+    bool needsAppend() const { return neverCame.count > 0 || unverified.count > 0 || lacking.count > 0; }
 };
 
 namespace FoldersNow {
@@ -61,9 +64,9 @@ struct Card {
     std::optional<std::string> filesystem;
 };
 
-// The folders of `entry`, all disks at once. Reads reports and folders, no copy. `history` is all that is remembered:
-// what verifications found may stand in any entry. `isAway` says that the disk of a path is not mounted. Throws
-// Cancelled; every other problem stands in the result.
+// The folders of `entry`, all disks at once, and behind them those that nobody named but the records do. Reads reports
+// and folders, no copy. `history` is all that is remembered: what verifications found may stand in any entry. `isAway`
+// says that the disk of a path is not mounted. Throws Cancelled; every other problem stands in the result.
 std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<HistoryEntry>& history, const Card& card,
                             const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled);
 

@@ -331,6 +331,16 @@ class World:
                 file.write(bytes([byte ^ 1]))
             os.utime(whole, ns=(times.st_atime_ns, times.st_mtime_ns))
 
+    def forget(self):
+        for name in os.listdir(self.support) if os.path.isdir(self.support) else []:
+            if name.startswith("history"):
+                path = f"{self.support}/{name}"
+                shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
+        for key, how in self.why.items():
+            if how == "flip":
+                self.silent.setdefault(key, self.claims(*key))
+        self.steps.append("the history is lost")
+
     def clone(self, disk, to):
         shutil.copytree(self.folder(disk), self.folder(to))
         self.steps.append(f"clone {disk} to {to}")

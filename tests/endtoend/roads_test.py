@@ -171,14 +171,7 @@ class Road:
                 self.world.harm("c", self.dice.choice(there), "flip") if there else None
 
     def forget(self):
-        for name in os.listdir(self.world.support) if os.path.isdir(self.world.support) else []:
-            if name.startswith("history"):
-                path = f"{self.world.support}/{name}"
-                shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
-        for key, how in self.world.why.items():
-            if how == "flip":
-                self.world.silent.setdefault(key, self.world.claims(*key))
-        self.world.steps.append("the history is lost")
+        self.world.forget()
 
     # The program.
 
@@ -384,6 +377,18 @@ class Roads(unittest.TestCase):
         return into(world, "append", "a", compare=True)
 
     @staticmethod
+    def begun(at, forget):
+        """A copy that died before one of its folders had a line; only one of them is named."""
+
+        def road(world):
+            copy(world, strike=f"kill change {os.path.dirname(world.roots['a'])}/ {at} 1")
+            world.name = world.name or "A001"
+            world.forget() if forget else None
+            return into(world, "append", "a", compare=True)
+
+        return road
+
+    @staticmethod
     def pulled(strike, other=True):
         """Another card comes without a pause, or none."""
 
@@ -456,7 +461,7 @@ Roads.NARROW = {
     "a bad copy that is not named": Roads.bad_and_not_named("append"),
     "a bad copy that a repair does not name": Roads.bad_and_not_named("repair"),
     "a disk that is known to one alone": Roads.known_to_one_alone,
-}
+} | {f"a copy killed at {at}, {lost}": Roads.begun(at, lost) for at in range(2, 9) for lost in (False, True)}
 if possible():
     Roads.NARROW |= {
         "another card in the read-back": Roads.pulled("stop read /mnt/b/2026 3 1"),

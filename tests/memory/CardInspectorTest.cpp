@@ -297,8 +297,12 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
          Kind::copyAgain, false},
     };
     const OffloadReport good = report_;
-    const HistoryEntry remembered = entry_;
-    for (const Case& c : cases) {
+    // The second time the entry is of a run into folder A alone, whose report names B as well.
+    for (std::size_t i = 0; i < 2 * cases.size(); ++i) {
+        const Case& c = cases[i % cases.size()];
+        if (i == cases.size())
+            entry_.destinations.pop_back();
+        const HistoryEntry remembered = entry_;
         c.strike();
         const CardInsight insight = inspect({entry_});
         ASSERT_TRUE(insight.match) << c.what;
@@ -316,13 +320,16 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         away_ = "nowhere";
         entry_ = remembered;
         report_ = good;
-        if (IO::isFolder(folder("B"))) {
-            std::filesystem::copy_file(card_.path() + "/" + first, folder("B") + "/" + first,
+        IO::mkdirs(folder("B") + "/_REPORT");
+        for (const SourceFile& file : files_) {
+            std::filesystem::copy_file(card_.path() + "/" + file.relPath, folder("B") + "/" + file.relPath,
                                        std::filesystem::copy_options::overwrite_existing);
-            touch("B", first, files_[0].mtime);
-            stand();
+            touch("B", file.relPath, file.mtime);
         }
+        stand();
     }
+    std::filesystem::remove_all(folder("B"));
+    entry_.destinations.push_back({root("B"), folder("B")});
     // An interrupted run is finished where all its folders are, also those that hold nothing yet; else nothing finishes
     // it.
     entry_.unfinished = true;
