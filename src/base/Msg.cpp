@@ -25,6 +25,12 @@ std::string forRepair(std::string_view text) {
     return replaceAll(replaceAll(text, "cannot append", "cannot repair"), "can append only", "can repair only");
 }
 
+std::string behindOthers(std::string_view cardPath) {
+    return fmt::format("{} is behind the others: bring it in step first, by itself (velmora append with only --into "
+                       "\"{}\").",
+                       cardPath, cardPath);
+}
+
 std::string repairNotOnCard(std::string_view file) { return fmt::format("{}: no longer on the card", file); }
 
 std::string repairCardDiffers(std::string_view file, std::string_view now, std::string_view recorded) {

@@ -22,6 +22,8 @@ inline constexpr std::string_view historyLost =
 
 // A refusal of an append, in the words of a repair.
 std::string forRepair(std::string_view text);
+// The way out when one disk of a backup has fewer generations than the others.
+std::string behindOthers(std::string_view cardPath);
 std::string repairNotOnCard(std::string_view file);
 std::string repairCardDiffers(std::string_view file, std::string_view now, std::string_view recorded);
 std::string repairCardUnreadable(std::string_view file, std::string_view error);

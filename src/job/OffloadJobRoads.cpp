@@ -107,7 +107,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     AppendPlan append;
     try {
         append = AppendPlanner::plan(asked, isCancelled);
-        if (append.settle) {
+        for (std::size_t n = 0; append.settle && n <= cardPaths.size(); ++n) {
             settleRecords(*append.settle, append.cardPaths);
             append = AppendPlanner::plan(asked, isCancelled);
         }
@@ -124,6 +124,11 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
                                countedFiles(append.later)));
     reopenHistory();
     moveStrangePages(append.cardPaths, append.generation);
+    for (std::size_t d = 0; d < append.leftParts.size(); ++d)
+        for (const std::string& part : append.leftParts[d]) {
+            held_->check(append.cardPaths[d]);
+            SetAside::move(append.cardPaths[d], append.generation, part);
+        }
     if (append.resuming)
         engine_.setBeforeRename(makingWay(append));
     Conclusion conclusion;
@@ -147,7 +152,7 @@ void OffloadJob::runRepair() {
     const auto isCancelled = [this] { return engine_.isCancelled(); };
     RepairPlanner::Checked checked = checkRepair(cardPaths);
     const bool settled = checked.settle.has_value();
-    if (settled) {
+    for (std::size_t n = 0; checked.settle && n <= cardPaths.size(); ++n) {
         settleRecords(*checked.settle, checked.backup.paths);
         checked = RepairPlanner::check(cardPaths);
     }

@@ -209,6 +209,13 @@ std::optional<OffloadReport> settleable(const std::optional<Unfinished>& unfinis
     return report;
 }
 
+OffloadReport settleLagging(const ResumePlanner::Findings::Lagging& lagging) {
+    auto report = settleable(lagging.unfinished, lagging.cardPaths);
+    if (!report)
+        throw ResumePlanner::behind(lagging.cardPaths.front(), lagging.unfinished.generation);
+    return std::move(*report);
+}
+
 Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration) {
     if (paths.empty())
         throw refuse(PreflightCode::noDestination, "No destination selected.");
@@ -254,14 +261,16 @@ Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int
         backup.records.push_back(std::move(record));
         generations.push_back(generation);
     }
-    if (std::adjacent_find(generations.begin(), generations.end(), std::not_equal_to<>()) != generations.end())
+    if (std::adjacent_find(generations.begin(), generations.end(), std::not_equal_to<>()) != generations.end()) {
+        const auto lowest = std::ranges::min_element(generations) - generations.begin();
         throw refuse(PreflightCode::appendDiverged,
-                     fmt::format("The backups on the destinations differ ({}) — check them with {}; cannot append.",
-                                 generationList(backup.paths, generations), verifyHint));
+                     fmt::format("The backups on the destinations differ ({}) — check them with {}; cannot append. {}",
+                                 generationList(backup.paths, generations), verifyHint,
+                                 Msg::behindOthers(backup.paths[static_cast<std::size_t>(lowest)])));
+    }
     backup.nextGeneration = unfinishedGeneration.value_or(generations.front() + 1);
     if (unfinishedGeneration && generations.front() != *unfinishedGeneration - 1)
-        throw refuse(PreflightCode::appendDiverged,
-                     VIPMsg::resumeDiverged(disk(backup.paths.front()), *unfinishedGeneration));
+        throw ResumePlanner::behind(backup.paths.front(), *unfinishedGeneration);
     return backup;
 }
 

@@ -30,6 +30,8 @@ struct AppendPlan {
     bool flushFileTaken = false;
     std::int64_t later = 0; // files that the interrupted generation cannot take in any more: left for the next append
     std::vector<FileTask> tasks; // parallel to newFiles, or empty
+    // Per folder: part files of a dead run whose files are no longer on the card. They move aside.
+    std::vector<std::vector<std::string>> leftParts;
     std::optional<CardKey> sourceMedium;
     bool sameMedium = false;            // the card is the very medium of the earlier runs, by its serial and size
     std::vector<BackupPlace> elsewhere; // folders of the backup that were not named

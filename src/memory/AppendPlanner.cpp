@@ -65,12 +65,13 @@ public:
                 stopIf(isCancelled_);
             look(file);
         }
+        requireHeldFiles();
+        findUnknownFiles();
+        // The last check: only now is it known which copies without a line look like files of this card.
         if (recordedOnCard_ == 0 && hasRecords())
             throw refuse(PreflightCode::appendOtherCard,
                          "None of the files of the earlier backup is on the card — is it "
                          "a different card? Make a full copy.");
-        requireHeldFiles();
-        findUnknownFiles();
         if (!conflicts_.empty())
             throw stopped(conflicts_, nextFreeFolder());
         return finish();
@@ -210,13 +211,13 @@ private:
 
     // What the dead run holds complete, the card must still have: a generation without it would leave copies on the
     // disks that no record names. That is so also where the last line of a file was still waiting for a flush. A report
-    // that is on a disk already must not lose a file either; what the card could not give then is excused. A file that
-    // no disk got whole is named in the record: it was on the card, and nobody has it.
+    // that is on a disk already must not lose a file either. A file that no disk got whole is named in the record: it
+    // was on the card, and nobody has it. What was begun of it moves aside.
     void requireHeldFiles() {
         if (!unfinished_)
             return;
         std::map<std::string, std::string> missing; // by path key
-        std::map<std::string, PartCheckpoint> gone;
+        std::map<std::string, UncopiedItem> gone;
         const auto isWanted = [&](const std::string& path, std::size_t d) {
             const std::string key = pathKey(path);
             return !cardNames_.contains(key) && !backup_.records[d].files.contains(key);
@@ -230,19 +231,31 @@ private:
                     if (folders_[d].file(part.path))
                         missing.emplace(key, part.path);
                     else
-                        gone.emplace(key, part);
+                        gone.emplace(key, isGone(part.path, part.size, part.modified));
+                    leftParts_.insert(pathKey(DestWriter::partName(part.path)));
                 }
             if (unfinished_->report)
-                for (const auto& file : unfinished_->report->files)
-                    if (!file.sourceError && isWanted(file.path, d))
+                for (const auto& file : unfinished_->report->files) {
+                    if (!isWanted(file.path, d))
+                        continue;
+                    if (file.sourceError)
+                        gone.emplace(pathKey(file.path), isGone(file.path, file.size, file.modified));
+                    else
                         missing.emplace(pathKey(file.path), file.path);
+                }
         }
         for (const auto& [key, path] : missing)
             conflicts_.push_back(Msg::repairNotOnCard(path));
-        for (const auto& [key, part] : gone)
-            if (!missing.contains(key))
-                card_.uncopied.push_back({part.path, escapeForDisplay(part.path), part.size, part.modified, false,
-                                          "it was on the card when the backup began, and is gone"});
+        for (const auto& [key, item] : gone)
+            if (!missing.contains(key) &&
+                std::ranges::find(card_.uncopied, item.shown, &UncopiedItem::shown) == card_.uncopied.end())
+                card_.uncopied.push_back(item);
+    }
+
+    static UncopiedItem isGone(const std::string& path, std::int64_t size, Timestamp modified) {
+        return {path,  escapeForDisplay(path),
+                size,  modified,
+                false, "it was on the card when the backup began, and is gone"};
     }
 
     // Files on the disks that neither a report nor the interrupted run accounts for.
@@ -250,6 +263,7 @@ private:
         std::unordered_map<std::string, const SourceFile*> wanted;
         for (const SourceFile& file : plan_.newFiles)
             wanted.emplace(twins_.nameOf(file.relPath), &file);
+        plan_.leftParts.resize(folders_.size());
         for (std::size_t d = 0; d < folders_.size(); ++d) {
             const auto unknown = [&](const std::string& path) {
                 conflicts_.push_back(fmt::format("{} has a file {} that no report knows (an unfinished append?)",
@@ -259,6 +273,10 @@ private:
                 if (backup_.records[d].find(present.relPath, twins_.contains(present.relPath)) ||
                     (unfinished_ && newParts_.contains(pathKey(present.relPath))))
                     continue;
+                if (leftParts_.contains(pathKey(present.relPath))) {
+                    plan_.leftParts[d].push_back(present.relPath);
+                    continue;
+                }
                 const auto file = wanted.find(twins_.nameOf(present.relPath));
                 // A name that a line of the dead run holds, on any disk, is of its making, whatever a power cut left
                 // of the file here.
@@ -271,6 +289,7 @@ private:
                 // else's and stays.
                 const bool ofThisRun = unfinished_ && file != wanted.end() && present.size == file->second->size &&
                                        FileTimes::close(present.mtime, file->second->mtime, localTime_);
+                recordedOnCard_ += ofThisRun ? 1 : 0;
                 if (!ofThisRun)
                     unknown(present.relPath);
             }
@@ -369,8 +388,9 @@ private:
     const CaseTwins twins_;
     std::vector<BackupFolder> folders_;
     std::unordered_set<std::string> cardNames_;
-    std::unordered_set<std::string> names_; // of the card and of the records
-    std::unordered_set<std::string> newParts_;
+    std::unordered_set<std::string> names_;     // of the card and of the records
+    std::unordered_set<std::string> newParts_;  // of files that this run copies
+    std::unordered_set<std::string> leftParts_; // of files that the dead run had begun and the card has no more
     std::vector<std::string> conflicts_;
     // By position in newFiles: the disks that lack a file, and its record from one that has it.
     std::map<std::size_t, std::pair<std::vector<bool>, ManifestRecord>> partly_;
@@ -446,6 +466,12 @@ AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled) {
     const ResumePlanner::Findings found = lookAt(ask.cardPaths);
     const auto& unfinished = found.unfinished;
     requireKnownPlaces(ask, found);
+    if (found.lagging) {
+        AppendPlan plan;
+        plan.settle = settleLagging(*found.lagging);
+        plan.cardPaths = found.lagging->cardPaths;
+        return plan;
+    }
     Backup backup = checkBackup(ask.cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt);
     if (auto report = settleable(unfinished, backup.paths)) {
         AppendPlan plan;

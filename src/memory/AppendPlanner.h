@@ -84,6 +84,9 @@ bool sameMedium(const std::vector<CardRecord>& records, const ResumePlanner::Fin
 std::optional<OffloadReport> settleable(const std::optional<Unfinished>& unfinished,
                                         const std::vector<std::string>& paths);
 
+// The same for disks that lag behind others of the backup. Throws when their records name no such folder.
+OffloadReport settleLagging(const ResumePlanner::Findings::Lagging& lagging);
+
 // An interrupted generation that is nothing but a repair: each disk has lines only for files that its reports know.
 bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records);
 

@@ -359,6 +359,13 @@ Checked check(const std::vector<std::string>& cardPaths) {
         Checked checked;
         checked.found = AppendPlanner::lookAt(cardPaths);
         const auto& open = checked.found.unfinished;
+        if (const auto& lagging = checked.found.lagging) {
+            checked.settle = AppendPlanner::settleLagging(*lagging);
+            if (!checked.settle->isRepair())
+                throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
+            checked.backup.paths = lagging->cardPaths;
+            return checked;
+        }
         checked.backup = AppendPlanner::checkBackup(cardPaths, open ? std::optional(open->generation) : std::nullopt);
         if (open && !AppendPlanner::isOpenRepair(*open, checked.backup.records))
             throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);

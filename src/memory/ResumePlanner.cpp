@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 #include <utility>
 
 namespace velmora::ResumePlanner {
@@ -55,15 +56,6 @@ struct State {
     std::vector<ManifestRecord> lines;           // of files and parts, above `committed` or of the open generation
     std::vector<ManifestRecord> runs;            // first lines of runs, of all generations
     std::shared_ptr<const OffloadReport> report; // of the open or the last committed generation, if it can be read
-
-    // How far the disk has come, for telling which one is behind.
-    double progress() const { return open ? static_cast<double>(*open) - 0.5 : static_cast<double>(committed); }
-    std::vector<ManifestRecord> linesOf(std::int64_t generation) const {
-        std::vector<ManifestRecord> found;
-        std::ranges::copy_if(lines, std::back_inserter(found),
-                             [&](const auto& line) { return line.gen == generation; });
-        return found;
-    }
 };
 
 bool isEmptyFolder(const std::string& cardPath) {
@@ -115,19 +107,45 @@ State stateOf(const std::string& cardPath) {
     return state;
 }
 
-bool agrees(const State& state, std::int64_t open) {
-    if (state.open)
-        return state.open == open;
-    if (state.chainLost)
-        return false;
-    if (state.committed == open - 1)
-        return true; // the run never got to this disk
-    return state.committed == open && state.report && state.report->verified && state.report->success();
+// The generation is open on the disk, or the run never got to it.
+bool isAt(const State& state, std::int64_t open) {
+    return state.open ? state.open == open : !state.chainLost && state.committed == open - 1;
 }
 
-[[noreturn]] void diverged(const std::string& cardPath, std::int64_t generation) {
-    throw OffloadError::preflight(PreflightCode::appendDiverged,
-                                  VIPMsg::resumeDiverged(AppendPlanner::disk(cardPath), generation));
+// The disk has the generation for good.
+bool isPast(const State& state, std::int64_t open) { return !isAt(state, open) && state.committed >= open; }
+
+// The generation as it lies in some of the folders.
+Unfinished gather(const std::vector<std::string>& paths, const std::vector<State>& states,
+                  const std::vector<std::size_t>& folders, std::int64_t open) {
+    Unfinished unfinished;
+    unfinished.generation = open;
+    for (const std::size_t d : folders) {
+        const State& state = states[d];
+        // Final there: its lines were passed over.
+        auto lines = !state.open && state.committed == open ? ManifestFile::read(paths[d]) : state.lines;
+        std::erase_if(lines, [&](const ManifestRecord& line) { return line.gen != open; });
+        unfinished.files.push_back(ManifestFile::files(lines, open));
+        unfinished.parts.push_back(ManifestFile::parts(lines, open));
+        unfinished.manifests.push_back(std::move(lines));
+        const bool isOfIt = state.report && state.report->generationNumber() == open;
+        unfinished.reports.push_back(isOfIt ? state.report : nullptr);
+        // A marked report goes before a final one, and the newer before the older: it is what the finishing run builds
+        // on.
+        const auto rank = [](const OffloadReport& report) { return std::pair(isOpen(report), report.finished); };
+        if (isOfIt && (!unfinished.report || rank(*unfinished.report) < rank(*state.report)))
+            unfinished.report = state.report;
+        // No report forgets a file that another disk's report of the generation names.
+        if (isOfIt && !unfinished.fixedFiles)
+            unfinished.fixedFiles.emplace();
+        if (isOfIt)
+            for (const auto& file : state.report->files)
+                unfinished.fixedFiles->insert(pathKey(file.path));
+        for (const ManifestRecord& run : state.runs)
+            if (run.gen == open)
+                unfinished.mode = run.mode;
+    }
+    return unfinished;
 }
 
 bool sameContent(const ManifestRecord& a, const ManifestRecord& b) {
@@ -158,6 +176,12 @@ bool chainLost(const std::string& cardPath, std::int64_t committed) {
     return first && !isOpen(*first) && hasList(cardPath);
 }
 
+OffloadError behind(const std::string& cardPath, std::int64_t generation) {
+    return OffloadError::preflight(PreflightCode::appendDiverged,
+                                   VIPMsg::resumeDiverged(AppendPlanner::disk(cardPath), generation) + " " +
+                                       Msg::behindOthers(cardPath));
+}
+
 std::string reportPath(const std::string& cardPath, std::int64_t generation) {
     return cardPath + "/" + std::string(Layout::reportDirName) + "/" + OffloadReport::jsonName(generation);
 }
@@ -168,7 +192,7 @@ Findings look(const std::vector<std::string>& paths) {
     std::optional<std::int64_t> open;
     for (const State& state : states) {
         if (state.open)
-            open = std::max(open.value_or(0), *state.open);
+            open = std::min(open.value_or(*state.open), *state.open);
         for (const ManifestRecord& run : state.runs) {
             std::ranges::copy(run.destinations, std::back_inserter(found.places));
             if (run.sourceMedium)
@@ -182,38 +206,38 @@ Findings look(const std::vector<std::string>& paths) {
     }
     if (!open)
         return found;
-    Unfinished unfinished;
-    unfinished.generation = *open;
+    std::vector<std::size_t> group;
+    std::vector<std::size_t> past;
     for (std::size_t d = 0; d < paths.size(); ++d) {
-        State& state = states[d];
-        if (!agrees(state, *open)) {
-            const auto behind = std::ranges::min_element(states, {}, &State::progress);
-            diverged(paths[static_cast<std::size_t>(behind - states.begin())], *open);
+        if (!isAt(states[d], *open) && !isPast(states[d], *open))
+            throw behind(paths[d], *open);
+        (isAt(states[d], *open) ? group : past).push_back(d);
+    }
+    Unfinished unfinished = gather(paths, states, group, *open);
+    if (past.empty()) {
+        found.unfinished = std::move(unfinished);
+        return found;
+    }
+    const bool nextDoor = std::ranges::all_of(past, [&](auto d) { return states[d].committed == *open; });
+    if (nextDoor && unfinished.result()) {
+        found.lagging.emplace().unfinished = std::move(unfinished);
+        for (const std::size_t d : group)
+            found.lagging->cardPaths.push_back(paths[d]);
+        return found;
+    }
+    std::vector<std::size_t> all(paths.size());
+    std::iota(all.begin(), all.end(), std::size_t{0});
+    const bool joins = std::ranges::all_of(past, [&](auto d) { return !states[d].open && states[d].report; });
+    if (nextDoor && joins) {
+        Unfinished whole = gather(paths, states, all, *open);
+        const auto held = unfinished.mentioned();
+        if (std::ranges::all_of(held, [&](const auto& key) { return whole.fixedFiles->contains(key); })) {
+            found.unfinished = std::move(whole);
+            return found;
         }
-        if (!state.open && state.committed == *open) // final here; its lines were passed over
-            state.lines = ManifestFile::read(paths[d]);
-        auto lines = state.linesOf(*open);
-        unfinished.files.push_back(ManifestFile::files(lines, *open));
-        unfinished.parts.push_back(ManifestFile::parts(lines, *open));
-        unfinished.manifests.push_back(std::move(lines));
-        const bool isOfIt = state.report && state.report->generationNumber() == *open;
-        unfinished.reports.push_back(isOfIt ? state.report : nullptr);
-        // A marked report goes before a final one, and the newer before the older: it is what the finishing run builds
-        // on.
-        const auto rank = [](const OffloadReport& report) { return std::pair(isOpen(report), report.finished); };
-        if (isOfIt && (!unfinished.report || rank(*unfinished.report) < rank(*state.report)))
-            unfinished.report = state.report;
-        for (const ManifestRecord& run : state.runs)
-            if (run.gen == *open)
-                unfinished.mode = run.mode;
     }
-    if (unfinished.report) {
-        unfinished.fixedFiles.emplace();
-        for (const auto& file : unfinished.report->files)
-            unfinished.fixedFiles->insert(pathKey(file.path));
-    }
-    found.unfinished = std::move(unfinished);
-    return found;
+    const auto lowest = std::ranges::find_if(states, [&](const State& state) { return state.open == open; });
+    throw behind(paths[static_cast<std::size_t>(lowest - states.begin())], *open);
 }
 
 std::optional<Unfinished> find(const std::vector<std::string>& paths) { return look(paths).unfinished; }

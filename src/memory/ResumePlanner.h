@@ -25,15 +25,26 @@ namespace ResumePlanner {
 // What the folders of one backup tell of interrupted runs.
 struct Findings {
     std::optional<Unfinished> unfinished;
+    // A run that had done all but its last records got to the end on some disks only. The others come first: their
+    // records are made final as they are, and then the folders are looked at anew.
+    struct Lagging {
+        Unfinished unfinished;
+        std::vector<std::string> cardPaths;
+    };
+    std::optional<Lagging> lagging;
     std::vector<BackupPlace> places; // every folder that the first line of a run, or an open report, names
     std::optional<CardKey> medium;   // the card of the newest run that says which it was
 };
 
-// Reads all folders at once. No `unfinished` when no disk has an open generation. Throws OffloadError when the disks
-// disagree, naming the one that is behind. These agree with a disk on which generation g is open: one that stands
-// before g, and one whose final report says that g is verified without a failure.
+// Reads all folders at once. With nothing open neither `unfinished` nor `lagging`; never both. The lowest open
+// generation g counts. A disk that stands before g agrees: the run never got to it. One that holds g for good, with
+// whatever verdict, agrees when the others need their last records only, or when its report names all that they have of
+// g. Everything else throws OffloadError, naming the disk that is behind.
 Findings look(const std::vector<std::string>& paths);
 std::optional<Unfinished> find(const std::vector<std::string>& paths); // `unfinished` alone
+
+// The refusal that names a disk which is behind the others, and what brings it in step.
+OffloadError behind(const std::string& cardPath, std::int64_t generation);
 
 // The highest generation in the chain; 0 without one. Problems of the chain are for others to tell.
 std::int64_t committed(const std::string& cardPath);

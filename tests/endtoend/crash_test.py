@@ -15,6 +15,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from disks import BIN, FaultDisk, possible
@@ -24,6 +25,7 @@ CHECKER = os.path.join(os.path.dirname(__file__), "../../tools/check_backup.py")
 SOAK = os.environ.get("VELMORA_SOAK") == "1"
 SEED = int(os.environ.get("VELMORA_SEED", random.randrange(1 << 30) if SOAK else 1))
 ROUNDS = int(os.environ.get("VELMORA_ROUNDS", 250 if SOAK else 7))
+SECONDS = float(os.environ.get("VELMORA_CRASH_SECONDS", 1200 if SOAK else 15))  # for the renames of records
 DATE, CARD = "2026-03-14", "A001"
 # What a refusal may say, and what is then wrong in the folders.
 FITTING = {
@@ -58,17 +60,19 @@ def history(files):
     return {p: h for p, h in files.items() if re.search(r"_REPORT/offload_report.*|ascmhl/\d{4}_.*mhl", p)}
 
 
-@unittest.skipUnless(possible(), "needs root, FUSE and loop devices")
-class Crashes(unittest.TestCase):
+class Backup(unittest.TestCase):
+    """A card, its two disks, and the commands of a user."""
+
+    disks_in, card_in = None, "/dev/shm"  # two volumes
+
     def setUp(self):
-        self.folder = tempfile.mkdtemp(prefix="velmora-crash-")
+        self.folder = tempfile.mkdtemp(prefix="velmora-crash-", dir=self.disks_in)
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
-        reader = tempfile.mkdtemp(prefix="velmora-card-", dir="/dev/shm")  # another volume than that of the disks
+        reader = tempfile.mkdtemp(prefix="velmora-card-", dir=self.card_in)
         self.addCleanup(shutil.rmtree, reader, ignore_errors=True)
         self.source, self.roots = reader + "/card", [self.folder + "/disk a", self.folder + "/disk b"]
         self.cards = [f"{root}/{DATE}/{CARD}" for root in self.roots]
         self.random = random.Random(f"{SEED}{self.id()}")
-        self.rows, self.outcomes, self.reread = [], collections.Counter(), 0
         self.card(1)
 
     def card(self, day):
@@ -77,9 +81,14 @@ class Crashes(unittest.TestCase):
             write(f"{self.source}/DCIM/{day:03d}/C{number:04d}.MOV", size, day * 100 + number)
         write(f"{self.source}/day {day}/side & car.txt", 33, day)
 
+    strikes = ""
+
     def run_velmora(self, *words):
         environment = {**os.environ, "VELMORA_SETTINGS_DIR": self.folder + "/settings"}
         environment |= {"XDG_DATA_HOME": self.folder + "/data", "VELMORA_REPORTS_DIR": self.folder + "/reports"}
+        if self.strikes:
+            environment |= {"VELMORA_STRIKE": self.strikes, "VELMORA_STRIKE_COUNT": self.folder + "/count"}
+            environment |= {"LD_PRELOAD": BIN + "/libvelmora_strike.so"}
         found = subprocess.run(
             [BIN + "/velmora", *words], capture_output=True, text=True, env=environment, timeout=120
         )
@@ -87,18 +96,18 @@ class Crashes(unittest.TestCase):
         self.events = [json.loads(line) for line in found.stdout.splitlines() if line.startswith("{")]
         return found.returncode
 
-    def copy(self):
+    def copy(self, *more):
         into = [word for root in self.roots for word in ("--dest", root)]
         words = ["--name", CARD, "--date", DATE, "--block-mib", "1", "--no-history", "--json"]
-        return self.run_velmora("copy", self.source, *into, *words, "--allow-same-device", "--allow-source-volume")
+        return self.run_velmora("copy", self.source, *into, *words, "--allow-same-device", *more)
 
     def into(self, command, *words, cards=None):
         into = [word for card in cards or self.cards for word in ("--into", card)]
         return self.run_velmora(command, self.source, *into, *words, "--block-mib", "1", "--no-history", "--json")
 
-    def append(self):
+    def append(self, *more):
         # The card is a folder, which nothing tells from another one: only comparing earns the promise.
-        return self.into("append", "--compare")
+        return self.into("append", *(more or ["--compare"]))
 
     def repair(self):
         return self.into("repair")
@@ -111,6 +120,13 @@ class Crashes(unittest.TestCase):
             file.seek(-1, os.SEEK_CUR)
             file.write(bytes([byte[0] ^ 4]))
         os.utime(path, ns=(1_700_000_000_000_000_100, 1_700_000_000_000_000_100))
+
+
+@unittest.skipUnless(possible(), "needs root, FUSE and loop devices")
+class Crashes(Backup):
+    def setUp(self):
+        super().setUp()
+        self.rows, self.outcomes, self.reread = [], collections.Counter(), 0
 
     # The disks of one round, made of what lies in two folders.
     def disks(self, backings, power):
@@ -270,6 +286,81 @@ class Crashes(unittest.TestCase):
         self.recovering = "repair"
         before = self.made(self.copy, lambda: self.flip(self.roots[1]))
         self.matrix("repair", before, self.repair, self.repair)
+
+
+class Records(Backup):
+    """A run killed before each rename by which its records come to stand. What it has found out, good or bad, is settled
+    by the command that goes on, as if it had not been killed."""
+
+    disks_in, card_in = "/dev/shm", None
+
+    def put(self, kept):
+        for root, content in zip(self.roots, kept):
+            shutil.rmtree(root, ignore_errors=True)
+            shutil.copytree(content, root) if content else os.makedirs(root)
+
+    def keep(self, name):
+        kept = [f"{self.folder}/{name}/{os.path.basename(root)}" for root in self.roots]
+        for root, content in zip(self.roots, kept):
+            shutil.copytree(root, content)
+        return kept
+
+    def run_struck(self, kind, verdict, at=10**6):
+        """A run that ends with a verdict, killed when its records come to stand for the time `at`."""
+        file = f"DCIM/00{2 if kind == 'append' else 1}/"
+        rule = {
+            "unread": f"5 read {self.source}/{file}C0000 {4 if kind == 'repair' else 0} 0",
+            "unwritten": f"28 write b/{DATE}/{CARD}/{file}.C0000 0 0",
+            "cancelled": f"int write {'b' if kind == 'repair' else 'a'}/{DATE}/{CARD}/{file} 1 1",
+        }.get(verdict, "")
+        self.strikes = f"kill rename,link /.velmora- {at} 1;{rule}"
+        getattr(self, kind)(*(["--no-verify"] if verdict == "unverified" else []))
+        self.strikes = ""
+
+    def recover(self, kind):
+        """What the command that goes on says, and what the other one says where it gives no promise."""
+        said = []
+        for command in [self.repair, self.append] if kind == "repair" else [self.append, self.repair]:
+            command()
+            said.append(self.events[-1].get("errorCode"))
+            if self.events[-1]["safeToFormat"]:
+                break
+        return said
+
+    def test_every_step(self):
+        self.put([None, None])
+        self.copy()
+        kept = {"copy": [None, None], "append": self.keep("copied")}
+        self.flip(self.roots[1])
+        os.remove(f"{self.cards[0]}/DCIM/001/C0003.MOV")
+        kept["repair"] = self.keep("damaged")
+        rows = []
+        for kind in ["copy", "repair", "append"]:
+            if kind == "append":
+                self.card(2)
+            for verdict in ["verified", "unread", "unwritten", "cancelled"] + ["unverified"] * (kind != "repair"):
+                self.put(kept[kind])
+                self.run_struck(kind, verdict)
+                with open(self.folder + "/count", encoding="utf-8") as file:
+                    count = int(file.read())
+                peace = self.recover(kind)
+                self.assertTrue(self.events[-1]["safeToFormat"], self.output)
+                rows += [(kind, verdict, at, peace) for at in range(count)]
+        self.random.shuffle(rows)
+        end, played = time.monotonic() + SECONDS, 0
+        for kind, verdict, at, peace in rows:
+            if time.monotonic() > end:
+                break
+            played += 1
+            with self.subTest(kind=kind, verdict=verdict, rename=at):
+                self.put(kept[kind])
+                self.run_struck(kind, verdict, at)
+                said = self.recover(kind)
+                self.assertTrue(self.events[-1]["safeToFormat"], self.output)
+                self.assertLessEqual(set(said), {None, *peace}, self.output)
+                self.assertEqual(self.run_velmora("verify", *self.cards), 0, self.output)
+        print(f"{played} of {len(rows)} renames")
+        self.assertGreater(played, 10)
 
 
 if __name__ == "__main__":

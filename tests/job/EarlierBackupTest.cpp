@@ -187,7 +187,7 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
                          HasSubstr("also in " + cards[1] + ", which was not named and does not hold 1 file"));
          },
          appendDiverged,
-         {"has 2 MHL generations, ", "has 1 MHL generation)"}},
+         {"has 2 MHL generations, ", "has 1 MHL generation)", cards[1] + " is behind the others"}},
         {"files that do not match, all of them",
          [&] {
              test::FileTree::write(temp / "card/3.txt", "longer than it was", 1'700'000'000);
@@ -491,6 +491,28 @@ TEST_F(EarlierBackup, AGenerationWithAReportTakesNoMoreFiles) {
     EXPECT_EQ(job->report()->kind, "copy");
     EXPECT_TRUE(append(cards).safeToFormat);
     EXPECT_EQ(MHLReader::read(cards[1]).lastChained(), 2);
+}
+
+// Its lines are the only ones: those of the files before it still waited for a flush.
+TEST_F(EarlierBackup, AFileThatADeadRunHadBegunAndTheCardLostIsNamed) {
+    shoot({{"big.mov", 12 * mebibyte}});
+    options.crashAfterBlock = [](std::int64_t, std::int64_t block) { return block == 9; };
+    job = std::make_unique<OffloadJob>(config(), options);
+    EXPECT_THROW(job->run({}), SimulatedCrash);
+    job.reset();
+    options.crashAfterBlock = {};
+    fs::remove(temp / "card/big.mov");
+    const JobStatus finished = append(cards);
+    EXPECT_EQ(finished.phase, Phase::done) << finished.error.value_or("");
+    EXPECT_FALSE(finished.safeToEject || finished.safeToFormat);
+    EXPECT_EQ(job->report()->files.back().sourceError, "it was on the card when the backup began, and is gone");
+    for (const std::string& card : cards) {
+        EXPECT_FALSE(IO::exists(card + "/.big.mov.offload-part"));
+        EXPECT_TRUE(IO::exists(card + "/_REPORT/set-aside/0001/.big.mov.offload-part"));
+    }
+    const JobStatus again = append(cards);
+    EXPECT_EQ(again.phase, Phase::done) << again.error.value_or("");
+    EXPECT_FALSE(again.safeToEject || again.safeToFormat);
 }
 
 TEST_F(EarlierBackup, ALargeFileGoesOnFromItsLastCheckpoint) {
