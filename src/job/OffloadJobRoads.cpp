@@ -32,6 +32,8 @@ namespace {
 
 using Phase = JobStatus::Phase;
 
+constexpr std::string_view unsettled = "The records of the interrupted backup could not be finished.";
+
 // What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
 // gives way without a trace only when it looks like the file that will replace it, or holds nothing.
 OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
@@ -116,7 +118,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
         return;
     }
     if (append.settle)
-        throw OffloadError::failed("The records of the interrupted backup could not be finished.");
+        throw OffloadError::failed(std::string(unsettled));
     checkSpace(append.toPlan());
     begin(Phase::copying);
     if (append.later > 0)
@@ -156,6 +158,8 @@ void OffloadJob::runRepair() {
         settleRecords(*checked.settle, checked.backup.paths);
         checked = RepairPlanner::check(cardPaths);
     }
+    if (checked.settle)
+        throw OffloadError::failed(std::string(unsettled));
     begin(Phase::copying);
     log("Reading every copy of the backup to find what is defective…");
     const auto findings = repair_->examine(engine_.pauses(), isCancelled);

@@ -83,8 +83,9 @@ std::int64_t lastMhlGeneration(const std::string& path, std::optional<std::int64
     // Generation 1 itself may have died before its chain.
     const bool firstIsOpen = unfinished == 1;
     if (!history.chainRead && !firstIsOpen && !history.exists)
-        throw refuse(PreflightCode::appendNoMhl,
-                     fmt::format("{} has no ASC MHL (ascmhl/ascmhl_chain.xml) — cannot append.", path));
+        throw refuse(
+            PreflightCode::appendNoMhl,
+            fmt::format("{} has no ASC MHL (ascmhl/ascmhl_chain.xml) — cannot append. Make a full copy.", path));
     const auto& problems = unfinished ? history.problemsBeside(*unfinished) : history.chainProblems;
     if (!problems.empty() || !history.refusedPaths.empty())
         throw damaged();

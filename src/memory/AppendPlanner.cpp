@@ -284,14 +284,14 @@ private:
                     continue;
                 if (DeviceFlush::isLeftover(present.relPath, present.size))
                     continue; // of a run that died while it flushed the disk
-                // Renamed, but its line was still waiting for the device flush: whole only by luck, so it is written
-                // anew and the copy of the dead run gives way. What does not look like the card's file is somebody
-                // else's and stays.
-                const bool ofThisRun = unfinished_ && file != wanted.end() && present.size == file->second->size &&
-                                       FileTimes::close(present.mtime, file->second->mtime, localTime_);
-                recordedOnCard_ += ofThisRun ? 1 : 0;
+                // Renamed, but its line was still waiting for the device flush: whole only by luck, and of any length
+                // after a power cut. It is written anew. The run moves aside what does not look like the card's file.
+                const bool ofThisRun = unfinished_ && file != wanted.end();
                 if (!ofThisRun)
                     unknown(present.relPath);
+                else if (present.size == file->second->size &&
+                         FileTimes::close(present.mtime, file->second->mtime, localTime_))
+                    ++recordedOnCard_;
             }
             for (const std::string& shown : folders_[d].unrecordable())
                 unknown(shown);

@@ -10,6 +10,7 @@
 #include "memory/CardRecord.h"
 #include "memory/CaseTwins.h"
 #include "memory/HistoryRecords.h"
+#include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -171,6 +172,9 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
         return unreadable(now, record.problems.front());
     if (record.reportMissing)
         return unreadable(now, "it has no report");
+    // No append, repair or verification goes on without it.
+    if (!record.generations.empty() && ResumePlanner::committed(now.cardPath) < record.generations.back().generation)
+        return unreadable(now, "its ASC MHL history is lost");
     const std::string onDisk = IO::filesystemType(now.cardPath);
     const bool localTime =
         FileTimes::storesLocalTime(card.card.filesystem.value_or("")) || FileTimes::storesLocalTime(onDisk);

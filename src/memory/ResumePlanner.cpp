@@ -7,6 +7,7 @@
 #include "engine/Layout.h"
 #include "memory/AppendPlanner.h"
 #include "memory/BackupFolder.h"
+#include "memory/CardRecord.h"
 #include "memory/ReportFile.h"
 #include "mhl/MHL.h"
 #include "mhl/MHLReader.h"
@@ -34,18 +35,6 @@ std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
 
 bool isOpen(const OffloadReport& report) {
     return report.verifyPending.value_or(false) || report.verifyIncomplete.value_or(false);
-}
-
-// Of any card name: the folder may have been renamed.
-bool hasList(const std::string& cardPath) {
-    try {
-        return std::ranges::any_of(
-            IO::list(cardPath + "/" + std::string(Layout::reportDirName)), [](const auto& entry) {
-                return entry.isFile() && (entry.name.ends_with(".xxh64") || entry.name.ends_with(".md5"));
-            });
-    } catch (const IOError&) {
-        return false; // then nothing proves that the generation was finished
-    }
 }
 
 // What one folder tells.
@@ -172,8 +161,17 @@ std::int64_t committed(const std::string& cardPath) {
 }
 
 bool chainLost(const std::string& cardPath, std::int64_t committed) {
-    const auto first = committed == 0 ? readReport(reportPath(cardPath, 1)) : nullptr;
-    return first && !isOpen(*first) && hasList(cardPath);
+    if (committed > 0)
+        return false;
+    std::int64_t last = 0;
+    try {
+        for (const IOEntry& entry : IO::list(cardPath + "/" + std::string(Layout::reportDirName)))
+            last = std::max(last, CardRecord::numberedFile(entry.name).value_or(0));
+    } catch (const IOError&) {
+        return false; // then nothing proves that a generation was finished
+    }
+    const auto report = last > 0 ? readReport(reportPath(cardPath, last)) : nullptr;
+    return report && !isOpen(*report);
 }
 
 OffloadError behind(const std::string& cardPath, std::int64_t generation) {

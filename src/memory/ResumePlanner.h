@@ -48,8 +48,8 @@ OffloadError behind(const std::string& cardPath, std::int64_t generation);
 
 // The highest generation in the chain; 0 without one. Problems of the chain are for others to tell.
 std::int64_t committed(const std::string& cardPath);
-// The chain holds nothing, though the first generation was finished: its report is final, and the checksum lists, which
-// a run writes after the chain, are there. Such a folder has lost its history; no run died there.
+// The chain holds nothing, though the newest report is final, which a run makes it after the chain. Such a folder has
+// lost its history; no run died there.
 bool chainLost(const std::string& cardPath, std::int64_t committed);
 std::string reportPath(const std::string& cardPath, std::int64_t generation);
 

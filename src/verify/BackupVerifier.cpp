@@ -310,7 +310,11 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
             result.basis = "pending";
         else if (!result.chainProblems.empty())
             throw OffloadError::failed(result.chainProblems.front()); // there is a list, but nothing to be had from it
-        else
+        else if (ResumePlanner::chainLost(result.cardPath, 0)) {
+            result.basis = "report";
+            result.chainProblems.emplace_back("The ASC MHL and the checksum lists are gone — the files were compared "
+                                              "with the digests in the report.");
+        } else
             throw OffloadError::preflight(PreflightCode::noHashRecord,
                                           result.cardPath +
                                               " has no ASC MHL and no checksum list — nothing to compare against.");

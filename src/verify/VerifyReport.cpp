@@ -24,6 +24,10 @@ std::string unfinishedText(const VerifyResult& result) {
     return result.success() ? text + fmt::format(" The files with a written record match ({})", result.ok) : text;
 }
 
+std::string_view recordName(const VerifyResult& result) {
+    return result.basis == "hashList" ? "checksum list" : result.basis == "report" ? "report" : "MHL";
+}
+
 std::string failedAtCopyText(std::int64_t n) {
     return fmt::format("{} already failed during the copy and the record has no valid checksum", countedFiles(n));
 }
@@ -44,7 +48,7 @@ std::string basis(const VerifyResult& result) {
                                ? ", " + counted(result.nestedHistories, "nested history", "nested histories")
                                : "",
                            algorithms);
-    return "checksum list, " + algorithms;
+    return std::string(recordName(result)) + ", " + algorithms;
 }
 
 Summary summary(const VerifyResult& result) {
@@ -84,8 +88,7 @@ Summary summary(const VerifyResult& result) {
 std::vector<std::string> warnings(const VerifyResult& result) {
     std::vector<std::string> lines;
     if (const std::int64_t n = count(result.extra); n > 0)
-        lines.push_back(fmt::format("{} extra (not in the {}).", countedFiles(n),
-                                    result.basis == "hashList" ? "checksum list" : "MHL"));
+        lines.push_back(fmt::format("{} extra (not in the {}).", countedFiles(n), recordName(result)));
     if (const std::int64_t n = count(result.failedAtCopy); n > 0)
         lines.push_back(fmt::format("{} already failed during the copy.", countedFiles(n)));
     if (const std::int64_t n = count(result.failedSuperseded); n > 0)
@@ -96,7 +99,7 @@ std::vector<std::string> warnings(const VerifyResult& result) {
         lines.push_back(fmt::format("{} {} never read back after the copy and {} not in the {} — compared with the "
                                     "digest in the report.",
                                     countedFiles(n), plural(n, "was", "were"), plural(n, "is", "are"),
-                                    result.basis == "hashList" ? "checksum list" : "MHL"));
+                                    recordName(result)));
     if (result.onOtherDisk)
         lines.push_back("This folder is on a disk that the report of the backup does not name: it is a copy of the "
                         "backup, and stands for none of its disks.");

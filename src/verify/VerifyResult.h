@@ -20,7 +20,7 @@ struct VerifyResult {
     std::string cardPath;
     Timestamp started;
     Timestamp finished;
-    std::string basis; // "ascmhl", "hashList" or "pending"
+    std::string basis; // "ascmhl", "hashList", "report" (all else is gone) or "pending"
     std::int64_t generations = 0;
     std::int64_t nestedHistories = 0; // ASC MHL histories of folders inside, which were checked as well
     std::vector<std::string> hashAlgorithms;

@@ -103,18 +103,19 @@ void VerifyTask::addFromReports(const CardRecord& record, std::optional<std::int
     const auto add = [&](const RecordedFile& recorded) {
         const OffloadReport::FileEntry& file = *recorded.file;
         const std::string_view status = statusOf(recorded, record);
-        // Verified files are in the ASC MHL; where a generation of it is gone, the chain tells so.
-        if (status == "verified" || recorded.generation == open || isOver(recorded, record) ||
-            renamed.contains(file.path) || !known.insert(file.path).second)
+        // Verified files are in the ASC MHL or a list, where there is one; where a generation is gone, the chain tells.
+        const bool listed = status == "verified" && result.basis != "report";
+        if (listed || recorded.generation == open || isOver(recorded, record) || renamed.contains(file.path) ||
+            !known.insert(file.path).second)
             return;
         ++result.totalFiles;
         result.totalBytes += file.size;
-        if (status != "written" || !file.xxh64) {
+        if ((status != "written" && status != "verified") || !file.xxh64) {
             result.failedAtCopy.push_back(file.path);
             return;
         }
         files.push_back({file.path, file.size, {{"xxh64", *file.xxh64, std::nullopt}}});
-        ++result.onlyInReport;
+        result.onlyInReport += status == "written" ? 1 : 0;
     };
     for (const auto& [key, recorded] : record.files)
         add(recorded);

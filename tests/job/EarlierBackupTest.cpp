@@ -480,7 +480,9 @@ TEST_F(EarlierBackup, ARepairMakesABrokenReportAnewFromAnotherDisk) {
 // A report that stands cannot grow: what the card got since is left to the next append, and said.
 TEST_F(EarlierBackup, AGenerationWithAReportTakesNoMoreFiles) {
     ASSERT_EQ(copy().phase, Phase::done);
-    shell("rm -r */*/CARD/ascmhl */*/CARD/_REPORT/CARD.xxh64"); // died between the reports and the chain
+    for (const std::size_t d : {0U, 1U}) // died between the reports and the chain
+        replaceIn(reportOf(d), "{", "{\"verifyPending\": true,");
+    shell("rm -r */*/CARD/ascmhl */*/CARD/_REPORT/CARD.xxh64");
     shoot({{"DCIM/4.mov", 1'500'000}});
     const JobStatus finished = append(cards);
     EXPECT_EQ(finished.phase, Phase::done);
@@ -491,6 +493,13 @@ TEST_F(EarlierBackup, AGenerationWithAReportTakesNoMoreFiles) {
     EXPECT_EQ(job->report()->kind, "copy");
     EXPECT_TRUE(append(cards).safeToFormat);
     EXPECT_EQ(MHLReader::read(cards[1]).lastChained(), 2);
+
+    for (const std::size_t d : {0U, 1U}) // an older report that nothing will finish: its files are proved anew
+        replaceIn(reportOf(d), "{", "{\"verifyIncomplete\": true,");
+    EXPECT_TRUE(append(cards).safeToFormat);
+    EXPECT_EQ(job->report()->files.size(), 3U);
+    EXPECT_TRUE(append(cards).safeToFormat);
+    EXPECT_EQ(MHLReader::read(cards[1]).lastChained(), 3);
 }
 
 // Its lines are the only ones: those of the files before it still waited for a flush.

@@ -8,6 +8,7 @@
 #include "memory/CardStep.h"
 #include "memory/HistoryRecords.h"
 #include "memory/HistoryText.h"
+#include "mhl/MHL.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
@@ -217,6 +218,8 @@ protected:
             recorded.errors.resize(2);
         }
         stand();
+        for (const char* disk : {"A", "B"})
+            MHL::write(report_, folder(disk), {5, 0}, "cart");
     }
     std::string root(const std::string& disk) const { return disks_.path() + "/" + disk; }
     std::string folder(const std::string& disk) const { return root(disk) + "/2026-03-14/A001"; }
@@ -293,6 +296,8 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
          "does not hold", Kind::append, false},
         {"a broken report", [&] { IO::writeFileDurably(folder("B") + "/_REPORT/offload_report.json", "{"); },
          "$B cannot be read (", Kind::copyAgain, false},
+        {"a lost history", [&] { std::filesystem::remove_all(folder("B") + "/ascmhl"); },
+         "$B cannot be read (its ASC MHL history is lost)", Kind::copyAgain, false},
         {"a folder gone", [&] { std::filesystem::remove_all(folder("B")); }, "$B is not there any more",
          Kind::copyAgain, false},
     };

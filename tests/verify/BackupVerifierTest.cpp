@@ -271,7 +271,13 @@ TEST_F(BackupVerifierTest, ChecksumListsServeWhereThereIsNoHistory) {
 
     fs::remove(temp / "B002/_REPORT/A001.md5");
     fs::remove(temp / "B002/_REPORT/A001.xxh64");
-    fs::remove(temp / "B002/_REPORT/offload-manifest.jsonl");
+    result = BackupVerifier::verify(temp / "B002", 65'536, {}, {});
+    EXPECT_EQ(result.ok, 4) << "the reports have digests too";
+    EXPECT_TRUE(!result.unfinished && result.extra.empty() && result.chainProblems.size() == 1);
+    EXPECT_EQ(VerifyReport::basis(result), "report, xxHash64");
+
+    for (const char* record : {"offload-manifest.jsonl", "offload_report.json", "offload_report_0002.json"})
+        fs::remove(temp / ("B002/_REPORT/" + std::string(record)));
     try {
         BackupVerifier::verify(temp / "B002", 65'536, {}, {});
         FAIL() << "nothing to compare with";
