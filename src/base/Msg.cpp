@@ -21,6 +21,13 @@ std::string noReadAccess(std::string_view source) {
 
 std::string reportNotWritten(std::string_view error) { return fmt::format("Could not write the report: {}", error); }
 
+std::string historyLost(std::string_view why) {
+    return fmt::format(
+        "Could not write the record of this backup to the card history ({}) — the backup on the disks is "
+        "fine, but the card will not be recognised the next time it is inserted.",
+        why);
+}
+
 std::string forRepair(std::string_view text) {
     return replaceAll(replaceAll(text, "cannot append", "cannot repair"), "can append only", "can repair only");
 }

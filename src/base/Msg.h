@@ -16,9 +16,7 @@ std::string reportNotWritten(std::string_view error);
 inline constexpr std::string_view historyBusy =
     "The card history is busy right now — the record of this backup will be written as soon as possible (do not close "
     "the app yet).";
-inline constexpr std::string_view historyLost =
-    "Could not write the record of this backup to the card history (the history was busy for too long) — the backup on "
-    "the disks is fine, but the card will not be recognised the next time it is inserted.";
+std::string historyLost(std::string_view why = "the history was busy for too long");
 
 // A refusal of an append, in the words of a repair.
 std::string forRepair(std::string_view text);

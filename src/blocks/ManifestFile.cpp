@@ -113,7 +113,7 @@ void ManifestFile::append(const std::string& cardPath, std::span<const ManifestR
         bytes += '\n';
     }
     const std::string folder = reportFolder(cardPath);
-    IO::mkdirs(folder);
+    IO::mkdirBelow(folder);
     const std::string manifest = path(cardPath);
     const std::shared_ptr<Turn> turn = turnOf(manifest);
     // Held across the writing on purpose: two interleaved appends could each seal off the other's line.

@@ -24,7 +24,6 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
-#include <chrono>
 #include <iostream>
 
 namespace velmora::CopyStart {
@@ -42,15 +41,6 @@ bool asks(Console& console, const std::string& question) {
     std::getline(std::cin, answer);
     answer = toLower(trim(answer));
     return answer == "y" || answer == "yes";
-}
-
-// The preflight asks for the form of a date only. A person who types a day that no calendar has means another one.
-bool isDay(const std::string& date) {
-    const auto number = [&](std::size_t at, std::size_t count) { return std::stoi(date.substr(at, count)); };
-    return !Layout::isDate(date) || std::chrono::year_month_day(std::chrono::year(number(0, 4)),
-                                                                std::chrono::month(static_cast<unsigned>(number(5, 2))),
-                                                                std::chrono::day(static_cast<unsigned>(number(8, 2))))
-                                        .ok();
 }
 
 bool passesPreflight(const JobConfig& config, const OffloadOptions& options) {
@@ -132,7 +122,7 @@ private:
 std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options, const Choice& choice,
                                HistorySession& history, CommandContext& context) {
     Console& console = context.console;
-    if (config.date && !isDay(*config.date))
+    if (config.date && !Layout::isDate(*config.date))
         throw OffloadError::preflight(PreflightCode::date, "Date must be YYYY-MM-DD (got “" + *config.date + "”).");
     if (!passesPreflight(config, options))
         return {};

@@ -16,7 +16,7 @@ HistorySession::HistorySession(Console& console) : console_(console), folder_(Ap
 
 void HistorySession::finish() {
     if (!recorder_.drain(drainSeconds))
-        console_.log(Msg::historyLost);
+        console_.log(Msg::historyLost());
 }
 
 JobServices HistorySession::services() { return {&recorder_, folder_}; }

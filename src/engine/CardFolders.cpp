@@ -3,6 +3,7 @@
 #include "base/Errors.h"
 #include "base/RelativePath.h"
 #include "engine/Layout.h"
+#include "engine/Preflight.h"
 #include "platform/IO.h"
 #include "records/OffloadPlan.h"
 
@@ -58,21 +59,38 @@ bool makesItsFolders(const OffloadPlan& plan) {
     return plan.mode == PlanMode::full && !plan.resuming && !plan.fixedCardPaths;
 }
 
+void removeFolders(const Destination& destination) {
+    for (std::string at = destination.cardPath; at != destination.topFolder; at = parentOf(at))
+        IO::removeEmptyFolder(at);
+}
+
 // False when another run has the name on one of the roots.
-bool tryClaim(const std::vector<std::size_t>& order, std::vector<Destination>& all) {
-    std::vector<const std::string*> taken;
-    for (const std::size_t d : order) {
-        try {
-            makeNew(all[d].cardPath);
-            taken.push_back(&all[d].cardPath);
-        } catch (const IOError& error) {
-            if (error.code() == EEXIST && error.path() == all[d].cardPath) {
-                for (const std::string* folder : taken)
-                    IO::removeEmptyFolder(*folder);
-                return false;
+bool tryClaim(const OffloadPlan& plan, const std::vector<std::size_t>& order, std::vector<Destination>& all,
+              const Check& check) {
+    std::vector<const Destination*> taken;
+    try {
+        for (const std::size_t d : order) {
+            Preflight::checkCopyAt(all[d].cardPath, plan.source);
+            if (check)
+                check(plan.destRoots[d]);
+            try {
+                makeNew(all[d].cardPath);
+                taken.push_back(&all[d]);
+            } catch (const IOError& error) {
+                if (error.code() == EEXIST && error.path() == all[d].cardPath) {
+                    for (const Destination* destination : taken)
+                        IO::removeEmptyFolder(destination->cardPath);
+                    return false;
+                }
+                all[d].error = error.what();
             }
-            all[d].error = error.what();
+            if (check) // what was made went there
+                check(plan.destRoots[d]);
         }
+    } catch (...) {
+        for (const Destination* destination : taken)
+            removeFolders(*destination);
+        throw;
     }
     return true;
 }
@@ -86,36 +104,23 @@ std::vector<Destination> destinationsOf(const OffloadPlan& plan) {
     return all;
 }
 
-// One folder below an existing one; a link or a file in its place is no folder.
-void makeFolder(const std::string& path) {
-    try {
-        IO::mkdirNew(path);
-        return;
-    } catch (const IOError& error) {
-        if (error.code() != EEXIST)
-            throw;
-    }
-    const FileFacts facts = IO::lstat(path);
-    if (!facts.isFolder)
-        throw IOError("mkdir", path, facts.isLink ? ELOOP : ENOTDIR);
-}
-
 void makeBelow(const std::string& cardPath, std::string_view relative, std::set<std::string, std::less<>>& made) {
     if (relative.empty() || made.contains(relative))
         return;
     makeBelow(cardPath, RelativePath::folder(relative), made);
-    makeFolder(RelativePath::join(cardPath, relative));
+    IO::mkdirBelow(RelativePath::join(cardPath, relative));
     made.emplace(relative);
 }
 
 } // namespace
 
-std::vector<Destination> claim(OffloadPlan& plan) {
+std::vector<Destination> claim(OffloadPlan& plan, const Check& check) {
     if (!makesItsFolders(plan)) {
         std::vector<Destination> all = destinationsOf(plan);
         for (Destination& destination : all) {
+            if (check)
+                check(destination.cardPath);
             try {
-                IO::mkdirs(destination.cardPath);
                 for (const char* records : {"/_REPORT", "/ascmhl"})
                     IO::removeTemporaries(destination.cardPath + records);
             } catch (const IOError& error) {
@@ -129,7 +134,7 @@ std::vector<Destination> claim(OffloadPlan& plan) {
         std::vector<std::size_t> order(all.size());
         std::iota(order.begin(), order.end(), std::size_t{0});
         std::ranges::sort(order, {}, [&](std::size_t d) { return Layout::normalizedRoot(plan.destRoots[d]); });
-        if (tryClaim(order, all))
+        if (tryClaim(plan, order, all, check))
             return all;
         plan.cardName = nextName(plan);
     }
@@ -145,8 +150,7 @@ void giveBack(const OffloadPlan& plan, const std::vector<Destination>& claimed) 
         try {
             for (const std::string& dir : plan.scan.dirs | std::views::reverse)
                 IO::removeEmptyFolder(RelativePath::join(destination.cardPath, dir));
-            for (std::string at = destination.cardPath; at != destination.topFolder; at = parentOf(at))
-                IO::removeEmptyFolder(at);
+            removeFolders(destination);
         } catch (const std::exception&) { // somebody else is at work there by now
         }
     }

@@ -19,12 +19,16 @@ struct Destination {
     std::optional<std::string> error; // this destination takes no part in the run, and why
 };
 
+// Called ahead of what is done below a folder, and after it: throws when that folder is not the one that was checked.
+using Check = std::function<void(const std::string& folder)>;
+
 // Takes the card folder of a full copy into possession on all destinations: mkdir is what decides between two runs
 // that found the same name free. The loser gives back what it has taken and tries the next free name, which is put
 // into the plan. Roots are taken in one order by all runs, so that two of them never wait for each other's leavings.
+// A root that is not the one that was checked ends the claim, and so does a card folder that would lie on the card.
 // The folders of any other plan stand already, and are the caller's by their locks: what a write that was cut off left
 // in their record folders goes.
-std::vector<Destination> claim(OffloadPlan& plan);
+std::vector<Destination> claim(OffloadPlan& plan, const Check& check = {});
 
 // Undoes a claim: removes the folders that a full copy has made, as far as they are empty, up to those that were there
 // before. The folders of any other plan stay.

@@ -143,6 +143,7 @@ void CopyRun::makeWriters() {
         DestWriter::Settings settings{.index = d,
                                       .cardPath = destination.cardPath,
                                       .topFolder = destination.topFolder,
+                                      .held = engine_.held_.get(),
                                       .options = &engine_.options_,
                                       .files = &plan_->scan.files,
                                       .clashes = &clashes_,
@@ -161,7 +162,7 @@ void CopyRun::makeWriters() {
             writer->keepFolders(CardFolders::createTree(destination.cardPath, *plan_));
             writers_.back() = std::move(writer);
             any = true;
-        } catch (const IOError& error) {
+        } catch (const std::runtime_error& error) {
             destination.error = error.what();
         }
     }

@@ -28,6 +28,7 @@ void DestWriter::record(std::size_t file) {
     }
     try {
         const ManifestRecord record = line(file);
+        checkFolder();
         ManifestFile::append(set_.cardPath, std::span(&record, 1));
     } catch (const std::exception& error) {
         say(fmt::format("{} not recorded: {}", fileAt(file).relPath, error.what()));
@@ -46,6 +47,7 @@ void DestWriter::wait(std::size_t file, bool adopted) {
 bool DestWriter::flushWaiting() {
     waitingSize_ = 0;
     try {
+        checkFolder();
         flush_.flush(!set_.clashes->flushFile);
     } catch (const std::exception& error) {
         say(fmt::format("{}: the flush failed: {}", set_.cardPath, error.what()));
@@ -70,6 +72,7 @@ void DestWriter::appendWaiting() {
             for (std::size_t at = done; at < end; ++at)
                 if (hasLine(waiting_[at].file))
                     lines.push_back(line(waiting_[at].file));
+            checkFolder();
             ManifestFile::append(set_.cardPath, lines);
             lines.clear();
             done = end;

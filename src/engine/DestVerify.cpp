@@ -28,9 +28,15 @@ void DestWriter::doVerify(std::span<std::byte> buffer, PauseGate::Worker& worker
         verifyingNow_.store(static_cast<std::int64_t>(file), std::memory_order_relaxed);
         const SourceFile& source = fileAt(file);
         readOfFile = 0;
-        ReadBack::Outcome outcome = readBack.verify(
-            set_.cardPath, source.relPath,
-            {source.size, set_.hasher->hashOf(file), set_.options->chunkSize, set_.hasher->blocksOf(file)}, hooks);
+        ReadBack::Outcome outcome;
+        try {
+            checkFolder();
+            outcome = readBack.verify(
+                set_.cardPath, source.relPath,
+                {source.size, set_.hasher->hashOf(file), set_.options->chunkSize, set_.hasher->blocksOf(file)}, hooks);
+        } catch (const OffloadError& error) {
+            outcome.result = {FileState::failed, error.what()};
+        }
         toVerify_.add(readOfFile - source.size); // what could not be read, or was read twice
         if (outcome.result.state == FileState::failed)
             failures_.add(1);

@@ -6,6 +6,7 @@
 #include "blocks/HashStreams.h"
 #include "blocks/ManifestFile.h"
 #include "engine/CaseFolding.h"
+#include "engine/HeldFolders.h"
 #include "engine/OffloadOptions.h"
 #include "engine/SourceHasher.h"
 #include "platform/IO.h"
@@ -52,7 +53,9 @@ private:
 DestWriter::DestWriter(Settings settings)
     : set_(std::move(settings)), flush_(set_.cardPath, set_.topFolder), results_(set_.files->size()),
       writtenHere_(set_.files->size()), xxh128_(set_.files->size()),
-      queue_(fmt::format("offload.dest{}", set_.index), set_.log) {}
+      queue_(fmt::format("offload.dest{}", set_.index), set_.log) {
+    checkFolder();
+}
 
 DestWriter::~DestWriter() = default;
 
@@ -164,6 +167,11 @@ std::optional<std::size_t> DestWriter::verifyingNow() const noexcept {
 
 bool DestWriter::flushedAlone(std::size_t file) const { return fileAt(file).size >= set_.options->fullSyncThreshold; }
 
+void DestWriter::checkFolder() const {
+    if (set_.held != nullptr)
+        set_.held->check(set_.cardPath);
+}
+
 void DestWriter::doBegin(std::size_t file, const PartCheckpoint* checkpoint) {
     current_ = file;
     currentError_.reset();
@@ -181,6 +189,7 @@ void DestWriter::doBegin(std::size_t file, const PartCheckpoint* checkpoint) {
         partPath_ = set_.cardPath + "/" + part;
         if (!set_.clashes->partNames.empty() && set_.clashes->partNames.contains(collisionKey(part)))
             throw OffloadError::failed("the temporary copy name " + part + " is another file of the card");
+        checkFolder();
         openPart(file, checkpoint != nullptr);
     } catch (const std::exception& error) {
         part_.reset();
@@ -222,6 +231,7 @@ void DestWriter::doWrite(Chunk& chunk) {
 // that cannot be written leaves its blocks to the next one.
 void DestWriter::checkpoint() {
     part_->flush();
+    checkFolder();
     const SourceFile& source = fileAt(*current_);
     if (checkpointed_ == 0)
         flush_.makeNamesDurable(partPath_.substr(0, partPath_.find_last_of('/')));
@@ -275,6 +285,7 @@ void DestWriter::makeFinal(std::size_t file) {
     part_->close();
 
     const std::string final = finalPath(file);
+    checkFolder();
     if (set_.beforeRename)
         set_.beforeRename(file, final);
     // No run replaces, not even a resumed one: what stands in its way has given way by now, or is another file.

@@ -25,6 +25,7 @@
 
 namespace velmora {
 
+class HeldFolders;
 class SourceHasher;
 struct OffloadOptions;
 
@@ -54,7 +55,8 @@ public:
     struct Settings {
         std::size_t index = 0;
         std::string cardPath;
-        std::string topFolder; // see DeviceFlush
+        std::string topFolder;             // see DeviceFlush
+        const HeldFolders* held = nullptr; // with the card folder among them; none: nobody watches over it
         const OffloadOptions* options = nullptr;
         const std::vector<SourceFile>* files = nullptr;
         const NameClashes* clashes = nullptr;
@@ -69,7 +71,8 @@ public:
         Log log;
     };
 
-    explicit DestWriter(Settings settings); // throws IOError when the card folder cannot be opened
+    // Throws when the card folder cannot be opened, or is not the one that is held.
+    explicit DestWriter(Settings settings);
     ~DestWriter();
 
     // "DCIM/A001.MOV" is written as "DCIM/.A001.MOV.offload-part". A name that would be too long for a folder entry is
@@ -154,6 +157,7 @@ private:
     bool goesThroughCache(std::size_t file) const { return fileAt(file).size <= throughCacheLimit; }
     bool flushedAlone(std::size_t file) const;
 
+    void checkFolder() const; // throws when the disk has gone
     void doBegin(std::size_t file, const PartCheckpoint* checkpoint);
     void openPart(std::size_t file, bool continuing);
     void doWrite(Chunk& chunk);

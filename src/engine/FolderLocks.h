@@ -22,11 +22,15 @@ std::string history(const std::string& historyFolder, const std::string& in = fo
 } // namespace Locks
 
 // Locks on all card folders of one job: all of them or none. Keeps jobs, of this process and of others, from working
-// on one backup at once. Released by the destructor. `release` may be called from any thread.
+// on one backup at once. Each folder is locked by its file among the lock files, and where it stands by itself: another
+// user has other lock files. Released by the destructor. `release` may be called from any thread.
 class FolderLocks {
 public:
-    // Throws OffloadError (`appendBusy`, naming the folder) when one of the folders is locked; none is held then.
+    // Throws OffloadError when one of the folders is locked (`appendBusy`, naming the folder) or cannot be; none is
+    // held then.
     static FolderLocks acquire(const std::vector<std::string>& cardPaths, const std::string& in = Locks::folder());
+    // For a run that writes nothing into the folder: its own lock is enough where there can be no lock files.
+    static FolderLocks forReading(const std::string& cardPath, const std::string& in = Locks::folder());
     FolderLocks(FolderLocks&& other) noexcept;
     FolderLocks& operator=(FolderLocks&&) = delete;
     ~FolderLocks() { release(); }

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <string>
 
 namespace velmora {
 
@@ -39,7 +41,15 @@ std::string Layout::today() { return TimeText::local(Timestamp::now(), "%Y-%m-%d
 
 bool Layout::isDate(std::string_view date) {
     static constexpr std::string_view form = "dddd-dd-dd";
-    return std::ranges::equal(date, form, [](char c, char f) { return f == 'd' ? c >= '0' && c <= '9' : c == f; });
+    if (!std::ranges::equal(date, form, [](char c, char f) { return f == 'd' ? c >= '0' && c <= '9' : c == f; }))
+        return false;
+    const auto number = [&](std::size_t at, std::size_t count) {
+        return std::stoi(std::string(date.substr(at, count)));
+    };
+    using namespace std::chrono;
+    const auto day = year_month_day(year(number(0, 4)), month(static_cast<unsigned>(number(5, 2))),
+                                    std::chrono::day(static_cast<unsigned>(number(8, 2))));
+    return day.ok() && day.year() > year(0);
 }
 
 std::string Layout::sanitize(std::string_view name) {

@@ -24,7 +24,7 @@ bool isReserved(std::string_view name);
 
 // The present date in the computer's time zone, "yyyy-MM-dd".
 std::string today();
-// `date` has the form of a date; whether there is such a day is not asked.
+// `date` names a day of the calendar in this form.
 bool isDate(std::string_view date);
 
 // A name that can stand as one folder below the date: never empty, never a path, never a reserved name.

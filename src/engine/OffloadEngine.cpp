@@ -5,6 +5,7 @@
 #include "disks/VolumeSerial.h"
 #include "engine/CardFolders.h"
 #include "engine/CopyRun.h"
+#include "engine/HeldFolders.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
 
@@ -20,6 +21,7 @@ OffloadEngine::~OffloadEngine() = default;
 
 OffloadPlan OffloadEngine::prepare(const Preflight::Inputs& inputs, const Preflight::ExtraOf& extra,
                                    const Preflight::FreeSpace& freeSpace) {
+    roots_ = std::make_unique<HeldFolders>(inputs.destRoots);
     Preflight::Result result = Preflight::prepare(inputs, options_, extra, freeSpace, [this] { return isCancelled(); });
     space_ = std::move(result.space);
     return std::move(result.plan);
@@ -28,7 +30,8 @@ OffloadPlan OffloadEngine::prepare(const Preflight::Inputs& inputs, const Prefli
 namespace {
 
 // The first line of the run in every manifest: from here on each folder alone tells which others belong to the backup.
-void recordStart(const OffloadPlan& plan, const std::vector<CardFolders::Destination>& destinations, const Log& log) {
+void recordStart(const OffloadPlan& plan, const std::vector<CardFolders::Destination>& destinations,
+                 const HeldFolders& held, const Log& log) {
     ManifestRecord line;
     line.kind = ManifestRecord::runKind;
     line.gen = plan.generation;
@@ -41,9 +44,11 @@ void recordStart(const OffloadPlan& plan, const std::vector<CardFolders::Destina
     line.destinations.insert(line.destinations.end(), plan.elsewhere.begin(), plan.elsewhere.end());
     for (const auto& destination : destinations) {
         try {
-            if (!destination.error)
-                ManifestFile::append(destination.cardPath, {&line, 1});
-        } catch (const IOError& error) {
+            if (destination.error)
+                continue;
+            held.check(destination.cardPath);
+            ManifestFile::append(destination.cardPath, {&line, 1});
+        } catch (const std::runtime_error& error) {
             if (log)
                 log(fmt::format("{}: the start of the run was not recorded: {}", destination.cardPath, error.what()));
         }
@@ -53,10 +58,14 @@ void recordStart(const OffloadPlan& plan, const std::vector<CardFolders::Destina
 } // namespace
 
 OffloadReport OffloadEngine::run(OffloadPlan plan) {
-    std::vector<CardFolders::Destination> destinations = CardFolders::claim(plan);
+    const HeldFolders* const known = held_ ? held_.get() : roots_.get();
+    std::vector<CardFolders::Destination> destinations =
+        CardFolders::claim(plan, [&](const std::string& folder) { known ? known->check(folder) : void(); });
     const auto shared = std::make_shared<const OffloadPlan>(std::move(plan));
     std::optional<CopyRun> made;
     try {
+        if (!held_)
+            held_ = std::make_unique<HeldFolders>(shared->cardPaths(), roots_.get());
         if (afterClaim_)
             afterClaim_(*shared);
         made.emplace(*this, shared, destinations);
@@ -65,7 +74,7 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
         throw;
     }
     CopyRun& run = *made;
-    recordStart(*shared, destinations, log_);
+    recordStart(*shared, destinations, *held_, log_);
     {
         const MutexLock lock(mutex_);
         plan_ = shared;
@@ -91,6 +100,10 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
 void OffloadEngine::lookForOtherCard() {
     if (card_ && !isCancelled() && !card_->isThere([this] { return isCancelled(); }) && !isCancelled())
         cardChanged_ = true;
+}
+
+void OffloadEngine::hold(const std::vector<std::string>& cardPaths) {
+    held_ = std::make_unique<HeldFolders>(cardPaths);
 }
 
 void OffloadEngine::cancel() {

@@ -108,6 +108,14 @@ std::string deviceOf(const std::string& path, PreflightCode code, const std::str
     }
 }
 
+// The source lies in an earlier backup, and this root lies in the same card folder.
+bool isInSourcesCardFolder(const std::string& root, const std::string& source) {
+    for (std::string at = VolumeFacts::realPath(source); at.size() > 1; at = RelativePath::folder(at))
+        if (IO::isFolder(RelativePath::join(at, Layout::reportDirName)) && Volumes::isWithin(root, at))
+            return true;
+    return false;
+}
+
 // Two folders of one disk count as one drive; the order of the roots decides which one is named.
 void checkRoots(const std::vector<std::string>& roots, const std::string& source, const OffloadOptions& options) try {
     const std::string sourceDevice =
@@ -125,6 +133,10 @@ void checkRoots(const std::vector<std::string>& roots, const std::string& source
         if (Volumes::isWithin(root, source))
             refuse(PreflightCode::sameVolumeAsSource,
                    "Destination " + root + " lies inside the source " + source + " — a copy must lie outside it.");
+        if (isInSourcesCardFolder(root, source))
+            refuse(PreflightCode::sameVolumeAsSource, "Destination " + root +
+                                                          " lies in the card folder that holds the source " + source +
+                                                          " — a copy must lie outside it.");
         if (!devices.insert(device).second && !options.allowSameDevice)
             refuse(PreflightCode::sharedVolume, "Two destinations are on the same drive (" + root +
                                                     ") — that is not a second copy. Allow it with "
@@ -163,6 +175,14 @@ void Preflight::checkInputs(const Inputs& inputs, const OffloadOptions& options)
     checkRoots(inputs.destRoots, inputs.source, options);
 }
 
+void Preflight::checkCopyAt(const std::string& cardPath, const std::string& source) {
+    if (VolumeFacts::awaitsVolume(cardPath))
+        refuse(PreflightCode::destinationNotFound, "Destination not found: " + cardPath + " — is the drive connected?");
+    if (Volumes::isWithin(cardPath, source))
+        refuse(PreflightCode::sameVolumeAsSource,
+               "The copy " + cardPath + " would lie inside the source " + source + " — it must lie outside it.");
+}
+
 Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra,
                                      const FreeSpace& freeSpace, const IsCancelled& isCancelled) {
     checkInputs(inputs, options);
@@ -179,6 +199,8 @@ Preflight::Result Preflight::prepare(const Inputs& inputs, const OffloadOptions&
     } catch (const IOError& error) {
         refuseUnreadable(error);
     }
+    for (const std::string& cardPath : plan.cardPaths())
+        checkCopyAt(cardPath, plan.source);
     result.space = checkSpace(demands(plan), plan.cardPaths(), extra ? extra(plan.scan) : SpaceExtra{}, freeSpace);
     return result;
 }

@@ -45,6 +45,9 @@ struct Result {
 // What `prepare` checks before it lists the card: cheap, and worth knowing before anything that takes time.
 void checkInputs(const Inputs& inputs, const OffloadOptions& options);
 
+// Refuses a copy whose folder would lie on the card, or on a disk that is away: the folder of the date may be a link.
+void checkCopyAt(const std::string& cardPath, const std::string& source);
+
 Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra = {},
                const FreeSpace& freeSpace = {}, const IsCancelled& isCancelled = {});
 

@@ -36,9 +36,9 @@ HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, cons
 void HistoryKeeper::record(const std::string& what, const std::function<void()>& delayed,
                            HistoryRecorder::Write write) {
     // May run long after this job is gone: it holds on to the log alone.
-    const auto done = [log = log_](bool written) {
-        if (!written && log)
-            log(Msg::historyLost);
+    const auto done = [log = log_](const std::optional<std::string>& lost) {
+        if (lost && log)
+            log(Msg::historyLost(*lost));
     };
     recorder_.record(what, folder_, log_, delayed, done, std::move(write));
 }

@@ -2,8 +2,8 @@
 
 #include "base/Msg.h"
 #include "disks/CardIdentity.h"
+#include "disks/SpacePlanner.h"
 #include "engine/FolderLocks.h"
-#include "job/HeldFolders.h"
 #include "job/HistoryKeeper.h"
 #include "job/RepairWork.h"
 #include "platform/IO.h"
@@ -30,8 +30,9 @@ std::int64_t blockBytes(std::int64_t mebibytes) {
                : mebibytes * mebibyte;
 }
 
-std::optional<std::uint64_t> deviceOf(const std::string& path) try {
-    return IO::stat(path).device;
+std::optional<std::string> volumeOf(const std::string& path) try {
+    IO::stat(path);
+    return SpacePlanner::volumeKey(path);
 } catch (const IOError&) { // the preflight says what is wrong
     return std::nullopt;
 }
@@ -119,7 +120,7 @@ void OffloadJob::run(const Log& log) {
     try {
         awake_ = std::make_unique<PowerInhibitor>("Copying a card", [this](std::string_view line) { this->log(line); });
         engine_.meetCard(config_.source);
-        sourceDevice_ = deviceOf(config_.source);
+        sourceVolume_ = volumeOf(config_.source);
         openHistory(log);
         if (repair_)
             runRepair();
@@ -139,7 +140,6 @@ void OffloadJob::run(const Log& log) {
         takeBackStart();
         endAs(Phase::failed, error.what());
     }
-    held_.reset();
     locks_.reset();
     awake_.reset();
 }

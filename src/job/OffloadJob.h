@@ -20,7 +20,6 @@
 namespace velmora {
 
 class FolderLocks;
-class HeldFolders;
 class PowerInhibitor;
 class HistoryRecorder;
 class RepairWork;
@@ -105,6 +104,7 @@ private:
     void settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths);
     void nothingNew(const AppendPlanner::NothingNew& nothing);
     void foldersClaimed(const OffloadPlan& plan) EXCLUDES(mutex_);
+    void openFolders(const std::vector<std::string>& cardPaths);
     void lockFolders(const std::vector<std::string>& cardPaths);
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
@@ -138,12 +138,12 @@ private:
     Log log_ GUARDED_BY(mutex_);
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
-    std::unique_ptr<FolderLocks> locks_;        // of the thread that runs
-    std::unique_ptr<PowerInhibitor> awake_;     // from the first step that takes time
-    std::unique_ptr<HistoryKeeper> history_;    // of the thread that runs
-    std::unique_ptr<HeldFolders> held_;         // of the thread that runs; as long as the locks
-    HistoryKeeper::Known known_;                // before the run
-    std::optional<std::uint64_t> sourceDevice_; // st_dev of the source when the run began, if it could be asked
+    std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
+    std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
+    std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
+    HistoryKeeper::Known known_;             // before the run
+    // Of the source when the run began (SpacePlanner::volumeKey), if it could be asked.
+    std::optional<std::string> sourceVolume_;
     bool compareCard_ = false;
     std::string compareCommand_;
     OffloadEngine engine_;

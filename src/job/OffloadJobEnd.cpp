@@ -3,8 +3,9 @@
 #include "base/FileTimes.h"
 #include "base/Msg.h"
 #include "base/Text.h"
+#include "disks/SpacePlanner.h"
+#include "engine/HeldFolders.h"
 #include "engine/Scanner.h"
-#include "job/HeldFolders.h"
 #include "job/HistoryKeeper.h"
 #include "job/RateMemory.h"
 #include "memory/BackupCheck.h"
@@ -60,10 +61,10 @@ bool storesLocalTime(const std::string& source, const std::vector<CardRecord>& r
 }
 
 // Every file that the records of a folder name was read back by this run and is good there.
-bool provedBy(const CardRecord& record, std::size_t place, const OffloadReport& report) {
+bool provedBy(const CardRecord& record, const OffloadReport& report) {
     const auto isProved = [&](const auto& entry) {
         const RecordedFile& recorded = entry.second;
-        return recorded.generation == report.generationNumber() && record.statusOf(recorded, place) == "verified" &&
+        return recorded.generation == report.generationNumber() && record.statusOf(recorded) == "verified" &&
                !recorded.file->sourceError;
     };
     return std::ranges::all_of(record.files, isProved) && std::ranges::all_of(record.twins, isProved);
@@ -74,10 +75,9 @@ bool provedBy(const CardRecord& record, std::size_t place, const OffloadReport& 
 // The folders that did not pass a verification before and in which this run has found every file good.
 std::vector<HistoryVerification> OffloadJob::passed(const Conclusion& conclusion, const OffloadReport* report) const {
     std::vector<HistoryVerification> folders;
-    for (std::size_t d = 0; d < conclusion.records.size(); ++d) {
-        const CardRecord& record = conclusion.records[d];
+    for (const CardRecord& record : conclusion.records) {
         const bool good = conclusion.readAll ? report == nullptr || report->success()
-                                             : report != nullptr && provedBy(record, d, *report);
+                                             : report != nullptr && provedBy(record, *report);
         if (good && known_.failedVerifications.contains(record.cardPath))
             folders.push_back({record.cardPath, record.volumeSerial, Timestamp::now(), {}, {}});
     }
@@ -93,7 +93,7 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     evidence.readBack = report == nullptr || report->verified;
     evidence.failedFiles = report == nullptr ? 0 : static_cast<std::int64_t>(report->failedFiles().size());
     evidence.problems = engine_.reportProblems();
-    evidence.onOtherVolume = sourceDevice_ && held_ && held_->anyOffDevice(*sourceDevice_);
+    evidence.onOtherVolume = sourceVolume_ && engine_.held() != nullptr && engine_.held()->anyOffVolume(*sourceVolume_);
     auto failedBefore = known_.failedVerifications;
     for (const HistoryVerification& folder : passed(conclusion, report))
         failedBefore.erase(folder.cardPath);
@@ -133,6 +133,9 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
             std::ranges::move(history_->failedVerifications(conclusion.elsewhere),
                               std::back_inserter(evidence.whole->elsewhere));
         });
+    for (const std::string& cardPath : evidence.whole->alsoIn)
+        evidence.onOtherVolume =
+            evidence.onOtherVolume || (sourceVolume_ && SpacePlanner::volumeKey(cardPath) != *sourceVolume_);
     if (!conclusion.comparesAll) {
         evidence.notCompared = evidence.whole->ofEarlierRuns;
         evidence.compareCommand = compareCommand_;
@@ -148,7 +151,7 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
         order.cardPaths.push_back(destination.cardPath);
     order.stamp = ReportWriter::Stamp::present();
     order.create = conclusion.create;
-    order.beforeWrite = [this](const std::string& cardPath) { held_->check(cardPath); };
+    order.beforeWrite = [this](const std::string& cardPath) { engine_.held()->check(cardPath); };
     const auto addProblems = [&](const std::vector<Verification::Failure>& failures) {
         for (const auto& failure : failures)
             if (const std::string text = Msg::reportNotWritten(failure.error);
@@ -169,7 +172,7 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
         auto& notes = report.verifyNotes ? *report.verifyNotes : report.verifyNotes.emplace();
         std::ranges::copy(verdict.reasons, std::back_inserter(notes));
     };
-    order.stands = [this] { return held_->problems().empty(); };
+    order.stands = [this] { return engine_.held()->problems().empty(); };
     Verification::Outcome outcome =
         Verification::commit(std::move(built), order, [this](std::string_view line) { log(line); });
     addProblems(outcome.failures);
@@ -236,7 +239,7 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
 
 // Disks and card once more, when everything is written: the verdict speaks of what is there when it is read.
 void OffloadJob::addLastLook(Promises::Evidence& evidence) {
-    std::ranges::copy(held_->problems(), std::back_inserter(evidence.problems));
+    std::ranges::copy(engine_.held()->problems(), std::back_inserter(evidence.problems));
     engine_.lookForOtherCard();
     evidence.cardSwapped = engine_.cardChanged();
 }

@@ -7,7 +7,7 @@
 #include "base/Text.h"
 #include "disks/VolumeSerial.h"
 #include "engine/FolderLocks.h"
-#include "job/HeldFolders.h"
+#include "engine/HeldFolders.h"
 #include "job/HistoryKeeper.h"
 #include "job/RepairWork.h"
 #include "job/ReportRebuild.h"
@@ -102,8 +102,7 @@ void OffloadJob::reopenHistory() {
 }
 
 void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
-    Preflight::checkInto(config_.source, cardPaths, engine_.options());
-    lockFolders(cardPaths);
+    openFolders(cardPaths);
     const AppendPlanner::Ask asked = ask(cardPaths);
     const auto isCancelled = [this] { return engine_.isCancelled(); };
     AppendPlan append;
@@ -124,11 +123,15 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     if (append.later > 0)
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
                                countedFiles(append.later)));
+    for (const CardRecord& record : append.records)
+        if (!record.generations.empty() && !record.generations.back().column && engine_.options().verify)
+            addWarning(record.cardPath + " is not a folder that this backup was written to; it was copied or moved "
+                                         "there. This run compares its files with the card.");
     reopenHistory();
     moveStrangePages(append.cardPaths, append.generation);
     for (std::size_t d = 0; d < append.leftParts.size(); ++d)
         for (const std::string& part : append.leftParts[d]) {
-            held_->check(append.cardPaths[d]);
+            engine_.held()->check(append.cardPaths[d]);
             SetAside::move(append.cardPaths[d], append.generation, part);
         }
     if (append.resuming)
@@ -149,8 +152,7 @@ void OffloadJob::runRepair() {
     const std::vector<std::string>& cardPaths = repair_->cardPaths();
     if (!config_.verify)
         throw OffloadError::preflight(PreflightCode::other, std::string(Msg::repairNeedsVerify));
-    Preflight::checkInto(config_.source, cardPaths, engine_.options());
-    lockFolders(cardPaths);
+    openFolders(cardPaths);
     const auto isCancelled = [this] { return engine_.isCancelled(); };
     RepairPlanner::Checked checked = checkRepair(cardPaths);
     const bool settled = checked.settle.has_value();
@@ -198,7 +200,8 @@ RepairPlanner::Checked OffloadJob::checkRepair(const std::vector<std::string>& c
     } catch (const OffloadError&) {
         std::vector<std::string> rebuilt;
         try {
-            rebuilt = ReportRebuild::run(cardPaths, [this](const std::string& cardPath) { held_->check(cardPath); });
+            rebuilt =
+                ReportRebuild::run(cardPaths, [this](const std::string& cardPath) { engine_.held()->check(cardPath); });
         } catch (const std::exception& error) {
             log(std::string("no report was made anew: ") + error.what());
         }
@@ -213,7 +216,7 @@ RepairPlanner::Checked OffloadJob::checkRepair(const std::vector<std::string>& c
 // The reports of the run get their names, whatever a person put there.
 void OffloadJob::moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation) {
     for (const std::string& cardPath : cardPaths) {
-        held_->check(cardPath);
+        engine_.held()->check(cardPath);
         SetAside::strangePages(cardPath, generation);
     }
 }
@@ -225,7 +228,7 @@ void OffloadJob::settleRecords(const OffloadReport& report, const std::vector<st
                     report.generationNumber()));
     moveStrangePages(cardPaths, report.generationNumber());
     Verification::Order order{cardPaths, ReportWriter::Stamp::present()};
-    order.beforeWrite = [this](const std::string& cardPath) { held_->check(cardPath); };
+    order.beforeWrite = [this](const std::string& cardPath) { engine_.held()->check(cardPath); };
     const auto outcome = Verification::commit(report, order, [this](std::string_view line) { log(line); });
     if (!outcome.complete())
         throw OffloadError::failed(*outcome.warning());
@@ -236,6 +239,7 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     // A run that died between the chain and the lists left them short; nothing else of it is open.
     sideBySide(plan.cardPaths.size(), [&](std::size_t d) {
         const std::string& path = plan.cardPaths[d];
+        engine_.held()->check(path);
         return HashLists::heal(path, std::string(RelativePath::name(path)), [this] { return engine_.isCancelled(); });
     });
     Conclusion conclusion;
@@ -272,10 +276,16 @@ void OffloadJob::foldersClaimed(const OffloadPlan& plan) {
 
 void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
     locks_ = std::make_unique<FolderLocks>(FolderLocks::acquire(cardPaths));
+}
+
+// The folders of an earlier backup are held before they are looked at: what is found there is what is written to.
+void OffloadJob::openFolders(const std::vector<std::string>& cardPaths) {
     std::vector<std::string> paths;
     for (const std::string& cardPath : cardPaths)
         paths.push_back(RelativePath::withoutTrailingSlash(cardPath));
-    held_ = std::make_unique<HeldFolders>(paths);
+    engine_.hold(paths);
+    Preflight::checkInto(config_.source, cardPaths, engine_.options());
+    lockFolders(cardPaths);
 }
 
 } // namespace velmora

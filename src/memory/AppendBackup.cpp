@@ -264,10 +264,13 @@ Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int
     }
     if (std::adjacent_find(generations.begin(), generations.end(), std::not_equal_to<>()) != generations.end()) {
         const auto lowest = std::ranges::min_element(generations) - generations.begin();
-        throw refuse(PreflightCode::appendDiverged,
-                     fmt::format("The backups on the destinations differ ({}) — check them with {}; cannot append. {}",
-                                 generationList(backup.paths, generations), verifyHint,
-                                 Msg::behindOthers(backup.paths[static_cast<std::size_t>(lowest)])));
+        throw refuse(
+            PreflightCode::appendDiverged,
+            fmt::format(
+                "The backups on the destinations differ ({}) — check them with {}; cannot append. {} Where nothing "
+                "is new for it, add --compare.",
+                generationList(backup.paths, generations), verifyHint,
+                Msg::behindOthers(backup.paths[static_cast<std::size_t>(lowest)])));
     }
     backup.nextGeneration = unfinishedGeneration.value_or(generations.front() + 1);
     if (unfinishedGeneration && generations.front() != *unfinishedGeneration - 1)

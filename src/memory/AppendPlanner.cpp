@@ -147,7 +147,7 @@ private:
     // The run that records the file never got it from the card, or never got to it: cancelled, or the card was gone.
     bool neverCame(const RecordedFile& recorded, std::size_t d) const {
         const auto& file = *recorded.file;
-        return (file.sourceError && !file.xxh64) || backup_.records[d].statusOf(recorded, d) == "pending";
+        return (file.sourceError && !file.xxh64) || backup_.records[d].statusOf(recorded) == "pending";
     }
 
     // A file that some disks of the backup hold and others lack, or that was never proved: it is copied to those that
@@ -167,7 +167,7 @@ private:
 
     // True when nothing has proved that the copy on disk `d` is what the record says.
     bool checkCopy(const SourceFile& file, const RecordedFile& record, std::size_t d) {
-        const std::string_view status = backup_.records[d].statusOf(record, d);
+        const std::string_view status = backup_.records[d].statusOf(record);
         if (status != "written" && status != "verified")
             throw refuse(PreflightCode::appendFailedFile,
                          fmt::format("{} was not copied correctly to {} in the earlier backup — cannot append; Repair "

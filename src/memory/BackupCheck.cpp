@@ -26,7 +26,7 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
         const RecordedFile* found = record.find(file.relPath, exactly);
         if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
             return std::nullopt;
-        words.push_back(found->file->sourceError ? std::string_view("failed") : record.statusOf(*found, d));
+        words.push_back(found->file->sourceError ? std::string_view("failed") : record.statusOf(*found));
         // A run into some of the disks must not vouch for a card whose copy on another one failed.
         const auto& statuses = found->file->destinations;
         if (std::ranges::find(statuses, "failed") != statuses.end())
@@ -135,9 +135,8 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
             check.lastRead = recorded->report->finished;
     }
     const auto lacks = sideBySide(places.size(), [&](std::size_t p) { return lackOf(places[p], card, localTime); });
-    for (const std::string& lack : lacks)
-        if (!lack.empty())
-            check.elsewhere.push_back(lack);
+    for (std::size_t p = 0; p < places.size(); ++p)
+        (lacks[p].empty() ? check.alsoIn : check.elsewhere).push_back(lacks[p].empty() ? places[p].cardPath : lacks[p]);
     check.notInBackup += static_cast<std::int64_t>(card.uncopied.size());
     return check;
 }

@@ -23,6 +23,7 @@ struct BackupCheck {
     // A sentence for each further folder of this backup that lacks something, could not be looked at, or did not pass
     // its last verification.
     std::vector<std::string> elsewhere;
+    std::vector<std::string> alsoIn;  // the further folders that lack nothing
     std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
 
     // What the history is told of the backup as a whole.

@@ -28,14 +28,27 @@ std::string tailOf(const std::string& cardPath) {
                    std::string(RelativePath::name(path)));
 }
 
-std::string serialKey(const BackupPlace& place) { return "serial " + *place.volumeSerial; }
 std::string pathKeyOf(const BackupPlace& place) { return "path " + pathOf(place.cardPath); }
 
-// What tells a column of a report from other places: its disk, or its path when two columns lie on one disk.
+// A folder that cannot be asked tells nothing here; the look at all places in the end denies for it.
+bool isThere(const BackupPlace& place) try {
+    return IO::isFolder(place.cardPath) &&
+           (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial);
+} catch (const IOError&) {
+    return false;
+}
+
+// What tells a place from others: its path as long as it is there, for a disk may hold two folders of one card; else
+// its disk, which may be mounted elsewhere by now.
+std::string keyOf(const BackupPlace& place) {
+    return place.volumeSerial && !isThere(place) ? "serial " + *place.volumeSerial : pathKeyOf(place);
+}
+
+// The serial of a disk that two columns lie on tells neither from the other.
 std::pair<std::string, BackupPlace> placeOf(const OffloadReport& report, std::size_t column) {
     const auto& entry = report.destinations.at(column);
     BackupPlace place{entry.cardPath, report.onlyOnItsDisk(column) ? entry.volumeSerial : std::nullopt};
-    std::string key = place.volumeSerial ? serialKey(place) : pathKeyOf(place);
+    std::string key = keyOf(place);
     return {std::move(key), std::move(place)};
 }
 
@@ -50,10 +63,10 @@ public:
         std::map<std::string, std::set<std::string>> pathsOf;
         for (const BackupPlace& place : known)
             if (place.volumeSerial)
-                pathsOf[serialKey(place)].insert(pathOf(place.cardPath));
+                pathsOf[*place.volumeSerial].insert(pathOf(place.cardPath));
         for (const BackupPlace& place : known) {
-            if (place.volumeSerial && pathsOf[serialKey(place)].size() == 1)
-                add(serialKey(place), place);
+            if (place.volumeSerial && (pathsOf[*place.volumeSerial].size() == 1 || isThere(place)))
+                add(keyOf(place), place);
             else if (!paths_.contains(pathOf(place.cardPath)))
                 add(pathKeyOf(place), {place.cardPath, std::nullopt});
         }
@@ -61,12 +74,22 @@ public:
     void drop(const std::string& key) { places_.erase(key); }
     std::vector<BackupPlace> take() {
         std::vector<BackupPlace> all;
-        for (auto& [key, place] : places_)
-            all.push_back(std::move(place));
+        for (const auto& [key, place] : places_)
+            if (key == pathKeyOf(place) || !isElsewhere(place))
+                all.push_back(place);
         return all;
     }
 
 private:
+    // The disk of a place that is not there is mounted under another name.
+    bool isElsewhere(const BackupPlace& gone) const {
+        return std::ranges::any_of(places_, [&](const auto& entry) {
+            const BackupPlace& other = entry.second;
+            return entry.first == pathKeyOf(other) && other.volumeSerial == gone.volumeSerial &&
+                   tailOf(other.cardPath) == tailOf(gone.cardPath);
+        });
+    }
+
     std::map<std::string, BackupPlace> places_;
     std::set<std::string> paths_;
 };
@@ -97,31 +120,21 @@ std::vector<BackupPlace> besideThese(const std::vector<CardRecord>& records, std
     // Places with a serial first: one that is known by its path alone may be the same.
     std::ranges::stable_partition(more, [](const BackupPlace& place) { return place.volumeSerial.has_value(); });
     places.add(more);
-    for (std::size_t d = 0; d < records.size(); ++d) {
-        const CardRecord& record = records[d];
+    for (const CardRecord& record : records) {
         places.drop(pathKeyOf({record.cardPath, std::nullopt}));
-        const auto isHere = [&](const BackupPlace& place) {
-            return place.volumeSerial == record.volumeSerial && tailOf(place.cardPath) == tailOf(record.cardPath);
-        };
-        if (record.volumeSerial && std::ranges::any_of(more, isHere))
-            places.drop("serial " + *record.volumeSerial);
+        // Known on this disk under another path, where nothing lies now: the folder was moved, or the disk is mounted
+        // elsewhere. What lies in it counts by itself.
+        for (const BackupPlace& place : more)
+            if (place.volumeSerial && place.volumeSerial == record.volumeSerial &&
+                tailOf(place.cardPath) == tailOf(record.cardPath) && !isThere(place))
+                places.drop(keyOf(place));
         for (const auto& generation : record.generations) {
             const OffloadReport& report = *generation.report;
-            // A folder that is known by its place alone stands for that of another disk unless all of them are named.
-            const bool allNamed = records.size() == report.destinations.size();
-            if (const auto at = allNamed ? record.columnOrPlace(report, d) : record.column(report))
+            if (const auto at = record.column(report))
                 places.drop(placeOf(report, *at).first);
         }
     }
     return places.take();
-}
-
-// A folder that cannot be asked tells nothing here; the look at all places in the end denies for it.
-bool isThere(const BackupPlace& place) try {
-    return IO::isFolder(place.cardPath) &&
-           (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial);
-} catch (const IOError&) {
-    return false;
 }
 
 // One of the group is one of these folders, or one that was found.

@@ -6,6 +6,7 @@
 #include "disks/VolumeSerial.h"
 #include "engine/Layout.h"
 #include "memory/ReportFile.h"
+#include "memory/SameFolder.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -21,21 +22,6 @@ namespace {
 constexpr std::string_view reportStem = "offload_report";
 
 std::string reportFolder(const std::string& cardPath) { return cardPath + "/" + std::string(Layout::reportDirName); }
-
-// The comparison form of a card folder's path.
-std::string standardised(std::string_view path) {
-    std::string out;
-    for (std::string_view part : split(path, '/', false))
-        if (part != ".")
-            out += "/" + std::string(part);
-    return pathKey(out);
-}
-
-// "<date>/<card>" of a card folder.
-std::string tailOf(const std::string& cardPath) {
-    const std::vector<std::string_view> parts = split(cardPath, '/', false);
-    return parts.size() < 2 ? cardPath : std::string(parts[parts.size() - 2]) + "/" + std::string(parts.back());
-}
 
 // Reads one report; a report without a list could make a whole card look new, so it counts as unreadable.
 std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
@@ -233,40 +219,20 @@ bool CardRecord::verified() const {
            std::all_of(generations.begin(), generations.end(), [](const Generation& g) { return g.report->verified; });
 }
 
-std::size_t CardRecord::destinationIndex(const OffloadReport& report, const std::string& cardPath,
-                                         std::size_t position) {
-    const std::string wanted = standardised(cardPath);
-    for (std::size_t i = 0; i < report.destinations.size(); ++i)
-        if (standardised(report.destinations[i].cardPath) == wanted)
-            return i;
-    return position;
-}
-
 std::optional<std::size_t> CardRecord::columnOf(const OffloadReport& report, const std::string& cardPath,
                                                 const std::optional<std::string>& serial) {
-    if (serial) {
-        const std::string below = pathKey(VolumeFacts::underRoot(cardPath));
-        for (std::size_t i = 0; i < report.destinations.size(); ++i) {
-            const auto& destination = report.destinations[i];
-            if (destination.volumeSerial == serial && pathKey(VolumeFacts::underRoot(destination.cardPath)) == below)
-                return i;
-        }
-        // Of a place that is not mounted any more nobody can say where its disk began; but a disk that got one copy
-        // only, in a folder of this date and name, got this one.
-        const auto sameTail = [&](const std::string& path) {
-            return pathKey(tailOf(path)) == pathKey(tailOf(cardPath));
-        };
-        for (std::size_t i = 0; i < report.destinations.size(); ++i)
-            if (report.onlyOnItsDisk(i) && report.destinations[i].volumeSerial == serial &&
-                sameTail(report.destinations[i].cardPath) && IO::isGone(report.destinations[i].cardPath))
-                return i;
+    std::optional<std::size_t> found;
+    for (std::size_t i = 0; i < report.destinations.size(); ++i) {
+        const auto& destination = report.destinations[i];
+        if (!isSameFolder({destination.cardPath, destination.volumeSerial}, cardPath, serial))
+            continue;
+        if (pathKey(destination.cardPath) == pathKey(cardPath))
+            return i;
+        if (found) // two copies on one disk, which is mounted elsewhere: which of them this is, their paths do not tell
+            return std::nullopt;
+        found = i;
     }
-    const std::size_t index = destinationIndex(report, cardPath, report.destinations.size());
-    if (index >= report.destinations.size())
-        return std::nullopt;
-    // Another disk that is mounted where that of the report was is not that disk.
-    const auto& recorded = report.destinations[index].volumeSerial;
-    return recorded && serial && recorded != serial ? std::nullopt : std::optional(index);
+    return found;
 }
 
 std::optional<std::size_t> CardRecord::column(const OffloadReport& report) const {
@@ -276,18 +242,9 @@ std::optional<std::size_t> CardRecord::column(const OffloadReport& report) const
     return columnOf(report, cardPath, volumeSerial);
 }
 
-std::optional<std::size_t> CardRecord::columnOrPlace(const OffloadReport& report, std::size_t place) const {
-    if (const auto known = column(report))
-        return known;
-    if (place >= report.destinations.size())
-        return std::nullopt;
-    const auto& serial = report.destinations[place].volumeSerial;
-    return serial && volumeSerial && serial != volumeSerial ? std::nullopt : std::optional(place);
-}
-
-std::string_view CardRecord::statusOf(const RecordedFile& recorded, std::size_t place) const {
+std::string_view CardRecord::statusOf(const RecordedFile& recorded) const {
     const auto& words = recorded.file->destinations;
-    if (const auto at = columnOrPlace(*recorded.report, place))
+    if (const auto at = column(*recorded.report))
         return *at < words.size() ? std::string_view(words[*at]) : "failed";
     const auto isCopy = [](const std::string& word) { return word == "written" || word == "verified"; };
     return std::ranges::any_of(words, isCopy) ? "written" : "failed";

@@ -65,20 +65,15 @@ struct CardRecord {
     // The number in "offload_report_NNNN.json"; 1 for "offload_report.json"; none for any other name.
     static std::optional<std::int64_t> numberedFile(std::string_view name);
 
-    // The column of this folder in a report: by card path, else `position`.
-    static std::size_t destinationIndex(const OffloadReport& report, const std::string& cardPath, std::size_t position);
-    // The same, but a destination on the same volume and with the same path below its root wins first: a disk that is
-    // mounted under another name today is still its column. None when no column fits.
+    // The column of a folder in a report: that of the very same folder, on the same disk (isSameFolder). None for any
+    // other, a moved or cloned one too: it is no part of the backup until its bytes were compared.
     static std::optional<std::size_t> columnOf(const OffloadReport& report, const std::string& cardPath,
                                                const std::optional<std::string>& serial);
     // The column of this folder in a report of its own, known since loading: for asking file by file.
     std::optional<std::size_t> column(const OffloadReport& report) const;
-    // The same; where neither disk nor path is known any more, the column at the folder's place among all. None for a
-    // folder on a disk that the report does not name: a clone of a backup is no part of it.
-    std::optional<std::size_t> columnOrPlace(const OffloadReport& report, std::size_t place) const;
-    // The status word of a file in this folder. A folder that is no part of the backup never has more than "written":
-    // that its copies are the card's is not proved.
-    std::string_view statusOf(const RecordedFile& recorded, std::size_t place) const;
+    // The status word of a file in this folder. A folder without a column never has more than "written": that its
+    // copies are the card's is not proved.
+    std::string_view statusOf(const RecordedFile& recorded) const;
     // True when the file was read back and found good on this disk.
     static bool readBack(const RecordedFile& recorded, const std::string& cardPath,
                          const std::optional<std::string>& serial);

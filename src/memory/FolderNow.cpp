@@ -86,15 +86,8 @@ struct CardIndex {
 };
 
 std::string_view statusOf(const CardRecord& record, const RecordedFile& recorded) {
-    const auto& words = recorded.file->destinations;
     const OffloadReport& report = *recorded.report;
-    std::string_view word = "failed";
-    if (const auto column = record.column(report)) {
-        if (*column < words.size())
-            word = words[*column];
-    } else if (std::ranges::any_of(words, [](const auto& each) { return each == "written" || each == "verified"; })) {
-        word = "written"; // a copy of a folder that no report names was never read back
-    }
+    const std::string_view word = record.statusOf(recorded);
     const bool open = report.verifyIncomplete.value_or(false) || report.verifyPending.value_or(false);
     return word == "verified" && open ? "written" : word;
 }

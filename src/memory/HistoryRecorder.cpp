@@ -28,13 +28,19 @@ std::optional<std::string> HistoryRecorder::folder(const JobConfig& config, cons
     return config.historyFolder && !config.historyFolder->empty() ? *config.historyFolder : support;
 }
 
-HistoryWrite HistoryRecorder::attempt(const Pending& pending) const {
-    HistoryStore store(pending.folder, waitLimit_, HistoryStore::maxEntriesDefault, pending.log);
+HistoryWrite HistoryRecorder::attempt(const Pending& pending, std::string& why) const {
+    constexpr std::string_view prefix = "history: ";
+    // The last word of a store that fails says why.
+    const Log log = [&](std::string_view line) {
+        why = line.substr(line.starts_with(prefix) ? prefix.size() : 0);
+        if (pending.log)
+            pending.log(line);
+    };
+    HistoryStore store(pending.folder, waitLimit_, HistoryStore::maxEntriesDefault, log);
     try {
         return pending.write(store);
     } catch (const std::exception& error) {
-        if (pending.log)
-            pending.log(std::string("history: ") + error.what());
+        log(std::string(prefix) + error.what());
         return HistoryWrite::failed;
     }
 }
@@ -49,13 +55,14 @@ void HistoryRecorder::record(const std::string& what, const std::string& folder,
         mustWait = !pending_.empty();
     }
     HistoryWrite result = HistoryWrite::busy;
+    std::string why;
     if (!mustWait)
-        result = attempt(*pending);
+        result = attempt(*pending, why);
     if (result != HistoryWrite::busy) {
         if (result == HistoryWrite::failed && log)
             log("history (" + what + "): not written");
         if (pending->done)
-            pending->done(result != HistoryWrite::failed);
+            pending->done(result == HistoryWrite::failed ? std::optional(why) : std::nullopt);
         return;
     }
     if (delayed)
@@ -80,7 +87,8 @@ void HistoryRecorder::retryLoop() {
             }
             head = pending_.front();
         }
-        const HistoryWrite result = attempt(*head);
+        std::string why;
+        const HistoryWrite result = attempt(*head, why);
         if (result == HistoryWrite::busy) {
             MutexLock lock(gate_);
             if (!ending_)
@@ -94,7 +102,7 @@ void HistoryRecorder::retryLoop() {
                 head->log("history (" + head->what + "): not written");
         }
         if (head->done)
-            head->done(result != HistoryWrite::failed);
+            head->done(result == HistoryWrite::failed ? std::optional(why) : std::nullopt);
         MutexLock lock(gate_);
         pending_.pop_front();
     }

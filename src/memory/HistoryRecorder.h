@@ -20,7 +20,7 @@ namespace velmora {
 class HistoryRecorder {
 public:
     using Write = std::function<HistoryWrite(HistoryStore&)>;
-    using Done = std::function<void(bool written)>;
+    using Done = std::function<void(const std::optional<std::string>& lost)>; // why, when it was
 
     // Seconds that one attempt waits for the lock, and the pause between two attempts of the retry queue.
     explicit HistoryRecorder(double waitLimit = 2.0, double retryDelay = 1.0);
@@ -33,7 +33,7 @@ public:
     static std::optional<std::string> folder(const JobConfig& config, const std::string& support);
 
     // One attempt now. When the history is busy, `delayed` is called and the write waits its turn in the background.
-    // `done` is called once, from this thread or the background one: false means that the record is lost.
+    // `done` is called once, from this thread or the background one: with the reason when the record is lost.
     void record(const std::string& what, const std::string& folder, const Log& log,
                 const std::function<void()>& delayed, Done done, Write write);
 
@@ -50,7 +50,7 @@ private:
         Done done;
     };
 
-    HistoryWrite attempt(const Pending& pending) const;
+    HistoryWrite attempt(const Pending& pending, std::string& why) const;
     void retryLoop();
 
     const double waitLimit_;

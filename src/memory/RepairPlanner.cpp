@@ -103,7 +103,7 @@ private:
 
     // A copy that failed when it was made, or that a cancelled repair did not get to. A good one may lie there by now.
     void collectFailed(const RecordedFile& recorded, std::size_t d) {
-        const std::string_view status = record(d).statusOf(recorded, d);
+        const std::string_view status = record(d).statusOf(recorded);
         if (status == "verified" || isOutOfReach(*recorded.file))
             return;
         if (status == "written") { // it is read back and recorded

@@ -45,13 +45,12 @@ std::string folderOf(const std::string& cardPath) {
 }
 
 std::size_t columnOf(const OffloadReport& report, const std::string& cardPath) {
-    const std::string wanted = RelativePath::withoutTrailingSlash(cardPath);
-    for (std::size_t d = 0; d < report.destinations.size(); ++d) {
-        if (RelativePath::withoutTrailingSlash(report.destinations[d].cardPath) == wanted) {
-            return d;
-        }
+    const auto column = report.columnAt(cardPath);
+    if (!column) {
+        throw OffloadError::failed(
+            fmt::format("The report has no destination {} — its ASC MHL was not written.", cardPath));
     }
-    throw OffloadError::failed(fmt::format("The report has no destination {} — its ASC MHL was not written.", wanted));
+    return *column;
 }
 
 // How a file stands in a generation; empty: not at all.
@@ -300,7 +299,7 @@ void MHL::write(const OffloadReport& report, const std::string& cardPath, Timest
     const std::vector<Entry> listed = entries(report, column);
     refuseUnwritable(listed, name);
 
-    IO::mkdirs(folder);
+    IO::mkdirBelow(folder);
     // Also when the folder was there: a run that was killed may have made it a moment ago.
     IO::syncFolder(std::string(RelativePath::withoutTrailingSlash(cardPath)));
     setAsideLeftovers(history, folder, seq);

@@ -8,25 +8,37 @@ namespace velmora {
 
 // A folder held by a descriptor (O_PATH, open(2)): while it is held, its disk cannot be unmounted by the ordinary call,
 // and it can be told whether the path still leads to this very folder. A forced or lazy unmount, a pulled disk and
-// another disk mounted in its place all lead elsewhere. Move-only; any thread may ask.
+// another disk mounted in its place all lead elsewhere; so does the same disk that was mounted again, for what was done
+// in between went elsewhere. Move-only; any thread may ask.
 class HeldFolder {
 public:
-    explicit HeldFolder(std::string path); // throws IOError; follows links above the last component only
+    explicit HeldFolder(const std::string& path); // throws IOError; follows links
     ~HeldFolder();
     HeldFolder(HeldFolder&&) noexcept;
     HeldFolder& operator=(HeldFolder&&) = delete;
 
+    // The folder at `path`/`relative`, looked up from this very folder, whatever the path leads to by now.
+    HeldFolder below(const std::string& relative) const;
+
     const std::string& path() const noexcept { return path_; }
-    std::uint64_t device() const noexcept { return device_; } // st_dev of stat(2)
     // Throws IOError when the path does not lead here any more: "stat" with the system's error, or ESTALE.
     void check() const;
 
 private:
     class Handle;
+    struct Identity {
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
+        std::uint64_t mount = 0; // 0 where the kernel does not tell
+        bool operator==(const Identity&) const = default;
+    };
+    HeldFolder(int above, const std::string& relative, std::string path);
+    static Identity identityOf(int folder, const std::string& path);
+
     std::string path_;
+    std::string probe_; // the path in the form that makes a volume appear which is mounted on first use
     std::unique_ptr<Handle> handle_;
-    std::uint64_t device_ = 0;
-    std::uint64_t inode_ = 0;
+    Identity identity_;
 };
 
 } // namespace velmora

@@ -26,6 +26,9 @@ AlignedBuffer allocateAligned(std::size_t bytes);
 // Creates a folder and its missing parents (mode 0755); existing ones are fine. A link in the place of a folder that
 // has to be created is not followed.
 void mkdirs(const std::string& path);
+// Creates one folder below one that stands; an existing one is fine, a link or a file in its place is not. For what
+// belongs into a folder of a disk: were the disk gone, its whole path would be made on the disk below.
+void mkdirBelow(const std::string& path);
 // Creates one folder that must not exist yet: throws IOError("mkdir", path, EEXIST) when anything has its name.
 void mkdirNew(const std::string& path);
 // Removes an empty folder; false when that cannot be.

@@ -1,5 +1,6 @@
 #include "records/OffloadReport.h"
 
+#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "records/Timecode.h"
 
@@ -75,6 +76,14 @@ std::vector<const OffloadReport::FileEntry*> OffloadReport::failedFiles() const 
 
 bool OffloadReport::hasFailedFiles() const {
     return std::any_of(files.begin(), files.end(), [&](const FileEntry& file) { return isFailed(file); });
+}
+
+std::optional<std::size_t> OffloadReport::columnAt(std::string_view cardPath) const {
+    const auto path = RelativePath::withoutTrailingSlash(cardPath);
+    for (std::size_t column = 0; column < destinations.size(); ++column)
+        if (RelativePath::withoutTrailingSlash(destinations[column].cardPath) == path)
+            return column;
+    return std::nullopt;
 }
 
 bool OffloadReport::onlyOnItsDisk(std::size_t destination) const {

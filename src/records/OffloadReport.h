@@ -117,6 +117,8 @@ struct OffloadReport {
     bool isFailed(const FileEntry& file) const;
     std::vector<const FileEntry*> failedFiles() const;
     bool hasFailedFiles() const;
+    // The destination with this card path, as the run that made the report had it.
+    std::optional<std::size_t> columnAt(std::string_view cardPath) const;
     // The destination has a volume serial that no other destination of this report has.
     bool onlyOnItsDisk(std::size_t destination) const;
     bool success() const { return !hasFailedFiles(); }

@@ -32,7 +32,7 @@ Pages::Pages(const OffloadReport& report)
 
 void Pages::write(const std::string& cardPath, bool create) const {
     const std::string folder = fmt::format("{}/{}", cardPath, Layout::reportDirName);
-    IO::mkdirs(folder);
+    IO::mkdirBelow(folder);
     if (create) {
         for (const auto& [name, bytes] : files_)
             if (const std::string path = folder + "/" + name; IO::exists(path))

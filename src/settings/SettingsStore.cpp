@@ -229,6 +229,8 @@ AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut, bool* 
 AppSettings update(const std::string& folder, const std::function<void(AppSettings&)>& change,
                    const IsKnownLut& isKnownLut, const Log& log) {
     const std::string lockPath = folder + "/locks/settings.lock";
+    if (const auto problem = FileLock::problem(lockPath))
+        throw IOError(*problem);
     const auto lock = FileLock::lock(lockPath, lockSeconds);
     if (!lock)
         throw IOError("lock", lockPath, EWOULDBLOCK);

@@ -11,7 +11,7 @@
 #include "mhl/IgnorePatterns.h"
 #include "mhl/MHL.h"
 #include "mhl/MHLReader.h"
-#include "platform/FolderReader.h"
+#include "platform/HeldFolder.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 #include "records/OffloadReport.h"
@@ -274,14 +274,12 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     if (VolumeFacts::awaitsVolume(result.cardPath))
         throw OffloadError::preflight(PreflightCode::destinationNotFound,
                                       "Folder not found: " + result.cardPath + " — is the drive connected?");
-    // Another disk that comes to the same place meanwhile is not the one whose records are held here. An open folder
-    // keeps its inode number also where the file system makes numbers up.
-    const FolderReader held(result.cardPath);
-    const FileFacts folder = IO::stat(result.cardPath);
+    // Another disk that comes to the same place meanwhile is not the one whose records are held here.
+    const HeldFolder held(result.cardPath);
     const auto isThere = [&] {
         try {
-            const FileFacts now = IO::stat(result.cardPath);
-            return now.isFolder && now.device == folder.device && now.inode == folder.inode;
+            held.check();
+            return true;
         } catch (const IOError&) {
             return false;
         }

@@ -37,7 +37,7 @@ void VerifyJob::run() {
     }
     try {
         const PowerInhibitor awake("Verifying a backup", log_);
-        const FolderLocks locks = FolderLocks::acquire({cardPath_});
+        const FolderLocks locks = FolderLocks::forReading(cardPath_);
         const auto progress = [this](const VerifyProgress& now) {
             MutexLock lock(lock_);
             status_.progress = now;

@@ -107,6 +107,8 @@ TEST(ManifestFile, TellsTheFailedCallAndNeverLosesAnEarlierLine) {
     for (const std::string op : {"write", "fsync"}) {
         test::FaultDisk disk;
         const std::string card = disk.root() + "/card";
+        EXPECT_THROW(ManifestFile::append(card, std::vector{fileLine("a")}), IOError) << "its folder is made elsewhere";
+        std::filesystem::create_directory(card);
         ManifestFile::append(card, std::vector{fileLine("a")});
         disk.fail(ENOSPC, {.ops = op, .pattern = "*.jsonl"});
         try {

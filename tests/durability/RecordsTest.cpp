@@ -63,6 +63,7 @@ ManifestRecord record(const std::string& path) {
 const std::vector<ManifestRecord> lines{record("a"), record("b"), record("c"), record("d")};
 
 void append(const std::string& root, std::size_t first, std::size_t count) {
+    IO::mkdirs(root + "/card"); // lost with the power, perhaps
     ManifestFile::append(root + "/card", {lines.data() + first, count});
 }
 
@@ -126,6 +127,7 @@ OffloadReport report(int generation, const std::string& root) {
 // As a run does it that finds an earlier attempt: the generation is written unless it stands there.
 void writeGeneration(const std::string& root, int generation) {
     const auto wanted = report(generation, root);
+    IO::mkdirs(root + "/card");
     if (!MHL::hasGeneration(wanted, root + "/card"))
         MHL::write(wanted, root + "/card", {1'700'000'000 + getpid(), 0}, "host"); // another second for every try
 }

@@ -100,6 +100,12 @@ class Volumes:
         subprocess.run(["mount", "-o", "loop", f"{self.folder}/{name}.img", at], check=True)
 
     @staticmethod
+    def memory(at):
+        """A volume without a serial."""
+        os.makedirs(at, exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "none", at], check=True)
+
+    @staticmethod
     def unmount(at, lazy=False):
         subprocess.run(["umount", *(["-l"] if lazy else []), at], check=True)
 

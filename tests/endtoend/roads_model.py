@@ -52,6 +52,8 @@ class World:
         self.card, self.support, self.random, self.volumes = card, support, random, volumes
         self.roots = {name: f"{disks}/{name}" for name in "abc"}
         self.roots["n"] = card + ".near"  # a folder on the card's own volume
+        self.roots["s"] = self.roots["a"] + "/sub"  # another folder on the first disk
+        self.roots["t"] = f"{disks}/t"  # a volume without a serial
         self.name = None  # of the newest backup's card folder
         self.steps, self.clock = [], 0
         self.why = {}  # (disk, backup, file) → what the test did to this copy
@@ -59,11 +61,12 @@ class World:
         self.content = {}  # digest in a record → the bytes it stands for
         self.promises = collections.Counter()
         for disk, root in self.roots.items():
-            os.makedirs(root)
-            if volumes and disk != "n":
+            os.makedirs(root, exist_ok=True)
+            if volumes and disk in "abc":
                 volumes.make(disk)
                 volumes.mount(disk, root)
         if volumes:
+            volumes.memory(self.roots["t"])
             volumes.make("card")
             volumes.mount("card", card)
             self.roots["n"] = card + "/.near"
@@ -84,7 +87,7 @@ class World:
         return f"{self.roots[disk]}/{DATE}/{name or self.name}"
 
     def away(self, disk):
-        return not (os.path.ismount if self.volumes and disk != "n" else os.path.isdir)(self.roots[disk])
+        return not (os.path.ismount if self.volumes and disk in "abc" else os.path.isdir)(self.roots[disk])
 
     def leave(self, disk, lazy=False):
         self.steps.append(f"{disk} goes away")

@@ -131,7 +131,7 @@ class Road:
     # The disks.
 
     def disks(self):
-        return [d for d in "abcn" if os.path.isdir(self.world.folder(d))] if self.world.name else []
+        return [d for d in "abcnst" if os.path.isdir(self.world.folder(d))] if self.world.name else []
 
     def harm(self, how):
         if disks := self.disks():
@@ -162,13 +162,15 @@ class Road:
                 self.world.come_back(disk)
 
     def clone(self):
-        """A copy of a card folder on a third disk, made by a person, sometimes a bad one."""
-        disks = [d for d in self.disks() if d != "c"]
-        if disks and not os.path.isdir(self.world.folder("c")):
-            self.world.clone(self.dice.choice(disks), "c")
+        """A copy of a card folder, made by a person, sometimes a bad one, on a third disk, on the same or on one without
+        a serial."""
+        to = self.dice.choice("cst")
+        disks = [d for d in self.disks() if d not in "cst"]
+        if disks and not self.world.away(to) and not os.path.isdir(self.world.folder(to)):
+            self.world.clone(self.dice.choice(disks), to)
             if self.dice.random() < 0.5:
-                there = [p for p in files(self.world.folder("c")) if not p.startswith(("_REPORT", "ascmhl"))]
-                self.world.harm("c", self.dice.choice(there), "flip") if there else None
+                there = [p for p in files(self.world.folder(to)) if not p.startswith(("_REPORT", "ascmhl"))]
+                self.world.harm(to, self.dice.choice(there), "flip") if there else None
 
     def forget(self):
         self.world.forget()
@@ -241,8 +243,9 @@ class Road:
         if kind != "copy" and not self.world.name:
             return
         available = [d for d in "ab" if not self.world.away(d) or self.dice.random() < 0.2]
-        if kind != "copy" and os.path.isdir(self.world.folder("c")) and self.dice.random() < 0.5:
-            available.append("c")
+        for clone in "cst":
+            if kind != "copy" and os.path.isdir(self.world.folder(clone)) and self.dice.random() < 0.5:
+                available.append(clone)
         if len(available) > 1 and self.dice.random() < 0.25:
             available = self.dice.sample(available, len(available) - 1)
         strike, during = self.strike(kind)

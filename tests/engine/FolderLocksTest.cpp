@@ -4,6 +4,8 @@
 #include "support/TempFolder.h"
 
 #include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace velmora {
@@ -39,6 +41,31 @@ TEST_F(FolderLocksTest, HoldsAllFoldersOrNone) {
         }
         EXPECT_TRUE(isFree(other));
     }
+}
+
+TEST_F(FolderLocksTest, MeetsTheLocksOfOtherUsersAndReadsWithoutLockFiles) {
+    std::filesystem::create_directories(a);
+    std::filesystem::create_directories(b);
+    const std::string others = folder / "other user/locks";
+    const auto refusal = [&](const std::string& in) -> std::string {
+        try {
+            FolderLocks::acquire({a, b}, in);
+        } catch (const OffloadError& e) {
+            return std::string(name(*e.code())) + " " + e.what();
+        }
+        return "";
+    };
+    {
+        const FolderLocks held = FolderLocks::acquire({b, b + "/"}, locks);
+        EXPECT_THAT(refusal(others), testing::StartsWith("appendBusy "));
+        EXPECT_THROW(FolderLocks::forReading(b, others), OffloadError);
+    }
+    EXPECT_EQ(refusal(others), "");
+    std::ofstream(folder / "file") << "no folder";
+    const std::string none = folder / "file/locks";
+    EXPECT_THAT(refusal(none), testing::EndsWith("A001: mkdir " + none + ": Not a directory (errno 20)"));
+    const FolderLocks reading = FolderLocks::forReading(a, none);
+    EXPECT_THAT(refusal(others), testing::StartsWith("appendBusy "));
 }
 
 TEST_F(FolderLocksTest, KnowsAFolderHoweverItIsWritten) {

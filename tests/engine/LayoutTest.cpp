@@ -35,9 +35,10 @@ TEST(Layout, MakesAnyNameOneSafeFolder) {
     };
     for (const auto& [given, expected] : cases)
         EXPECT_EQ(Layout::sanitize(given), expected) << given;
-    for (const char* good : {"2024-13-99", "0000-00-00", "2026-11-22"})
-        EXPECT_TRUE(Layout::isDate(good)) << good << ": the form alone counts";
-    for (const char* bad : {"", "2026-11-2", "2026-11-222", "2026-11-22\n", " 2026-11-22", "2026/11/22", "２026-11-22"})
+    for (const char* good : {"2024-02-29", "2026-11-22", "0001-01-01"})
+        EXPECT_TRUE(Layout::isDate(good)) << good;
+    for (const char* bad : {"", "2026-11-2", "2026-11-222", "2026-11-22\n", " 2026-11-22", "2026/11/22", "２026-11-22",
+                            "2024-13-01", "2026-02-31", "0000-01-01"})
         EXPECT_FALSE(Layout::isDate(bad)) << bad;
 }
 

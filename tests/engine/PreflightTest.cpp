@@ -147,6 +147,22 @@ TEST_F(PreflightTest, RefusesDisksThatAreAwayAndBackupsThatHoldTheirSource) {
     fs::remove_all(bare);
 }
 
+TEST_F(PreflightTest, RefusesCopiesThatWouldLieWithTheirSource) {
+    inputs.date = "2026-03-03";
+    inputs.cardName = "A001";
+    fs::create_directory_symlink(card + "/DCIM", folder / "two/2026-03-03");
+    EXPECT_EQ(refusal(), "sameVolumeAsSource: The copy " + (folder / "two/2026-03-03/A001") +
+                             " would lie inside the source " + card + " — it must lie outside it.");
+    fs::create_directories(folder / "one/2026-03-03/A001/_REPORT");
+    inputs.source = folder / "one/2026-03-03/A001/DCIM";
+    test::FileTree::write(inputs.source + "/clip.mov", "x");
+    const std::string root = folder / "one/2026-03-03/A001/more";
+    fs::create_directories(root);
+    inputs.destRoots = {root};
+    EXPECT_EQ(refusal(), "sameVolumeAsSource: Destination " + root + " lies in the card folder that holds the source " +
+                             inputs.source + " — a copy must lie outside it.");
+}
+
 TEST_F(PreflightTest, TakesBlockSizesOfWholePagesUpToOneGibibyte) {
     for (const std::int64_t size : {0L, 6000L, -4096L, 1073745920L, INT64_MIN, 4096L, 1073741824L}) {
         options.chunkSize = size;

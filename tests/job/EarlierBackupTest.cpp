@@ -266,6 +266,48 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
         EXPECT_EQ(status.errorCode, PreflightCode::appendBusy);
 }
 
+TEST_F(EarlierBackup, AFolderThatWasCopiedCountsOnceItsBytesWereCompared) {
+    ASSERT_EQ(copy().phase, Phase::done);
+    keep();
+    const test::TempFolder other{"/dev/shm"}; // no serial, and the card's own volume
+    for (const std::string& root : {temp / "a/sub", other / "disk"}) {
+        SCOPED_TRACE(root);
+        const std::string clone = root + "/2026-03-14/CARD";
+        const auto cloneIt = [&] {
+            restore();
+            shell("rm -rf '" + root + "'; mkdir -p '" + root + "/2026-03-14'; cp -a a/2026-03-14/CARD '" + clone + "'");
+        };
+        cloneIt();
+        test::FileTree::flipBit(clone + "/DCIM/1.mov", 1000);
+        JobStatus status = append({clone});
+        EXPECT_FALSE(status.safeToEject || status.safeToFormat);
+        EXPECT_EQ(job->report()->failedFiles().size(), 1U);
+
+        cloneIt();
+        fs::rename(cards[1], temp / "away");
+        status = append({cards[0], clone});
+        EXPECT_FALSE(status.safeToFormat);
+        EXPECT_THAT(testing::PrintToString(status.warnings),
+                    HasSubstr("also in " + cards[1] + ", which was not named"));
+        fs::rename(temp / "away", cards[1]);
+
+        cloneIt();
+        status = append({clone});
+        EXPECT_TRUE(status.safeToFormat) << testing::PrintToString(status.warnings);
+        EXPECT_THAT(testing::PrintToString(status.warnings), HasSubstr("compares its files with the card"));
+        // The other folders are a generation behind now; the text names what brings them on.
+        status = append({cards[0], clone});
+        EXPECT_EQ(status.errorCode, PreflightCode::appendDiverged);
+        EXPECT_THAT(status.error.value_or(""), HasSubstr(cards[0] + " is behind the others"));
+        JobConfig into = config();
+        into.appendInto = std::vector{cards[0]};
+        job = std::make_unique<OffloadJob>(into, options);
+        job->compareCard();
+        job->run({});
+        EXPECT_TRUE(append({cards[0], clone}).safeToFormat) << testing::PrintToString(job->status().warnings);
+    }
+}
+
 TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
     ASSERT_EQ(copy().phase, Phase::done);
     const std::string first = test::FileTree::read(reportOf(0));

@@ -46,7 +46,7 @@ protected:
     BackupCheck check(const std::vector<SourceFile>& files) {
         SourceScan scan;
         scan.files = files;
-        return BackupCheck::of(scan, {CardRecord::load(card())}, {}, {}, false);
+        return BackupCheck::of(scan, {CardRecord::load(card(), {}, std::optional<std::string>())}, {}, {}, false);
     }
 
     test::TempFolder folder_;

@@ -180,18 +180,27 @@ TEST_F(CardRecords, MergesGenerationsAndKeepsTheNewestStateOfAFile) {
 }
 
 TEST_F(CardRecords, FindsItsColumnAndHearsOfTheOtherDisks) {
-    OffloadReport one = report(1, {entry("a.mov", "written", "verified")});
-    EXPECT_EQ(CardRecord::destinationIndex(one, temp / "B/./2026-03-14/card/", 0), 1U);
-    EXPECT_EQ(CardRecord::destinationIndex(one, "/elsewhere/CARD", 7), 7U);
-    EXPECT_FALSE(CardRecord::columnOf(one, "/elsewhere/CARD", std::nullopt));
+    OffloadReport one = report(1, {entry("a.mov", "verified", "verified")});
+    const auto columnOf = [&](const std::string& path, const std::optional<std::string>& disk) {
+        return CardRecord::columnOf(one, path, disk);
+    };
+    EXPECT_EQ(columnOf(temp / "B/./2026-03-14/card/", {}), 1U);
+    EXPECT_FALSE(columnOf("/elsewhere/2026-03-14/CARD", {})) << "a clone on a volume without a serial";
+    EXPECT_FALSE(columnOf(temp / "b/2026-03-14/CARD", "S2")) << "another volume where the disk without a serial was";
     // Mounted under another name the disk is still itself, and a folder of its old name is not.
     one.destinations[0].cardPath = "/media/dit/RAID/2026-03-14/CARD";
     one.destinations[0].volumeSerial = "S1";
     one.destinations[1].cardPath = "/media/dit/SHUTTLE/2026-03-14/CARD";
     one.destinations[1].volumeSerial = "S2";
-    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S2"), 1U);
-    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/SHUTTLE/2026-03-14/CARD", "S9"), std::nullopt) << "another disk";
-    EXPECT_EQ(CardRecord::columnOf(one, "/media/dit/RAID/2026-03-15/CARD", "S1"), std::nullopt);
+    EXPECT_EQ(columnOf("/media/dit/SHUTTLE/2026-03-14/CARD", "S2"), 1U);
+    EXPECT_EQ(columnOf("/media/dit/SHUTTLE/2026-03-14/CARD", "S9"), std::nullopt) << "another disk";
+    EXPECT_EQ(columnOf("/media/dit/SHUTTLE/2026-03-14/CARD", {}), std::nullopt) << "a volume without a serial";
+    EXPECT_EQ(columnOf("/media/dit/RAID/2026-03-15/CARD", "S1"), std::nullopt);
+    EXPECT_EQ(columnOf("/media/dit/RAID/more/2026-03-14/CARD", "S1"), std::nullopt) << "a clone on the same disk";
+    // What a folder without a column holds was never compared.
+    put(one, card, 1);
+    const CardRecord clone = CardRecord::load(card, {}, std::optional<std::string>("S9"));
+    EXPECT_EQ(clone.statusOf(*clone.find("a.mov", false)), "written");
 }
 
 TEST_F(CardRecords, TheWholeCardIsHeldAgainstAllDisks) {
@@ -220,7 +229,7 @@ TEST_F(CardRecords, TheWholeCardIsHeldAgainstAllDisks) {
         std::vector<CardRecord> records;
         for (const std::string& folder : {card, other}) {
             put(report(1, {c.inBackup}), folder, 1);
-            records.push_back(CardRecord::load(folder));
+            records.push_back(CardRecord::load(folder, {}, std::optional<std::string>()));
         }
         SourceScan scan;
         scan.files = c.onCard;

@@ -8,6 +8,7 @@
 #include "platform/IO.h"
 #include "support/TempFolder.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -210,9 +211,14 @@ TEST_F(History, ABusyHistoryDelaysRecordsKeepsTheirOrderAndLosesNone) {
     HistoryRecorder recorder(0.01, 0.01);
     std::atomic<int> delayed{0};
     std::atomic<int> done{0};
+    std::string why;
     const auto record = [&](const std::string& text) {
         recorder.record(
-            "copy", folder_.path(), {}, [&] { ++delayed; }, [&](bool written) { done += written; },
+            "copy", folder_.path(), {}, [&] { ++delayed; },
+            [&](const std::optional<std::string>& lost) {
+                why = lost.value_or("");
+                ++done;
+            },
             [text](HistoryStore& history) {
                 return history.update("e", [&](const HistoryEntry* present) {
                     HistoryEntry entry;
@@ -236,6 +242,10 @@ TEST_F(History, ABusyHistoryDelaysRecordsKeepsTheirOrderAndLosesNone) {
     EXPECT_EQ(done, 3);
     EXPECT_GE(delayed, 2);
     EXPECT_EQ(store().load().front().cardName, "123");
+    std::filesystem::remove(folder_.path() + "/history.json");
+    std::filesystem::create_directory(folder_.path() + "/history.json");
+    record("4");
+    EXPECT_NE(why.find("history.json"), std::string::npos) << why;
 }
 
 } // namespace

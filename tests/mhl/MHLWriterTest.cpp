@@ -5,6 +5,7 @@
 #include "support/FileTree.h"
 #include "support/TempFolder.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 namespace velmora {
@@ -53,6 +54,7 @@ std::string refusal(const OffloadReport& report, const std::string& cardPath, Ti
 TEST(MHL, WritesAGenerationAndItsChainToTheLetter) {
     const test::TempFolder disk;
     const std::string card = disk / "A001";
+    std::filesystem::create_directory(card);
     OffloadReport both = report(card + "/");
     both.destinations[0].verifyMethod = "read-back";
     both.files[0].path = "DCIM/<ü & \"x\">.mov";

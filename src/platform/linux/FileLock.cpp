@@ -25,30 +25,44 @@ namespace {
 
 // Never deleted: another process could hold a lock on the deleted file while a third one makes a new file.
 Descriptor openLockFile(const std::string& path) {
-    if (const std::size_t slash = path.find_last_of('/'); slash != std::string::npos && slash > 0) {
-        try {
-            IO::mkdirs(path.substr(0, slash));
-        } catch (const IOError&) {
-            // The open below fails, and that is the answer.
-        }
-    }
-    return Descriptor(retryInterrupted([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }));
+    if (const std::size_t slash = path.find_last_of('/'); slash != std::string::npos && slash > 0)
+        IO::mkdirs(path.substr(0, slash));
+    Descriptor fd(retryInterrupted([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }));
+    check(fd.get(), "open", path);
+    return fd;
 }
 
 } // namespace
 
-std::optional<IOError> FileLock::problem(const std::string& path) {
-    return openLockFile(path) ? std::nullopt : std::optional(IOError("lock", path, errno));
+std::optional<IOError> FileLock::problem(const std::string& path) try {
+    openLockFile(path);
+    return std::nullopt;
+} catch (const IOError& error) {
+    return error;
 }
 
-std::optional<FileLock> FileLock::tryLock(const std::string& path) {
-    Descriptor fd = openLockFile(path);
-    if (!fd || retryInterrupted([&] { return ::flock(fd.get(), LOCK_EX | LOCK_NB); }) != 0)
+std::optional<FileLock> FileLock::lockNow(Descriptor&& file) {
+    if (retryInterrupted([&] { return ::flock(file.get(), LOCK_EX | LOCK_NB); }) != 0)
         return std::nullopt;
     auto held = std::make_unique<Held>();
     MutexLock lock(held->mutex);
-    held->fd = std::move(fd);
+    held->fd = std::move(file);
     return FileLock(std::move(held));
+}
+
+std::optional<FileLock> FileLock::tryLock(const std::string& path) try {
+    return lockNow(openLockFile(path));
+} catch (const IOError&) {
+    return std::nullopt;
+}
+
+std::optional<FileLock> FileLock::tryLockFolder(const std::string& path) {
+    Descriptor fd(retryInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    check(fd.get(), "open", path);
+    auto lock = lockNow(std::move(fd));
+    if (!lock && errno != EWOULDBLOCK)
+        throwErrno("lock", path);
+    return lock;
 }
 
 std::optional<FileLock> FileLock::lock(const std::string& path, double timeout, const IsCancelled& isCancelled) {

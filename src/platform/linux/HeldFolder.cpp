@@ -1,12 +1,12 @@
 #include "platform/HeldFolder.h"
 
 #include "base/Errors.h"
-#include "platform/IO.h"
 #include "platform/linux/Descriptor.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <utility>
 
 namespace velmora {
@@ -16,22 +16,39 @@ public:
     using Descriptor::Descriptor;
 };
 
-HeldFolder::HeldFolder(std::string path) : path_(std::move(path)) {
-    const int fd = ::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+// The number of a mount is not given to another one as long as a descriptor holds something below it.
+HeldFolder::Identity HeldFolder::identityOf(int folder, const std::string& path) {
+    struct statx facts{};
+    velmora::check(::statx(folder, path.c_str(), AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &facts), "stat", path);
+    const std::uint64_t mount = (facts.stx_mask & STATX_MNT_ID) != 0 ? facts.stx_mnt_id : 0;
+    return {makedev(facts.stx_dev_major, facts.stx_dev_minor), facts.stx_ino, mount};
+}
+
+HeldFolder::HeldFolder(const std::string& path) : HeldFolder(AT_FDCWD, path, path) {}
+
+HeldFolder::HeldFolder(int above, const std::string& relative, std::string path)
+    : path_(std::move(path)), probe_(path_ + "/.") {
+    const int fd = ::openat(above, (relative + "/.").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     velmora::check(fd, "open", path_);
     handle_ = std::make_unique<Handle>(fd);
-    struct stat facts{};
-    velmora::check(::fstat(fd, &facts), "stat", path_);
-    device_ = facts.st_dev;
-    inode_ = facts.st_ino;
+    identity_ = identityOf(fd, "");
+}
+
+HeldFolder HeldFolder::below(const std::string& relative) const {
+    return {handle_->get(), relative, path_ + "/" + relative};
 }
 
 HeldFolder::~HeldFolder() = default;
 HeldFolder::HeldFolder(HeldFolder&&) noexcept = default;
 
 void HeldFolder::check() const {
-    const FileFacts now = IO::lstat(path_);
-    if (now.device != device_ || now.inode != inode_)
+    Identity now;
+    try {
+        now = identityOf(AT_FDCWD, probe_);
+    } catch (const IOError& error) {
+        throw IOError("stat", path_, error.code());
+    }
+    if (now != identity_)
         throw IOError("stat", path_, ESTALE);
 }
 

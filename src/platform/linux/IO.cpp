@@ -97,6 +97,16 @@ void mkdirs(const std::string& path) {
     throw IOError("mkdir", folder, code);
 }
 
+void mkdirBelow(const std::string& path) {
+    if (::mkdir(path.c_str(), 0755) == 0)
+        return;
+    if (errno != EEXIST)
+        throwErrno("mkdir", path);
+    const FileFacts facts = lstat(path);
+    if (!facts.isFolder)
+        throw IOError("mkdir", path, facts.isLink ? ELOOP : ENOTDIR);
+}
+
 void mkdirNew(const std::string& path) { check(::mkdir(path.c_str(), 0755), "mkdir", path); }
 
 bool removeEmptyFolder(const std::string& path) noexcept { return ::rmdir(path.c_str()) == 0; }

@@ -1,0 +1,36 @@
+#include "memory/SameFolder.h"
+
+#include "base/Text.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
+
+namespace velmora {
+
+namespace {
+
+// The comparison form of a card folder's path.
+std::string standardised(std::string_view path) {
+    std::string out;
+    for (const std::string_view part : split(path, '/', false))
+        if (part != ".")
+            out += "/" + std::string(part);
+    return pathKey(out);
+}
+
+} // namespace
+
+bool isSameFolder(const BackupPlace& recorded, const std::string& cardPath, const std::optional<std::string>& serial) {
+    if (recorded.volumeSerial != serial)
+        return false;
+    if (standardised(recorded.cardPath) == standardised(cardPath))
+        return true;
+    if (!serial)
+        return false;
+    const std::string below = standardised(VolumeFacts::underRoot(cardPath));
+    if (!IO::isGone(recorded.cardPath))
+        return standardised(VolumeFacts::underRoot(recorded.cardPath)) == below;
+    // Nobody can say any more where the disk began in the recorded path; but what lies below that point is its end.
+    return standardised(recorded.cardPath).ends_with(below);
+}
+
+} // namespace velmora
