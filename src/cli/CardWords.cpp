@@ -1,6 +1,7 @@
 #include "cli/CardWords.h"
 
 #include "base/Text.h"
+#include "cli/ShellText.h"
 #include "memory/BackedUpPrompt.h"
 #include "memory/CardStep.h"
 #include "memory/HistoryText.h"
@@ -14,9 +15,6 @@ namespace velmora::CardWords {
 namespace {
 
 constexpr std::size_t namesShown = 10;
-
-// A path as a shell takes it.
-std::string quoted(const std::string& path) { return "'" + replaceAll(path, "'", "'\\''") + "'"; }
 
 std::string clipLine(const std::vector<Clip>& clips) {
     std::map<std::string, std::int64_t> byFormat;
@@ -79,9 +77,9 @@ void addMatch(std::vector<std::string>& lines, const CardInsight& insight) {
 } // namespace
 
 std::string intoCommand(const std::string& verb, const std::string& source, const std::vector<std::string>& cardPaths) {
-    std::string command = "velmora " + verb + " " + quoted(source);
+    std::string command = "velmora " + verb + " " + ShellText::quoted(source);
     for (const std::string& path : cardPaths)
-        command += " --into " + quoted(path);
+        command += " --into " + ShellText::quoted(path);
     return command;
 }
 
@@ -119,9 +117,9 @@ std::string command(const CardInsight& insight) {
     const CardStep step = CardStep::of(insight);
     if (step.kind == CardStep::Kind::none)
         return "";
-    std::string copy = "velmora copy " + quoted(insight.source) + " --again";
+    std::string copy = "velmora copy " + ShellText::quoted(insight.source) + " --again";
     for (const HistoryDestination& destination : insight.match->entry.destinations)
-        copy += " --dest " + quoted(destination.root);
+        copy += " --dest " + ShellText::quoted(destination.root);
     switch (step.kind) {
     case CardStep::Kind::append:
     case CardStep::Kind::finish:

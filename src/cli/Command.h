@@ -32,6 +32,8 @@ struct CommandContext {
     Console& console;       // the two output streams, the progress line, the stream of JSON objects
     Interrupts& interrupts; // Ctrl-C and the signals that pause and resume
     bool json = false;      // `--json` stands on the command line
+    std::string typed = {}; // the command line, as a shell takes it
+    std::string next = {};  // the command that goes on should this one be refused; empty for none
 };
 
 // One sub-command of `velmora`, in a file of its own.

@@ -5,6 +5,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
+#include "cli/ShellText.h"
 #include "cli/StandardStreams.h"
 #include "cli/StatusJson.h"
 #include "settings/AppSupport.h"
@@ -37,7 +38,10 @@ ExitStatus tellEnd(ExitStatus status, const std::string& text, CommandContext& c
         end.phase = status == ExitStatus::cancelled ? JobStatus::Phase::cancelled : JobStatus::Phase::failed;
         end.error = text;
         end.errorCode = code;
-        context.console.event(StatusJson::result(end, nullptr, static_cast<int>(status)));
+        // A run that stopped before its work had begun may simply be started again.
+        const bool again = status == ExitStatus::cancelled || status == ExitStatus::brokeOff;
+        const LastWords words{"", "", !context.next.empty() ? context.next : again ? context.typed : ""};
+        context.console.event(StatusJson::result(end, nullptr, words, static_cast<int>(status)));
     }
     const std::string line = code                              ? refusalText(*code, text)
                              : status == ExitStatus::cancelled ? text
@@ -142,7 +146,7 @@ int runCommandLine(int argc, const char* const* argv) {
     Interrupts interrupts; // before any other thread
     Console console(STDOUT_FILENO, STDERR_FILENO);
     const std::span words(argv, static_cast<std::size_t>(argc));
-    CommandContext context{console, interrupts, asksForJson(words)};
+    CommandContext context{console, interrupts, asksForJson(words), ShellText::commandLine(words)};
     return static_cast<int>(whenPrinted(parseAndRun(argc, argv, context), console));
 }
 

@@ -53,7 +53,8 @@ bool passesPreflight(const JobConfig& config, const OffloadOptions& options) {
 }
 
 void askAgain(const CardInsight& insight, const std::string& name, const std::string& date, const Choice& choice,
-              Console& console) {
+              CommandContext& context) {
+    Console& console = context.console;
     const BackedUpPromptModel prompt = BackedUpPrompt::build({{*insight.match, name}}, date);
     say(console, prompt.title + ":");
     for (const std::string& line : prompt.lines)
@@ -160,7 +161,7 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
     if (insight.isEmptied())
         say(console, HistoryText::emptied(insight.match->entry));
     else if (BackedUpPrompt::shouldAsk(&insight)) {
-        askAgain(insight, Layout::sanitize(name.name), date, choice, console);
+        askAgain(insight, Layout::sanitize(name.name), date, choice, context);
         if (!choice.again)
             return {}; // while the question stood, much may have happened to the card
     } else if (insight.match) {

@@ -29,6 +29,8 @@ public:
     void addAll(const JobStatus& status, const OffloadReport& report);
     void addFailures(const OffloadReport& report);
     void addPromises(const JobStatus& status, const OffloadReport* report);
+    void addLastWords(const LastWords& words);
+    void addWayOn(const LastWords& words);
     std::vector<Line> take() { return std::move(lines_); }
 
 private:
@@ -120,19 +122,39 @@ void Page::addPromises(const JobStatus& status, const OffloadReport* report) {
         add(chip.text, toneOf(chip.tone));
     if (const auto promise = JobWords::promiseText(status))
         add(*promise);
-    else if (status.safeToEject && report != nullptr && !report->verified)
-        add("The card is copied, but the copy was not read back.");
     if (const std::string path = report == nullptr ? "" : reportPath(*report); !path.empty())
         add("Report: " + path);
 }
 
+void Page::addLastWords(const LastWords& words) {
+    if (words.happened.empty())
+        return;
+    add("");
+    add(words.happened + " " + words.safe, Tone::bold);
+    addWayOn(words);
+}
+
+void Page::addWayOn(const LastWords& words) {
+    if (words.next.empty())
+        return;
+    add("To go on:");
+    add("  " + words.next);
+}
+
 } // namespace
 
-std::vector<Line> lines(const JobStatus& status, const OffloadReport* report) {
+std::vector<Line> wayOn(const LastWords& words) {
+    Page page;
+    page.addWayOn(words);
+    return page.take();
+}
+
+std::vector<Line> lines(const JobStatus& status, const OffloadReport* report, const LastWords& words) {
     Page page;
     if (report != nullptr)
         page.addAll(status, *report);
     page.addPromises(status, report);
+    page.addLastWords(words);
     return page.take();
 }
 

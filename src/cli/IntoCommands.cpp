@@ -26,7 +26,7 @@ public:
         HistorySession history(context.console);
         OffloadJob job(std::move(config), {}, history.services());
         prepare(job, folders);
-        return runJob(job, history, context, json_);
+        return runJob(job, history, context, json_, folders);
     }
 
 protected:

@@ -2,7 +2,6 @@
 
 #include "base/Mutex.h"
 #include "base/Text.h"
-#include "cli/CardWords.h"
 #include "cli/Console.h"
 #include "cli/CopySummary.h"
 #include "cli/HistorySession.h"
@@ -11,6 +10,7 @@
 #include "cli/StatusJson.h"
 #include "job/JobProgress.h"
 #include "job/JobWords.h"
+#include "records/OffloadPlan.h"
 
 #include <chrono>
 #include <exception>
@@ -121,14 +121,6 @@ void logRefusal(Console& console, PreflightCode code, const std::string& text) {
         console.log(line);
 }
 
-// The way on that a refusal leaves open.
-void logWayOn(Console& console, PreflightCode code, const JobConfig& config) {
-    if (code != PreflightCode::appendFailedFile || !config.appendInto)
-        return;
-    console.log("To copy such files again from the card:");
-    console.log("  " + CardWords::intoCommand("repair", config.source, *config.appendInto));
-}
-
 void follow(OffloadJob& job, Console& console, bool json) {
     JobThread thread(job, [&console](std::string_view line) { console.log(line); });
     Viewer viewer(job, console, json);
@@ -139,23 +131,32 @@ void follow(OffloadJob& job, Console& console, bool json) {
     console.clearProgress();
 }
 
-ExitStatus tellEnd(const OffloadJob& job, Console& console, bool json) {
+Errand errandOf(const OffloadJob& job, const CommandContext& context, const std::vector<std::string>& into) {
+    Errand errand{context.typed, job.config().source, job.config().destRoots, into, !into.empty()};
+    if (const auto plan = job.plan(); plan && !errand.into)
+        errand.folders = plan->cardPaths();
+    return errand;
+}
+
+ExitStatus tellEnd(const OffloadJob& job, const Errand& errand, Console& console, bool json) {
     const JobStatus status = job.status();
     const auto report = job.report();
     const ExitStatus exit = exitStatusOf(status, report != nullptr, job.config().verify);
+    const LastWords words = LastWords::of(status, report.get(), errand);
     if (json) {
-        auto result = StatusJson::result(status, report.get(), static_cast<int>(exit));
+        auto result = StatusJson::result(status, report.get(), words, static_cast<int>(exit));
         if (report != nullptr)
             result["idleShare"] = job.engine().copyTimes().idleShare();
         console.event(result);
     }
     if (exit == ExitStatus::refused) {
         logRefusal(console, *status.errorCode, status.error.value_or(""));
-        logWayOn(console, *status.errorCode, job.config());
+        for (const auto& line : CopySummary::wayOn(words))
+            console.log(line.text);
     } else if (exit == ExitStatus::brokeOff)
         console.log(fmt::format("velmora: {}", status.error.value_or("")));
     if (exit != ExitStatus::refused && !json)
-        for (const auto& line : CopySummary::lines(status, report.get()))
+        for (const auto& line : CopySummary::lines(status, report.get(), words))
             console.print(console.toned(line.text, line.tone));
     return exit;
 }
@@ -174,7 +175,8 @@ ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificati
     return well && status.copySucceeded.value_or(true) ? ExitStatus::ok : ExitStatus::dataProblem;
 }
 
-ExitStatus runJob(OffloadJob& job, HistorySession& history, CommandContext& context, bool json) {
+ExitStatus runJob(OffloadJob& job, HistorySession& history, CommandContext& context, bool json,
+                  const std::vector<std::string>& into) {
     const auto cancel = [&, told = false]() mutable { // on the thread of the signals, one at a time
         const auto phase = job.status().phase;
         job.cancel();
@@ -183,7 +185,7 @@ ExitStatus runJob(OffloadJob& job, HistorySession& history, CommandContext& cont
     };
     const Interrupts::Route route(context.interrupts, {cancel, [&] { job.pause(); }, [&] { job.resume(); }});
     follow(job, context.console, json);
-    const ExitStatus exit = tellEnd(job, context.console, json);
+    const ExitStatus exit = tellEnd(job, errandOf(job, context, into), context.console, json);
     history.finish();
     return exit;
 }

@@ -66,7 +66,11 @@ nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
                        {"fileIndex", copy.fileIndex},
                        {"currentFile", copy.currentFile},
                        {"readBytes", copy.readBytes},
+                       {"checkedBytes", copy.checkedBytes},
+                       {"bytesToCheck", copy.bytesToCheck},
                        {"writtenBytes", copy.writtenBytes},
+                       {"bytesToWrite", copy.bytesToWrite},
+                       {"handledBytes", copy.handledBytes},
                        {"verifiedBytes", copy.verifiedBytes},
                        {"verifyingFiles", copy.verifyingFiles},
                        {"errors", copy.errors}});
@@ -84,9 +88,16 @@ nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
     return object;
 }
 
-nlohmann::json result(const JobStatus& status, const OffloadReport* report, int exitStatus) {
+nlohmann::json result(const JobStatus& status, const OffloadReport* report, const LastWords& words, int exitStatus) {
     nlohmann::json object = {{"event", "result"}, {"exitStatus", exitStatus}, {"pausedSeconds", status.pausedTotal}};
     putPromises(object, status);
+    const auto put = [&](const char* key, const std::string& text) {
+        if (!text.empty())
+            object[key] = text;
+    };
+    put("happened", words.happened);
+    put("safeNow", words.safe);
+    put("next", words.next);
     putIfSet(object, "copySucceeded", status.copySucceeded);
     if (report == nullptr)
         return object;

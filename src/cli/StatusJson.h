@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cli/LastWords.h"
 #include "job/JobStatus.h"
 
 #include <nlohmann/json_fwd.hpp>
@@ -16,7 +17,7 @@ namespace StatusJson {
 nlohmann::json status(const JobStatus& status, const JobProgress& progress);
 
 // {"event":"result", …}: how it ended. `report` may be null: a refused job has none.
-nlohmann::json result(const JobStatus& status, const OffloadReport* report, int exitStatus);
+nlohmann::json result(const JobStatus& status, const OffloadReport* report, const LastWords& words, int exitStatus);
 
 } // namespace StatusJson
 

@@ -18,6 +18,11 @@ bool isPostStage(Phase phase) { return phase > Phase::reporting && phase < Phase
 
 std::int64_t readBytes(const JobStatus& status) { return status.copy ? status.copy->readBytes : 0; }
 
+// Of the card, and of the part files that are checked before it goes on.
+std::int64_t readerBytes(const JobStatus& status) {
+    return status.copy ? status.copy->readBytes + status.copy->checkedBytes : 0;
+}
+
 bool readsCopies(const JobStatus& status) { return status.examining || status.phase == Phase::verifying; }
 
 // What each destination moves.
@@ -27,17 +32,23 @@ std::vector<std::int64_t> destBytes(const JobStatus& status) {
     return status.copy ? status.copy->writtenBytes : std::vector<std::int64_t>();
 }
 
-// What each destination has done of its share of the phase, and that share.
+std::vector<std::int64_t> plusEach(std::vector<std::int64_t> values, std::int64_t more) {
+    for (std::int64_t& value : values)
+        value += more;
+    return values;
+}
+
+// What each destination has done of its share of the phase, and that share. A check of part files holds up all.
 std::vector<std::int64_t> workDone(const JobStatus& status) {
     if (readsCopies(status))
         return status.verifyDoneByDest;
-    return status.copy ? status.copy->handledBytes : std::vector<std::int64_t>();
+    return status.copy ? plusEach(status.copy->handledBytes, status.copy->checkedBytes) : std::vector<std::int64_t>();
 }
 
 std::vector<std::int64_t> workTotal(const JobStatus& status) {
     if (readsCopies(status))
         return status.verifyTotalByDest;
-    return status.copy ? status.copy->bytesToWrite : std::vector<std::int64_t>();
+    return status.copy ? plusEach(status.copy->bytesToWrite, status.copy->bytesToCheck) : std::vector<std::int64_t>();
 }
 
 double smoothed(double rate, std::int64_t bytes, std::int64_t before, double dt) {
@@ -76,6 +87,8 @@ void JobProgress::startPhase(double now) {
     lastPhase_ = status_.phase;
     lastTime_ = now;
     lastBytes_ = readBytes(status_);
+    lastReader_ = readerBytes(status_);
+    readerRate_ = 0;
     lastExamining_ = status_.examining;
     lastDest_ = destBytes(status_);
     lastWork_ = workDone(status_);
@@ -93,6 +106,8 @@ void JobProgress::moveRates(double now, double dt) {
         return; // standing still says nothing of the disks
     readRate_ = smoothed(readRate_, readBytes(status_), lastBytes_, dt);
     lastBytes_ = readBytes(status_);
+    readerRate_ = smoothed(readerRate_, readerBytes(status_), lastReader_, dt);
+    lastReader_ = readerBytes(status_);
     smoothAll(destRates_, destBytes(status_), lastDest_, dt);
     smoothAll(workRates_, workDone(status_), lastWork_, dt);
     if (brakes_ && status_.phase == Phase::copying && status_.copy)
@@ -153,7 +168,7 @@ std::vector<JobProgress::Work> JobProgress::destWork() const {
 JobProgress::Work JobProgress::readerWork() const {
     if (!status_.copy || readsCopies(status_) || isPostStage(status_.phase))
         return {};
-    return {status_.copy->readBytes, status_.copy->totalBytes, readRate_};
+    return {readerBytes(status_), status_.copy->totalBytes + status_.copy->bytesToCheck, readerRate_};
 }
 
 std::optional<double> JobProgress::workEta() const {

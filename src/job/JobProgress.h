@@ -67,6 +67,8 @@ private:
     double started_;
     double lastTime_;
     std::int64_t lastBytes_ = 0;
+    std::int64_t lastReader_ = 0;
+    double readerRate_ = 0; // as readRate_, but the check of part files counts too
     std::vector<std::int64_t> lastDest_;
     JobStatus::Phase lastPhase_ = JobStatus::Phase::waiting;
     std::optional<BrakeMeter> brakes_;

@@ -11,6 +11,17 @@
 
 namespace velmora {
 
+// What brings a card on whose run could not give both promises.
+enum class Remedy {
+    none,      // nobody knows: nothing was judged
+    append,    // brings what is missing, and reads back what was not
+    compare,   // an append that also compares what earlier runs copied
+    repair,    // copies bad copies again
+    inspect,   // more disks or records matter than the run has seen: they have to be looked at
+    copyAgain, // only a full copy helps
+    otherDisk, // a full copy to a disk that is not the card
+};
+
 // How one job stands: the one record that front ends read. A plain value; `OffloadJob::status()` hands out copies.
 struct JobStatus {
     // In the order in which a job moves through them, never backwards. The last three are final.
@@ -43,6 +54,7 @@ struct JobStatus {
     std::optional<std::string> error;
     std::optional<PreflightCode> errorCode;
     std::optional<std::string> note;
+    Remedy remedy = Remedy::none;         // where a promise is denied
     bool paused = false;                  // a pause is asked for
     bool pauseHeld = false;               // the job stands
     std::optional<std::string> pauseStep; // what the job finishes before it stands

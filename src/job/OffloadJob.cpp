@@ -149,8 +149,8 @@ void OffloadJob::repairInto(std::vector<std::string> cardPaths) {
 }
 
 void OffloadJob::begin(Phase phase) {
-    if (!engine_.spaceWarnings().empty())
-        addSpaceWarning(engine_.spaceWarnings().front());
+    for (const std::string& warning : engine_.spaceWarnings())
+        addSpaceWarning(warning);
     MutexLock lock(mutex_);
     state_.phase = phase;
 }

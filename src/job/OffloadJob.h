@@ -116,7 +116,7 @@ private:
     // `note` says that all is well, and gives way to `otherwise` when the backup is not.
     void concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) EXCLUDES(mutex_);
     std::vector<HistoryVerification> passed(const Conclusion& conclusion, const OffloadReport* report) const;
-    void tell(const Promises::Verdict& verdict) EXCLUDES(mutex_);
+    void tell(const Promises::Verdict& verdict, Remedy remedy) EXCLUDES(mutex_);
     void learnRates(const OffloadReport& report);
 
     void openHistory(const Log& log);

@@ -8,6 +8,7 @@
 #include "engine/Scanner.h"
 #include "job/HistoryKeeper.h"
 #include "job/RateMemory.h"
+#include "job/Remedy.h"
 #include "memory/BackupCheck.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
@@ -185,9 +186,12 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
         state_.copySucceeded = report->success();
         report_ = report;
     }
-    tell(verdict);
-    if (!outcome.complete() && report->verified)
+    // The one sentence for a result that does not stand everywhere says the cause; it is not told twice.
+    if (!outcome.complete() && report->verified) {
+        std::erase(verdict.reasons, Msg::reportNotWritten(outcome.failures.front().error));
         addWarning(*outcome.warning());
+    }
+    tell(verdict, remedyOf(evidence, report.get()));
     recordFinish(*report, evidence, conclusion, verdict);
     learnRates(*report);
     if (engine_.isCancelled())
@@ -227,7 +231,7 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
                 fmt::format(" The copies were last read on {}.", TimeText::local(*check.lastRead, "%Y-%m-%d %H:%M"));
         state_.copySucceeded = verdict.safeToEject;
     }
-    tell(verdict);
+    tell(verdict, remedyOf(evidence, nullptr));
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
     else if (engine_.cardChanged())
@@ -239,17 +243,20 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
 
 // Disks and card once more, when everything is written: the verdict speaks of what is there when it is read.
 void OffloadJob::addLastLook(Promises::Evidence& evidence) {
-    std::ranges::copy(engine_.held()->problems(), std::back_inserter(evidence.problems));
+    for (const std::string& problem : engine_.held()->problems())
+        if (std::ranges::none_of(evidence.problems, [&](const auto& each) { return each.find(problem) != each.npos; }))
+            evidence.problems.push_back(problem);
     engine_.lookForOtherCard();
     evidence.cardSwapped = engine_.cardChanged();
 }
 
-void OffloadJob::tell(const Promises::Verdict& verdict) {
+void OffloadJob::tell(const Promises::Verdict& verdict, Remedy remedy) {
     for (const std::string& reason : verdict.reasons)
         addWarning(reason);
     MutexLock lock(mutex_);
     state_.safeToEject = verdict.safeToEject;
     state_.safeToFormat = verdict.safeToFormat;
+    state_.remedy = remedy;
 }
 
 void OffloadJob::recordFinish(const OffloadReport& report, const Promises::Evidence& evidence,

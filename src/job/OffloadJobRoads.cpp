@@ -253,8 +253,8 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
 
 void OffloadJob::checkSpace(const OffloadPlan& plan) {
     const Preflight::Space space = Preflight::checkSpace(Preflight::demands(plan), plan.cardPaths(), {});
-    if (!space.warnings.empty())
-        addSpaceWarning(space.warnings.front());
+    for (const std::string& warning : space.warnings)
+        addSpaceWarning(warning);
 }
 
 // Told at once, while something can still be done about it, and again at the end.

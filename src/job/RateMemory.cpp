@@ -38,7 +38,9 @@ void RateMemory::learn(const OffloadReport& report, const ProgressSnapshot& move
                        std::optional<ProxyCodec> proxy, std::optional<double> stage2, bool cancelled, bool done) {
     if (report.isRepair() || report.hasFailedFiles())
         return;
-    if (const auto read = static_cast<double>(moved.readBytes); read >= tellingBytes)
+    // A card that is only compared is read as fast as it can be; a copy waits for its disks.
+    const bool wrote = std::ranges::any_of(moved.writtenBytes, [](std::int64_t bytes) { return bytes > 0; });
+    if (const auto read = static_cast<double>(moved.readBytes); wrote && read >= tellingBytes)
         keepIfPositive(copyRate, read, report.copySeconds());
     // The disks are read side by side: the one with the most to read is what takes the time.
     const auto most = std::ranges::max_element(moved.verifiedBytes);

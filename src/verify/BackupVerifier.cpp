@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "blocks/HashAlgo.h"
 #include "blocks/ManifestFile.h"
+#include "engine/DestWriter.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/CardRecord.h"
@@ -54,7 +55,7 @@ void noteAlgorithms(const VerifyTask& task, VerifyResult& result) {
 // A generation that never got to its end.
 struct Open {
     std::int64_t generation = 1;
-    bool copyBrokeOff = false;             // no report waits for its verification
+    bool copyBrokeOff = false;             // no report waits for a verification with the proxies
     std::unordered_set<std::string> files; // what it has put there, by path key: not finished, but no stranger
 };
 
@@ -79,12 +80,15 @@ std::optional<Open> openGeneration(const CardRecord& record) {
         return std::nullopt;
     Open open;
     open.generation = found ? found->generation : newest->generation;
-    open.copyBrokeOff = !waits;
+    open.copyBrokeOff = !waits || !newest->report->verifyPending.value_or(false);
     if (found)
         open.files = found->mentioned();
     if (waits)
         for (const auto& file : newest->report->files)
             open.files.insert(pathKey(file.path));
+    const std::unordered_set<std::string> whole = open.files;
+    for (const std::string& key : whole) // what it had begun to write is its own as well
+        open.files.insert(pathKey(DestWriter::partName(key)));
     return open;
 }
 

@@ -16,12 +16,13 @@ std::string unfinishedText(const VerifyResult& result) {
                            ? "The backup is not finished: the copy of its newest generation was interrupted. Do not "
                              "format the card yet — insert it again and choose \"Finish interrupted backup\"."
                            : "The backup is not finished: the newest generation was being verified with the proxies "
-                             "and the verification "
-                             "did not end (or its result is not written on all destinations). Do not format the card "
-                             "yet — insert it again "
-                             "and choose \"Finish interrupted backup\".";
-    // Beside a mismatch that would be a contradiction.
-    return result.success() ? text + fmt::format(" The files with a written record match ({})", result.ok) : text;
+                             "and the verification did not end (or its result is not written on all destinations). Do "
+                             "not format the card yet — insert it again and choose \"Finish interrupted backup\".";
+    if (result.success()) // beside a mismatch that would be a contradiction
+        text += fmt::format(" The files with a written record match ({})", result.ok);
+    return text + fmt::format(" — on the command line: velmora append CARD --into '{}', with --into for each further "
+                              "disk of the backup",
+                              result.cardPath);
 }
 
 std::string_view recordName(const VerifyResult& result) {
@@ -67,7 +68,7 @@ Summary summary(const VerifyResult& result) {
                                         count(result.missing), count(result.unreadable)));
         if (!result.failedAtCopy.empty())
             parts.push_back(failedAtCopyText(count(result.failedAtCopy)));
-        std::string text = join(parts, "; ") + " — details in the verification report.";
+        std::string text = join(parts, "; ") + " — the files are named below.";
         if (result.unfinished)
             text += " " + unfinishedText(result);
         return {text, Tone::error};

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <unistd.h>
 
 namespace velmora {
@@ -406,6 +407,36 @@ TEST_F(SignalledCopyTest, EverySignalThatEndsAProgramCancelsCleanly) {
         for (const auto& root : {disk->root(), b})
             EXPECT_FALSE(holdsTemporaryFile(root));
     }
+}
+
+TEST_F(SignalledCopyTest, TheCommandThatIsNamedFinishesACancelledCopy) {
+    disk->clear();
+    disk->stall({.ops = "write", .pattern = "*映像*"}); // one file is whole by then
+    Program program(copy({"--json", "--buffers", "2"}, disk->root()));
+    ASSERT_NO_FATAL_FAILURE(waitUntilItStands(program));
+    program.signal(SIGINT);
+    program.waitFor([&](const auto&) { return program.err().find("Cancelling — ") != std::string::npos; });
+    disk->clear();
+    ASSERT_EQ(program.wait(), 130) << program.err();
+    auto result = program.events().back();
+    EXPECT_TRUE(result["happened"].get<std::string>().starts_with("Cancelled")) << result;
+    for (int round = 0; round < 3 && result.contains("next"); ++round) {
+        Arguments words; // the test's paths need no quotes
+        std::istringstream line(result["next"].get<std::string>());
+        for (std::string word; line >> word;)
+            words.push_back(word.starts_with('\'') ? word.substr(1, word.size() - 2) : word);
+        ASSERT_EQ(words.front(), "velmora");
+        words.front() = words.at(1);
+        words.at(1) = words.at(2);
+        words.erase(words.begin() + 2);
+        words.emplace_back("--json");
+        Program next(words);
+        next.wait();
+        result = next.events().back();
+    }
+    EXPECT_EQ(result["exitStatus"], 0) << result;
+    EXPECT_TRUE(result["safeToFormat"]) << result;
+    EXPECT_EQ(copied(backup(b)), contents(card));
 }
 
 TEST_F(SignalledCopyTest, PausesAfterTheFileAndCountsTheStandApart) {

@@ -85,7 +85,7 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
     EXPECT_EQ(run({"verify", folder, "--machine"}), 1);
     EXPECT_EQ(out, "MISMATCH  DCIM/one.mov\nMISSING  DCIM/two.mov\nEXTRA    new\\x0Aname\n");
     EXPECT_EQ(run({"verify", folder, b + "/2026-03-14/A001"}), 1) << "one good folder does not hide the bad one";
-    EXPECT_TRUE(printed("Mismatch: 1 file, missing 1, unreadable 0 — details")) << out;
+    EXPECT_TRUE(printed("Mismatch: 1 file, missing 1, unreadable 0 — the files are named below.")) << out;
     EXPECT_TRUE(printed("PROBLEMS FOUND: mismatch 1, missing 1, unreadable 0, extra 1,")) << out;
     EXPECT_TRUE(printed("  1 file extra (not in the MHL).")) << out;
     Program json({"verify", folder, "--json"});
@@ -102,6 +102,7 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
     fs::remove(b + "/2026-03-14/A001/_REPORT/offload_report.json");
     EXPECT_EQ(run({"verify", b + "/2026-03-14"}), 1) << "a run that died before its report";
     EXPECT_TRUE(printed("BACKUP UNFINISHED: ") && !printed("proxies")) << out;
+    EXPECT_TRUE(printed("velmora append CARD --into '" + b + "/2026-03-14/A001'")) << out;
     fs::remove(folder + "/ascmhl/ascmhl_chain.xml");
     EXPECT_EQ(run({"verify", folder}), 1);
     const auto at = out.find("ascmhl_chain.xml is missing");

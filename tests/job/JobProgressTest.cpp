@@ -43,6 +43,15 @@ TEST(JobProgress, LetsTheSlowestPartTellTheTimeLeft) {
     progress.update(copying(1000 * MB, {1000 * MB, 500 * MB}), 1);
     EXPECT_NEAR(progress.eta().value(), 9500.0 / 200, 1e-6); // 500 MB/s, a first sample counts 0.4
     EXPECT_EQ(progress.detailText(), "Card 400 MB/s · 0:48 left");
+    JobProgress resumed(0); // hours may go by in the check of what an interrupted run has left
+    JobStatus check = copying(0, {0, 0});
+    check.copy->bytesToCheck = 10'000 * MB;
+    resumed.update(check, 0);
+    check.copy->checkedBytes = 5'000 * MB;
+    resumed.update(check, 1);
+    EXPECT_EQ(resumed.share(), 0.25);
+    EXPECT_NEAR(resumed.eta().value(), 15'000.0 / 2'000, 1e-6);
+    EXPECT_EQ(resumed.readRate(), 0) << "not a byte of it came from the card";
     JobStatus finished = copying(10'000 * MB, {10'000 * MB, 10'000 * MB});
     finished.phase = Phase::done;
     progress.update(finished, 2);

@@ -32,6 +32,7 @@ OffloadReport report() {
 ProgressSnapshot moved(std::int64_t megabytes) {
     ProgressSnapshot snapshot;
     snapshot.readBytes = megabytes * 1'000'000;
+    snapshot.writtenBytes = {0, 1};
     snapshot.verifiedBytes = {0, megabytes * 1'000'000}; // the first disk took nothing
     return snapshot;
 }
@@ -41,6 +42,11 @@ TEST(RateMemory, LearnsFromJobsThatSaySomething) {
     memory.learn(report(), moved(0), false, {}, {}, false, true); // finished what was there already
     memory.learn(report(), moved(60), false, {}, {}, false, true);
     EXPECT_EQ(memory, RateMemory{}) << "too little was read to tell";
+    ProgressSnapshot compared = moved(500);
+    compared.writtenBytes = {0, 0};
+    compared.verifiedBytes.clear();
+    memory.learn(report(), compared, false, {}, {}, false, true);
+    EXPECT_EQ(memory, RateMemory{}) << "a card that is only compared waits for no disk";
     RateMemory half;
     half.learn(report(), moved(500), false, {}, {}, false, true);
     EXPECT_EQ(half.copyRate, 5e7) << "what was read counts, not what the report covers";

@@ -299,6 +299,11 @@ TEST_F(BackupVerifierTest, AnUnfinishedGenerationIsToldAndItsFilesAreNoStrangers
     EXPECT_TRUE(result.unfinished);
     EXPECT_FALSE(result.copyBrokeOff);
     EXPECT_EQ(result.extra, Paths{"DCIM/5.mov"});
+    open.verifyPending.reset(); // the run died between the records of two disks
+    open.verifyIncomplete = true;
+    ReportWriter::Pages(open).write(card, false);
+    result = verify();
+    EXPECT_TRUE(result.unfinished && result.copyBrokeOff);
 
     // The later generation that is there ends the waiting: what was never read back is held against the report.
     fs::remove_all(card);
@@ -316,7 +321,7 @@ TEST_F(BackupVerifierTest, AnUnfinishedGenerationIsToldAndItsFilesAreNoStrangers
     line.gen = 3;
     line.path = "DCIM/6.mov";
     ManifestFile::append(card, std::span(&line, 1));
-    test::FileTree::write(card + "/DCIM/6.mov", "half");
+    test::FileTree::write(card + "/DCIM/.6.mov.offload-part", "half");
     result = verify();
     EXPECT_TRUE(result.unfinished && result.copyBrokeOff);
     EXPECT_EQ(result.extra, Paths{});

@@ -21,7 +21,7 @@ VerifyResult good(std::int64_t files = 3) {
 
 TEST(VerifyReport, WordsOfEachOutcome) {
     using Tone = VerifyReport::Tone;
-    const std::string details = " — details in the verification report.";
+    const std::string details = " — the files are named below.";
     const struct {
         std::function<void(VerifyResult&)> change;
         Tone tone;
