@@ -21,6 +21,9 @@ public:
     HeldFolder below(const std::string& relative) const;
 
     const std::string& path() const noexcept { return path_; }
+    std::uint64_t device() const noexcept { return identity_.device; } // st_dev of stat(2)
+    std::uint64_t inode() const noexcept { return identity_.inode; }
+    int descriptor() const noexcept; // of open(2) with O_PATH
     // Throws IOError when the path does not lead here any more: "stat" with the system's error, or ESTALE.
     void check() const;
 

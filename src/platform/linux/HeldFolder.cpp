@@ -41,6 +41,8 @@ HeldFolder HeldFolder::below(const std::string& relative) const {
 HeldFolder::~HeldFolder() = default;
 HeldFolder::HeldFolder(HeldFolder&&) noexcept = default;
 
+int HeldFolder::descriptor() const noexcept { return handle_->get(); }
+
 void HeldFolder::check() const {
     Identity now;
     try {
