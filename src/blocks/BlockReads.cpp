@@ -121,10 +121,10 @@ DestFileResult BlockReads::result(const BlockVerifier& verifier, const BlockOutc
     return {};
 }
 
-std::optional<std::uint64_t> BlockReads::readCardBlock(const std::string& source, const std::string& relative,
-                                                       std::int64_t block, std::int64_t blockSize) {
+std::optional<std::uint64_t> BlockReads::readCardBlock(const std::function<UncachedReader()>& open, std::int64_t block,
+                                                       std::int64_t blockSize) {
     try {
-        UncachedReader file = UncachedReader::beneath(source, relative);
+        UncachedReader file = open();
         if (blockSize < 1) {
             return blockHash(nullptr, 0);
         }
@@ -133,7 +133,7 @@ std::optional<std::uint64_t> BlockReads::readCardBlock(const std::string& source
         }
         const std::int64_t offset = block * blockSize;
         const std::int64_t length = std::clamp<std::int64_t>(file.facts().size - offset, 0, blockSize);
-        AlignedBuffer buffer(BlockPass::bufferBytes(blockSize, length, relative) + page);
+        AlignedBuffer buffer(BlockPass::bufferBytes(blockSize, length, "the card") + page);
         const auto bytes =
             length == 0 ? std::span<const std::byte>{} : BlockPass::readWindow(file, buffer.span(), offset, length);
         return blockHash(bytes.data(), bytes.size());

@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "blocks/BlockOutcome.h"
+#include "platform/File.h"
 #include "records/FileState.h"
 
 #include <cstdint>
@@ -42,8 +43,8 @@ Completed complete(const std::string& cardPath, const std::string& relative, Blo
 // What the outcome means for the file, with the words of a failure.
 DestFileResult result(const BlockVerifier& verifier, const BlockOutcome& outcome);
 
-// Reads one block of the card afresh and returns its hash; absent when it cannot be read.
-std::optional<std::uint64_t> readCardBlock(const std::string& source, const std::string& relative, std::int64_t block,
+// Reads one block of the card's file that `open` gives and returns its hash; absent when it cannot be read.
+std::optional<std::uint64_t> readCardBlock(const std::function<UncachedReader()>& open, std::int64_t block,
                                            std::int64_t blockSize);
 
 } // namespace BlockReads

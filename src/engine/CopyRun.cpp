@@ -14,8 +14,6 @@ namespace velmora {
 
 namespace {
 
-constexpr std::string_view cardChanged = "card changed while paused";
-
 NameClashes clashesOf(const OffloadPlan& plan) {
     const SourceScan& scan = plan.scan;
     NameClashes clashes;
@@ -97,13 +95,14 @@ void CopyRun::describe(ProgressSnapshot& snapshot) const {
 
 OffloadReport CopyRun::run() {
     started_ = Timestamp::now();
-    pausesSeen_ = engine_.pauses_.requests();
     if (!engine_.card_)
         engine_.meetCard(plan_->source);
+    engine_.holdCard();
     worker_ = engine_.pauses_.work();
     pausedBefore_ = engine_.pauses_.pausedTotal();
     const std::int64_t began = monotonicNanos();
     copyAll();
+    engine_.card_->letGo();
     keepTimes(began);
     engine_.setPhase(ProgressSnapshot::Phase::flush);
     flush();
@@ -119,7 +118,7 @@ OffloadReport CopyRun::run() {
     } else {
         evictSmall();
     }
-    lookForOtherCard();
+    engine_.lookForOtherCard();
     engine_.setPhase(ProgressSnapshot::Phase::report);
     OffloadReport report = buildReport(verified);
     blameFlush(verified);
@@ -211,7 +210,7 @@ void CopyRun::endForOtherCard(std::size_t file) {
         const Task& task = taskOf(file);
         readOfFile_ = handedOn_ = 0;
         if (!adoptKnown(task))
-            sourceFailed(task, std::string(cardChanged), false);
+            sourceFailed(task, std::string(SourceCard::changed), false);
     }
 }
 
@@ -226,19 +225,11 @@ bool CopyRun::holdBetweenFiles() {
         if (writer)
             writer->flushComplete();
     drainAll();
+    engine_.card_->letGo(); // it may be taken out meanwhile
     if (!worker_->waitWhilePaused([this] { return isCancelled(); }))
         return false;
-    lookForOtherCard();
+    engine_.holdCard();
     return !isCancelled();
-}
-
-// After a pause, whenever it was: also one that was asked for when everything had been read.
-void CopyRun::lookForOtherCard() {
-    const std::int64_t pauses = engine_.pauses_.requests();
-    if (pauses == pausesSeen_ || isCancelled())
-        return;
-    engine_.lookForOtherCard();
-    pausesSeen_ = pauses;
 }
 
 const CopyRun::Task& CopyRun::taskOf(std::size_t file) {
@@ -286,13 +277,28 @@ Chunk& CopyRun::takeChunk(std::size_t bytes, bool slice) {
     return chunk;
 }
 
+// A card that came back after its contacts were lost is held anew. What came in its place is not read.
+SourceReader CopyRun::openSource(std::size_t file) {
+    const SourceFile& source = plan_->scan.files[file];
+    try {
+        return SourceReader(*engine_.card_, source, engine_.options_, sourceClock_);
+    } catch (const OffloadError&) {
+        if (engine_.card_->isWhereHeld())
+            throw;
+    }
+    engine_.holdCard();
+    if (engine_.cardChanged_)
+        throw OffloadError::failed(std::string(SourceCard::changed));
+    return SourceReader(*engine_.card_, source, engine_.options_, sourceClock_);
+}
+
 // Read first, then told to everybody in one go: a small file costs each queue one turn, and a file that cannot be read
 // leaves no trace on any disk.
 void CopyRun::copySmall(const Task& task) {
     const SourceFile& file = plan_->scan.files[task.file];
     Chunk* chunk = nullptr;
     try {
-        SourceReader reader(plan_->source, file, engine_.options_, sourceClock_);
+        SourceReader reader = openSource(task.file);
         std::size_t got = 0;
         if (file.size > 0) {
             chunk = &takeChunk(static_cast<std::size_t>(file.size), true);
@@ -330,13 +336,17 @@ void CopyRun::copyLarge(const Task& task) {
     const SourceFile& file = plan_->scan.files[task.file];
     bool begun = false;
     try {
-        SourceReader reader(plan_->source, file, engine_.options_, sourceClock_);
+        std::optional<SourceReader> reader(openSource(task.file));
         begun = true;
+        if (plan_->task(task.file).resume)
+            reader.reset(); // the check of the part files may be paused, and the card taken out
         const std::int64_t from = startLarge(task);
-        const std::int64_t end = readBlocks(task, reader, from);
+        if (!reader)
+            reader.emplace(openSource(task.file));
+        const std::int64_t end = readBlocks(task, *reader, from);
         if (isCancelled() && end < file.size)
             throw OffloadError::failed("cancelled");
-        reader.checkUnchanged(end);
+        reader->checkUnchanged(end);
         hasher_.finish(task.file);
         checkAgainstKnown(task);
     } catch (const OffloadError& error) {
@@ -366,7 +376,7 @@ std::int64_t CopyRun::startLarge(const Task& task) {
             offset = PartResume::verify(plan_->scan.files[task.file], *checkpoint, engine_.options_.chunkSize, paths,
                                         hasher_, pool_, hooks);
         } catch (const Cancelled&) {
-            throw OffloadError::failed(std::string(engine_.cardChanged_ ? cardChanged : "cancelled"));
+            throw OffloadError::failed(std::string(engine_.cardChanged_ ? SourceCard::changed : "cancelled"));
         }
         const auto planned =
             checkpoint->blockSize * static_cast<std::int64_t>(checkpoint->blocks.size() * paths.size());

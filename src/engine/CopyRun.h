@@ -51,9 +51,9 @@ private:
     void drainAll();
     void endAt(std::size_t file, std::string reason);
     void endForOtherCard(std::size_t file);
-    void lookForOtherCard();
     const Task& taskOf(std::size_t file);
     bool adoptKnown(const Task& task);
+    SourceReader openSource(std::size_t file);
     void copySmall(const Task& task);
     void copyLarge(const Task& task);
     std::int64_t startLarge(const Task& task);
@@ -105,7 +105,6 @@ private:
     Counter checkedBytes_;
     Counter uncheckedBytes_;          // part files that did not fit
     const std::int64_t bytesToCheck_; // of part files
-    std::int64_t pausesSeen_ = 0;
     Counter sourceFailures_;
     std::atomic<std::size_t> fileIndex_{0};
 };

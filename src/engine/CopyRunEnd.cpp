@@ -99,11 +99,11 @@ OffloadReport CopyRun::buildReport(bool verified) const {
          .readCard = [this, same = std::optional<bool>()](std::size_t file,
                                                           std::int64_t block) mutable -> std::optional<std::uint64_t> {
              if (!same) // asked once: another card must not be read in this one's stead
-                 same = engine_.card_->isThere([this] { return isCancelled(); });
+                 same = engine_.card_->hold([this] { return isCancelled(); });
              if (isCancelled() || !*same)
                  return std::nullopt;
-             return BlockReads::readCardBlock(plan_->source, plan_->scan.files[file].relPath, block,
-                                              engine_.options_.chunkSize);
+             return BlockReads::readCardBlock([&] { return engine_.card_->open(plan_->scan.files[file].relPath); },
+                                              block, engine_.options_.chunkSize);
          }});
 }
 

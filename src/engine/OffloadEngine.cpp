@@ -72,6 +72,8 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
         running_ = &run;
     }
     const auto ended = [&] {
+        if (card_)
+            card_->letGo();
         const MutexLock lock(mutex_);
         run.describe(last_);
         last_.phase = phase_;
@@ -89,7 +91,13 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
 }
 
 void OffloadEngine::lookForOtherCard() {
-    if (card_ && !isCancelled() && !card_->isThere([this] { return isCancelled(); }) && !isCancelled())
+    if (card_ && !cardChanged_ && !isCancelled() && !card_->isThere([this] { return isCancelled(); }) && !isCancelled())
+        cardChanged_ = true;
+}
+
+// Files are read from now on.
+void OffloadEngine::holdCard() {
+    if (!card_->hold([this] { return isCancelled(); }) && !isCancelled())
         cardChanged_ = true;
 }
 

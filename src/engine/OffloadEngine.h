@@ -94,6 +94,7 @@ public:
 private:
     friend class CopyRun;
     void setPhase(ProgressSnapshot::Phase phase) EXCLUDES(mutex_);
+    void holdCard();
 
     OffloadOptions options_;
     const Log log_;

@@ -14,6 +14,17 @@ namespace {
 constexpr int identityTries = 3;
 constexpr std::chrono::milliseconds identityPause{250};
 
+// A volume that was just mounted again may need a moment before it tells its name.
+template <class IsSo>
+bool await(IsSo isSo, const IsCancelled& isCancelled) {
+    for (int attempt = 1; !isSo(); ++attempt) {
+        if (attempt == identityTries || isCancelled())
+            return false;
+        std::this_thread::sleep_for(identityPause);
+    }
+    return true;
+}
+
 } // namespace
 
 SourceCard::SourceCard(std::string source, Identify identify)
@@ -28,15 +39,49 @@ std::uint64_t SourceCard::deviceNow() const {
     }
 }
 
-bool SourceCard::isThere(const IsCancelled& isCancelled) const {
-    for (int attempt = 1;; ++attempt) {
-        // A card that was mounted again may have another number: what it says of itself goes first.
-        if (identity_ ? identify_(source_) == identity_ : deviceNow() == device_)
-            return true;
-        if (attempt == identityTries || isCancelled())
-            return false;
-        std::this_thread::sleep_for(identityPause);
+// A card that was mounted again may have another number: what it says of itself goes first. On the same file system
+// another folder is another card, whatever the volume says.
+bool SourceCard::isThereNow() const {
+    if (identity_ ? identify_(source_) != identity_ : deviceNow() != device_)
+        return false;
+    return !held_ || deviceNow() != held_->device() || isWhereHeld();
+}
+
+bool SourceCard::isWhereHeld() const {
+    try {
+        const FileFacts now = IO::stat(source_);
+        return held_ && now.device == held_->device() && now.inode == held_->inode();
+    } catch (const IOError&) {
+        return false;
     }
+}
+
+// Held first and asked then: what answers is what is held.
+bool SourceCard::holdNow() {
+    held_.reset();
+    try {
+        held_.emplace(IO::realPath(source_));
+    } catch (const IOError&) {
+        return false;
+    }
+    return isThereNow() && isWhereHeld();
+}
+
+bool SourceCard::hold(const IsCancelled& isCancelled) {
+    const bool held = await([this] { return holdNow(); }, isCancelled);
+    if (!held)
+        letGo();
+    return held;
+}
+
+UncachedReader SourceCard::open(const std::string& relative) const {
+    if (!held_)
+        throw IOError("open", source_ + "/" + relative, ENODEV);
+    return UncachedReader::beneath(*held_, relative);
+}
+
+bool SourceCard::isThere(const IsCancelled& isCancelled) const {
+    return await([this] { return isThereNow(); }, isCancelled);
 }
 
 } // namespace velmora

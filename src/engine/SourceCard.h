@@ -1,18 +1,27 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "platform/File.h"
+#include "platform/HeldFolder.h"
 
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace velmora {
 
 // The card in the reader, as it was when a run began. Another one is told by what its volume says of itself; a volume
 // that says nothing, by the file system that the path leads to.
+//
+// While its files are read, its top folder is held open: what is mounted at its path meanwhile, or moved there, is
+// never read in its place. A card that is held cannot be unmounted, so a pause lets it go. Not thread-safe.
 class SourceCard {
 public:
+    // The source error of every file that another card, or none, left unread.
+    static constexpr std::string_view changed = "card changed while paused";
+
     using Identify = std::function<std::optional<std::string>(const std::string& source)>;
 
     // Without `identify` the volume itself is asked (CardIdentity::withVolume).
@@ -23,13 +32,24 @@ public:
     // as well when cancelled while waiting for that.
     bool isThere(const IsCancelled& isCancelled) const;
 
+    // Holds it from now on. Returns as `isThere` does; false holds nothing.
+    bool hold(const IsCancelled& isCancelled);
+    void letGo() noexcept { held_.reset(); }
+    // Its path still leads to the folder that is held.
+    bool isWhereHeld() const;
+    // A file of the card that is held, as UncachedReader::beneath opens it. Throws IOError.
+    UncachedReader open(const std::string& relative) const;
+
 private:
     std::uint64_t deviceNow() const; // st_dev of the source; 0 when there is none
+    bool isThereNow() const;
+    bool holdNow();
 
     std::string source_;
     Identify identify_;
     std::optional<std::string> identity_;
     std::uint64_t device_ = 0;
+    std::optional<HeldFolder> held_;
 };
 
 } // namespace velmora

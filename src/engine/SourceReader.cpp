@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "engine/OffloadOptions.h"
+#include "engine/SourceCard.h"
 
 #include <chrono>
 #include <fmt/format.h>
@@ -15,14 +16,14 @@ constexpr std::chrono::milliseconds retryPause{250};
 
 } // namespace
 
-SourceReader::SourceReader(const std::string& root, const SourceFile& file, const OffloadOptions& options,
+SourceReader::SourceReader(const SourceCard& card, const SourceFile& file, const OffloadOptions& options,
                            SourceClock& clock)
-    : file_(file), options_(options), clock_(clock), reader_(open(root, file, clock)) {}
+    : file_(file), options_(options), clock_(clock), reader_(open(card, file, clock)) {}
 
-UncachedReader SourceReader::open(const std::string& root, const SourceFile& file, SourceClock& clock) {
+UncachedReader SourceReader::open(const SourceCard& card, const SourceFile& file, SourceClock& clock) {
     const SourceClock::Visit visit(clock);
     try {
-        return UncachedReader::beneath(root, file.relPath);
+        return card.open(file.relPath);
     } catch (const IOError& error) {
         throw OffloadError::failed(error.what());
     }

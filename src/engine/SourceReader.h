@@ -11,14 +11,15 @@
 
 namespace velmora {
 
+class SourceCard;
 struct OffloadOptions;
 
-// Reads one file of the card, past the cache, following no link. A block that cannot be read is tried again after a
-// quarter of a second: contacts and readers have moments. Every failure is thrown as OffloadError with the sentence
-// that stands as the file's source error in the report.
+// Reads one file of a card that is held, past the cache, following no link. A block that cannot be read is tried again
+// after a quarter of a second: contacts and readers have moments. Every failure is thrown as OffloadError with the
+// sentence that stands as the file's source error in the report.
 class SourceReader {
 public:
-    SourceReader(const std::string& root, const SourceFile& file, const OffloadOptions& options, SourceClock& clock);
+    SourceReader(const SourceCard& card, const SourceFile& file, const OffloadOptions& options, SourceClock& clock);
 
     // Fills `to` from `offset`; 0 at the end of the file.
     std::size_t read(std::span<std::byte> to, std::int64_t offset);
@@ -26,7 +27,7 @@ public:
     void checkUnchanged(std::int64_t read) const;
 
 private:
-    static UncachedReader open(const std::string& root, const SourceFile& file, SourceClock& clock);
+    static UncachedReader open(const SourceCard& card, const SourceFile& file, SourceClock& clock);
 
     const SourceFile& file_;
     const OffloadOptions& options_;

@@ -102,6 +102,9 @@ private:
     AppendPlanner::Ask ask(const std::vector<std::string>& cardPaths);
     RepairPlanner::Checked checkRepair(const std::vector<std::string>& cardPaths);
     void moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation);
+    RepairPlan compareWithCard(const AppendPlanner::Ask& asked, const RepairPlanner::Checked& checked,
+                               const std::vector<RepairPlanner::Findings>& findings);
+    void requireSameCard();
     void settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths);
     void nothingNew(const AppendPlanner::NothingNew& nothing);
     void foldersClaimed(const OffloadPlan& plan) EXCLUDES(mutex_);

@@ -71,6 +71,7 @@ void OffloadJob::runCopy() {
     plan.sourceMedium = mediumOf(config_.source, engine_.options());
     if (engine_.isCancelled())
         throw Cancelled();
+    requireSameCard();
     begin(Phase::copying);
     Conclusion conclusion;
     conclusion.create = true;
@@ -119,6 +120,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     }
     if (append.settle)
         throw OffloadError::failed(std::string(unsettled));
+    requireSameCard();
     checkSpace(append.toPlan());
     begin(Phase::copying);
     if (append.later > 0)
@@ -164,7 +166,8 @@ void OffloadJob::runRepair() {
     log("Reading every copy of the backup to find what is defective…");
     const auto findings = repair_->examine(engine_.pauses(), isCancelled);
     const AppendPlanner::Ask asked = ask(checked.backup.paths);
-    RepairPlan repair = repair_->plan(asked, checked, findings, engine_.pauses(), isCancelled);
+    RepairPlan repair = compareWithCard(asked, checked, findings);
+    requireSameCard();
     Conclusion conclusion;
     conclusion.create = !repair.finishes;
     conclusion.card = std::move(repair.card);
@@ -216,6 +219,34 @@ void OffloadJob::moveStrangePages(const std::vector<std::string>& cardPaths, std
         held_->check(cardPath);
         SetAside::strangePages(cardPath, generation);
     }
+}
+
+// Every pause of the comparison may bring another card, of which nothing is read.
+RepairPlan OffloadJob::compareWithCard(const AppendPlanner::Ask& asked, const RepairPlanner::Checked& checked,
+                                       const std::vector<RepairPlanner::Findings>& findings) {
+    PauseGate& gate = engine_.pauses();
+    const auto mustStop = [this, &gate, held = gate.holdCount()]() mutable {
+        if (!gate.isPaused() && gate.holdCount() != held) {
+            held = gate.holdCount();
+            engine_.lookForOtherCard();
+        }
+        return engine_.isCancelled() || engine_.cardChanged();
+    };
+    try {
+        return repair_->plan(asked, checked, findings, gate, mustStop);
+    } catch (const Cancelled&) {
+        if (!engine_.isCancelled())
+            requireSameCard();
+        throw;
+    }
+}
+
+// What is planned for one card is not begun with another.
+void OffloadJob::requireSameCard() {
+    engine_.lookForOtherCard();
+    if (engine_.cardChanged())
+        throw OffloadError::failed("The card in the reader was swapped or removed — nothing was copied. Insert the "
+                                   "original card and run the same command again.");
 }
 
 // A run that had done all its work was stopped between its last records. They are made final as they are: nothing has

@@ -11,6 +11,8 @@
 
 namespace velmora {
 
+class HeldFolder;
+
 // Page-aligned memory from the kernel, zero-filled, backed by huge pages where it gives them. Move-only.
 class AlignedBuffer {
 public:
@@ -55,6 +57,8 @@ public:
     // Joins `relative` to `root` and follows no link anywhere below `root` (openat2, RESOLVE_BENEATH and
     // RESOLVE_NO_SYMLINKS). A relative path that is empty, absolute or holds "." or ".." is refused with EXDEV.
     static UncachedReader beneath(const std::string& root, const std::string& relative);
+    // The same below a folder that is held, whatever its path leads to by now.
+    static UncachedReader beneath(const HeldFolder& root, const std::string& relative);
     ~UncachedReader();
     UncachedReader(UncachedReader&&) noexcept;
     UncachedReader& operator=(UncachedReader&&) = delete;
@@ -68,7 +72,7 @@ public:
     std::size_t readAt(std::span<std::byte> buffer, std::int64_t offset);
 
 private:
-    UncachedReader() = default;
+    UncachedReader(std::string path, int fd);
     std::size_t readOnce(std::byte* to, std::size_t bytes, std::int64_t offset);
     void becomeBuffered();
 

@@ -18,6 +18,8 @@ public:
 
     const std::string& path() const noexcept { return path_; }
     std::uint64_t device() const noexcept { return device_; } // st_dev of stat(2)
+    std::uint64_t inode() const noexcept { return inode_; }
+    int descriptor() const noexcept;
     // Throws IOError when the path does not lead here any more: "stat" with the system's error, or ESTALE.
     void check() const;
 

@@ -39,6 +39,10 @@ struct Copied {
     std::vector<std::uint64_t> blocks;
 };
 
+std::function<UncachedReader()> opening(const test::TempFolder& card, const std::string& path) {
+    return [=, root = card.path()] { return UncachedReader::beneath(root, path); };
+}
+
 ReadBack::Outcome readBack(const std::string& folder, const ReadBack::Expected& expected,
                            const ReadBack::Hooks& hooks = {}) {
     AlignedBuffer buffer(blockSize);
@@ -253,7 +257,7 @@ TEST(BlockReads, TakesBlockSizesThatNoDiskReadsInOnePiece) {
         EXPECT_EQ(BlockReads::complete(card.path(), "DCIM/A.mov", second, {}).outcome,
                   BlockOutcome::mismatch(at / block))
             << block;
-        const auto card2 = BlockReads::readCardBlock(card.path(), "DCIM/A.mov", 0, block);
+        const auto card2 = BlockReads::readCardBlock(opening(card, "DCIM/A.mov"), 0, block);
         ASSERT_TRUE(card2);
         EXPECT_EQ(*card2 == file.blocks[0], at / block != 0) << block;
     }
@@ -285,8 +289,8 @@ TEST(BlockReads, SaysWhatIsWrong) {
     EXPECT_THROW(BlockReads::complete(card.path(), "../x", stopped, {}), IOError);
     BlockVerifier monstrous({std::int64_t{3} << 30, std::int64_t{2} << 30, {1, 2}});
     EXPECT_THROW(BlockReads::complete(path, monstrous, {}), IOError); // no memory is asked for
-    EXPECT_EQ(BlockReads::readCardBlock(card.path(), "none", 0, blockSize), std::nullopt);
-    EXPECT_EQ(BlockReads::readCardBlock(card.path(), "DCIM/A.mov", 99, blockSize), blockHash(nullptr, 0));
+    EXPECT_EQ(BlockReads::readCardBlock(opening(card, "none"), 0, blockSize), std::nullopt);
+    EXPECT_EQ(BlockReads::readCardBlock(opening(card, "DCIM/A.mov"), 99, blockSize), blockHash(nullptr, 0));
 }
 
 TEST(CacheProbe, DrivesAFileOutOfMemoryOrSaysThatItStays) {

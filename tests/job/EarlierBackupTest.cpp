@@ -318,6 +318,20 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
     options.beforeFileCopy = [&](std::int64_t) { test::FileTree::flipBit(temp / "card/DCIM/4.mov", 9); };
     EXPECT_FALSE(repair(cards).safeToFormat);
     EXPECT_THAT(job->report()->files.front().sourceError.value_or(""), HasSubstr("the card has different content"));
+
+    // A card that is swapped while the backup and the card are compared, or an append is planned.
+    options.beforeFileCopy = {};
+    const auto before = disks();
+    for (const bool appends : {false, true}) {
+        options.cardIdentity = [asked = 0](const std::string&) mutable {
+            return std::optional<std::string>(asked++ == 0 ? "A" : "B");
+        };
+        const JobStatus swapped = appends ? append(cards) : repair(cards);
+        EXPECT_THAT(swapped.error.value_or(""),
+                    HasSubstr("swapped or removed — nothing was copied. Insert the original"));
+        EXPECT_EQ(disks(), before);
+        shoot({{"later.mov", 10}});
+    }
 }
 
 // Disks that were appended to one by one stand at one generation and hold different files.

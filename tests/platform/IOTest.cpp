@@ -1,3 +1,4 @@
+#include "platform/HeldFolder.h"
 #include "platform/IO.h"
 #include "platform/PageCache.h"
 #include "platform/linux/OpenFile.h"
@@ -206,14 +207,15 @@ TEST(IO, OpensNothingOutsideARootAndNoLink) {
         {"fifo", EINVAL},
         {"CLIP", EINVAL},
     };
-    const Descriptor root(::open((folder / "card").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const HeldFolder root(folder / "card");
     for (const auto& c : cases) {
         EXPECT_EQ(codeOf([&] { UncachedReader::beneath(folder / "card", c.relative); }), c.code) << c.relative;
+        EXPECT_EQ(codeOf([&] { UncachedReader::beneath(root, c.relative); }), c.code) << c.relative;
         EXPECT_EQ(codeOf([&] { IO::readFileBeneath(folder / "card", c.relative, 100); }), c.code) << c.relative;
         // The way for kernels without openat2 must give the same answers; it is called with what has passed the check
         // of words, and what is no regular file is refused behind it.
         if (c.code != EXDEV && c.code != EINVAL) {
-            EXPECT_EQ(codeOf([&] { openBeneathByComponents(root.get(), c.relative, c.relative); }), c.code)
+            EXPECT_EQ(codeOf([&] { openBeneathByComponents(root.descriptor(), c.relative, c.relative); }), c.code)
                 << c.relative;
         }
     }

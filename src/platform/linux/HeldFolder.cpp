@@ -29,6 +29,8 @@ HeldFolder::HeldFolder(std::string path) : path_(std::move(path)) {
 HeldFolder::~HeldFolder() = default;
 HeldFolder::HeldFolder(HeldFolder&&) noexcept = default;
 
+int HeldFolder::descriptor() const noexcept { return handle_->get(); }
+
 void HeldFolder::check() const {
     const FileFacts now = IO::lstat(path_);
     if (now.device != device_ || now.inode != inode_)

@@ -97,17 +97,21 @@ Descriptor openBeneathByComponents(int rootFd, std::string_view relative, const 
 }
 
 Descriptor openRegularBeneath(const std::string& root, const std::string& relative) {
+    const Descriptor rootFd(retryInterrupted([&] { return ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+    check(rootFd.get(), "open", root);
+    return openRegularBeneath(rootFd.get(), root, relative);
+}
+
+Descriptor openRegularBeneath(int rootFd, const std::string& root, const std::string& relative) {
     const std::string shown = root + "/" + relative;
     if (!isPlainRelative(relative))
         throw IOError("open", shown, EXDEV);
-    Descriptor rootFd(retryInterrupted([&] { return ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-    check(rootFd.get(), "open", root);
-    Descriptor fd(openat2Beneath(rootFd.get(), relative));
+    Descriptor fd(openat2Beneath(rootFd, relative));
     if (!fd) {
         // ENOSYS: before Linux 5.6. EPERM: some sandboxes forbid calls that they do not know.
         if (errno != ENOSYS && errno != EPERM)
             throwErrno("open", shown);
-        fd = openBeneathByComponents(rootFd.get(), relative, shown);
+        fd = openBeneathByComponents(rootFd, relative, shown);
     }
     return acceptRegular(std::move(fd), shown);
 }

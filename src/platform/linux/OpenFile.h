@@ -22,6 +22,8 @@ Descriptor openRegular(const std::string& path, int flags, mode_t mode = 0);
 
 // The same for `root`/`relative`, reading only; no link is followed anywhere below `root`.
 Descriptor openRegularBeneath(const std::string& root, const std::string& relative);
+// The same below an open folder, whose path is for messages only.
+Descriptor openRegularBeneath(int rootFd, const std::string& root, const std::string& relative);
 
 // The walk for kernels without openat2(2): one openat(2) for each component. Used by openRegularBeneath, which see.
 Descriptor openBeneathByComponents(int rootFd, std::string_view relative, const std::string& shownPath);

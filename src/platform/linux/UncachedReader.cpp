@@ -1,4 +1,5 @@
 #include "platform/File.h"
+#include "platform/HeldFolder.h"
 #include "platform/linux/OpenFile.h"
 
 #include <algorithm>
@@ -7,16 +8,18 @@
 
 namespace velmora {
 
-UncachedReader::UncachedReader(const std::string& path)
-    : path_(path), fd_(openRegular(path, O_RDONLY).release()),
-      mode_(switchToDirect(fd_) ? CacheMode::direct : CacheMode::dropBehind) {}
+UncachedReader::UncachedReader(const std::string& path) : UncachedReader(path, openRegular(path, O_RDONLY).release()) {}
+
+UncachedReader::UncachedReader(std::string path, int fd)
+    : path_(std::move(path)), fd_(fd), mode_(switchToDirect(fd) ? CacheMode::direct : CacheMode::dropBehind) {}
 
 UncachedReader UncachedReader::beneath(const std::string& root, const std::string& relative) {
-    UncachedReader reader;
-    reader.path_ = root + "/" + relative;
-    reader.fd_ = openRegularBeneath(root, relative).release();
-    reader.mode_ = switchToDirect(reader.fd_) ? CacheMode::direct : CacheMode::dropBehind;
-    return reader;
+    return UncachedReader(root + "/" + relative, openRegularBeneath(root, relative).release());
+}
+
+UncachedReader UncachedReader::beneath(const HeldFolder& root, const std::string& relative) {
+    return UncachedReader(root.path() + "/" + relative,
+                          openRegularBeneath(root.descriptor(), root.path(), relative).release());
 }
 
 UncachedReader::~UncachedReader() {
