@@ -28,22 +28,25 @@ std::optional<BootSector::Serial> fromDevice(const std::string& path, const std:
     return sector ? BootSector::serial(*sector) : std::nullopt;
 }
 
+// Some devices format without a serial. Zero tells no medium from another.
+std::optional<std::uint32_t> known(std::optional<std::uint32_t> serial) { return serial == 0U ? std::nullopt : serial; }
+
 } // namespace
 
 std::optional<std::uint32_t> serialFromUUID(const std::string& filesystemType, const std::string& uuid) {
     if (isFATFamily(filesystemType))
-        return BootSector::parse(uuid);
+        return known(BootSector::parse(uuid));
     std::uint64_t value = 0;
     const auto [end, error] = std::from_chars(uuid.data(), uuid.data() + uuid.size(), value, 16);
     if (filesystemType != "ntfs" || uuid.size() != 16 || error != std::errc() || end != uuid.data() + uuid.size())
         return std::nullopt;
-    return static_cast<std::uint32_t>(value);
+    return known(static_cast<std::uint32_t>(value));
 }
 
 std::optional<std::uint32_t> bootSerial(const std::string& path) {
     const std::string type = IO::filesystemType(path);
     if (const auto serial = fromDevice(path, type))
-        return serial->value;
+        return known(serial->value);
     const auto uuid = volumeUUID(path);
     return uuid ? serialFromUUID(type, *uuid) : std::nullopt;
 }

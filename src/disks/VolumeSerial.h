@@ -12,7 +12,7 @@ namespace VolumeFacts {
 
 // The serial in the boot sector of a path's volume (FAT, exFAT, NTFS). Without rights on the raw device it is taken
 // from the identifier that udev read there, so that a card has the same key for every user. None for other file
-// systems.
+// systems, and where it is zero.
 std::optional<std::uint32_t> bootSerial(const std::string& path);
 
 // The serial in plain form ("1A2B3C4D"), else "uuid:" and the volume's UUID; none when the volume has neither.

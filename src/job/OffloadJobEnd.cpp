@@ -2,6 +2,7 @@
 
 #include "base/FileTimes.h"
 #include "base/Msg.h"
+#include "base/Product.h"
 #include "base/Text.h"
 #include "engine/Scanner.h"
 #include "job/HeldFolders.h"
@@ -29,6 +30,10 @@ constexpr std::string_view swappedCard =
     "The card in the reader was swapped or removed during the pause — the remaining files were not copied. Insert the "
     "original card and append to the backup.";
 
+constexpr std::string_view swappedUnpaused =
+    "The card in the reader was swapped or removed — the remaining files were not copied. Insert the original card and "
+    "append to the backup.";
+
 // Everything had been read when the other card came, or nothing had to be.
 std::string swappedAfterwards(const std::string& done, const std::string& cardName) {
     return fmt::format("{}, but another card is in the reader now, or none. Insert {} again and append to the backup: "
@@ -36,18 +41,32 @@ std::string swappedAfterwards(const std::string& done, const std::string& cardNa
                        done, cardName);
 }
 
-// Files that are on the card now and were not there, or not so, in the scan that the copy was made from.
-std::int64_t filesAddedSince(const SourceScan& before, const SourceScan& now) {
-    std::int64_t added = 0;
+// A card that is swapped between files leaves the rest unread; later, only the promise.
+std::string swappedText(const OffloadReport& report, bool wasPaused) {
+    if (std::ranges::find(report.files, SourceCard::changed, &OffloadReport::FileEntry::sourceError) !=
+        report.files.end())
+        return std::string(wasPaused ? swappedCard : swappedUnpaused);
+    const auto failed = static_cast<std::int64_t>(report.failedFiles().size());
+    if (failed == 0)
+        return swappedAfterwards(fmt::format("All files of {} were copied", report.cardName), report.cardName);
+    return fmt::format("{} of {} failed, and another card is in the reader now, or none. Insert {} again and run "
+                       "Repair ({} repair).",
+                       countedFiles(failed), report.cardName, report.cardName, Product::cli);
+}
+
+// What is on the card now and was not there, or not so, in the scan that the copy was made from.
+void addNews(const SourceScan& before, const SourceScan& now, Promises::Evidence& evidence) {
     auto known = before.files.begin(); // both lists are sorted by path
     for (const SourceFile& file : now.files) {
         while (known != before.files.end() && known->relPath < file.relPath)
             ++known;
-        added += known == before.files.end() || *known != file ? 1 : 0;
+        if (known == before.files.end() || known->relPath != file.relPath)
+            ++evidence.filesAdded;
+        else if (*known != file)
+            evidence.changed.push_back(file.relPath);
     }
     if (now.uncopied.size() > before.uncopied.size())
-        added += static_cast<std::int64_t>(now.uncopied.size() - before.uncopied.size());
-    return added;
+        evidence.filesAdded += static_cast<std::int64_t>(now.uncopied.size() - before.uncopied.size());
 }
 
 HistoryRecords::Verdict forHistory(const Promises::Verdict& verdict) {
@@ -118,7 +137,7 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     }
     evidence.cardSwapped = engine_.cardChanged();
     if (!conclusion.coversPart) {
-        evidence.filesAdded = filesAddedSince(conclusion.card, card);
+        addNews(conclusion.card, card, evidence);
         return evidence;
     }
     const auto generation = report == nullptr ? std::nullopt : std::optional(report->generationNumber());
@@ -190,10 +209,7 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
     else if (engine_.cardChanged())
-        endAs(Phase::failed,
-              report->success()
-                  ? swappedAfterwards(fmt::format("All files of {} were copied", report->cardName), report->cardName)
-                  : std::string(swappedCard));
+        endAs(Phase::failed, swappedText(*report, engine_.pauses().holdCount() > 0));
     else
         endAs(Phase::done);
 }

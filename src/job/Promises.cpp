@@ -53,6 +53,12 @@ std::string notComparedText(const Evidence& evidence) {
         countedFiles(evidence.notCompared), plural(evidence.notCompared, "was", "were"), evidence.compareCommand);
 }
 
+// What the card holds beside, or otherwise than, the backup.
+void judgeCard(std::int64_t added, const std::vector<std::string>& changed, Judgement& judgement) {
+    judgement.deny(!changed.empty(), card, changed.empty() ? "" : BackupMessage::changed(changed));
+    judgement.deny(added > 0, card, added > 0 ? BackupMessage::notInBackup(added) : "");
+}
+
 void judgeWhole(const BackupCheck& whole, Judgement& judgement) {
     if (whole.error) {
         judgement.deny(true, everything, BackupMessage::unreadable(*whole.error));
@@ -61,8 +67,7 @@ void judgeWhole(const BackupCheck& whole, Judgement& judgement) {
     const auto& [failed, unverified] = whole.state;
     judgement.deny(failed > 0, everything, failed > 0 ? BackupMessage::failed(failed) : "");
     judgement.deny(!whole.lost.empty(), everything, whole.lost.empty() ? "" : lostText(whole.lost));
-    judgement.deny(whole.notInBackup > 0, card,
-                   whole.notInBackup > 0 ? BackupMessage::notInBackup(whole.notInBackup) : "");
+    judgeCard(whole.notInBackup, whole.changed, judgement);
     judgement.deny(unverified > 0, format | verified, unverified > 0 ? BackupMessage::unverified(unverified) : "");
     judgement.denyEach(whole.elsewhere, format | verified);
     // Whatever failed is among these by name. A failure that is not must not pass unsaid.
@@ -87,8 +92,7 @@ Verdict judge(const Evidence& evidence) {
     if (evidence.whole)
         judgeWhole(*evidence.whole, judgement);
     else
-        judgement.deny(evidence.filesAdded > 0, card,
-                       evidence.filesAdded > 0 ? BackupMessage::notInBackup(evidence.filesAdded) : "");
+        judgeCard(evidence.filesAdded, evidence.changed, judgement);
     judgement.deny(evidence.notCompared > 0, card, evidence.notCompared > 0 ? notComparedText(evidence) : "");
     judgement.deny(!evidence.onOtherVolume, everything, std::string(sameVolume));
     return std::move(judgement).verdict();

@@ -26,7 +26,8 @@ struct Evidence {
     // The card, looked at once more when the run had ended. Not looked at after a cancel or a swap.
     bool cardSeen = false;
     std::optional<std::string> cardError; // it could not be looked at
-    std::int64_t filesAdded = 0;          // it holds more, or other, than the run took in; counted without `whole`
+    std::int64_t filesAdded = 0;          // it holds more than the run took in; counted without `whole`
+    std::vector<std::string> changed;     // it holds these otherwise than the run took them in; likewise
 
     // The backup as a whole; none after a first copy, which its report tells everything of.
     std::optional<BackupCheck> whole;

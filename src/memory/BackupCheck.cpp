@@ -17,6 +17,10 @@ namespace velmora {
 
 namespace {
 
+bool isAsRecorded(const SourceFile& file, const RecordedFile& found, bool localTime) {
+    return found.file->size == file.size && FileTimes::close(found.file->modified, file.mtime, localTime);
+}
+
 // One file of the card on every disk: its status words; none when a disk does not have it as it is on the card.
 std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, const std::vector<CardRecord>& records,
                                                         bool exactly, bool localTime) {
@@ -24,7 +28,7 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
     for (std::size_t d = 0; d < records.size(); ++d) {
         const CardRecord& record = records[d];
         const RecordedFile* found = record.find(file.relPath, exactly);
-        if (!found || found->file->size != file.size || !FileTimes::close(found->file->modified, file.mtime, localTime))
+        if (!found || !isAsRecorded(file, *found, localTime))
             return std::nullopt;
         words.push_back(found->file->sourceError ? std::string_view("failed") : record.statusOf(*found, d));
         // A run into some of the disks must not vouch for a card whose copy on another one failed.
@@ -38,6 +42,14 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
             words.back() = "written";
     }
     return words;
+}
+
+// Some disk holds an earlier state of the file, which no append and no repair replaces.
+bool changedSince(const SourceFile& file, const std::vector<CardRecord>& records, bool exactly, bool localTime) {
+    return std::ranges::any_of(records, [&](const CardRecord& record) {
+        const RecordedFile* found = record.find(file.relPath, exactly);
+        return found && (found->file->xxh64 || !found->file->sourceError) && !isAsRecorded(file, *found, localTime);
+    });
 }
 
 // What a folder lacks that nobody named for this run, by its records and by what lies there; empty when it lacks
@@ -120,7 +132,10 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
         const bool exactly = twins.contains(file.relPath);
         const auto words = statusesOf(file, records, exactly, localTime);
         if (!words) {
-            ++check.notInBackup;
+            if (changedSince(file, records, exactly, localTime))
+                check.changed.push_back(file.relPath);
+            else
+                ++check.notInBackup;
             continue;
         }
         check.covered.push_back(file);

@@ -17,9 +17,10 @@ namespace velmora {
 // is decided elsewhere, together with what else is known.
 struct BackupCheck {
     BackupState state;
-    std::int64_t notInBackup = 0;   // files of the card that no report names, or names with another size or time
-    std::int64_t ofEarlierRuns = 0; // files of the card that only earlier generations than the given one record
-    std::vector<std::string> lost;  // recorded as failed on some disk, and not on the card any more
+    std::int64_t notInBackup = 0;     // files of the card that some disk does not record
+    std::vector<std::string> changed; // files of the card that a disk records with another size or time
+    std::int64_t ofEarlierRuns = 0;   // files of the card that only earlier generations than the given one record
+    std::vector<std::string> lost;    // recorded as failed on some disk, and not on the card any more
     // A sentence for each further folder of this backup that lacks something, could not be looked at, or did not pass
     // its last verification.
     std::vector<std::string> elsewhere;

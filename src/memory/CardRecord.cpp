@@ -1,6 +1,7 @@
 #include "memory/CardRecord.h"
 
 #include "base/Errors.h"
+#include "base/Product.h"
 #include "base/Text.h"
 #include "clips/ClipDetector.h"
 #include "disks/VolumeSerial.h"
@@ -325,6 +326,15 @@ std::string unverified(std::int64_t files) {
 std::string notInBackup(std::int64_t files) {
     return fmt::format("The card has {} that the backup does not — do not eject the card, append to the backup.",
                        countedFiles(files));
+}
+
+std::string changed(const std::vector<std::string>& paths) {
+    const auto more = static_cast<std::int64_t>(paths.size()) - 1;
+    return fmt::format("{}{} changed on the card after being copied: the backup has the earlier state, which neither "
+                       "append nor repair replaces — do not format the card; copy it in full to a new folder ({} copy "
+                       "… --again).",
+                       escapeForDisplay(paths.front()), more > 0 ? fmt::format(" and {} more", more) : "",
+                       Product::cli);
 }
 
 std::string unreadable(std::string_view error) {

@@ -99,6 +99,7 @@ namespace BackupMessage {
 std::string failed(std::int64_t files);
 std::string unverified(std::int64_t files);
 std::string notInBackup(std::int64_t files);
+std::string changed(const std::vector<std::string>& paths); // at least one
 std::string unreadable(std::string_view error);
 std::string elsewhereUnchecked(std::string_view cardPath);
 std::string elsewhereLacks(std::string_view cardPath, std::int64_t files);

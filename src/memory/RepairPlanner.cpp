@@ -104,9 +104,10 @@ private:
     // A copy that failed when it was made, or that a cancelled repair did not get to. A good one may lie there by now.
     void collectFailed(const RecordedFile& recorded, std::size_t d) {
         const std::string_view status = record(d).statusOf(recorded, d);
-        if (status == "verified" || isOutOfReach(*recorded.file))
+        const bool unread = recorded.file->sourceError.has_value(); // of the card, whatever the copy is
+        if ((status == "verified" && !unread) || isOutOfReach(*recorded.file))
             return;
-        if (status == "written") { // it is read back and recorded
+        if (status == "written" || status == "verified") { // it is read back and recorded
             if (onCard_.contains(twins_.nameOf(recorded.file->path)))
                 badFile(recorded.file->path);
             return;

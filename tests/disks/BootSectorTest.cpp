@@ -58,6 +58,8 @@ TEST(VolumeSerial, IsTakenFromAnIdentifierOnlyWhereItIsOne) {
     for (const char* type : {"udf", "ext4", "hfsplus", "fuseblk", "msdos"})
         EXPECT_FALSE(serialFromUUID(type, "0123456789abcdef")) << type;
     EXPECT_FALSE(serialFromUUID("udf", "1A2B-3C4D"));
+    EXPECT_FALSE(serialFromUUID("exfat", "0000-0000")) << "formatted without one";
+    EXPECT_FALSE(serialFromUUID("ntfs", "0123456700000000"));
     EXPECT_FALSE(serialFromUUID("ntfs", "0123456789abcdeg"));
 }
 

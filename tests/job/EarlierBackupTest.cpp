@@ -321,8 +321,10 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
 
     // A card that is swapped while the backup and the card are compared, or an append is planned.
     options.beforeFileCopy = {};
-    const auto before = disks();
     for (const bool appends : {false, true}) {
+        restore();
+        appends ? shoot({{"later.mov", 10}}) : test::FileTree::flipBit(cards[1] + "/DCIM/4.mov", 5);
+        const auto before = disks();
         options.cardIdentity = [asked = 0](const std::string&) mutable {
             return std::optional<std::string>(asked++ == 0 ? "A" : "B");
         };
@@ -330,8 +332,27 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
         EXPECT_THAT(swapped.error.value_or(""),
                     HasSubstr("swapped or removed — nothing was copied. Insert the original"));
         EXPECT_EQ(disks(), before);
-        shoot({{"later.mov", 10}});
     }
+}
+
+// A card that was held against the backup and is another one, or could not be read, leaves its failures there.
+TEST_F(EarlierBackup, TheRightCardClearsWhatAnotherOneLeft) {
+    options.cardMedium = {};
+    ASSERT_EQ(copy().phase, Phase::done);
+    const auto before = contents(temp / "a");
+    test::FileTree::flipBit(temp / "card/DCIM/2.mov", 9);
+    JobConfig into = config();
+    into.appendInto = cards;
+    job = std::make_unique<OffloadJob>(into, options);
+    job->compareCard();
+    job->run({});
+    EXPECT_FALSE(job->status().safeToFormat);
+    test::FileTree::flipBit(temp / "card/DCIM/2.mov", 9);
+    EXPECT_TRUE(repair(cards).safeToFormat) << job->status().error.value_or("");
+    for (const auto& [path, content] : before)
+        EXPECT_TRUE(path.find("/_REPORT/") != std::string::npos || path.find("/ascmhl/") != std::string::npos ||
+                    path.ends_with(".xxh64") || test::FileTree::read(temp / ("a/" + path)) == content)
+            << path;
 }
 
 // Disks that were appended to one by one stand at one generation and hold different files.

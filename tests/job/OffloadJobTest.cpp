@@ -148,7 +148,7 @@ TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
     // The same when everything had been read, with a pause or without, and where nothing has to be copied. What another
     // card holds is not missing from this backup.
     options.beforeFileCopy = {};
-    for (const std::string moment : {"PAUSE", "READBACK", "RECORDS", "NOTHINGNEW"}) {
+    for (const std::string moment : {"PAUSE", "READBACK", "DEFECT", "RECORDS", "NOTHINGNEW"}) {
         swapped = false;
         std::filesystem::remove(config.source + "/stranger.mov");
         config.cardName = moment;
@@ -163,7 +163,9 @@ TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
         };
         options.afterVerifyChunk = [&] {
             moment == "PAUSE" ? job->pause() : void();
-            moment == "PAUSE" || moment == "READBACK" ? swap() : void();
+            if (moment == "DEFECT" && !swapped)
+                test::FileTree::write(temp / ("a" + card + "/3.mov"), std::string(50, 'x'));
+            moment == "RECORDS" || moment == "NOTHINGNEW" ? void() : swap();
             moment == "PAUSE" ? job->resume() : void();
         };
         options.cardIdentity = [&](const std::string&) {
@@ -176,13 +178,25 @@ TEST_F(OffloadJobTest, ACardThatWasSwappedInAPauseEndsTheJob) {
         job->run({});
         const auto late = job->status();
         EXPECT_EQ(late.phase, Phase::failed);
-        EXPECT_TRUE(late.error && late.error->find(", but another card is in the reader now") != std::string::npos)
+        EXPECT_TRUE(late.error && late.error->find(moment == "DEFECT" ? "1 file of DEFECT failed, and another card"
+                                                                      : ", but another card is in the reader now") !=
+                                      std::string::npos)
             << moment << late.error.value_or("");
         EXPECT_FALSE(late.safeToEject || late.safeToFormat) << moment;
         EXPECT_FALSE(job->report() && job->report()->safeToFormatSeconds) << moment;
         for (const std::string& warning : late.warnings)
             EXPECT_EQ(warning.find("the backup does not"), std::string::npos) << warning;
     }
+}
+
+TEST_F(OffloadJobTest, NamesAFileThatChangedOnTheCardAfterItWasCopied) {
+    options.afterVerifyChunk = [&] { test::FileTree::write(config.source + "/1.mov", "changed"); };
+    OffloadJob job(config, options);
+    job.run({});
+    ASSERT_EQ(job.status().warnings.size(), 1U);
+    EXPECT_EQ(job.status().warnings[0].find("1.mov changed on the card after being copied"), 0U)
+        << job.status().warnings[0];
+    EXPECT_FALSE(job.status().safeToEject || job.status().safeToFormat);
 }
 
 TEST_F(OffloadJobTest, KeepsOthersOutOfTheCardFoldersWhileItRuns) {
