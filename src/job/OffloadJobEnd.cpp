@@ -43,8 +43,7 @@ std::string swappedAfterwards(const std::string& done, const std::string& cardNa
 
 // A card that is swapped between files leaves the rest unread; later, only the promise.
 std::string swappedText(const OffloadReport& report, bool wasPaused) {
-    if (std::ranges::find(report.files, SourceCard::changed, &OffloadReport::FileEntry::sourceError) !=
-        report.files.end())
+    if (std::ranges::any_of(report.files, [](const auto& file) { return file.sourceError == SourceCard::changed; }))
         return std::string(wasPaused ? swappedCard : swappedUnpaused);
     const auto failed = static_cast<std::int64_t>(report.failedFiles().size());
     if (failed == 0)

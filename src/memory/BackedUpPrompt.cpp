@@ -38,6 +38,8 @@ std::string line(const HistoryMatch& match) {
         disks.push_back(HistoryText::diskName(destination.root));
     std::string text = fmt::format("{} — {}, {}, {}", entry.cardName, HistoryText::when(entry.finished),
                                    join(disks, ", "), HistoryText::state(entry).text);
+    if (!entry.card)
+        text += ", recognised by names, sizes and times only";
     if (match.kind == HistoryMatchKind::newFiles)
         text += ", " + counted(static_cast<std::int64_t>(match.newFiles.size()), "new file", "new files");
     return text;

@@ -73,7 +73,7 @@ CardStep CardStep::of(const CardInsight& insight) {
         step.kind = Kind::repair;
     else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
         step.kind = Kind::append;
-    else if (!match.entry.safeToFormat.value_or(false)) {
+    else if (!match.entry.safeToFormat.value_or(false) || !match.entry.card) {
         step.kind = Kind::append;
         step.compare = !match.entry.card;
     } else

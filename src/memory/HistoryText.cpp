@@ -61,8 +61,9 @@ Line sentence(const HistoryMatch& match) {
     if (!problem.empty()) // the disk is the truth
         return {fmt::format("{}, but {} — do not format", begin, problem.front()), HistoryTone::error};
     if (!entry.verified || std::ranges::any_of(match.folders, [](const auto& f) { return f.unverified.count > 0; }))
-        return {begin + (maySay(entry.safeToEject, match) ? " — NOT VERIFIED (safe to eject, do not format)"
-                                                          : " — NOT VERIFIED (do not format)"),
+        return {begin + (match.entry.card && maySay(entry.safeToEject, match)
+                             ? " — NOT VERIFIED (safe to eject, do not format)"
+                             : " — NOT VERIFIED (do not format)"),
                 HistoryTone::warning};
     if (match.uncopied > 0)
         return {fmt::format("{} — verified, but {} on the card that no backup can hold — do not format", begin,
@@ -82,6 +83,11 @@ Line sentence(const HistoryMatch& match) {
     // What the run itself did not promise, the memory of it does not either.
     if (!maySay(entry.safeToFormat, match))
         return {begin + " — verified, but its last run did not call the card safe to format — do not format",
+                HistoryTone::warning};
+    if (!match.entry.card) // only a medium with a serial is known to be that very card
+        return {begin +
+                    " — verified, but nothing tells this card from another one with the same names, sizes and times "
+                    "— do not format",
                 HistoryTone::warning};
     return {begin + " — verified, safe to format", HistoryTone::ok};
 }
@@ -123,8 +129,8 @@ std::vector<std::string> notes(const HistoryMatch& match) {
 }
 
 bool holdsWholeCard(const HistoryMatch& match) {
-    return match.kind == HistoryMatchKind::identical && !match.entry.unfinished && allGood(match.entry) &&
-           match.uncopied == 0 && problems(match).empty();
+    return match.kind == HistoryMatchKind::identical && match.entry.card && !match.entry.unfinished &&
+           allGood(match.entry) && match.uncopied == 0 && problems(match).empty();
 }
 
 Line state(const HistoryEntry& entry) {

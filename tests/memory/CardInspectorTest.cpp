@@ -109,6 +109,11 @@ TEST(HistoryText, PromisesFormattingOnlyForACardThatHoldsNothingNew) {
         return HistoryText::line(match, false).text;
     };
     match.newFiles = clips();
+    EXPECT_TRUE(text(HistoryMatchKind::identical).ends_with("with the same names, sizes and times — do not format"));
+    EXPECT_FALSE(HistoryText::holdsWholeCard(match));
+    EXPECT_NE(BackedUpPrompt::line(match).find("verified, recognised by names, sizes and times only"),
+              std::string::npos);
+    match.entry.card.emplace();
     EXPECT_NE(text(HistoryMatchKind::identical).find("verified, safe to format"), std::string::npos);
     for (const auto kind : {HistoryMatchKind::newFiles, HistoryMatchKind::changed, HistoryMatchKind::notCompared})
         EXPECT_EQ(text(kind).find("safe to format"), std::string::npos);
@@ -383,6 +388,7 @@ TEST(BackedUpPrompt, AsksInItsOwnWords) {
     HistoryMatch match;
     match.entry = entryFor(clips());
     match.entry.destinations = {{"/media/user/DISK_A", ""}, {"/srv/raid", ""}};
+    match.entry.card.emplace();
     match.kind = HistoryMatchKind::newFiles;
     match.newFiles = clips();
     match.newBytes = 300;
