@@ -102,6 +102,7 @@ OffloadReport CopyRun::run() {
     pausedBefore_ = engine_.pauses_.pausedTotal();
     const std::int64_t began = monotonicNanos();
     copyAll();
+    engine_.lookForOtherCard(); // while it is held: whatever its volume says, another folder is another card
     engine_.card_->letGo();
     keepTimes(began);
     engine_.setPhase(ProgressSnapshot::Phase::flush);

@@ -247,12 +247,12 @@ TEST_F(CopyTest, ReaderStopsWhenTheBuffersAreOutAndGoesOnWithTheDisk) {
 
 TEST_F(CopyTest, PauseHoldsBetweenFilesAndNoticesAnotherCard) {
     struct Case {
-        std::vector<std::optional<std::string>> identities; // when met, when held, after the pause, at the end
+        std::vector<std::optional<std::string>> identities; // when met, held, held after the pause, twice at the end
         std::size_t failed;
     };
     const Case cases[] = {
-        {{"X", "X", "X", "X"}, 0},
-        {{"X", "X", std::nullopt, "Y", "X", "X"}, 0}, // a volume that needs a moment
+        {{"X", "X", "X", "X", "X"}, 0},
+        {{"X", "X", std::nullopt, "Y", "X", "X", "X"}, 0}, // a volume that needs a moment
         {{"X", "X", "Y", "Y", "Y"}, 2},
         {{"X", "X", std::nullopt, std::nullopt, std::nullopt}, 2},
         {{std::nullopt}, 0}, // nothing to compare with
