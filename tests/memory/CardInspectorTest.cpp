@@ -388,6 +388,7 @@ TEST(BackedUpPrompt, AsksInItsOwnWords) {
     HistoryMatch match;
     match.entry = entryFor(clips());
     match.entry.destinations = {{"/media/user/DISK_A", ""}, {"/srv/raid", ""}};
+    match.entry.card.emplace();
     match.kind = HistoryMatchKind::newFiles;
     match.newFiles = clips();
     match.newBytes = 300;

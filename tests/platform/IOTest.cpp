@@ -1,3 +1,4 @@
+#include "platform/HeldFolder.h"
 #include "platform/IO.h"
 #include "platform/PageCache.h"
 #include "platform/linux/OpenFile.h"
