@@ -86,10 +86,10 @@ TEST(CopySummary, GivesEachWarningALineOfItsOwn) {
     status.phase = Phase::done;
     status.warnings = {"one", "two"};
     std::string page;
-    for (const auto& line : CopySummary::lines(status, nullptr))
+    for (const auto& line : CopySummary::lines(status, nullptr, {}))
         page += line.text + "\n";
     EXPECT_NE(page.find("\none\ntwo\n"), std::string::npos) << page;
-    EXPECT_EQ(StatusJson::result(status, nullptr, 1)["warnings"], status.warnings);
+    EXPECT_EQ(StatusJson::result(status, nullptr, {}, 1)["warnings"], status.warnings);
 }
 
 TEST(LiveLine, TellsDisksApart) {
