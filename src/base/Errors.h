@@ -9,7 +9,7 @@
 
 namespace velmora {
 
-// One line of the log, handed down from the front ends; nothing below them prints.
+// Takes one line of the log. The front ends pass this function down; nothing below them prints.
 using Log = std::function<void(std::string_view)>;
 
 // Asked now and then by long loops; true means "stop".

@@ -60,7 +60,7 @@ public:
     void notifyAll() { condition_.notify_all(); }
 
 private:
-    // Lends the caller's lock to the condition and hands it back locked.
+    // Gives the caller's lock to the condition variable and gets it back locked.
     struct Held {
         explicit Held(Mutex& mutex) : lock(mutex.mutex_, std::adopt_lock) {}
         ~Held() { lock.release(); }

@@ -80,7 +80,7 @@ BlockReads::Completed completeFile(UncachedReader& file, const std::string& path
     AlignedBuffer buffer(BlockPass::bufferBytes(manifest.blockSize, manifest.size, path));
     bool read = BlockPass::run(file, buffer.span(), verifier, hooks);
     if (verifier.finish().kind == BlockOutcome::Kind::mismatch) {
-        // The only second chance: what is wrong again was not a slip of the cable.
+        // Read once more. A block that is wrong twice is wrong on the disk.
         read = BlockPass::run(file, buffer.span(), verifier, hooks) || read;
     }
     return {verifier.finish(), read && !fromDisk};

@@ -17,8 +17,8 @@ class BlockVerifier;
 // Reads from a disk what a verifier has not seen yet.
 namespace BlockReads {
 
-// The largest block that is read in one piece. Nobody copies with larger ones; a record that claims to is not believed
-// so far as to allocate memory for it.
+// The largest block that is read in one piece. No copy uses larger ones. A record may claim more, but no memory is
+// allocated for it.
 inline constexpr std::int64_t maxBlock = std::int64_t{1} << 30;
 
 struct Hooks {

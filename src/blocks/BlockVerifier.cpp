@@ -90,7 +90,7 @@ void BlockVerifier::whole(std::int64_t block, std::uint64_t hash) {
 void BlockVerifier::piece(std::int64_t block, std::int64_t at, std::span<const std::byte> bytes) {
     const State now = state_[static_cast<std::size_t>(block)];
     const std::int64_t length = lengthOf(block);
-    // A block too large to be believed is left for nobody: it stays unread, and the file incomplete.
+    // A block that is too large is never read; the file stays incomplete.
     if (now == State::verified || now == State::mismatch || length > BlockReads::maxBlock) {
         return;
     }

@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t probeBytes = 0x400000;
 constexpr std::size_t cachedBytes = 0x100000;
 
-// Eight digits that no other call will find again soon.
+// Eight random digits, so that two probes hardly ever choose the same name.
 std::string fragment() {
     std::random_device random;
     return fmt::format("{:08x}", random());

@@ -22,7 +22,7 @@ State* orDie(State* state) {
     return state;
 }
 
-// A refusal means a library that was built without the digest: no run of this program could keep its promises.
+// It refuses only when the library was built without the digest. Then no run can work.
 void mustWork(int answer) {
     if (answer != 1) {
         throw ToolError("libcrypto", 0, "a digest is not available");

@@ -13,10 +13,10 @@
 //
 // What is on the disk when `append` has returned: every line of the call, and the name of the file. When it throws, or
 // the power goes while it runs, any beginning of its bytes may be there, or garbage of that length; lines of earlier
-// calls are whole. Such a tail costs itself alone: the next append puts a line feed before its own first line unless
-// the tail ends with one, and after a failed append in this process it does so in any case, because the cached end of
-// the file then need not be what the disk holds. The file is never rewritten or cut, so nothing that was promised can
-// be lost by a repair.
+// calls are whole. Only such a tail is lost: the next append puts a line feed before its own first line unless the tail
+// ends with one, and after a failed append in this process it does so in any case, because the cached end of the file
+// then need not be what the disk holds. The file is never rewritten or cut, so nothing that was promised can be lost by
+// a repair.
 //
 // Reading goes line by line and trusts no length: what is no record is passed over.
 
@@ -158,7 +158,7 @@ void ManifestFile::forEach(const std::string& cardPath, const std::function<bool
             offset += static_cast<std::int64_t>(got);
         }
     } catch (const IOError&) {
-        // A manifest that is missing, or cannot be read to its end, is a help that is not there.
+        // Without its manifest a run has more to do, but nothing is wrong.
     }
 }
 

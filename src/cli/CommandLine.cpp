@@ -6,8 +6,8 @@
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
 #include "cli/ShellText.h"
-#include "cli/StandardStreams.h"
 #include "cli/StatusJson.h"
+#include "platform/StandardStreams.h"
 #include "settings/AppSupport.h"
 
 #include <CLI/CLI.hpp>

@@ -136,7 +136,7 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
         insight = look.take(store, entries);
         identity = look.identity();
     }
-    // What keeps the card from being read is told by the job, with its code; a swapped card is known here only.
+    // The job refuses a card that cannot be read, with its code. Only a card that was swapped is refused here.
     if (insight.error && insight.fingerprint.empty())
         return {};
     if (insight.error)
@@ -170,7 +170,7 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
             say(console, line);
     }
     if (!identity)
-        return {}; // a card that cannot be told from the next one is listed when its copy begins
+        return {}; // a card without identity could be swapped unseen: its copy lists it again
     return Listing{std::move(insight.listing), *identity};
 }
 

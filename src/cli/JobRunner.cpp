@@ -114,7 +114,7 @@ private:
     std::vector<std::string> roots_;
 };
 
-// A list of conflicts comes in lines, and stays in lines for the eye.
+// A refusal that lists conflicts has several lines. Each is printed as a line of its own.
 void logRefusal(Console& console, PreflightCode code, const std::string& text) {
     const std::string whole = refusalText(code, text);
     for (const std::string_view line : split(whole, '\n', true))

@@ -71,7 +71,7 @@ std::vector<std::string> diskNames(const std::vector<std::string>& roots) {
         names.push_back(TerminalText::fitMiddle(RelativePath::name(root), longestDiskName));
     for (std::size_t i = 0; i < names.size(); ++i)
         if (names[i].empty() || std::ranges::count(names, names[i]) > 1) {
-            // Two alike tell nothing apart: all become numbers, in the order in which they were given.
+            // Two short names are equal: all destinations are numbered, in the order in which they were given.
             for (std::size_t k = 0; k < names.size(); ++k)
                 names[k] = std::to_string(k + 1);
             break;

@@ -23,8 +23,8 @@ std::string labelOf(const std::string& path);
 // Capacity of the file system below a path; none when it cannot be told, and then nothing is said about that disk.
 std::optional<IO::Capacity> capacityOf(const std::string& path);
 
-// Has the file system below a path write out what waits. One that copies on write gives back what was freed a moment
-// ago only then. A failure is none of the planner's business.
+// Asks the file system below a path to write everything out. Those that copy on write free deleted space only then.
+// Errors are ignored.
 void settle(const std::string& path);
 
 // These three asked of the system; callers that know better, and tests, bring their own.

@@ -116,7 +116,7 @@ bool isWithin(const std::string& path, const std::string& folder) {
         if (isSame(IO::stat("/"), outer))
             return true;
     } catch (const IOError&) {
-        // What cannot be asked is told by its place.
+        // Where the system does not say, the path decides.
     }
     const auto inner = VolumeFacts::placeOnVolume(path);
     const auto outer = VolumeFacts::placeOnVolume(folder);
@@ -145,7 +145,7 @@ std::vector<std::string> autoDestinations(const std::vector<std::string>& curren
                                           const std::vector<VolumeItem>& volumes,
                                           const std::vector<std::string>& ignored, const std::string& source) {
     std::vector<std::string> proposed;
-    // What the user chose keeps its place, whatever the rules below would say of it.
+    // Destinations that the user chose keep their place, whatever the rules below say.
     for (const std::string& root : current)
         if (!IO::isGone(root) && !VolumeFacts::awaitsVolume(root) && !contains(proposed, root))
             proposed.push_back(root);

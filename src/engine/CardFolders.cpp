@@ -151,7 +151,7 @@ void giveBack(const OffloadPlan& plan, const std::vector<Destination>& claimed) 
             for (const std::string& dir : plan.scan.dirs | std::views::reverse)
                 IO::removeEmptyFolder(RelativePath::join(destination.cardPath, dir));
             removeFolders(destination);
-        } catch (const std::exception&) { // somebody else is at work there by now
+        } catch (const std::exception&) { // another run works in this folder by now
         }
     }
 }

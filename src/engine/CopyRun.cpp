@@ -127,7 +127,7 @@ OffloadReport CopyRun::run() {
         if (std::ranges::find(engine_.unflushed_, destination.cardPath) != engine_.unflushed_.end())
             destination.flushed = false;
     if (!engine_.unflushed_.empty())
-        report.verifyIncomplete = true; // what does not stand for good is no result to format a card on
+        report.verifyIncomplete = true; // a disk was never flushed: nobody may format a card on this report
     engine_.fileBlocks_ = hasher_.takeBlocks();
     engine_.fileBlocks_.resize(report.files.size());
     return report;
@@ -193,7 +193,7 @@ void CopyRun::copyAll() {
             copySmall(task);
         else
             copyLarge(task);
-        // The file that was cut short has said so already.
+        // The file that the cancel cut short has recorded its error already.
         if (isCancelled())
             return endAt(file + 1, "cancelled");
     }
@@ -206,7 +206,7 @@ void CopyRun::endAt(std::size_t file, std::string reason) {
     sourceFailures_.add(static_cast<std::int64_t>(plan_->scan.files.size() - file));
 }
 
-// Nothing more is read. What needs no reading is as good as before.
+// The card is not read any more. Files that need no reading are still taken over.
 void CopyRun::endForOtherCard(std::size_t file) {
     for (; file < plan_->scan.files.size(); ++file) {
         const Task& task = taskOf(file);
@@ -266,8 +266,8 @@ bool CopyRun::adoptKnown(const Task& task) {
 }
 
 void CopyRun::adoptHeld(const Task& task) {
-    // A line belongs to what a manifest has said before; of a copy that only a report knows it would say nothing new,
-    // and make a run that dies look like another one.
+    // A manifest line is written again only for a file that a manifest already records. A file known only from a report
+    // gets none: the line would make a killed run look like another kind of run.
     for (DestWriter* holder : task.holders)
         holder->adopt(task.file, task.known != nullptr && task.known->blockSize > 0);
 }
@@ -368,7 +368,7 @@ std::int64_t CopyRun::startLarge(const Task& task) {
         std::vector<std::string> paths;
         for (const DestWriter* target : task.targets)
             paths.push_back(target->cardPath());
-        const SourceClock::Visit reading(sourceClock_); // the part files stand in for the card
+        const SourceClock::Visit reading(sourceClock_); // the part files replace the card here
         // A safe place to stop: nobody writes, and the part files stay as they are.
         const PartResume::Hooks hooks{[this] { return !holdBetweenFiles() || engine_.cardChanged_; },
                                       [this](std::int64_t bytes) { checkedBytes_.add(bytes); }};
@@ -445,8 +445,8 @@ void CopyRun::afterBlock(std::size_t file, std::int64_t block) {
         throw SimulatedCrash();
 }
 
-// A file that some disks hold from an earlier run and others get now must be the same file, or two versions of it would
-// stand under one digest.
+// Some disks have this file from an earlier run, others get it now. Both must be the same file: one digest is recorded
+// for all.
 void CopyRun::checkAgainstKnown(const Task& task) {
     const auto recorded = task.known == nullptr ? std::nullopt : task.known->xxh64Value();
     if (!recorded)
@@ -473,7 +473,8 @@ void CopyRun::sourceFailed(const Task& task, const std::string& error, bool begu
             target->abortQuietly(task.file, reason);
     }
     hasher_.forget(task.file);
-    // Who was to write nothing has lost nothing. Its copy is read back and held against what is known of the file.
+    // A source error does not fail a destination that was not to be written. Its old copy is read back and compared
+    // with the recorded digest.
     if (const auto hash = task.known == nullptr ? std::nullopt : task.known->xxh64Value();
         hash && !task.holders.empty())
         hasher_.setKnown(task.file, *hash, {});

@@ -41,7 +41,7 @@ private:
     struct Task {
         std::size_t file = 0;
         std::vector<DestWriter*> targets; // write it
-        std::vector<DestWriter*> holders; // have it already, as far as the plan knows
+        std::vector<DestWriter*> holders; // have it already, says the plan
         const ManifestRecord* known = nullptr;
     };
 

@@ -98,7 +98,7 @@ OffloadReport CopyRun::buildReport(bool verified) const {
          .pending = engine_.options_.deferVerify,
          .readCard = [this, same = std::optional<bool>()](std::size_t file,
                                                           std::int64_t block) mutable -> std::optional<std::uint64_t> {
-             if (!same) // asked once: another card must not be read in this one's stead
+             if (!same) // asked once, so that no block of another card is read
                  same = engine_.card_->hold([this] { return isCancelled(); });
              if (isCancelled() || !*same)
                  return std::nullopt;
@@ -107,8 +107,8 @@ OffloadReport CopyRun::buildReport(bool verified) const {
          }});
 }
 
-// A flush that failed blames no file: the read-back has told which of them are there. But nothing may be promised for a
-// disk that never said that it keeps what it was given.
+// A failed flush fails no file; the read-back finds what is lost. But without one successful flush nothing may be
+// promised for the disk.
 void CopyRun::blameFlush(bool verified) {
     for (const auto& writer : writers_) {
         if (!writer || writer->lasts(verified))

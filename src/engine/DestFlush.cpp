@@ -62,7 +62,7 @@ bool DestWriter::flushWaiting() {
     return true;
 }
 
-// Lines that cannot be appended stay for the next flush: the files are as good as ever, only nobody would know.
+// Lines that could not be appended wait for the next flush. The files are good.
 void DestWriter::appendWaiting() {
     std::size_t done = 0;
     try {
@@ -83,8 +83,8 @@ void DestWriter::appendWaiting() {
     waiting_.erase(waiting_.begin(), waiting_.begin() + static_cast<std::ptrdiff_t>(done));
 }
 
-// What was written is what was read, or the memory between the two has failed. Asked before the file gets its final
-// name.
+// What was written must equal what was read; if not, memory failed between the two. Asked before the file gets its
+// final name.
 std::optional<std::string> DestWriter::mismatch(std::size_t file) const {
     set_.hasher->waitFor(file);
     const std::vector<std::uint64_t>& source = set_.hasher->blocksOf(file);

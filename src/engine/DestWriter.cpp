@@ -140,7 +140,7 @@ void DestWriter::flushDevice() {
     });
 }
 
-// The worker signs on here, not when the queue gets to it: a pause must not find the gate without it.
+// The worker registers here and not on the queue, so that a pause counts it from the start.
 void DestWriter::verify(Chunk& chunk, PauseGate& gate, IsCancelled isCancelled) {
     post([this, &chunk, worker = gate.work(), cancelled = std::move(isCancelled)] {
         const Chunk::Hold hold(&chunk);
@@ -288,7 +288,7 @@ void DestWriter::makeFinal(std::size_t file) {
     checkFolder();
     if (set_.beforeRename)
         set_.beforeRename(file, final);
-    // No run replaces, not even a resumed one: what stands in its way has given way by now, or is another file.
+    // No run replaces a file, not even a resumed one. What stood in its way was moved aside before.
     try {
         IO::renameNoReplace(partPath_, final);
     } catch (const IOError& error) {

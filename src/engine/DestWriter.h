@@ -63,9 +63,8 @@ public:
         SourceHasher* hasher = nullptr;
         const SourceClock* clock = nullptr;
         std::int64_t generation = 1;
-        // The run finishes an interrupted one: part files and final names of that run lie about and give way. A run
-        // that does not resume refuses any name that is taken, in the fresh folder of a full copy as well as in one
-        // that it adds to: what lies there is not of its making.
+        // The run finishes an interrupted one, whose part files and final names may be replaced. Any other run refuses
+        // every name that exists.
         bool resuming = false;
         std::function<void(std::size_t file, const std::string& finalPath)> beforeRename;
         Log log;
@@ -79,7 +78,8 @@ public:
     // cut and told apart by a hash.
     static std::string partName(std::string_view relPath);
 
-    // Before the first file: the names of these folders, relative to the card folder, are to last, the empty ones too.
+    // Called before the first file: these folders, relative to the card folder, must become durable too, also when
+    // empty.
     void keepFolders(const std::set<std::string, std::less<>>& folders);
 
     // The reader's calls. Every chunk is released by the writer.
@@ -124,8 +124,8 @@ public:
     // The second digest of a file that was read back; empty where it was not verified.
     const std::string& xxh128(std::size_t file) const noexcept { return xxh128_[file]; }
     bool wasWritten(std::size_t file) const noexcept { return writtenHere_[file]; } // by this run
-    // Whether all that was written lasts. A flush that failed on the way may have lost files without a trace: then only
-    // a read-back behind a flush that succeeded can tell.
+    // True when all that this run wrote is durable. A failed flush may have lost files without a trace: then only a
+    // read-back after a successful flush tells.
     bool lasts(bool readBack) const noexcept { return deviceFlushed_ && (readBack || !flushFailed_); }
     std::int64_t cachedReads() const noexcept { return cachedReads_; }
     std::int64_t busyNanos() const noexcept { return busyNanos_; }

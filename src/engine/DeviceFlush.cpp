@@ -57,8 +57,7 @@ void DeviceFlush::flush(bool plainNameFree) {
     device_.sync();
 }
 
-// The card may hold a file or a folder of any name. What stands on the disk under the name stays, unless it is the byte
-// of a run that died.
+// The card may hold a file or a folder of this name. It stays, unless it is the one byte of a killed run.
 UncachedWriter DeviceFlush::openFlushFile(std::string& path, bool plainNameFree) const {
     using Open = UncachedWriter::Open;
     const std::string plain = cardPath_ + "/" + std::string(flushFileName);

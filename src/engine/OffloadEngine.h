@@ -90,12 +90,11 @@ public:
     std::optional<std::string> cardAtStart() const { return card_ ? card_->identity() : std::nullopt; }
     std::int64_t resumedBytes() const noexcept { return resumedBytes_; } // taken over from part files
     const CopyTimes& copyTimes() const noexcept { return copyTimes_; }
-    // Card folders whose disk never said that it keeps what it was given: no promise holds for them. `reportProblems`
-    // has a sentence for each.
+    // Card folders on disks that were never flushed successfully. Nothing is promised for them. `reportProblems` has a
+    // sentence for each.
     const std::vector<std::string>& unflushed() const noexcept { return unflushed_; }
-    // Why the record of the run does not stand in a card folder ("Could not write the report: …"), or may not stand
-    // there for good, one a folder. The report that `run` returned then has `verifyIncomplete` set, and the card is not
-    // safe to format.
+    // One sentence for each card folder whose record could not be written ("Could not write the report: …") or may not
+    // be durable. The report that `run` returned then has `verifyIncomplete` set, and the card is not safe to format.
     const std::vector<std::string>& reportProblems() const noexcept { return reportProblems_; }
 
 private:

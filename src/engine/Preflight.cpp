@@ -70,7 +70,7 @@ void refuseOffload(const std::string& source) {
     refuse(PreflightCode::destinationUnreadable, "Cannot read the destination: " + error.path());
 }
 
-// A card folder that exists; one that does not is for the planner to name.
+// Checks a card folder that exists. The planner reports one that does not.
 void checkCardFolder(const std::string& cardPath, const std::string& source) try {
     if (!IO::isFolder(cardPath))
         return;

@@ -37,8 +37,7 @@ std::string filesystemOf(const std::string& path) {
     }
 }
 
-// What the read-back computed beside the digest that it compares. Of copies that are the same on all disks there is
-// one.
+// The 128-bit digest from the read-back; kept only when all disks gave the same one.
 std::optional<std::string> secondDigest(const Results& results, std::size_t file) {
     std::optional<std::string> found;
     for (const auto& writer : results.writers) {
@@ -91,7 +90,7 @@ OffloadReport::FileEntry entryOf(const Results& results, std::size_t file) {
     const std::size_t columns = results.destinations.size();
     entry.destinations.reserve(columns);
     entry.errors.reserve(columns);
-    // What this run wrote anew is worth telling only where something stood before.
+    // What was rewritten is recorded only where a copy existed before.
     const bool tellsRewritten = !results.plan.task(file).write.empty();
     if (tellsRewritten)
         entry.rewritten.emplace(columns);

@@ -12,9 +12,8 @@ inline std::int64_t monotonicNanos() noexcept {
         .count();
 }
 
-// How long the reader has been waiting for the source (or has been told to stand still), up to any moment. The queues
-// take the difference between two of their moments: as long as the source keeps everybody waiting, an idle disk is
-// nobody's fault. The reader's thread enters and leaves, any thread asks.
+// The time that the reader has waited for the card, or stood in a pause. The idle time of a disk's queue is counted
+// without it. The reader's thread enters and leaves, any thread asks.
 class SourceClock {
 public:
     class Visit {
@@ -40,7 +39,7 @@ public:
     };
 
     std::int64_t at(std::int64_t now) const noexcept {
-        // The same visit before and behind the reading of the total: it is not in it yet.
+        // The visit is read before and after the total, since it may be moving into the total just now.
         while (true) {
             const std::int64_t since = since_.load();
             const std::int64_t total = total_.load();

@@ -49,7 +49,7 @@ void SourceReader::checkUnchanged(std::int64_t read) const {
     } catch (const IOError& error) {
         throw OffloadError::failed(error.what());
     }
-    // A file that has grown by whole blocks was read to its old length.
+    // Where the file grew by whole blocks, the reading ended at its old length.
     const std::int64_t now = read == file_.size ? facts.size : read;
     if (now != file_.size)
         throw OffloadError::failed(fmt::format("source size changed during copy ({} != {})", file_.size, now));

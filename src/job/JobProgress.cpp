@@ -103,7 +103,7 @@ void JobProgress::startPhase(double now) {
 void JobProgress::moveRates(double now, double dt) {
     lastTime_ = now;
     if (status_.pauseHeld)
-        return; // standing still says nothing of the disks
+        return; // no rates are taken in a pause
     readRate_ = smoothed(readRate_, readBytes(status_), lastBytes_, dt);
     lastBytes_ = readBytes(status_);
     readerRate_ = smoothed(readerRate_, readerBytes(status_), lastReader_, dt);
@@ -147,7 +147,7 @@ std::optional<double> JobProgress::Work::share() const {
 }
 
 std::optional<double> JobProgress::Work::secondsLeft() const {
-    constexpr double standsStill = 1; // byte a second: a smoothed rate never gets down to nothing
+    constexpr double standsStill = 1; // byte a second; a smoothed rate never reaches 0
     if (total > 0 && done >= total)
         return 0;
     if (total <= 0 || rate < standsStill)

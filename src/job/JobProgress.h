@@ -76,7 +76,7 @@ private:
     double readRate_ = 0;
     std::vector<double> destRates_;
     std::vector<std::int64_t> lastWork_;
-    std::vector<double> workRates_; // as destRates_, but what is given up counts as done
+    std::vector<double> workRates_; // like destRates_, but skipped bytes count as done
     std::optional<std::string> lastExamining_;
     std::vector<double> verifyRates_;
     std::vector<std::int64_t> lastVerify_;

@@ -89,7 +89,7 @@ private:
         bool create = false;             // the report of the generation is a new one
         SourceScan card;                 // as it was planned for
         bool coversPart = false;         // the promises hold for the whole card, of which the run did a part
-        bool comparesAll = true;         // no file of the card is taken for what it was by its name, size and time
+        bool comparesAll = true;         // no file of the card is accepted by its name, size and time alone
         bool readAll = false;            // every copy in the folders has been read and held against its records
         std::vector<CardRecord> records; // of the folders, before the run
         std::vector<BackupPlace> elsewhere;

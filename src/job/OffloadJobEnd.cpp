@@ -225,8 +225,8 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
     addLastLook(evidence);
     const Promises::Verdict verdict = Promises::judge(evidence);
     const BackupCheck& check = *evidence.whole;
-    // A run that died between its last record and the history left the entry open, or none: nothing else would ever
-    // close it. A card that may be another one is not entered.
+    // A run that was killed between its last record and the history left the entry open, or none. It is closed here. A
+    // card that may be another one is not entered.
     if (history_ && check.newest && evidence.notCompared == 0)
         guardHistory([&] {
             history_->finish(*check.newest, check.covered, check, forHistory(verdict),

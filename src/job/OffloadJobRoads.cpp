@@ -34,8 +34,8 @@ using Phase = JobStatus::Phase;
 
 constexpr std::string_view unsettled = "The records of the interrupted backup could not be finished.";
 
-// What stands where a resumed run writes is its own unfinished work, or something that a person put there since: it
-// gives way without a trace only when it looks like the file that will replace it, or holds nothing.
+// Where a resumed run writes there may be a file of the killed run, or one that a person put there since. It is deleted
+// only when it is empty, or has the size and time of the card's file; else it moves aside.
 OffloadEngine::BeforeRename makingWay(const AppendPlan& append) {
     return [&append, twins = CaseTwins(append.fullScan.files, append.records)](std::size_t destination,
                                                                                std::size_t file, const std::string&) {
@@ -267,7 +267,7 @@ void OffloadJob::settleRecords(const OffloadReport& report, const std::vector<st
 
 void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     const AppendPlan& plan = nothing.plan();
-    // A run that died between the chain and the lists left them short; nothing else of it is open.
+    // A run that was killed between the chain and the lists left the lists short. They are completed here.
     sideBySide(plan.cardPaths.size(), [&](std::size_t d) {
         const std::string& path = plan.cardPaths[d];
         engine_.held()->check(path);

@@ -73,7 +73,7 @@ std::optional<double> RateMemory::estimate(const Planned& planned) const {
 }
 
 std::string RateMemory::postKey(bool /*analyze*/, std::optional<ProxyCodec> proxy) {
-    // A render always analyses, and takes so much longer that analysis alone makes no difference to it.
+    // A render includes the analysis and takes far longer, so only the render counts.
     return proxy ? std::string(name(*proxy)) : "analysis";
 }
 

@@ -38,7 +38,7 @@ void makeFolders(const std::string& root, const std::string& relative) {
     }
 }
 
-// The name that a file had before it was moved: a copy that found its name taken has a number behind it.
+// The name of a file before it was moved. Where the name was taken, a number was appended.
 std::string nameBefore(const std::string& name, const std::unordered_set<std::string>& files) {
     const std::size_t dot = name.rfind('.');
     const bool isNumbered = dot != std::string::npos && dot + 1 < name.size() &&

@@ -117,10 +117,10 @@ ResumePlanner::Findings lookAt(const std::vector<std::string>& paths) {
         return ResumePlanner::look(paths);
     } catch (const OffloadError&) {
         for (const std::string& path : paths)
-            requireFolder(path); // a disk that is not there is behind all others, and that is what to say of it
+            requireFolder(path); // a missing disk is the one that is behind
         for (const std::string& path : paths)
             if (ResumePlanner::chainLost(path, ResumePlanner::committed(path)))
-                lastMhlGeneration(path, std::nullopt); // throws: the disk that lost its history is not the one behind
+                lastMhlGeneration(path, std::nullopt); // throws: a disk that lost its history must not be called behind
         throw;
     }
 }

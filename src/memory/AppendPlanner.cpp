@@ -78,8 +78,8 @@ public:
     }
 
 private:
-    // A repair that died left lines for files that the reports know. It is for a repair to finish: the copies that it
-    // found bad may be bad still, though every record calls them good.
+    // A killed repair left lines for files that the reports know. Only a repair may finish it, because copies that it
+    // found bad may still stand as good in the records.
     void refuseOpenRepair() const {
         if (!unfinished_)
             return;
@@ -134,8 +134,8 @@ private:
         }
         if (differs)
             return;
-        // Disks that were appended to one by one may stand at the same generation and yet not hold the same files. What
-        // a dead run had begun to bring in step belongs to its generation, also on the disk that has it.
+        // Disks may have the same generation but different files, if they were appended to one by one. Files that a
+        // killed run began to copy belong to its generation on every disk.
         const bool begun = unfinished_ && unfinished_->mentions(file.relPath);
         const bool proves = ask_.verify && (unproved || ask_.compareCard);
         if (begun || proves || std::ranges::find(lacks, true) != lacks.end())
@@ -144,7 +144,7 @@ private:
             plan_.unverifiedEarlier += unproved ? 1 : 0;
     }
 
-    // The run that records the file never got it from the card, or never got to it: cancelled, or the card was gone.
+    // No copy exists: the card did not give the file, or the run ended before it.
     bool neverCame(const RecordedFile& recorded, std::size_t d) const {
         const auto& file = *recorded.file;
         return (file.sourceError && !file.xxh64) || backup_.records[d].statusOf(recorded) == "pending";
@@ -312,8 +312,8 @@ private:
         plan_.resuming = true;
         if (plan_.sameMedium)
             return;
-        // It may be another card with the same names, sizes and times: what the disks hold is compared with this one,
-        // so no file is a mixture of two. Without its blocks a record asks for that.
+        // The card may be another one with equal names, sizes and times. Without its block hashes a record makes the
+        // run read and compare the file.
         for (FileTask& task : plan_.tasks) {
             task.resume.reset();
             if (task.known) {
@@ -323,7 +323,7 @@ private:
         }
     }
 
-    // What a disk holds by its record is not written there again; the resume has judged by the manifests alone.
+    // A disk that has a file by its reports does not get it again. The resume looked at the manifests only.
     void decidePartly() {
         if (plan_.tasks.empty()) {
             FileTask everywhere;
@@ -401,7 +401,7 @@ private:
 } // namespace
 
 std::string disk(const std::string& path) {
-    // A disk that is away has left the path on the system's own, which is not the one that is meant.
+    // Where the disk is away, the path lies on the system disk. The disk that was meant is named.
     if (const std::string volume = Volumes::volumeRoot(path); volume != "/")
         return HistoryText::diskName(volume);
     const std::string_view root = RelativePath::folder(RelativePath::folder(path));

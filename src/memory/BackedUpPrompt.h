@@ -29,7 +29,7 @@ namespace BackedUpPrompt {
 // True when the card has a finished backup and nothing on it was changed since.
 bool shouldAsk(const CardInsight* insight);
 
-// Those of `paths`, in order, that must be asked about; a card that is to be appended is not.
+// Those of `paths`, in order, that need the question. Cards that will be appended to are left out.
 std::vector<std::string> cardsToAsk(const std::vector<std::string>& paths,
                                     const std::function<const CardInsight*(const std::string&)>& insight,
                                     const std::function<bool(const std::string&)>& appendChosen);

@@ -58,7 +58,7 @@ public:
         paths_.insert(pathOf(place.cardPath));
         places_.insert_or_assign(std::move(key), std::move(place)); // the newest path of a disk
     }
-    // A serial that several of these places have tells none of them from the others.
+    // A serial that several of these places share identifies none of them.
     void add(const std::vector<BackupPlace>& known) {
         std::map<std::string, std::set<std::string>> pathsOf;
         for (const BackupPlace& place : known)

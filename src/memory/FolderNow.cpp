@@ -157,7 +157,7 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
         now.repairOpen =
             newest.isRepair() && (newest.verifyIncomplete.value_or(false) || newest.verifyPending.value_or(false));
     }
-    if (entry.unfinished) // what is missing there is for the run to find that finishes it
+    if (entry.unfinished) // the run that finishes the copy will find what is missing
         return;
     if (record.error)
         return unreadable(now, *record.error);

@@ -37,7 +37,7 @@ struct FolderNow {
     std::string error; // of `unreadable`
     // When the copies were last known to be good: at the last verification without a finding, else when they were made.
     Timestamp lastKnown;
-    std::optional<HistoryVerification> failedVerification; // which nothing has mended since
+    std::optional<HistoryVerification> failedVerification; // and nothing has mended it since
 
     Files damaged;           // copies that are missing on the disk, or have another size or time than recorded
     Files failed;            // copies that the record calls failed

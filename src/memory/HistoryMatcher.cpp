@@ -37,7 +37,7 @@ HistoryMatch match(const std::vector<SourceFile>& scan, const std::string& finge
     }
     result.removed = static_cast<std::int64_t>(left.size());
     if (recorded > 0 && left.size() == recorded && !result.newFiles.empty()) {
-        // The same medium with nothing of the old content: it was formatted and shot again.
+        // The same medium without any of the old files: it was formatted and used again.
         for (const SourceFile& file : result.newFiles)
             result.changed.push_back(file.relPath);
         result.newFiles.clear();

@@ -189,7 +189,8 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
         for (const auto& destination : report.destinations)
             entry = verified(entry, {destination.cardPath, destination.volumeSerial, report.finished, {}, {}});
     HistoryStore::Change change = withCard(entry, volume, card, first ? std::nullopt : storedFiles);
-    // Of the whole backup; the generations do not add up to it where a file was repaired or an entry was lost.
+    // Totals of the whole backup. The sum over the generations would be wrong after a repair, or when an entry was
+    // lost.
     change.entry.files = static_cast<std::int64_t>(change.files->size());
     change.entry.bytes = 0;
     for (const SourceFile& file : *change.files)

@@ -38,7 +38,7 @@ OffloadError forRepair(const OffloadError& error) {
 
 struct Bad {
     std::string relPath;
-    // Per destination: must be written; and of these, that only an old record speaks against the copy there.
+    // Per destination: it must be written; and whether only an old record calls the copy bad.
     std::vector<bool> write;
     std::vector<bool> onlyRecordedBad;
     std::string cardHash; // xxh64 of the card's file while planning
@@ -131,7 +131,7 @@ private:
                     badFile(file.path);
     }
 
-    // The record to hold a file against: the newest of any disk, they agree where they are in step.
+    // The newest record of a file on any disk; disks in step agree.
     const RecordedFile* recorded(const std::string& path, bool exactly) const {
         for (const CardRecord& each : backup_.records)
             if (const RecordedFile* found = each.find(path, exactly))
@@ -161,8 +161,8 @@ private:
         return {};
     }
 
-    // The newest digest that any disk has of the file. A record of a run to which the card did not give the file has
-    // none, and must not make the card's present content the truth.
+    // The newest digest of the file on any disk. A run that could not read the file recorded none; the card's present
+    // content must not stand in for it.
     std::pair<std::string, std::string> digestOf(const OffloadReport::FileEntry& newest) const {
         if (auto digest = digestIn(newest); !digest.first.empty())
             return digest;
@@ -324,7 +324,7 @@ private:
             inOrder.emplace(onCard_.at(key)->relPath, &bad);
         for (const auto& [path, bad] : inOrder) {
             const SourceFile& file = plan.scan.files.emplace_back(*onCard_.at(twins_.nameOf(path)));
-            // What the card gives while copying must be what it gave now: another card may have come meanwhile.
+            // While copying, the card must give what it gave during planning; it may have been swapped.
             FileTask& task = plan.tasks.emplace_back();
             ManifestRecord& seen = task.known.emplace();
             seen.path = file.relPath;

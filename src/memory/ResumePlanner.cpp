@@ -55,8 +55,8 @@ bool isEmptyFolder(const std::string& cardPath) {
     }
 }
 
-// A run that copies leaves files whose lines wait for the next flush: its generation is open from its first line on. A
-// repair has changed nothing before its first file is named.
+// A copy is open from its first manifest line, since its files wait for their lines until a flush. A repair is open
+// only from its first file line: before it nothing was changed.
 bool isBegun(const ManifestRecord& line) {
     return line.kind != ManifestRecord::runKind || line.mode != name(PlanMode::repair);
 }
@@ -119,8 +119,7 @@ Unfinished gather(const std::vector<std::string>& paths, const std::vector<State
         unfinished.manifests.push_back(std::move(lines));
         const bool isOfIt = state.report && state.report->generationNumber() == open;
         unfinished.reports.push_back(isOfIt ? state.report : nullptr);
-        // A marked report goes before a final one, and the newer before the older: it is what the finishing run builds
-        // on.
+        // The finishing run builds on a marked report rather than on a final one, then on the newer one.
         const auto rank = [](const OffloadReport& report) { return std::pair(isOpen(report), report.finished); };
         if (isOfIt && (!unfinished.report || rank(*unfinished.report) < rank(*state.report)))
             unfinished.report = state.report;

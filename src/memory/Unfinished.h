@@ -18,7 +18,8 @@ namespace velmora {
 struct Unfinished {
     std::int64_t generation = 1;
     std::vector<std::vector<ManifestRecord>> manifests; // its lines, in the order of the file
-    // Path keys of the files that it must hold, neither more nor less: a report that is on a disk already cannot grow.
+    // Path keys of the files that a report on a disk already names: the generation must hold these, neither more nor
+    // fewer.
     std::optional<std::unordered_set<std::string>> fixedFiles;
     std::shared_ptr<const OffloadReport> report;               // the newest that any disk has; null when it wrote none
     std::vector<std::shared_ptr<const OffloadReport>> reports; // per disk; null where it has none

@@ -6,7 +6,7 @@ namespace velmora {
 
 namespace {
 
-// A history is a stranger's file: as many patterns as any tool writes, and none that is a program of its own.
+// A history may come from anybody: the number and the complexity of its patterns are limited.
 constexpr std::size_t maxPatterns = 1000;
 constexpr std::size_t maxLength = 1000;
 

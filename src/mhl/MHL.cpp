@@ -283,7 +283,7 @@ bool MHL::hasGeneration(const OffloadReport& report, const std::string& cardPath
                                                "generation was not written again.",
                                                cardPath, number));
     }
-    // The caller builds on it. A run that was killed right after the renames may have left them in memory only.
+    // The caller relies on this being durable, and a run that was killed right after the renames did not flush them.
     IO::syncFolder(std::string(RelativePath::withoutTrailingSlash(cardPath)) + "/" + std::string(dirName));
     IO::syncFolder(std::string(RelativePath::withoutTrailingSlash(cardPath)));
     return true;

@@ -32,7 +32,7 @@ std::vector<std::string> MHLHistory::problemsBeside(std::int64_t generation) con
         }
     }
     if (generation == 1 && onlyThisOne) {
-        explained.push_back(MHLProblems::chainMissing()); // the very first write died between its two files
+        explained.push_back(MHLProblems::chainMissing()); // the first write was killed between its two files
     }
     std::vector<std::string> left;
     std::copy_if(chainProblems.begin(), chainProblems.end(), std::back_inserter(left), [&](const std::string& problem) {

@@ -107,7 +107,7 @@ std::vector<Planned> planByChain(const MHLHistory& history, const Folder& folder
             problems.push_back(MHLProblems::fileMissing(entry.seq, entry.path));
             continue;
         }
-        // One file cannot be two generations: the second entry stands where another one was.
+        // One file cannot be two generations: the second entry has replaced another one, and its generation is lost.
         if (const auto [first, isNew] = named.try_emplace(entry.path, entry.seq); !isNew) {
             problems.push_back(MHLProblems::sameFile(entry.seq, first->second, entry.path));
             continue;

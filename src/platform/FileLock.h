@@ -20,7 +20,7 @@ public:
     // The same on a folder that stands: every process on this computer that asks for it meets the lock, whoever runs it
     // and whatever it calls the folder. Throws IOError when the folder cannot be opened or its disk knows no locks.
     static std::optional<FileLock> tryLockFolder(const std::string& path);
-    // Why no lock on this file can be had by anybody: it cannot be made or opened. None when it can, held or not.
+    // Why the lock file cannot be made or opened by anybody. None when it can, held or not.
     static std::optional<IOError> problem(const std::string& path);
     // Tries again and again for `timeout` seconds. Throws Cancelled when it is asked to stop meanwhile.
     static std::optional<FileLock> lock(const std::string& path, double timeout, const IsCancelled& isCancelled = {});

@@ -40,8 +40,8 @@ void writeFileNew(const std::string& path, std::string_view bytes);
 // The same, replacing an existing file atomically: a reader and a crash see the old bytes or the new ones.
 void writeFileDurably(const std::string& path, std::string_view bytes);
 
-// Removes what the two above left in a folder when their process died: regular files of their temporary names. Call it
-// only while nobody else writes there. Does nothing where that cannot be, and follows no link, to the folder neither.
+// Removes the temporary files that killed calls of the two above left in a folder. Call it only while nobody else
+// writes there. Errors are ignored. Links are not followed, also when the folder itself is one.
 void removeTemporaries(const std::string& folder) noexcept;
 
 // Never replaces: throws IOError("rename", to, EEXIST). What stands in where the file system

@@ -45,7 +45,8 @@ std::string underRoot(const std::string& path, const System& system = {});
 std::optional<std::string> placeOnVolume(const std::string& path, const System& system = {});
 
 bool isVolumeRoot(const std::string& path, const System& system = {}); // the path is a mount point
-// By its words alone: at or below one of the places where a user's volumes are mounted, and not that place itself.
+// Looks like a path on a user's volume: it lies below one of the places where those are mounted. Nothing on disk is
+// looked at.
 bool isUserVolumePath(std::string_view path);
 // The disk that belongs at `path` is away: the path lies at or below one of those places, links resolved, and nothing
 // is mounted at it, nor above it up to that place. What is written there lands on the system's own disk. A volume that

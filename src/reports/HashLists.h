@@ -31,8 +31,8 @@ struct Standing {
     std::string list;   // as on disk, ending in a line feed unless empty
     std::string missed; // lines that the ASC MHL history has and neither the list nor `alsoListed` names
 };
-// `path` is the list's file; paths are compared without regard to case, but for files of the history whose names differ
-// in nothing else. Throws Cancelled.
+// `path` is the list's file; paths are compared without case, unless two files of the history differ only in case.
+// Throws Cancelled.
 Standing listAndMissed(const std::string& path, const std::string& cardPath, std::span<const std::string> alsoListed,
                        std::string_view algorithm, const IsCancelled& isCancelled = {});
 

@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Tools are found in the old folders as well, locks belong to running programs of the old name, and the rest are
-// copies that another migration has begun.
+// Not copied: tools, which are looked for in the old folders too; locks, which belong to running programs of the old
+// name; copies that another migration has begun.
 bool isNotCopied(const std::string& name) { return name == "bin" || name == "locks" || name.starts_with(".copying-"); }
 
 constexpr int maxDepth = 16;

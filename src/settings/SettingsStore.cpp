@@ -74,8 +74,8 @@ json rawObject(const AppSettings& settings) {
     return object;
 }
 
-// What stands of a section before the present values go in: unknown keys where the section is merged, and the values
-// that could not be read.
+// What a section keeps when it is written: unknown keys, where the section is merged, and values that could not be
+// read.
 json keptOfSection(const std::string& name, const json& raw, const AppSettings& settings) {
     json kept = json::object();
     const json* old = member(raw, name);
@@ -134,7 +134,7 @@ void normalizeProxy(ProxySettings& proxy, const IsKnownLut& isKnownLut) {
         proxy.lutMode = LutMode::automatic; // better the LUT of the camera than none
 }
 
-// Out of the way, never read again, never overwritten.
+// Renames a damaged file. It is never read or overwritten again.
 void setAside(const std::string& path, const Log& log) {
     const std::string base = path + ".corrupt-" + TimeText::local(Timestamp::now(), "%Y%m%d-%H%M%S");
     for (int n = 1;; ++n) {

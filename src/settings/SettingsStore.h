@@ -17,8 +17,8 @@ using IsKnownLut = std::function<bool(std::string_view id)>;
 // The user's settings as one JSON document, `settings.json` in the application-support folder.
 //
 // The document is read tolerantly, key by key, and inside the sections `proxy`, `tools`, `naming` and `outputs` again
-// key by key: a value that has the wrong type, or that only a newer version knows, costs itself alone. It is noted in
-// `unreadable`, the default stands in, and writing puts the old value back as it was. Keys that this version does not
+// key by key: a value that has the wrong type, or that only a newer version knows, is skipped. It is noted in
+// `unreadable`, the default is used, and writing puts the old value back as it was. Keys that this version does not
 // know are kept as well, at the top and inside `proxy`, `naming` and `outputs`. The file is replaced atomically: a
 // crash leaves the old document or the new one.
 namespace SettingsStore {

@@ -63,9 +63,8 @@ bool isFinal(const OffloadReport& report) {
     return !report.verifyPending.value_or(false) && !report.verifyIncomplete.value_or(false);
 }
 
-// Only the newest generation can be open. An older report that still waits for a verification does so for good: a run
-// that finishes one generation comes before the next. What it names counts as copied and never read back, until a later
-// generation records it.
+// Only the newest generation can be open. An older report with the mark keeps it: a run finishes one generation before
+// the next. Its files count as copied and not read back, until a later generation records them.
 std::optional<Open> openGeneration(const CardRecord& record) {
     std::optional<Unfinished> found;
     try {
@@ -324,7 +323,7 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
         result.cancelled = true;
         return finish();
     }
-    // Neither the history nor a list names what never arrived.
+    // A file that never arrived is in neither the history nor a list; only a report names it.
     task.addFromReports(record, open ? std::optional(open->generation) : std::nullopt, result);
     noteAlgorithms(task, result);
     if (FileChecks::run(result, task, chunkSize, isThere, progress, isCancelled, pausing)) {

@@ -22,8 +22,8 @@ std::string_view statusOf(const RecordedFile& recorded, const CardRecord& record
     return std::ranges::any_of(words, isCopy) ? "written" : "failed";
 }
 
-// A name or a folder that could not be copied stands in the report of every run that met it, so an older one tells of
-// what is over. A run that was broken off tells of what is missing.
+// A file that could not be copied is listed by each run that met it, so the newest report decides. A run that was
+// broken off lists what is missing.
 bool isOver(const RecordedFile& recorded, const CardRecord& record) {
     const auto& file = *recorded.file;
     const bool brokenOff =

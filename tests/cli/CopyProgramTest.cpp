@@ -270,7 +270,8 @@ TEST_F(CopyProgramTest, PromisesNothingWhereARecordDoesNotStand) {
         const auto result = program.events().back();
         EXPECT_FALSE(result["safeToEject"]) << record;
         EXPECT_FALSE(result["safeToFormat"]) << record;
-        EXPECT_TRUE(result["warning"].get<std::string>().starts_with("Could not write the report: ")) << result;
+        EXPECT_TRUE(result["warning"].get<std::string>().starts_with("Could not write the verification result ("))
+            << result;
         // The other disk's record must not promise either what does not hold here.
         const auto other = test::FileTree::read(backup(b, "R") + "/_REPORT/offload_report.txt");
         EXPECT_NE(other.find("UNFINISHED — do not format the card yet"), std::string::npos) << other;

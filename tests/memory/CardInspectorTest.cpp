@@ -337,6 +337,8 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
             touch("B", file.relPath, file.mtime);
         }
         stand();
+        if (!IO::isFolder(folder("B") + "/ascmhl"))
+            MHL::write(report_, folder("B"), {5, 0}, "cart");
     }
     std::filesystem::remove_all(folder("B"));
     entry_.destinations.push_back({root("B"), folder("B")});

@@ -1,5 +1,5 @@
-#include "platform/HeldFolder.h"
 #include "platform/IO.h"
+#include "platform/HeldFolder.h"
 #include "platform/PageCache.h"
 #include "platform/linux/OpenFile.h"
 #include "platform/linux/RenameNoReplace.h"

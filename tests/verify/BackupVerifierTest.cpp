@@ -6,6 +6,7 @@
 #include "engine/FolderLocks.h"
 #include "memory/HistoryRecords.h"
 #include "mhl/MHL.h"
+#include "platform/IO.h"
 #include "reports/ReportWriter.h"
 #include "reports/SampleReport.h"
 #include "support/FileTree.h"
@@ -307,6 +308,7 @@ TEST_F(BackupVerifierTest, AnUnfinishedGenerationIsToldAndItsFilesAreNoStrangers
 
     // The later generation that is there ends the waiting: what was never read back is held against the report.
     fs::remove_all(card);
+    IO::mkdirs(card);
     open = reportOf(1, {{"DCIM/4.mov", "new", "written"}});
     commitReport(open, card, {{1773473420, 0}, "cart"});
     open.verifyPending = true;

@@ -59,14 +59,14 @@ public:
 
 private:
     std::shared_ptr<const std::vector<MountEntry>> newest() REQUIRES(mutex_) {
-        // A process that was forked off shares the open file with its parent, and each would take the other's news.
+        // A forked child shares the descriptor with its parent, and each would take the other's change events.
         if (!changes_ || owner_ != ::getpid()) {
             changes_ = Descriptor(::open(MountTable::systemTable, O_RDONLY | O_CLOEXEC));
             owner_ = ::getpid();
             entries_.reset();
         }
         pollfd news{changes_.get(), POLLPRI, 0};
-        // An answer is given once for all changes so far, so the table is read after it.
+        // One event covers all changes so far, so the table is read after it.
         const bool unchanged = changes_ && ::poll(&news, 1, 0) == 0;
         if (!unchanged || !entries_)
             entries_ = std::make_shared<const std::vector<MountEntry>>(MountTable::read());

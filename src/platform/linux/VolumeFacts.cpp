@@ -129,7 +129,7 @@ bool awaitsVolume(const std::string& path, const System& system) {
         }
         if (!entry || entry->type == automounter || !MountTable::isAtOrBelow(entry->mountPoint, place))
             return true;
-        // What holds the mount points of others without a disk of its own (a tmpfs over all of /mnt) is no one's
+        // A file system without a disk that only holds mount points (a tmpfs over all of /mnt) is no place for a
         // backup.
         return entry->pseudo && entry->mountPoint == place && real != place;
     }
