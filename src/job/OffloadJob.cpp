@@ -214,7 +214,7 @@ JobStatus OffloadJob::status() const {
     status.paused = gate.isPaused();
     status.pauseHeld = gate.isHeld();
     status.pausedTotal = gate.pausedTotal();
-    if (repair_ && repair_->describe(status))
+    if ((repair_ && repair_->describe(status)) || comparison_.describe(status))
         return status; // the engine has nothing to do yet
     if (status.phase == Phase::waiting) {
         if (status.paused)

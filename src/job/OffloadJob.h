@@ -3,6 +3,7 @@
 #include "base/Errors.h"
 #include "base/Mutex.h"
 #include "engine/OffloadEngine.h"
+#include "job/CardComparison.h"
 #include "job/HistoryKeeper.h"
 #include "job/JobStatus.h"
 #include "job/Promises.h"
@@ -11,6 +12,7 @@
 #include "records/JobConfig.h"
 #include "records/SourceFile.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -103,6 +105,9 @@ private:
     void moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation);
     RepairPlan compareWithCard(const AppendPlanner::Ask& asked, const RepairPlanner::Checked& checked,
                                const std::vector<RepairPlanner::Findings>& findings);
+    void requireSameContent(const AppendPlan& append);
+    // Reads on the card and in the backup before the engine runs. `read` gets what tells it to stop.
+    void readBeforehand(const std::function<void(const IsCancelled&)>& read);
     void requireSameCard();
     void settleRecords(const OffloadReport& report, const std::vector<std::string>& cardPaths);
     void nothingNew(const AppendPlanner::NothingNew& nothing);
@@ -141,6 +146,7 @@ private:
     Log log_ GUARDED_BY(mutex_);
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
+    CardComparison comparison_;
     std::unique_ptr<FolderLocks> locks_;     // of the thread that runs
     std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
     std::unique_ptr<HistoryKeeper> history_; // of the thread that runs

@@ -122,6 +122,8 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     requireSameCard();
     checkSpace(append.toPlan());
     begin(Phase::copying);
+    if (compareCard_ && !append.sameMedium)
+        requireSameContent(append);
     if (append.later > 0)
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
                                countedFiles(append.later)));
@@ -225,8 +227,7 @@ void OffloadJob::moveStrangePages(const std::vector<std::string>& cardPaths, std
 }
 
 // Every pause of the comparison may bring another card, of which nothing is read.
-RepairPlan OffloadJob::compareWithCard(const AppendPlanner::Ask& asked, const RepairPlanner::Checked& checked,
-                                       const std::vector<RepairPlanner::Findings>& findings) {
+void OffloadJob::readBeforehand(const std::function<void(const IsCancelled&)>& read) {
     PauseGate& gate = engine_.pauses();
     const auto mustStop = [this, &gate, held = gate.holdCount()]() mutable {
         if (!gate.isPaused() && gate.holdCount() != held) {
@@ -236,12 +237,27 @@ RepairPlan OffloadJob::compareWithCard(const AppendPlanner::Ask& asked, const Re
         return engine_.isCancelled() || engine_.cardChanged();
     };
     try {
-        return repair_->plan(asked, checked, findings, gate, mustStop);
+        read(mustStop);
     } catch (const Cancelled&) {
         if (!engine_.isCancelled())
             requireSameCard();
         throw;
     }
+}
+
+RepairPlan OffloadJob::compareWithCard(const AppendPlanner::Ask& asked, const RepairPlanner::Checked& checked,
+                                       const std::vector<RepairPlanner::Findings>& findings) {
+    RepairPlan plan;
+    readBeforehand([&](const IsCancelled& mustStop) {
+        plan = repair_->plan(asked, checked, findings, engine_.pauses(), mustStop);
+    });
+    return plan;
+}
+
+void OffloadJob::requireSameContent(const AppendPlan& append) {
+    log("Comparing the card with the backup…");
+    readBeforehand([&](const IsCancelled& mustStop) { comparison_.run(append, engine_.pauses(), mustStop); });
+    requireSameCard();
 }
 
 // What is planned for one card is not begun with another.

@@ -382,13 +382,30 @@ TEST_F(EarlierBackup, TheRightCardClearsWhatAnotherOneLeft) {
     options.cardMedium = {};
     ASSERT_EQ(copy().phase, Phase::done);
     const auto before = contents(temp / "a");
+    const auto compare = [&] {
+        JobConfig into = config();
+        into.appendInto = cards;
+        job = std::make_unique<OffloadJob>(into, options);
+        job->compareCard();
+        job->run({});
+        return job->status();
+    };
+    // One that was another from the start, or cannot be read, leaves nothing.
+    keep();
     test::FileTree::flipBit(temp / "card/DCIM/2.mov", 9);
-    JobConfig into = config();
-    into.appendInto = cards;
-    job = std::make_unique<OffloadJob>(into, options);
-    job->compareCard();
-    job->run({});
-    EXPECT_FALSE(job->status().safeToFormat);
+    EXPECT_EQ(compare().errorCode, PreflightCode::appendOtherCard);
+    EXPECT_THAT(job->status().error.value_or(""), HasSubstr("DCIM/2.mov: the card has different content"));
+    EXPECT_EQ(contents(temp / "a"), before);
+    restore();
+    EXPECT_TRUE(compare().safeToFormat) << testing::PrintToString(job->status().warnings);
+    restore();
+    options.beforeFileCopy = [&](std::int64_t file) {
+        if (file == 0)
+            test::FileTree::flipBit(temp / "card/DCIM/2.mov", 9);
+    };
+    EXPECT_FALSE(compare().safeToFormat);
+    EXPECT_EQ(compare().phase, Phase::failed) << "it is another card now";
+    options.beforeFileCopy = {};
     test::FileTree::flipBit(temp / "card/DCIM/2.mov", 9);
     EXPECT_TRUE(repair(cards).safeToFormat) << job->status().error.value_or("");
     for (const auto& [path, content] : before)
