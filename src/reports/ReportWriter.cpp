@@ -25,10 +25,15 @@ Stamp Stamp::present() { return {Timestamp::now(), hostName()}; }
 
 OffloadReport read(const std::string& path) { return OffloadReport::fromJson(IO::readFile(path, longestReport)); }
 
-// Encoded before anything is written: a report that cannot be encoded leaves nothing behind.
+// Encoded before anything is written: a report that cannot be encoded leaves nothing behind. The JSON tells the next
+// run what is still to be done. It bears the mark as long as the text may bear it: of two marked pages it is the first
+// to be written, of two final ones the last.
 Pages::Pages(const OffloadReport& report)
     : files_{{{OffloadReport::jsonName(report.generationNumber()), report.jsonData()},
-              {OffloadReport::textName(report.generationNumber()), ReportText::summary(report)}}} {}
+              {OffloadReport::textName(report.generationNumber()), ReportText::summary(report)}}} {
+    if (!report.verifyPending.value_or(false) && !report.verifyIncomplete.value_or(false))
+        std::swap(files_[0], files_[1]);
+}
 
 void Pages::write(const std::string& cardPath, bool create) const {
     const std::string folder = fmt::format("{}/{}", cardPath, Layout::reportDirName);

@@ -9,8 +9,8 @@
 
 namespace velmora {
 
-// Lays a report down in a card folder: `_REPORT/offload_report[_NNNN].json`, then the same as `.txt`. Each is complete
-// or absent.
+// Lays a report down in a card folder: `_REPORT/offload_report[_NNNN].json` and the same as `.txt`. Each is complete or
+// absent. A JSON that is final stands beside a text that is final.
 //
 // Every step throws IOError, OffloadError or MHLFormatError; what was written before it stays.
 namespace ReportWriter {

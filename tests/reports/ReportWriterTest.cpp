@@ -31,6 +31,7 @@ protected:
 };
 
 TEST_F(ReportWriterTest, SecondWriterOfAGenerationFailsAndLeavesTheFirst) {
+    report.verifyIncomplete = true;
     ReportWriter::Pages(report).write(card, true);
     const auto first = at("offload_report.json");
     auto second = report;
@@ -49,6 +50,22 @@ TEST_F(ReportWriterTest, SecondWriterOfAGenerationFailsAndLeavesTheFirst) {
     }
     EXPECT_EQ(at("offload_report.json"), "(none)");
     EXPECT_EQ(OffloadReport::fromJson(first), report);
+}
+
+// A write that ends between the two pages leaves what the next run finishes.
+TEST_F(ReportWriterTest, TheJsonIsFinalOnlyBesideAFinalText) {
+    for (const bool takenBack : {false, true}) {
+        auto marked = report;
+        marked.verifyIncomplete = true;
+        (takenBack ? ReportWriter::Pages(report) : ReportWriter::Pages(marked)).write(card, false);
+        const std::string text = reports + "offload_report.txt";
+        IO::unlink(text);
+        IO::mkdirs(text); // in the way
+        EXPECT_THROW((takenBack ? ReportWriter::Pages(marked) : ReportWriter::Pages(report)).write(card, false),
+                     IOError);
+        EXPECT_EQ(ReportWriter::read(reports + "offload_report.json").verifyIncomplete, true);
+        IO::removeEmptyFolder(text);
+    }
 }
 
 TEST_F(ReportWriterTest, LaterGenerationsStandBesideTheFirst) {
