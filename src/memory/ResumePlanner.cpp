@@ -136,6 +136,15 @@ Unfinished gather(const std::vector<std::string>& paths, const std::vector<State
     return unfinished;
 }
 
+// What a run has found against the card is told on every disk, also on those that its end did not reach. Its promise is
+// not passed on: nobody has looked at the card since.
+std::shared_ptr<const OffloadReport> withNotesOf(const OffloadReport& final, const OffloadReport& marked) {
+    auto report = std::make_shared<OffloadReport>(marked);
+    if (final.started == marked.started && final.finished == marked.finished)
+        report->verifyNotes = final.verifyNotes;
+    return report;
+}
+
 bool sameContent(const ManifestRecord& a, const ManifestRecord& b) {
     return a.xxh64 == b.xxh64 && a.blockSize == b.blockSize && a.blocks == b.blocks;
 }
@@ -217,6 +226,9 @@ Findings look(const std::vector<std::string>& paths) {
     }
     const bool nextDoor = std::ranges::all_of(past, [&](auto d) { return states[d].committed == *open; });
     if (nextDoor && unfinished.result()) {
+        for (const std::size_t d : past)
+            if (states[d].report)
+                unfinished.report = withNotesOf(*states[d].report, *unfinished.report);
         found.lagging.emplace().unfinished = std::move(unfinished);
         for (const std::size_t d : group)
             found.lagging->cardPaths.push_back(paths[d]);
