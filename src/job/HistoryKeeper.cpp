@@ -62,9 +62,14 @@ HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPat
     if (entry && entry->card)
         known.medium = entry->card->key();
     known.runs = AppendPlanner::pastRuns(entries, cardPaths);
-    for (const std::string& cardPath : cardPaths)
-        if (auto failed = failedVerification(entries, {cardPath, VolumeFacts::volumeSerialText(cardPath)}))
+    for (const std::string& cardPath : cardPaths) {
+        const BackupPlace place{cardPath, VolumeFacts::volumeSerialText(cardPath)};
+        if (auto failed = failedVerification(entries, place))
             known.failedVerifications.emplace(RelativePath::withoutTrailingSlash(cardPath), std::move(*failed));
+        const auto last = HistoryRecords::verificationOf(entries, cardPath, place.volumeSerial);
+        const auto clean = last ? last->clean : std::nullopt;
+        known.lastClean = &cardPath == &cardPaths.front() ? clean : std::min(known.lastClean, clean); // none is least
+    }
     return known;
 }
 

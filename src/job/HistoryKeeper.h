@@ -30,6 +30,7 @@ public:
         std::vector<AppendPlanner::PastRun> runs; // the folders of each record that may be of this backup
         // For each folder that did not pass its last verification: the folder, and the sentence that says so.
         std::map<std::string, std::string> failedVerifications;
+        std::optional<Timestamp> lastClean; // since when every folder has passed a verification
     };
     // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
     Known look(const std::vector<std::string>& cardPaths, const IsCancelled& isCancelled);

@@ -243,7 +243,9 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
             *state_.note += " Every copy was read just now.";
         else if (check.lastRead)
             *state_.note +=
-                fmt::format(" The copies were last read on {}.", TimeText::local(*check.lastRead, "%Y-%m-%d %H:%M"));
+                fmt::format(" The copies were last read on {}.",
+                            TimeText::local(std::max(*check.lastRead, known_.lastClean.value_or(*check.lastRead)),
+                                            "%Y-%m-%d %H:%M"));
         state_.copySucceeded = verdict.safeToEject;
     }
     tell(verdict, remedyOf(evidence, nullptr));

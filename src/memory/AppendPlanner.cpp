@@ -182,8 +182,9 @@ private:
                                      exactBytes(file.size), verifyHint, Product::cli));
         if (!present)
             throw refuse(PreflightCode::appendMissingFile,
-                         fmt::format("A file of the earlier backup is missing on {}: {} — check the backup with {}.",
-                                     disk(backup_.paths[d]), file.relPath, verifyHint));
+                         fmt::format("A file of the earlier backup is missing on {}: {} — check the backup with {}. "
+                                     "Repair ({} repair) copies it again from the card.",
+                                     disk(backup_.paths[d]), file.relPath, verifyHint, Product::cli));
         // Every copy has the time of the card's file: one that has another was touched since.
         return status != "verified" || record.report->verifyIncomplete.value_or(false) ||
                !FileTimes::close(present->mtime, record.file->modified, localTime_);

@@ -37,7 +37,7 @@ std::string line(const HistoryMatch& match) {
     for (const HistoryDestination& destination : entry.destinations)
         disks.push_back(HistoryText::diskName(destination.root));
     std::string text = fmt::format("{} — {}, {}, {}", entry.cardName, HistoryText::when(entry.finished),
-                                   join(disks, ", "), HistoryText::state(entry).text);
+                                   join(disks, ", "), HistoryText::stateNow(match));
     if (!entry.card)
         text += ", recognised by names, sizes and times only";
     if (match.kind == HistoryMatchKind::newFiles)

@@ -271,8 +271,9 @@ BackupState BackupState::of(const std::vector<std::string_view>& statuses) {
 namespace BackupMessage {
 
 std::string failed(std::int64_t files) {
-    return fmt::format("{} in the backup still {} not match — do not eject the card, run Copy again.",
-                       countedFiles(files), plural(files, "does", "do"));
+    return fmt::format("{} in the backup still {} not match — do not eject the card, run Copy again. "
+                       "What puts it right in the same folders is Repair ({} repair).",
+                       countedFiles(files), plural(files, "does", "do"), Product::cli);
 }
 
 std::string unverified(std::int64_t files) {

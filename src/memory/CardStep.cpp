@@ -1,9 +1,11 @@
 #include "memory/CardStep.h"
 
+#include "base/RelativePath.h"
 #include "memory/HistoryRecords.h"
 #include "memory/HistoryText.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace velmora {
 
@@ -34,11 +36,29 @@ std::vector<std::string> foldersFor(const HistoryMatch& match) {
     return paths;
 }
 
+// A repair takes all folders of the backup along that stand where those that need it do: it refuses to part them.
+void takeInStep(std::vector<std::string>& into, const std::vector<FolderNow>& folders) {
+    const auto first = std::ranges::find(folders, into.front(), &FolderNow::cardPath);
+    if (first == folders.end() || first->generation == 0)
+        return;
+    const auto cardName = [](const std::string& path) {
+        return std::pair(std::string(RelativePath::name(RelativePath::folder(path))),
+                         std::string(RelativePath::name(path)));
+    };
+    for (const FolderNow& folder : folders)
+        if (folder.state == State::connected && folder.generation == first->generation &&
+            cardName(folder.cardPath) == cardName(into.front()) &&
+            std::ranges::find(into, folder.cardPath) == into.end())
+            into.push_back(folder.cardPath);
+}
+
 CardStep copyAgain(const HistoryMatch& match, std::string why) {
     CardStep step{CardStep::Kind::copyAgain, std::move(why), {}, false, {}, {}};
     for (const FolderNow& folder : match.folders)
         if (folder.state == State::connected || folder.state == State::unreadable)
             step.leftBy.push_back(folder.cardPath);
+        else if (folder.state == State::away && !folder.besides)
+            step.away.push_back(folder.cardPath); // its disk is one of those that the copy goes to
     return step;
 }
 
@@ -69,9 +89,10 @@ CardStep CardStep::of(const CardInsight& insight) {
     const bool open = any(folders, [](const FolderNow& f) { return f.needsAppend(); });
     if (match.entry.unfinished && !repairOpen)
         step.kind = Kind::finish;
-    else if (any(folders, [](const FolderNow& f) { return f.needsRepair(); }))
+    else if (any(folders, [](const FolderNow& f) { return f.needsRepair(); })) {
         step.kind = Kind::repair;
-    else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
+        takeInStep(step.into, folders);
+    } else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
         step.kind = Kind::append;
     else if (!match.entry.safeToFormat.value_or(false) || !match.entry.card) {
         step.kind = Kind::append;

@@ -166,7 +166,8 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
     if (record.reportMissing)
         return unreadable(now, "it has no report");
     // No append, repair or verification goes on without it.
-    if (!record.generations.empty() && ResumePlanner::committed(now.cardPath) < record.generations.back().generation)
+    now.generation = ResumePlanner::committed(now.cardPath);
+    if (!record.generations.empty() && now.generation < record.generations.back().generation)
         return unreadable(now, "its ASC MHL history is lost");
     const std::string onDisk = IO::filesystemType(now.cardPath);
     const bool localTime =
@@ -180,8 +181,10 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
     }
 }
 
-// Another disk stands where the folder's disk was: a report of the same backup says which serial that had.
-bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks) {
+// Another disk stands where the folder's disk was: a report of the same backup says which serial that had, or the
+// history, which remembers the disk that a verification read.
+bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks,
+                   const std::vector<HistoryEntry>& history) {
     std::string there = cardPath;
     while (there.size() > 1 && IO::isGone(there))
         there = RelativePath::folder(there);
@@ -191,6 +194,10 @@ bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks) 
             for (const auto& destination : generation.report->destinations)
                 if (HistoryRecords::samePlace(destination.cardPath, cardPath) && destination.volumeSerial)
                     return serial != destination.volumeSerial;
+    for (const HistoryEntry& entry : history)
+        for (const HistoryVerification& each : entry.verifications)
+            if (each.volumeSerial && HistoryRecords::samePlace(each.cardPath, cardPath))
+                return serial != each.volumeSerial;
     return false;
 }
 
@@ -250,7 +257,7 @@ std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<History
     std::vector<FolderNow> folders;
     for (const Look& each : looks) {
         FolderNow& now = folders.emplace_back(each.now);
-        if (now.state == FolderNow::State::gone && onAnotherDisk(now.cardPath, looks))
+        if (now.state == FolderNow::State::gone && onAnotherDisk(now.cardPath, looks, history))
             now.state = FolderNow::State::away;
         const auto known = HistoryRecords::verificationOf(history, now.cardPath, each.record->volumeSerial);
         now.lastKnown = known && known->clean ? std::max(*known->clean, entry.finished) : entry.finished;

@@ -34,7 +34,8 @@ struct FolderNow {
     std::string cardPath;
     bool besides = false; // not of the entry: the records of its folders, or of others, name this one as well
     State state = State::connected;
-    std::string error; // of `unreadable`
+    std::int64_t generation = 0; // the newest of its history; 0: not known
+    std::string error;           // of `unreadable`
     // When the copies were last known to be good: at the last verification without a finding, else when they were made.
     Timestamp lastKnown;
     std::optional<HistoryVerification> failedVerification; // and nothing has mended it since

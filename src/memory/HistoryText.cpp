@@ -145,4 +145,14 @@ Line state(const HistoryEntry& entry) {
     return {"verified", HistoryTone::ok};
 }
 
+std::string stateNow(const HistoryMatch& match) {
+    const bool remembersGood = !match.entry.unfinished && match.entry.success && match.entry.verified;
+    if (!remembersGood)
+        return state(match.entry).text;
+    if (const auto found = problems(match); !found.empty())
+        return "but " + found.front();
+    const bool unread = std::ranges::any_of(match.folders, [](const auto& f) { return f.unverified.count > 0; });
+    return unread ? "NOT VERIFIED" : state(match.entry).text;
+}
+
 } // namespace velmora::HistoryText

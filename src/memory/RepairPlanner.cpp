@@ -3,15 +3,18 @@
 #include "base/FileTimes.h"
 #include "base/Hex.h"
 #include "base/Msg.h"
+#include "base/Product.h"
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "blocks/HashAlgo.h"
+#include "disks/VolumeSerial.h"
 #include "engine/DestWriter.h"
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/CaseTwins.h"
 #include "memory/ResumePlanner.h"
 #include "platform/IO.h"
+#include "platform/VolumeFacts.h"
 
 #include <fmt/format.h>
 
@@ -353,6 +356,39 @@ private:
     AlignedBuffer buffer_;
 };
 
+// What a run into all of them would take in: the same folder on another disk that is there, at the same generation,
+// with nothing open.
+bool isInStep(const BackupPlace& place, const AppendPlanner::Backup& backup) try {
+    const std::string_view dated = RelativePath::folder(place.cardPath);
+    return RelativePath::name(place.cardPath) == backup.cardName && RelativePath::name(dated) == backup.date &&
+           IO::isFolder(place.cardPath) &&
+           (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial) &&
+           ResumePlanner::committed(place.cardPath) + 1 == backup.nextGeneration &&
+           !ResumePlanner::find({place.cardPath});
+} catch (const std::exception&) {
+    return false;
+}
+
+// A repair of some disks takes them a generation ahead of the rest, and no append to all of them goes on from there.
+void refuseLeftOut(const Checked& checked) {
+    std::vector<std::string> leftOut;
+    for (const BackupPlace& place : AppendPlanner::elsewhere(checked.backup.records, checked.found, {}))
+        if (isInStep(place, checked.backup))
+            leftOut.push_back(place.cardPath);
+    if (leftOut.empty())
+        return;
+    std::string words;
+    for (const std::string& path : checked.backup.paths)
+        words += " --into \"" + path + "\"";
+    for (const std::string& path : leftOut)
+        words += " --into \"" + path + "\"";
+    throw refuse(PreflightCode::other,
+                 fmt::format("The backup is also in {}, which was not named: repaired without it, the disks of the "
+                             "backup would no longer be in step. Name all of them ({} repair …{}), or disconnect the "
+                             "disk that is to be left out.",
+                             join(leftOut, ", "), Product::cli, words));
+}
+
 } // namespace
 
 Checked check(const std::vector<std::string>& cardPaths) {
@@ -371,6 +407,8 @@ Checked check(const std::vector<std::string>& cardPaths) {
         if (open && !AppendPlanner::isOpenRepair(*open, checked.backup.records))
             throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
         checked.settle = AppendPlanner::settleable(open, checked.backup.paths);
+        if (!open)
+            refuseLeftOut(checked);
         return checked;
     } catch (const OffloadError& error) {
         throw forRepair(error);

@@ -318,6 +318,10 @@ TEST_F(EarlierBackup, AnAppendAddsAGenerationAndARepairMendsOne) {
     EXPECT_TRUE(again.safeToFormat);
 
     test::FileTree::flipBit(cards[1] + "/DCIM/4.mov", 1'200'000);
+    const auto parted = disks(); // one disk alone would be a generation ahead of the other
+    EXPECT_THAT(repair({cards[1]}).error.value_or(""),
+                HasSubstr("repair … --into \"" + cards[1] + "\" --into \"" + cards[0] + "\")"));
+    EXPECT_EQ(disks(), parted);
     const std::string bad = test::FileTree::read(cards[1] + "/DCIM/4.mov");
     fs::remove(cards[0] + "/3.txt");
     EXPECT_TRUE(repair(cards).safeToFormat);
@@ -521,6 +525,13 @@ TEST_F(EarlierBackup, AReadingOfAllCopiesEndsWhatAVerificationFound) {
               "Nothing to repair — every file is good on every destination. Every copy was read just now.");
     EXPECT_FALSE(hasFailed());
     EXPECT_EQ(CardRecord::load(cards[0]).generations.size(), 2U) << "reading alone is no generation";
+    // The copies of both disks were read when the later verification of the two had passed.
+    HistoryStore store(temp / "settings", 2);
+    for (const std::size_t d : {0U, 1U}) {
+        const auto serial = CardRecord::load(cards[d]).volumeSerial;
+        VerificationTrace::enter(store, {cards[d], serial, Timestamp{4'000'000'000, 0}, {}, {}}, {});
+        EXPECT_EQ(append(cards).note.value_or("").find("last read on 2096-") != std::string::npos, d == 1);
+    }
 }
 
 // What a person put where a dead run had begun a file is not that run's to destroy.

@@ -319,8 +319,13 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         const auto line = HistoryText::line(*insight.match, false).text;
         const std::string all = line + "\n" + join(HistoryText::notes(*insight.match), "\n");
         EXPECT_NE(all.find(replaceAll(c.says, "$B", folder("B"))), std::string::npos) << c.what << ": " << all;
-        EXPECT_EQ(CardStep::of(insight).kind, c.step) << c.what;
+        const CardStep step = CardStep::of(insight);
+        EXPECT_EQ(step.kind, c.step) << c.what;
+        EXPECT_TRUE(step.kind != Kind::repair || step.into.size() == 2) << c.what << ": disks in step stay so";
         EXPECT_EQ(line.ends_with("verified, safe to format"), c.safe) << line;
+        EXPECT_EQ(BackedUpPrompt::line(*insight.match).ends_with(", verified"),
+                  c.safe || c.says.starts_with("did not call"))
+            << BackedUpPrompt::line(*insight.match);
         EXPECT_EQ(HistoryText::holdsWholeCard(*insight.match),
                   c.safe || c.says == "NOT VERIFIED" || c.says.starts_with("did not call"))
             << c.what;
@@ -342,6 +347,11 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
     }
     std::filesystem::remove_all(folder("B"));
     entry_.destinations.push_back({root("B"), folder("B")});
+    // A full copy goes to both disks: the one that is away is to be connected.
+    away_ = root("A");
+    EXPECT_EQ(CardStep::of(inspect({entry_})).kind, Kind::copyAgain);
+    EXPECT_EQ(CardStep::of(inspect({entry_})).away, std::vector{folder("A")});
+    away_ = "nowhere";
     // An interrupted run is finished where all its folders are, also those that hold nothing yet; else nothing finishes
     // it.
     entry_.unfinished = true;
