@@ -22,12 +22,11 @@ struct Destination {
 // Called ahead of what is done below a folder, and after it: throws when that folder is not the one that was checked.
 using Check = std::function<void(const std::string& folder)>;
 
-// Takes the card folder of a full copy into possession on all destinations: mkdir is what decides between two runs
-// that found the same name free. The loser gives back what it has taken and tries the next free name, which is put
-// into the plan. Roots are taken in one order by all runs, so that two of them never wait for each other's leavings.
-// A root that is not the one that was checked ends the claim, and so does a card folder that would lie on the card.
-// The folders of any other plan stand already, and are the caller's by their locks: what a write that was cut off left
-// in their record folders goes.
+// Creates the card folder of a full copy on all destinations. Where two runs found the same name free, `mkdir` decides.
+// The loser removes its folders and takes the next free name, which is put into the plan. All runs go through the roots
+// in one order, so that none waits for folders that another one is removing. A root that is not the one that was
+// checked ends the claim, and so does a card folder that would lie on the card. The folders of any other plan exist
+// already and are locked by the caller: temporary files of killed writes in their record folders are removed.
 std::vector<Destination> claim(OffloadPlan& plan, const Check& check = {});
 
 // Undoes a claim: removes the folders that a full copy has made, as far as they are empty, up to those that were there

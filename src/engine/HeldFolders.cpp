@@ -21,7 +21,7 @@ HeldFolders::HeldFolders(const std::vector<std::string>& paths, const HeldFolder
             else
                 held.folder.emplace(path);
             held.volumeKey = SpacePlanner::volumeKey(path);
-        } catch (const IOError&) { // `check` tells of it when it matters
+        } catch (const IOError&) { // `check` reports it later
         }
         held_.push_back(std::move(held));
     }

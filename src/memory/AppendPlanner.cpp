@@ -210,10 +210,9 @@ private:
         plan_.newFiles.push_back(file);
     }
 
-    // What the dead run holds complete, the card must still have: a generation without it would leave copies on the
-    // disks that no record names. That is so also where the last line of a file was still waiting for a flush. A report
-    // that is on a disk already must not lose a file either. A file that no disk got whole is named in the record: it
-    // was on the card, and nobody has it. What was begun of it moves aside.
+    // Every file that the killed run copied completely must still be on the card, or its copies would stand in no
+    // record; also where its last line was still waiting for a flush. Files of a report that is already on a disk must
+    // be there too. A file that no disk has complete is recorded as lost, and what was begun of it moves aside.
     void requireHeldFiles() {
         if (!unfinished_)
             return;
@@ -285,8 +284,8 @@ private:
                     continue;
                 if (DeviceFlush::isLeftover(present.relPath, present.size))
                     continue; // of a run that died while it flushed the disk
-                // Renamed, but its line was still waiting for the device flush: whole only by luck, and of any length
-                // after a power cut. It is written anew. The run moves aside what does not look like the card's file.
+                // The file was renamed, but its manifest line was not flushed. It may be incomplete, and of any length
+                // after a power cut: it is written again. What does not look like the card's file moves aside.
                 const bool ofThisRun = unfinished_ && file != wanted.end();
                 if (!ofThisRun)
                     unknown(present.relPath);

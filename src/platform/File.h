@@ -116,8 +116,9 @@ private:
     std::string path_;
     int fd_ = -1;
     CacheMode mode_ = CacheMode::direct;
-    std::int64_t startedFrom_ = 0; // what lies between these two went through the cache and has been handed to the
-    std::int64_t startedTo_ = 0;   // disk, but nobody has waited for it yet
+    // The bytes between these two were handed from the cache to the disk, but not waited for.
+    std::int64_t startedFrom_ = 0;
+    std::int64_t startedTo_ = 0;
 };
 
 } // namespace velmora
