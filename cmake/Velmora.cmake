@@ -78,7 +78,7 @@ function(velmora_tests folder)
   add_executable(velmora_${folder}_tests ${sources})
   target_include_directories(velmora_${folder}_tests PRIVATE "${CMAKE_SOURCE_DIR}/tests")
   target_link_libraries(velmora_${folder}_tests PRIVATE ${ARGN} velmora_test_support GTest::gmock_main)
-  target_precompile_headers(velmora_${folder}_tests REUSE_FROM velmora_test_pch)
+  target_precompile_headers(velmora_${folder}_tests REUSE_FROM velmora_test_headers)
   gtest_discover_tests(velmora_${folder}_tests PROPERTIES LABELS ${folder} TIMEOUT 300
     DISCOVERY_TIMEOUT 60 TEST_PREFIX "${folder}.")
 endfunction()

@@ -1,7 +1,6 @@
 #include "base/BrakeMeter.h"
 #include "base/PauseGate.h"
 
-#include <chrono>
 #include <future>
 
 namespace velmora {

@@ -1,8 +1,6 @@
 #include "base/SerialQueue.h"
 
 #include <array>
-#include <atomic>
-#include <cstdlib>
 #include <future>
 #include <numeric>
 #include <pthread.h>

@@ -3,8 +3,6 @@
 #include "base/RelativePath.h"
 #include "base/Text.h"
 
-#include <algorithm>
-
 namespace velmora {
 namespace {
 

@@ -2,9 +2,7 @@
 #include "base/FileTimes.h"
 #include "base/Timestamp.h"
 
-#include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 
 namespace velmora {

@@ -1,11 +1,8 @@
 #include "blocks/BlockVerifier.h"
 #include "blocks/HashStreams.h"
-#include "support/FileTree.h"
 
-#include <gtest/gtest.h>
 #include <numeric>
 #include <random>
-#include <thread>
 
 namespace velmora {
 namespace {

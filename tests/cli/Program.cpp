@@ -1,18 +1,6 @@
 #include "cli/Program.h"
 
-#include "support/FileTree.h"
-
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <fcntl.h>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <pty.h>
-#include <sstream>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace velmora::test {
 
@@ -84,6 +72,16 @@ bool Program::ended() {
         status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     return true;
+}
+
+std::vector<std::string> Program::copying(const std::string& source, const std::vector<std::string>& roots,
+                                          const std::string& date, const std::vector<std::string>& more) {
+    std::vector<std::string> all = {"copy", source, "--date", date, "--block-mib", "1"};
+    for (const auto& root : roots)
+        all.insert(all.end(), {"--dest", root});
+    all.insert(all.end(), {"--allow-same-device", "--allow-source-volume"});
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
 }
 
 void Program::signal(int number) const { ::kill(pid_, number); }

@@ -1,13 +1,6 @@
 #pragma once
 
-#include "support/TempFolder.h"
-
-#include <functional>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <string>
-#include <sys/types.h>
-#include <vector>
 
 namespace velmora::test {
 
@@ -24,6 +17,10 @@ public:
     explicit Program(const std::vector<std::string>& arguments) : Program(arguments, How()) {}
     Program(const std::vector<std::string>& arguments, const How& how);
     ~Program(); // kills what still runs
+
+    // The words of a copy into folders of one disk.
+    static std::vector<std::string> copying(const std::string& source, const std::vector<std::string>& roots,
+                                            const std::string& date, const std::vector<std::string>& more);
 
     void signal(int number) const;
     // The exit status; 128 + N when signal N ended it. Fails the test, and kills, after a minute.

@@ -1,7 +1,5 @@
 #include "cli/TerminalText.h"
 
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 

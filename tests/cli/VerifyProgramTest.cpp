@@ -2,14 +2,7 @@
 #include "engine/FolderLocks.h"
 #include "platform/FileLock.h"
 #include "support/FaultDisk.h"
-#include "support/FileTree.h"
 #include "support/LoopImage.h"
-
-#include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <thread>
 
 namespace velmora {
 namespace {
@@ -45,21 +38,8 @@ protected:
         return status;
     }
     Arguments copyOf(const std::string& source, const Arguments& more = {}) const {
-        Arguments all = {"copy",
-                         source,
-                         "--dest",
-                         a,
-                         "--dest",
-                         b,
-                         "--name",
-                         "A001",
-                         "--date",
-                         "2026-03-14",
-                         "--block-mib",
-                         "1",
-                         "--allow-same-device",
-                         "--allow-source-volume"};
-        all.insert(all.end(), more.begin(), more.end());
+        Arguments all = Program::copying(source, {a, b}, "2026-03-14", more);
+        all.insert(all.end(), {"--name", "A001"});
         return all;
     }
     int copy(const std::string& source, const Arguments& more = {}) { return run(copyOf(source, more)); }
@@ -116,8 +96,7 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
 }
 
 TEST_F(BackupProgramTest, VerifyPausesBetweenFiles) {
-    if (const auto why = test::FaultDisk::unavailable())
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(test::FaultDisk::unavailable());
     test::FaultDisk disk;
     a = disk.root();
     fill(card);
@@ -139,8 +118,7 @@ TEST_F(BackupProgramTest, VerifyPausesBetweenFiles) {
 }
 
 TEST_F(BackupProgramTest, ACopyOfABackupStandsForNoneOfItsDisks) {
-    if (const auto why = test::LoopImage::unavailable(test::LoopImage::Kind::ext4))
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(test::LoopImage::unavailable(test::LoopImage::Kind::ext4));
     const test::LoopImage disk(test::LoopImage::Kind::ext4, 128, "ONE");
     const test::LoopImage third(test::LoopImage::Kind::ext4, 128, "THREE");
     fill(card);
@@ -231,8 +209,7 @@ TEST_F(BackupProgramTest, AKnownCardIsToldAndCopiedAgainOnlyOnDemand) {
 }
 
 TEST_F(BackupProgramTest, InspectFollowsACardThroughItsLife) {
-    if (const auto why = test::LoopImage::unavailable(test::LoopImage::Kind::ext4))
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(test::LoopImage::unavailable(test::LoopImage::Kind::ext4));
     test::LoopImage disk(test::LoopImage::Kind::ext4, 64, "A001");
     fill(disk.path());
     const auto says = [&](const std::string& text) {

@@ -1,7 +1,5 @@
 #include "clips/ClipDetector.h"
 
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 

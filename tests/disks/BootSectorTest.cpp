@@ -1,12 +1,6 @@
 #include "disks/BootSector.h"
 
 #include "disks/VolumeSerial.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
 
 namespace velmora {
 namespace {

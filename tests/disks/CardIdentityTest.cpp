@@ -2,17 +2,13 @@
 
 #include "support/LoopImage.h"
 
-#include <filesystem>
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 
 using test::LoopImage;
 
 TEST(CardIdentity, TellsCardsOfOneLabelApart) {
-    if (const auto why = LoopImage::unavailable(LoopImage::Kind::ext4))
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(LoopImage::unavailable(LoopImage::Kind::ext4));
     LoopImage card(LoopImage::Kind::ext4, 0, "A001");
     const LoopImage other(LoopImage::Kind::ext4, 0, "A001");
     const auto identity = CardIdentity::of(card.path());

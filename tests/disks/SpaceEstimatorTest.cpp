@@ -3,7 +3,6 @@
 #include "records/ClipInfo.h"
 
 #include <cmath>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

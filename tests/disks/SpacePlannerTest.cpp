@@ -1,9 +1,5 @@
 #include "disks/SpacePlanner.h"
 
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 

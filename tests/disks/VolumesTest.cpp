@@ -1,11 +1,6 @@
 #include "disks/Volumes.h"
 
 #include "platform/VolumeFacts.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 namespace velmora {
 namespace {

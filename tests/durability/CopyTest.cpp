@@ -5,18 +5,10 @@
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
 #include "support/FaultDisk.h"
-#include "support/FileTree.h"
 #include "support/Loops.h"
-#include "support/TempFolder.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <filesystem>
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <random>
-#include <sys/stat.h>
-#include <unistd.h>
 
 // A whole copy to two folders of a disk that fails, of a process that is killed, of a computer that loses its power.
 
@@ -28,8 +20,7 @@ constexpr std::int64_t block = 65536;
 class Copy : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const auto reason = FaultDisk::unavailable())
-            GTEST_SKIP() << *reason;
+        VELMORA_NEEDS(FaultDisk::unavailable());
         FileTree::make(source_.path(), {{"DCIM/big.mov", 5 * block + 100},
                                         {"DCIM/big2.mov", 4 * block},
                                         {"DCIM/empty.txt", 0},
@@ -187,8 +178,7 @@ TEST_F(Copy, IsFinishedByALaterRunAfterAnyCrash) {
 
 // The same on a real file system whose blocks are lost between two flushes of the device.
 TEST_F(Copy, PromisesNothingThatExt4LosesInAPowerCut) {
-    if (const auto reason = PowerCutDisk::unavailable())
-        GTEST_SKIP() << *reason;
+    VELMORA_NEEDS(PowerCutDisk::unavailable());
     std::mt19937_64 random(seed());
     const int rounds = soaking() ? 200 : 6;
     for (int round = 0; round < rounds; ++round) {

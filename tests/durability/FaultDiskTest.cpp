@@ -1,14 +1,5 @@
 #include "support/FaultDisk.h"
 
-#include <cerrno>
-#include <csignal>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <set>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 // The disk that everything else is judged with has to be judged first.
 
 namespace velmora::test {
@@ -18,10 +9,7 @@ namespace fs = std::filesystem;
 
 class FaultDiskTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        if (const auto reason = FaultDisk::unavailable())
-            GTEST_SKIP() << *reason;
-    }
+    void SetUp() override { VELMORA_NEEDS(FaultDisk::unavailable()); }
 };
 
 std::string read(const std::string& path) {
@@ -146,8 +134,7 @@ TEST_F(FaultDiskTest, PowerCutBringsBackWhatWasRemovedOrReplaced) {
 }
 
 TEST(PowerCutDisk, KeepsWhatWasFlushedAndLosesSomethingElse) {
-    if (const auto reason = PowerCutDisk::unavailable())
-        GTEST_SKIP() << *reason;
+    VELMORA_NEEDS(PowerCutDisk::unavailable());
     bool lost = false;
     for (std::uint64_t seed = 1; seed <= 4; ++seed) {
         PowerCutDisk disk(64);

@@ -5,14 +5,6 @@
 #include "platform/IO.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <vector>
 
 namespace velmora::test {
 

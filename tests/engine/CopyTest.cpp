@@ -5,8 +5,6 @@
 #include "engine/DestWriter.h"
 #include "engine/SourceHasher.h"
 
-#include <atomic>
-#include <filesystem>
 #include <fmt/format.h>
 
 namespace velmora::test {
@@ -211,7 +209,6 @@ TEST_F(CopyTest, CancelKeepsWhatIsCompleteAndNoPartFile) {
     EXPECT_EQ(entry(report, "3.bin").sourceError, "cancelled");
     for (std::size_t d = 0; d < 2; ++d)
         EXPECT_EQ(destTree(d).size() + fileLines(dest(d)).size(), 2U + 2U);
-    EXPECT_FALSE(report.verified);
 }
 
 TEST_F(CopyTest, ReaderStopsWhenTheBuffersAreOutAndGoesOnWithTheDisk) {

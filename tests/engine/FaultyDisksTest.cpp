@@ -1,8 +1,6 @@
 #include "engine/CopyFixture.h"
 #include "support/FaultDisk.h"
 
-#include <cerrno>
-
 namespace velmora::test {
 
 namespace {
@@ -10,8 +8,7 @@ namespace {
 class FaultyDisks : public CopyTest {
 protected:
     void SetUp() override {
-        if (const auto why = FaultDisk::unavailable())
-            GTEST_SKIP() << *why;
+        VELMORA_NEEDS(FaultDisk::unavailable());
         disk.emplace();
         for (const char* path : {"A/1.bin", "A/2.bin", "B/3.bin"})
             put(path, 5 * 4096 + 10);

@@ -1,12 +1,6 @@
 #include "engine/FolderLocks.h"
 
 #include "base/Errors.h"
-#include "support/TempFolder.h"
-
-#include <filesystem>
-#include <fstream>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

@@ -3,9 +3,6 @@
 #include "engine/CopyFixture.h"
 #include "support/LoopImage.h"
 
-#include <filesystem>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <mutex>
 #include <utility>
 
@@ -64,8 +61,7 @@ TEST_F(HeldFoldersTest, WhatIsWrittenOrReadAfterADiskWentFails) {
 // Each subvolume has a device number of its own.
 TEST_F(HeldFoldersTest, SubvolumesAreOneVolume) {
     using enum test::LoopImage::Kind;
-    if (const auto why = test::LoopImage::unavailable(btrfs))
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(test::LoopImage::unavailable(btrfs));
     const test::LoopImage disk(btrfs);
     for (const char* name : {"card", "backup"})
         test::shell("btrfs subvolume create '" + (disk / name) + "'");

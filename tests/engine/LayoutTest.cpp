@@ -1,10 +1,6 @@
 #include "engine/Layout.h"
 
-#include "support/FileTree.h"
 #include "support/LoopImage.h"
-
-#include <filesystem>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {
@@ -72,8 +68,7 @@ TEST(Layout, NamesACardAfterItsVolumeOrItsFolder) {
     fs::create_directories(folder / "Card: one/DCIM");
     for (const char* path : {"Card: one", "Card: one//", "Card: one/DCIM/.."})
         EXPECT_EQ(Layout::defaultCardName(folder / path), "Card_ one");
-    if (const auto why = LoopImage::unavailable(LoopImage::Kind::ext4))
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(LoopImage::unavailable(LoopImage::Kind::ext4));
     const LoopImage card(LoopImage::Kind::ext4, 0, "A001/R2K");
     EXPECT_EQ(Layout::defaultCardName(card.path() + "/"), "A001_R2K");
     fs::create_directory(card / "DCIM");

@@ -5,13 +5,6 @@
 #include "engine/Scanner.h"
 #include "platform/VolumeFacts.h"
 #include "support/AsNobody.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 namespace velmora {
 namespace {
@@ -171,8 +164,7 @@ TEST_F(PreflightTest, TakesBlockSizesOfWholePagesUpToOneGibibyte) {
 }
 
 TEST_F(PreflightTest, SaysWhatItHasNoRightTo) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root to give up rights";
+    VELMORA_NEEDS(test::notRoot());
     for (const std::string& path : {folder.path(), card, folder / "one"})
         fs::permissions(path, fs::perms(0755));
     fs::permissions(folder / "two", fs::perms(0777));

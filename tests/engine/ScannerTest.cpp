@@ -2,13 +2,6 @@
 
 #include "records/SourceFile.h"
 #include "support/AsNobody.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <fcntl.h>
-#include <filesystem>
-#include <gmock/gmock.h>
-#include <sys/stat.h>
 
 namespace velmora {
 namespace {
@@ -77,8 +70,7 @@ TEST(Scanner, ListsWhatNoRecordCanHoldInsteadOfLosingIt) {
 }
 
 TEST(Scanner, SaysWhichFoldersItCouldNotList) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root to give up rights";
+    VELMORA_NEEDS(test::notRoot());
     const TempFolder card;
     fs::permissions(card.path(), fs::perms(0755));
     touch(card / "DCIM/open/a.mov");

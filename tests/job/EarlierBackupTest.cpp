@@ -11,15 +11,8 @@
 #include "platform/IO.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
 #include "verify/BackupVerifier.h"
 #include "verify/VerificationTrace.h"
-
-#include <cstdlib>
-#include <filesystem>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 // What an append and a repair do with the earlier backup that they find.
 namespace velmora {

@@ -1,7 +1,5 @@
 #include "job/JobProgress.h"
 
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 

@@ -2,8 +2,6 @@
 
 #include "records/OffloadReport.h"
 
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 

@@ -5,13 +5,6 @@
 #include "memory/HistoryRecords.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <thread>
 
 namespace velmora {
 namespace {

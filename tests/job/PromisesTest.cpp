@@ -1,9 +1,5 @@
 #include "job/Promises.h"
 
-#include <functional>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 

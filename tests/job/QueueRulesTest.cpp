@@ -1,10 +1,6 @@
 #include "job/QueueRules.h"
 
 #include "job/CardEject.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

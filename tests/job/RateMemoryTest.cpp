@@ -1,10 +1,6 @@
 #include "job/RateMemory.h"
 
 #include "records/OffloadReport.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

@@ -2,10 +2,6 @@
 #include "memory/HistoryRecords.h"
 #include "memory/HistoryView.h"
 #include "platform/IO.h"
-#include "support/TempFolder.h"
-
-#include <filesystem>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

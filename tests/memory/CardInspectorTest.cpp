@@ -12,14 +12,6 @@
 #include "platform/FileLock.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <fcntl.h>
-#include <filesystem>
-#include <sys/stat.h>
 
 namespace velmora {
 namespace {

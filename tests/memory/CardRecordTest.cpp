@@ -6,10 +6,6 @@
 #include "memory/ResumePlanner.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

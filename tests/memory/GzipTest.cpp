@@ -1,11 +1,6 @@
 #include "memory/Gzip.h"
 
 #include "memory/FileListStore.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 
 namespace velmora {
 namespace {

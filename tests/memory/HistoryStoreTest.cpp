@@ -6,15 +6,6 @@
 #include "memory/HistoryRecords.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"
-#include "support/TempFolder.h"
-
-#include <filesystem>
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
 
 namespace velmora {
 namespace {

@@ -1,12 +1,6 @@
 #include "base/Errors.h"
 #include "mhl/MHL.h"
 #include "mhl/MHLReader.h"
-#include "support/FaultDisk.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <filesystem>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {
@@ -43,12 +37,7 @@ OffloadReport report(const std::string& cardPath, std::optional<std::int64_t> ge
 
 // Runs `write` and returns what it refuses with; empty when it does not.
 std::string refusal(const OffloadReport& report, const std::string& cardPath, Timestamp when = now) {
-    try {
-        MHL::write(report, cardPath, when, "host");
-        return "";
-    } catch (const OffloadError& error) {
-        return error.what();
-    }
+    return test::refusal<OffloadError>([&] { MHL::write(report, cardPath, when, "host"); });
 }
 
 TEST(MHL, WritesAGenerationAndItsChainToTheLetter) {
@@ -248,11 +237,9 @@ TEST(MHL, KnowsWhetherItsGenerationIsThere) {
     EXPECT_TRUE(MHL::hasGeneration(one, card.path()));
     EXPECT_FALSE(MHL::hasGeneration(report(card.path(), 2), card.path()));
     const auto error = [&](const OffloadReport& other) {
-        try {
-            return MHL::hasGeneration(other, card.path()) ? std::string("true") : std::string("false");
-        } catch (const OffloadError& refused) {
-            return std::string(refused.what());
-        }
+        bool there = false;
+        const auto said = test::refusal<OffloadError>([&] { there = MHL::hasGeneration(other, card.path()); });
+        return there ? "true" : said;
     };
     const std::string different = "The ASC MHL in " + card.path() +
                                   " already has a different generation 1 — the generation was not written again.";
@@ -274,38 +261,6 @@ TEST(MHL, KnowsWhetherItsGenerationIsThere) {
     EXPECT_EQ(error(one), gone);
     fs::remove(path);
     EXPECT_EQ(error(one), gone);
-}
-
-TEST(MHL, AFailedOrKilledWriteLeavesTheHistoryBeforeOrAfter) {
-    if (const auto reason = test::FaultDisk::unavailable())
-        GTEST_SKIP() << *reason;
-    int rounds = 0;
-    for (bool clean = false; !clean; ++rounds) {
-        test::FaultDisk disk;
-        const std::string card = disk.root() + "/card";
-        fs::create_directory(card);
-        MHL::write(report(card, 1), card, now, "host");
-        OffloadReport second = report(card, 2);
-        second.files.push_back(file("new", {"verified"}));
-        disk.fail(EIO, {.skip = rounds});
-        bool threw = false;
-        try {
-            MHL::write(second, card, {now.seconds + 1, 0}, "host");
-        } catch (const IOError&) {
-            threw = true;
-        }
-        clean = disk.hits() == 0;
-        disk.clear();
-        EXPECT_EQ(threw, !clean) << "operation " << rounds;
-        const MHLHistory history = MHLReader::read(card);
-        EXPECT_TRUE(history.problemsBeside(2).empty()) << "operation " << rounds;
-        EXPECT_EQ(history.files.size(), static_cast<std::size_t>(history.lastChained())) << "operation " << rounds;
-        if (!MHL::hasGeneration(second, card))
-            MHL::write(second, card, {now.seconds + 2, 0}, "host");
-        EXPECT_TRUE(MHLReader::read(card).chainProblems.empty()) << "operation " << rounds;
-        EXPECT_TRUE(MHL::hasGeneration(second, card)) << "operation " << rounds;
-    }
-    EXPECT_GE(rounds, 8);
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 #include "platform/PowerInhibitor.h"
 #include "support/PrivateBus.h"
 
-#include <gmock/gmock.h>
-
 namespace velmora {
 namespace {
 
@@ -16,8 +14,7 @@ std::string inhibitors(PrivateBus& bus) {
 }
 
 TEST(PowerInhibitor, HoldsTheLoginManagersLockForItsLifeOnly) {
-    if (const auto why = PrivateBus::unavailable())
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(PrivateBus::unavailable());
     PrivateBus bus;
     std::vector<std::string> log;
     const auto keep = [&](std::string_view line) { log.emplace_back(line); };
@@ -97,8 +94,7 @@ def load(mock, parameters):
 )";
 
 TEST(Eject, UnmountsTheWholeDiskAndNeverMore) {
-    if (const auto why = PrivateBus::unavailable())
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(PrivateBus::unavailable());
     constexpr const char* stick = R"({"ejectable":true,"removable":false,"off":true,"sibling":"usb-1"})";
     constexpr const char* slot = R"({"ejectable":true,"removable":true,"off":true,"sibling":"usb-2"})";
     constexpr const char* ssd = R"({"ejectable":false,"removable":false,"off":true,"sibling":""})";

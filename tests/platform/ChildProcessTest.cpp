@@ -1,14 +1,6 @@
 #include "platform/ChildProcess.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
 
-#include <chrono>
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <thread>
-#include <unistd.h>
 
 namespace velmora {
 namespace {

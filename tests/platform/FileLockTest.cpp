@@ -1,15 +1,5 @@
 #include "platform/FileLock.h"
 #include "platform/AppSupportFolder.h"
-#include "support/FileTree.h"
-#include "support/TempFolder.h"
-
-#include <chrono>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace velmora {
 namespace {

@@ -1,12 +1,5 @@
 #include "platform/PageCache.h"
-#include "support/FileTree.h"
 #include "support/LoopImage.h"
-
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace velmora {
 namespace {
@@ -35,8 +28,7 @@ TEST(PageCache, CountsWhatIsThereAndNothingMore) {
 }
 
 TEST(PageCache, AFileThatLivesInMemoryStaysThere) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root";
+    VELMORA_NEEDS(test::notRoot());
     const TempFolder folder;
     ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=8m"), 0);
     write(folder / "file", std::string(1 << 20, 'x'));
@@ -46,8 +38,7 @@ TEST(PageCache, AFileThatLivesInMemoryStaysThere) {
 }
 
 TEST(PageCache, SeesThroughAnOverlay) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root";
+    VELMORA_NEEDS(test::notRoot());
     const TempFolder folder;
     for (const char* name : {"lower", "upper", "work", "merged"})
         ::mkdir((folder / name).c_str(), 0755);
@@ -63,8 +54,7 @@ TEST(PageCache, SeesThroughAnOverlay) {
 }
 
 TEST(PageCache, DoesNotBelieveWhatAStrangerIsTold) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root";
+    VELMORA_NEEDS(test::notRoot());
     const TempFolder folder;
     ::chmod(folder.path().c_str(), 0755);
     write(folder / "theirs", std::string(1 << 20, 'x'));

@@ -3,17 +3,10 @@
 #include "platform/PageCache.h"
 #include "platform/ThreadPriority.h"
 #include "support/FaultDisk.h"
-#include "support/FileTree.h"
 #include "support/LoopImage.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fmt/format.h>
-#include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
 
 namespace velmora {
 namespace {
@@ -40,8 +33,7 @@ protected:
             place_.path = place_.folder->path();
             return;
         }
-        if (const auto why = LoopImage::unavailable(*GetParam()))
-            GTEST_SKIP() << *why;
+        VELMORA_NEEDS(LoopImage::unavailable(*GetParam()));
         place_.image = std::make_unique<LoopImage>(*GetParam());
         place_.path = place_.image->path();
     }
@@ -51,9 +43,9 @@ protected:
     Place place_;
 };
 
-void writeBlocks(UncachedWriter& writer, const std::string& content) {
+void writeBlocks(UncachedWriter& writer, const std::string& content, std::size_t from = 0) {
     AlignedBuffer buffer = IO::allocateAligned(block);
-    for (std::size_t at = 0; at < content.size(); at += block) {
+    for (std::size_t at = from; at < content.size(); at += block) {
         const std::size_t n = std::min(block, content.size() - at);
         std::memset(buffer.data(), 0, block);
         std::memcpy(buffer.data(), content.data() + at, n);
@@ -115,21 +107,14 @@ TEST_P(UncachedFile, ContinuesAnExistingFileAtABlock) {
         writer.flush();
     }
     UncachedWriter writer(path, UncachedWriter::Open::existing, CacheMode::direct);
-    AlignedBuffer buffer = IO::allocateAligned(block);
-    for (const std::size_t at : {block, 2 * block}) {
-        const std::size_t n = std::min(block, content.size() - at);
-        std::memset(buffer.data(), 0, block);
-        std::memcpy(buffer.data(), content.data() + at, n);
-        writer.writeAt(buffer.span().first(n), static_cast<std::int64_t>(at));
-    }
+    writeBlocks(writer, content, block);
     writer.flush();
     writer.close();
     EXPECT_TRUE(test::FileTree::read(path) == content);
 }
 
 TEST(UncachedFileOnABadDisk, GetsPastReadsThatAreCutShortAndTellsOfFailures) {
-    if (const auto why = test::FaultDisk::unavailable())
-        GTEST_SKIP() << *why;
+    VELMORA_NEEDS(test::FaultDisk::unavailable());
     test::FaultDisk disk;
     const std::string path = disk.root() + "/file";
     const std::string content = bytes(3, block + 4097);
@@ -154,30 +139,8 @@ TEST(UncachedFileOnABadDisk, GetsPastReadsThatAreCutShortAndTellsOfFailures) {
     }
     disk.fail(EIO, {.ops = "read", .skip = 2});
     UncachedReader reader(path);
-    try {
-        readBlocks(reader, 256 << 10);
-        ADD_FAILURE() << "a failed read passed for the end of the file";
-    } catch (const IOError& error) {
-        EXPECT_EQ(error.op(), "read");
-        EXPECT_EQ(error.code(), EIO);
-    }
-}
-
-TEST(UncachedFileOnABadDisk, SaysThatTheDiskIsFull) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root";
-    const TempFolder folder;
-    ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=1500k"), 0);
-    for (const CacheMode mode : {CacheMode::direct, CacheMode::dropBehind})
-        try {
-            UncachedWriter writer(folder / "file", UncachedWriter::Open::createOrTruncate, mode);
-            writeBlocks(writer, bytes(4, 2 * block)); // the second block fits in part
-            ADD_FAILURE() << "wrote more than there is room for";
-        } catch (const IOError& error) {
-            EXPECT_EQ(error.op(), "write");
-            EXPECT_EQ(error.code(), ENOSPC);
-        }
-    ::umount(folder.path().c_str());
+    EXPECT_EQ(test::refusal<IOError>([&] { readBlocks(reader, 256 << 10); }), IOError("read", path, EIO).what())
+        << "a failed read passed for the end of the file";
 }
 
 TEST(AlignedBuffer, IsAlignedZeroedAndMovable) {

@@ -1,13 +1,7 @@
 #include "platform/VolumeFacts.h"
 #include "platform/VolumeWatcher.h"
 #include "platform/linux/BlockDevice.h"
-#include "support/FileTree.h"
 #include "support/LoopImage.h"
-
-#include <atomic>
-#include <gmock/gmock.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 namespace velmora {
 namespace {
@@ -169,8 +163,7 @@ TEST(VolumeFacts, ReadsRealFileSystems) {
     const auto before = Timestamp::now();
     for (const auto kind :
          {LoopImage::Kind::ext4, LoopImage::Kind::xfs, LoopImage::Kind::btrfs, LoopImage::Kind::exfat}) {
-        if (const auto why = LoopImage::unavailable(kind))
-            GTEST_SKIP() << *why;
+        VELMORA_NEEDS(LoopImage::unavailable(kind));
         const LoopImage disk(kind, 0, "MY CARD");
         test::FileTree::write(disk / "DCIM/a", "x");
         const auto mount = VolumeFacts::mount(disk / "DCIM/a");
@@ -212,8 +205,7 @@ TEST(VolumeFacts, ResolvesPathsAsFarAsTheyExist) {
 }
 
 TEST(VolumeWatcher, CallsWhenAVolumeComesAndGoesAndNotAfterwards) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root";
+    VELMORA_NEEDS(test::notRoot());
     const TempFolder folder;
     std::atomic<int> calls{0};
     const auto waitFor = [&](int wanted) {

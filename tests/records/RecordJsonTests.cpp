@@ -7,8 +7,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <set>
-
 namespace velmora {
 namespace {
 

@@ -2,10 +2,8 @@
 #include "base/JsonFields.h"
 #include "records/HashKinds.h"
 #include "records/ManifestRecord.h"
-#include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
 #include "records/SourceFile.h"
-#include "records/SpaceNeed.h"
 #include "records/Timecode.h"
 
 #include <cmath>
@@ -112,25 +110,6 @@ TEST(ManifestRecord, TornAndForeignLinesAreNone) {
     EXPECT_FALSE(ManifestRecord::parse(R"({"blocks":[1]})"));
     EXPECT_FALSE(ManifestRecord::parse(R"({"modified":"yesterday"})"));
     EXPECT_EQ(ManifestRecord::parse(R"({"path":"a","new":{"x":[]}})")->path, "a");
-}
-
-TEST(OffloadPlan, DerivesTheCardFoldersUnlessTheyAreGiven) {
-    OffloadPlan plan;
-    plan.destRoots = {"/d", "/"};
-    plan.date = "2026-01-01";
-    plan.cardName = "A001";
-    EXPECT_THAT(plan.cardPaths(), ::testing::ElementsAre("/d/2026-01-01/A001", "/2026-01-01/A001"));
-    plan.fixedCardPaths = {{"/x"}};
-    EXPECT_THAT(plan.cardPaths(), ::testing::ElementsAre("/x"));
-}
-
-TEST(SpaceNeed, AddsUpWithoutOverflowing) {
-    SpaceNeed need{1, 2, 3};
-    need += {10, 20, 30};
-    EXPECT_EQ(need, (SpaceNeed{11, 22, 33}));
-    EXPECT_EQ(need.total(), 66);
-    need += {largest, 0, 0};
-    EXPECT_EQ(need.total(), largest);
 }
 
 TEST(Timecode, ReadsRatesAsRationalsAndNumbers) {

@@ -2,9 +2,7 @@
 
 #include "reports/SampleReport.h"
 
-#include <cstdlib>
 #include <ctime>
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

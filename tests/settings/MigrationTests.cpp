@@ -1,11 +1,6 @@
 #include "platform/IO.h"
 #include "settings/AppSupport.h"
 #include "support/AsNobody.h"
-#include "support/TempFolder.h"
-
-#include <cstdlib>
-#include <set>
-#include <sys/stat.h>
 
 namespace velmora {
 namespace {
@@ -64,9 +59,7 @@ TEST_F(MigrationTest, CopiesTheNewestEarlierFolderOnceWithoutToolsAndLocks) {
 
 TEST_F(MigrationTest, LeavesNoHalfFolderWhenItFails) {
     write("data/Tarnwick/settings.json");
-    std::filesystem::remove_all(temp_ / "data/Velmora");
     write("blocked");
-    log_.clear();
     AppSupport::migrate(temp_ / "blocked/Velmora", {temp_ / "data/Tarnwick"},
                         [this](std::string_view line) { log_.emplace_back(line); });
     EXPECT_THAT(log_, ::testing::ElementsAre("could not copy the settings from " + temp_.path() + "/data/Tarnwick"));

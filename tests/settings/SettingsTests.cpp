@@ -4,12 +4,10 @@
 #include "settings/SettingsFields.h"
 #include "settings/SettingsKeys.h"
 #include "settings/SettingsStore.h"
-#include "support/TempFolder.h"
 
 #include <nlohmann/json.hpp>
 
 #include <cmath>
-#include <set>
 
 namespace velmora {
 namespace {

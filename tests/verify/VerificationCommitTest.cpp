@@ -3,9 +3,6 @@
 #include "mhl/MHLReader.h"
 #include "platform/IO.h"
 #include "reports/SampleReport.h"
-#include "support/TempFolder.h"
-
-#include <gtest/gtest.h>
 
 namespace velmora {
 namespace {

@@ -1,8 +1,5 @@
 #include "verify/VerifyReport.h"
 
-#include <functional>
-#include <gtest/gtest.h>
-
 namespace velmora {
 namespace {
 
