@@ -69,7 +69,6 @@ std::string afterRefusal(PreflightCode code, const Errand& errand) {
     case PreflightCode::destinationUnreadable:
     case PreflightCode::noSpace:
     case PreflightCode::appendBusy:
-    case PreflightCode::appendUnavailable:
         return errand.typed;
     default:
         return errand.into && code != PreflightCode::chunkSize && code != PreflightCode::bufferCount ? inspect(errand)

@@ -148,6 +148,18 @@ bool isThere(FolderNow& now) {
     return false;
 }
 
+// A repair that died before it wrote a report: the lines of the manifest alone tell of it.
+bool diedInRepair(const CardRecord& record, const std::string& cardPath) {
+    try {
+        const std::optional<Unfinished> open = ResumePlanner::find({cardPath});
+        return open && AppendPlanner::isOpenRepair(*open, {record});
+    } catch (const OffloadError&) { // the run that finishes it says what hinders
+        return false;
+    } catch (const IOError&) {
+        return false;
+    }
+}
+
 void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, const IsCancelled& isCancelled) {
     FolderNow& now = look.now;
     *look.record = CardRecord::load(now.cardPath);
@@ -157,8 +169,10 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
         now.repairOpen =
             newest.isRepair() && (newest.verifyIncomplete.value_or(false) || newest.verifyPending.value_or(false));
     }
-    if (entry.unfinished) // the run that finishes the copy will find what is missing
+    if (entry.unfinished) { // the run that finishes it will find what is missing
+        now.repairOpen = now.repairOpen || diedInRepair(record, now.cardPath);
         return;
+    }
     if (record.error)
         return unreadable(now, *record.error);
     if (!record.problems.empty())

@@ -42,6 +42,7 @@ TEST(LastWords, NameTheOneCommandThatGoesOn) {
         {ended(Phase::done, Remedy::copyAgain), appending, "velmora copy '/media/c' --again --dest '/mnt/a'"},
         {ended(Phase::failed, {}, PreflightCode::appendFailedFile), appending, "velmora repair" + into},
         {ended(Phase::failed, {}, PreflightCode::appendDiverged), appending, "velmora inspect '/media/c'"},
+        {ended(Phase::failed, {}, PreflightCode::appendUnavailable), appending, "velmora inspect '/media/c'"},
         {ended(Phase::failed, {}, PreflightCode::noSpace), copying, "velmora copy c"},
         {ended(Phase::failed, {}, PreflightCode::sharedVolume), copying, ""},
     };

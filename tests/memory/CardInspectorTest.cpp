@@ -11,6 +11,7 @@
 #include "mhl/MHL.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"
+#include "records/ManifestRecord.h"
 #include "records/OffloadReport.h"
 
 namespace velmora {
@@ -291,6 +292,20 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
              stand();
          },
          "does not hold", Kind::append, false},
+        {"a repair that died before its report",
+         [&] {
+             entry_.unfinished = true;
+             ManifestRecord run;
+             run.kind = ManifestRecord::runKind;
+             run.gen = 2;
+             run.mode = "repair";
+             ManifestRecord line;
+             line.gen = 2;
+             line.path = first;
+             IO::writeFileDurably(folder("B") + "/_REPORT/offload-manifest.jsonl",
+                                  run.line() + "\n" + line.line() + "\n");
+         },
+         "a repair of $B was not finished", Kind::repair, false},
         {"a broken report", [&] { IO::writeFileDurably(folder("B") + "/_REPORT/offload_report.json", "{"); },
          "$B cannot be read (", Kind::copyAgain, false},
         {"a lost history", [&] { std::filesystem::remove_all(folder("B") + "/ascmhl"); },
