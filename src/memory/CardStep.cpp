@@ -91,6 +91,9 @@ CardStep CardStep::of(const CardInsight& insight) {
         step.kind = Kind::finish;
     else if (any(folders, [](const FolderNow& f) { return f.needsRepair(); })) {
         step.kind = Kind::repair;
+        for (const FolderNow& folder : folders)
+            if (folder.needsRepair() && std::ranges::find(step.into, folder.cardPath) == step.into.end())
+                step.into.push_back(folder.cardPath);
         takeInStep(step.into, folders);
     } else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
         step.kind = Kind::append;

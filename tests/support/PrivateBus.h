@@ -35,6 +35,10 @@ public:
         const char* old = std::getenv(variable);
         old_ = old == nullptr ? std::nullopt : std::optional<std::string>(old);
         ::setenv(variable, address_.c_str(), 1);
+        waitUntil([&] { // the socket is there a moment before anybody listens on it
+            return ask("org.freedesktop.DBus", "/", "org.freedesktop.DBus.GetId", {}).find("string") !=
+                   std::string::npos;
+        });
     }
     ~PrivateBus() {
         old_ ? ::setenv(variable, old_->c_str(), 1) : ::unsetenv(variable);
