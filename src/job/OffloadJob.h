@@ -88,11 +88,12 @@ public:
 private:
     // What the end of a run has to know of its beginning.
     struct Conclusion {
-        bool create = false;             // the report of the generation is a new one
-        SourceScan card;                 // as it was planned for
-        bool coversPart = false;         // the promises hold for the whole card, of which the run did a part
-        bool comparesAll = true;         // no file of the card is accepted by its name, size and time alone
-        bool readAll = false;            // every copy in the folders has been read and held against its records
+        bool create = false;       // the report of the generation is a new one
+        SourceScan card;           // as it was planned for
+        bool coversPart = false;   // the promises hold for the whole card, of which the run did a part
+        bool comparesAll = true;   // no file of the card is accepted by its name, size and time alone
+        std::int64_t unproved = 0; // files with a copy that was touched or never verified, and not read in this run
+        bool readAll = false;      // every copy in the folders has been read and held against its records
         std::vector<CardRecord> records; // of the folders, before the run
         std::vector<BackupPlace> elsewhere;
     };

@@ -155,6 +155,8 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     for (const std::string& cardPath : evidence.whole->alsoIn)
         evidence.onOtherVolume =
             evidence.onOtherVolume || (sourceVolume_ && SpacePlanner::volumeKey(cardPath) != *sourceVolume_);
+    auto& unverified = evidence.whole->state.unverified;
+    unverified = std::max(unverified, conclusion.unproved);
     if (!conclusion.comparesAll) {
         evidence.notCompared = evidence.whole->ofEarlierRuns;
         evidence.compareCommand = compareCommand_;

@@ -147,6 +147,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     conclusion.elsewhere = append.elsewhere;
     conclusion.coversPart = true;
     conclusion.comparesAll = append.sameMedium || compareCard_;
+    conclusion.unproved = append.unverifiedEarlier;
     OffloadReport report = engine_.run(append.toPlan());
     SetAside::list(report);
     conclude(std::move(report), conclusion);
@@ -295,6 +296,7 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     conclusion.elsewhere = plan.elsewhere;
     conclusion.coversPart = true;
     conclusion.comparesAll = plan.sameMedium;
+    conclusion.unproved = plan.unverifiedEarlier;
     concludeNothingNew(nothing.what(), "Nothing new on the card.", conclusion);
 }
 

@@ -479,6 +479,16 @@ TEST_F(EarlierBackup, AFileThatIsLostIsNotHiddenByItsTwin) {
 }
 
 // What a verification found is over when a later run has read every copy of the folder and found it good.
+TEST_F(EarlierBackup, ACopyThatWasTouchedIsNotVouchedForUnread) {
+    ASSERT_TRUE(copy().safeToFormat);
+    test::FileTree::flipBit(cards[1] + "/3.txt", 1);
+    fs::last_write_time(cards[1] + "/3.txt", fs::file_time_type::clock::now() + std::chrono::hours(1));
+    JobConfig unread = config();
+    unread.appendInto = cards;
+    unread.verify = false;
+    EXPECT_FALSE(run(unread).safeToFormat);
+}
+
 TEST_F(EarlierBackup, AReadingOfAllCopiesEndsWhatAVerificationFound) {
     HistoryRecorder recorder;
     services = {&recorder, temp / "settings"};
