@@ -2,13 +2,17 @@
 
 #include "base/Text.h"
 #include "cli/ShellText.h"
+#include "disks/SpacePlanner.h"
 #include "memory/BackedUpPrompt.h"
 #include "memory/CardStep.h"
 #include "memory/HistoryText.h"
+#include "platform/IO.h"
+#include "platform/VolumeFacts.h"
 
 #include <fmt/format.h>
 
 #include <map>
+#include <set>
 
 namespace velmora::CardWords {
 
@@ -83,6 +87,26 @@ std::string intoCommand(const std::string& verb, const std::string& source, cons
     return command;
 }
 
+std::string copyAgainCommand(const std::string& source, const std::vector<std::string>& roots) {
+    std::string command = "velmora copy " + ShellText::quoted(source) + " --again";
+    const std::string card = SpacePlanner::volumeKey(source);
+    std::set<std::string> named, volumes;
+    bool sameDevice = false, sourceVolume = false;
+    for (const std::string& root : roots) {
+        if (!named.insert(root).second)
+            continue;
+        command += " --dest " + ShellText::quoted(root);
+        if (VolumeFacts::awaitsVolume(root) || IO::isGone(root)) // which volume comes there, nobody knows
+            continue;
+        const std::string volume = SpacePlanner::volumeKey(root);
+        sourceVolume = sourceVolume || volume == card;
+        sameDevice = !volumes.insert(volume).second || sameDevice;
+    }
+    if (sameDevice)
+        command += " --allow-same-device";
+    return sourceVolume ? command + " --allow-source-volume" : command;
+}
+
 std::vector<std::string> describe(const CardInsight& insight) {
     std::vector<std::string> lines;
     std::string where = insight.source;
@@ -117,9 +141,9 @@ std::string command(const CardInsight& insight) {
     const CardStep step = CardStep::of(insight);
     if (step.kind == CardStep::Kind::none)
         return "";
-    std::string copy = "velmora copy " + ShellText::quoted(insight.source) + " --again";
+    std::vector<std::string> roots;
     for (const HistoryDestination& destination : insight.match->entry.destinations)
-        copy += " --dest " + ShellText::quoted(destination.root);
+        roots.push_back(destination.root);
     switch (step.kind) {
     case CardStep::Kind::append:
     case CardStep::Kind::finish:
@@ -127,7 +151,7 @@ std::string command(const CardInsight& insight) {
     case CardStep::Kind::repair:
         return intoCommand("repair", insight.source, step.into);
     default:
-        return copy;
+        return copyAgainCommand(insight.source, roots);
     }
 }
 

@@ -18,6 +18,8 @@ std::string command(const CardInsight& insight);
 std::vector<std::string> offers(const CardInsight& insight);
 // "velmora append CARD --into …", as a shell takes it; `verb` is append or repair.
 std::string intoCommand(const std::string& verb, const std::string& source, const std::vector<std::string>& cardPaths);
+// "velmora copy CARD --again --dest …", each root once, with the switches without which these disks would be refused.
+std::string copyAgainCommand(const std::string& source, const std::vector<std::string>& roots);
 
 } // namespace CardWords
 

@@ -39,14 +39,11 @@ std::string safe(const JobStatus& status) {
 std::string inspect(const Errand& errand) { return "velmora inspect " + ShellText::quoted(errand.source); }
 
 std::string copyAgain(const Errand& errand) {
-    std::string command = "velmora copy " + ShellText::quoted(errand.source) + " --again";
     std::vector<std::string> roots = errand.roots;
     if (errand.into)
         for (const std::string& folder : errand.folders) // ROOT/<date>/<card name>
             roots.emplace_back(RelativePath::folder(RelativePath::folder(folder)));
-    for (const std::string& root : roots)
-        command += " --dest " + ShellText::quoted(root);
-    return command;
+    return CardWords::copyAgainCommand(errand.source, roots);
 }
 
 // A refusal whose cause lies outside of the command passes with that cause. One that lies in the command names what to

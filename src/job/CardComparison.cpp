@@ -18,7 +18,7 @@ constexpr std::size_t readBytes = std::size_t{16} << 20;
 
 } // namespace
 
-void CardComparison::run(const AppendPlan& plan, PauseGate& gate, const IsCancelled& isCancelled) {
+void CardComparison::run(const AppendPlan& plan, bool all, PauseGate& gate, const IsCancelled& isCancelled) {
     std::int64_t total = 0;
     for (std::size_t f = 0; f < plan.tasks.size(); ++f)
         total += plan.tasks[f].known && plan.tasks[f].known->xxh64 ? plan.newFiles[f].size : 0;
@@ -50,6 +50,8 @@ void CardComparison::run(const AppendPlan& plan, PauseGate& gate, const IsCancel
                     throw Cancelled();
             }
         } catch (const IOError& error) {
+            if (!all)
+                continue;
             throw OffloadError::preflight(PreflightCode::other,
                                           Msg::repairCardUnreadable(path, error.what()) +
                                               " — nothing was written. The card cannot be compared with the backup.");

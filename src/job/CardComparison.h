@@ -15,9 +15,9 @@ namespace velmora {
 class CardComparison {
 public:
     // Reads every file of the plan of which a digest is recorded. Throws `appendOtherCard` at the first that differs,
-    // another OffloadError at the first that cannot be read, and Cancelled. A pause takes effect between two pieces of
-    // a file.
-    void run(const AppendPlan& plan, PauseGate& gate, const IsCancelled& isCancelled);
+    // and Cancelled. One that cannot be read is left to the run, which records it as failed; with `all` it throws
+    // another OffloadError. A pause takes effect between two pieces of a file.
+    void run(const AppendPlan& plan, bool all, PauseGate& gate, const IsCancelled& isCancelled);
     // What is being read, and how far. False when nothing is. Any thread.
     bool describe(JobStatus& status) const;
 

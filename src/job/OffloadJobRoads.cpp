@@ -23,6 +23,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 // The roads of a job: what is checked, locked and planned before the engine runs.
@@ -122,7 +123,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     requireSameCard();
     checkSpace(append.toPlan());
     begin(Phase::copying);
-    if (compareCard_ && !append.sameMedium)
+    if (!append.sameMedium)
         requireSameContent(append);
     if (append.later > 0)
         addWarning(fmt::format("{} left for the next append: the interrupted backup has its report already.",
@@ -256,8 +257,12 @@ RepairPlan OffloadJob::compareWithCard(const AppendPlanner::Ask& asked, const Re
 }
 
 void OffloadJob::requireSameContent(const AppendPlan& append) {
+    const auto isKnown = [](const FileTask& task) { return task.known && task.known->xxh64; };
+    if (std::ranges::none_of(append.tasks, isKnown))
+        return;
     log("Comparing the card with the backup…");
-    readBeforehand([&](const IsCancelled& mustStop) { comparison_.run(append, engine_.pauses(), mustStop); });
+    readBeforehand(
+        [&](const IsCancelled& mustStop) { comparison_.run(append, compareCard_, engine_.pauses(), mustStop); });
     requireSameCard();
 }
 

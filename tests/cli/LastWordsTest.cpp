@@ -1,5 +1,6 @@
 #include "cli/LastWords.h"
 
+#include "cli/CardWords.h"
 #include "cli/ShellText.h"
 #include "job/Remedy.h"
 #include "records/OffloadReport.h"
@@ -51,6 +52,15 @@ TEST(LastWords, NameTheOneCommandThatGoesOn) {
         EXPECT_EQ(words.next, next);
         EXPECT_FALSE(words.happened.empty() || words.safe.find("ot format") == std::string::npos) << words.safe;
     }
+    // What lies on one volume needs the switch that it needed before.
+    const test::TempFolder disks, card("/dev/shm");
+    const std::string one = ShellText::quoted(disks.path()), two = ShellText::quoted(disks / ".");
+    const std::string again = "velmora copy " + ShellText::quoted(card.path()) + " --again --dest " + one;
+    EXPECT_EQ(CardWords::copyAgainCommand(card.path(), {disks.path(), disks.path(), "/mnt/gone"}),
+              again + " --dest '/mnt/gone'");
+    EXPECT_EQ(CardWords::copyAgainCommand(card.path(), {disks.path(), disks / "."}),
+              again + " --dest " + two + " --allow-same-device");
+    EXPECT_THAT(CardWords::copyAgainCommand(disks.path(), {disks / "."}), testing::EndsWith(" --allow-source-volume"));
     JobStatus good = ended(Phase::done);
     good.safeToEject = good.safeToFormat = true;
     EXPECT_EQ(LastWords::of(good, nullptr, copying).happened, "");

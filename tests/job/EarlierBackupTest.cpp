@@ -395,6 +395,16 @@ TEST_F(EarlierBackup, TheRightCardClearsWhatAnotherOneLeft) {
     EXPECT_EQ(contents(temp / "a"), before);
     restore();
     EXPECT_TRUE(compare().safeToFormat) << testing::PrintToString(job->status().warnings);
+    // The same without being asked to compare, where copies were never verified; what cannot be read fails by itself.
+    JobConfig unread = config();
+    unread.cardName = "UNREAD";
+    unread.verify = false;
+    ASSERT_EQ(run(unread).phase, Phase::done);
+    const std::vector<std::string> unproved{temp / "a/2026-03-14/UNREAD", temp / "b/2026-03-14/UNREAD"};
+    const auto written = disks();
+    test::FileTree::flipBit(temp / "card/DCIM/2.mov", 9);
+    EXPECT_EQ(append(unproved).errorCode, PreflightCode::appendOtherCard);
+    EXPECT_EQ(disks(), written);
     restore();
     options.beforeFileCopy = [&](std::int64_t file) {
         if (file == 0)
