@@ -45,12 +45,26 @@ std::string pathText(const std::string& text) {
     return text.find('\n') == std::string::npos ? text : std::string(Xml::trimmed(text));
 }
 
+// What is no XML is no ASC MHL either.
+template <class Work>
+void parsing(const Work& work) {
+    try {
+        work();
+    } catch (const XmlError& error) {
+        throw MHLFormatError(error.what());
+    }
+}
+
 } // namespace
 
 GenerationParser::GenerationParser(std::int64_t seq) : xml_(*this) { generation_.seq = seq; }
 
+void GenerationParser::feed(std::string_view bytes) {
+    parsing([&] { xml_.feed(bytes); });
+}
+
 MHLGeneration GenerationParser::finish() {
-    xml_.finish();
+    parsing([&] { xml_.finish(); });
     return std::move(generation_);
 }
 
@@ -223,8 +237,12 @@ void GenerationParser::closeRecord() {
 
 ChainParser::ChainParser() : xml_(*this) {}
 
+void ChainParser::feed(std::string_view bytes) {
+    parsing([&] { xml_.feed(bytes); });
+}
+
 std::vector<MHLChainEntry> ChainParser::finish() {
-    xml_.finish();
+    parsing([&] { xml_.finish(); });
     return std::move(entries_);
 }
 

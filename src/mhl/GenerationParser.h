@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/XmlParser.h"
 #include "mhl/MHLHistory.h"
-#include "mhl/XmlParser.h"
 
 #include <cstdint>
 #include <string>
@@ -17,7 +17,7 @@ public:
     static constexpr std::string_view space = "urn:ASC:MHL:v2.0";
 
     explicit GenerationParser(std::int64_t seq);
-    void feed(std::string_view bytes) { xml_.feed(bytes); }
+    void feed(std::string_view bytes);
     MHLGeneration finish(); // once
 
 private:
@@ -63,7 +63,7 @@ public:
     static constexpr std::string_view space = "urn:ASC:MHL:DIRECTORY:v2.0";
 
     ChainParser();
-    void feed(std::string_view bytes) { xml_.feed(bytes); }
+    void feed(std::string_view bytes);
     std::vector<MHLChainEntry> finish(); // once
 
 private:

@@ -4,10 +4,10 @@
 #include "base/Product.h"
 #include "base/RelativePath.h"
 #include "base/Text.h"
+#include "base/XmlParser.h"
 #include "blocks/C4.h"
 #include "blocks/HashAlgo.h"
 #include "mhl/MHLReader.h"
-#include "mhl/XmlParser.h"
 #include "platform/IO.h"
 
 #include <algorithm>

@@ -1,6 +1,8 @@
 #include "records/ClipInfo.h"
 
 #include "base/JsonFields.h"
+#include "base/Text.h"
+#include "records/FrameRate.h"
 #include "records/Timecode.h"
 
 #include <fmt/format.h>
@@ -45,6 +47,24 @@ std::optional<std::string> ClipInfo::durationLabel() const {
         return std::nullopt;
     const auto seconds = static_cast<std::int64_t>(std::llround(*duration));
     return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+}
+
+std::optional<std::string> ClipInfo::normalizeRate(const std::optional<std::string>& text) {
+    constexpr double highest = 1000;
+    auto rate = rateOf(text);
+    if (!rate)
+        return std::nullopt;
+    const bool thousandths = *rate > highest;
+    if (thousandths)
+        rate = *rate / 1000;
+    if (!(*rate > 0 && *rate <= highest))
+        return std::nullopt;
+    const std::string trimmed = trim(*text);
+    if (!thousandths && trimmed.ends_with("/1001"))
+        return trimmed;
+    if (!thousandths && trimmed.ends_with("/1") && trimmed.find('.') == std::string::npos)
+        return trimmed.substr(0, trimmed.size() - 2);
+    return FrameRate::rational(*rate);
 }
 
 std::optional<Timestamp> ClipInfo::plausible(std::optional<Timestamp> date, Timestamp now) {

@@ -41,6 +41,9 @@ struct ClipInfo {
     std::optional<std::string> fpsSummary() const;    // with the capture rate where it differs
     std::string resolutionLabel() const;              // "3840×2160"
     std::optional<std::string> durationLabel() const; // "0:01:05"
+    // A rate as this program writes rates: "24000/1001", "25" or "12.5". Above 1000 it counts thousandths of a frame,
+    // as some makers' tools do. None for what is no rate.
+    static std::optional<std::string> normalizeRate(const std::optional<std::string>& text);
     // Cameras with a run-down clock write dates that are worth nothing: none before 2000 or more than a day ahead.
     static std::optional<Timestamp> plausible(std::optional<Timestamp> date, Timestamp now);
     bool operator==(const ClipInfo&) const = default;

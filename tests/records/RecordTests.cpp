@@ -120,6 +120,71 @@ TEST(Timecode, ReadsRatesAsRationalsAndNumbers) {
         EXPECT_FALSE(Timecode::fps(text)) << text;
 }
 
+// The names of a day one after another, as a clock with missing digits shows them.
+TEST(Timecode, NamesEveryFrameOfADayOnceAndInOrder) {
+    for (const int rate : {30, 60}) {
+        const double fps = rate * 1000 / 1001.0;
+        std::int64_t n = 0;
+        for (int minute = 0; minute < 24 * 60; ++minute)
+            for (int frame = minute % 10 == 0 ? 0 : rate / 15; frame < 60 * rate; ++frame, ++n) {
+                char name[] = "00:00:00;00";
+                const auto put = [&](int at, int value) {
+                    name[at] = static_cast<char>('0' + value / 10);
+                    name[at + 1] = static_cast<char>('0' + value % 10);
+                };
+                put(0, minute / 60), put(3, minute % 60), put(6, frame / rate), put(9, frame % rate);
+                ASSERT_EQ(Timecode::fromFrames(n, fps, true, ';'), name);
+                ASSERT_EQ(Timecode::toFrames(name, fps), n);
+            }
+        EXPECT_EQ(Timecode::add("23:59:59;" + std::to_string(rate - 1), 1, fps), "00:00:00;00");
+        EXPECT_NEAR(static_cast<double>(n) / fps, 86400, 0.1);
+    }
+}
+
+TEST(Timecode, CountsAsItsTextAndRateSay) {
+    constexpr double ntsc = 30000 / 1001.0;
+    struct Case {
+        const char* start;
+        std::int64_t frames;
+        double fps;
+        const char* end;
+    };
+    for (const Case& c :
+         {Case{"01:00:59;29", 1, ntsc, "01:01:00;02"}, Case{"01:00:59:29", 1, ntsc, "01:01:00:00"},
+          Case{"01:00:59;29", 1, 30, "01:01:00;00"}, Case{"01:09:59.24", 1, 25, "01:10:00.00"},
+          Case{"00:00:59;59", 1, 60000 / 1001.0, "00:01:00;04"}, Case{"10:00:00:00", -1, 24000 / 1001.0, "09:59:59:23"},
+          Case{"23:59:59:24", 26, 25, "00:00:01:00"}, Case{"00:00:00:00", largest, 1e308, "04:00:54:775807"},
+          Case{"99:99:99:99", 0, 1, "04:42:18:00"}})
+        EXPECT_EQ(Timecode::add(c.start, c.frames, c.fps), c.end) << c.start;
+    for (const char* text :
+         {"", "1:00:00:00", "01:00:00:0", "01-00:00:00", "01:00:00,00", "01:00:00:0a", "01:00:00:00\n"})
+        EXPECT_FALSE(Timecode::isValid(text) || Timecode::add(text, 1, 25)) << text;
+    EXPECT_EQ(Timecode::length(90'001, 25), "01:00:00:01");
+    EXPECT_EQ(Timecode::length(-1, 0), "00:00:00:00");
+}
+
+TEST(FrameRate, IsWrittenAsTheRateThatIsMeant) {
+    const std::map<std::string, std::optional<std::string>> texts = {{"23976", "24000/1001"},
+                                                                     {"25/1", "25"},
+                                                                     {"30000/1001", "30000/1001"},
+                                                                     {"0", {}},
+                                                                     {"59.94", "60000/1001"},
+                                                                     {"119.88", "120000/1001"},
+                                                                     {" 50 ", "50"},
+                                                                     {"25.0/1", "25"},
+                                                                     {"12.5", "12.5"},
+                                                                     {"29970/1", "30000/1001"},
+                                                                     {"-25", {}},
+                                                                     {"1e9", {}},
+                                                                     {"24.001", "24"},
+                                                                     {"fast", {}},
+                                                                     {"0.001", "0.001"},
+                                                                     {"18", "18"}};
+    for (const auto& [text, rate] : texts)
+        EXPECT_EQ(ClipInfo::normalizeRate(text), rate) << text;
+    EXPECT_FALSE(ClipInfo::normalizeRate({}));
+}
+
 TEST(ClipInfo, LabelsRatesSizesAndDurations) {
     ClipInfo info;
     EXPECT_FALSE(info.fpsLabel() || info.fpsSummary() || info.durationLabel());

@@ -3,13 +3,19 @@
 #include <cstddef>
 #include <exception>
 #include <memory>
-#include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
 struct XML_ParserStruct;
 
 namespace velmora {
+
+// A document that is no XML, or more than a parser here takes. `what()` has the reason.
+class XmlError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // One element as it opens. The views live during the call only.
 struct XmlElement {
@@ -31,7 +37,7 @@ public:
 
 // Feeds a document to a handler, piece by piece. Bytes from a disk are hostile: a document type is refused, and with it
 // every entity of the document's own; so is a nesting deeper than `maxDepth`, and a tag or comment longer than
-// `maxToken`, which bounds what the parser holds at a time. Throws MHLFormatError with line and reason; what the
+// `maxToken`, which bounds what the parser holds at a time. Throws XmlError with line and reason; what the
 // handler throws passes through.
 class XmlParser {
 public:

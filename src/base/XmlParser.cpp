@@ -1,6 +1,4 @@
-#include "mhl/XmlParser.h"
-
-#include "base/Errors.h"
+#include "base/XmlParser.h"
 
 #include <algorithm>
 #include <expat.h>
@@ -57,7 +55,7 @@ void XmlParser::onOpen(void* self, const char* name, const char** attributes) {
     auto& parser = *static_cast<XmlParser*>(self);
     parser.guarded([&] {
         if (++parser.depth_ > maxDepth) {
-            throw MHLFormatError("elements are nested too deeply");
+            throw XmlError("elements are nested too deeply");
         }
         const std::string_view full(name);
         const std::size_t at = full.find(separator);
@@ -82,7 +80,7 @@ void XmlParser::onText(void* self, const char* bytes, int length) {
 
 void XmlParser::onDoctype(void* self, const char*, const char*, const char*, int) {
     auto& parser = *static_cast<XmlParser*>(self);
-    parser.guarded([] { throw MHLFormatError("a document type is not accepted"); });
+    parser.guarded([] { throw XmlError("a document type is not accepted"); });
 }
 
 void XmlParser::parse(std::string_view bytes, bool last) {
@@ -91,14 +89,14 @@ void XmlParser::parse(std::string_view bytes, bool last) {
         std::rethrow_exception(failure_);
     }
     if (status != XML_STATUS_OK) {
-        throw MHLFormatError(fmt::format("line {}: {}", XML_GetCurrentLineNumber(parser_.get()),
-                                         XML_ErrorString(XML_GetErrorCode(parser_.get()))));
+        throw XmlError(fmt::format("line {}: {}", XML_GetCurrentLineNumber(parser_.get()),
+                                   XML_ErrorString(XML_GetErrorCode(parser_.get()))));
     }
     fed_ += static_cast<long long>(bytes.size());
     // What the library could not yet make an event of, it keeps and looks at again with every piece.
     const long long held = fed_ - std::max<long long>(0, XML_GetCurrentByteIndex(parser_.get()));
     if (!last && held > static_cast<long long>(maxToken)) {
-        throw MHLFormatError("a tag is too long");
+        throw XmlError("a tag is too long");
     }
 }
 
