@@ -1,0 +1,179 @@
+#include "clips/ContentCheck.h"
+
+#include "base/Text.h"
+#include "records/Timecode.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <fmt/format.h>
+
+namespace velmora {
+
+namespace {
+
+// Lower case. What decoders, the file's reader and ffmpeg itself say of data that is not what was recorded.
+constexpr std::array decodeWords = std::to_array<std::string_view>({
+    "corrupt decoded frame",
+    "decoding error",
+    "error while decoding",
+    "concealing",
+    "invalid nal",
+    "corrupt input packet",
+    "packet corrupt",
+    "invalid data found",
+    "missing picture",
+    "error splitting",
+    "partial file",
+    "decode_slice",
+    "error submitting packet to decoder",
+    // Words of single decoders that go on as if nothing had been, and leave it at that.
+    "tex damaged",
+    "error count:",
+    "error at mb",
+    "error y=",
+    "cabac_max_bin",
+    "is outside the valid range",
+});
+constexpr std::array timestampWords = std::to_array<std::string_view>({
+    "non-monotonic",
+    "non monotonically",
+    "invalid timestamp",
+    "timestamps are unset",
+    "invalid dts",
+});
+// These words mean damage from a decoder of sound only; elsewhere they are said of sound clips as well.
+constexpr std::array audioWords = std::to_array<std::string_view>({
+    "exceeds limit",
+    "is not allocated",
+    "is not allowed",
+    "reserved bit set",
+    "input buffer exhausted",
+    "invalid pcm packet",
+    "header missing",
+    "does not match the sample rate",
+    "overread",
+    "crc mismatch",
+    "invalid frame",
+    "error decoding",
+});
+constexpr std::array audioDecoders = std::to_array<std::string_view>(
+    {"aac", "pcm_", "mp3", "mp2", "ac3", "eac3", "opus", "flac", "alac", "dca", "truehd", "vorbis"});
+
+bool holdsOneOf(std::string_view line, const auto& words) {
+    return std::ranges::any_of(words, [&](std::string_view word) { return line.find(word) != std::string_view::npos; });
+}
+
+// "[aac @ 0x55d4] …", in lower case.
+bool isFromAudioDecoder(std::string_view line) {
+    return line.starts_with('[') && std::ranges::any_of(audioDecoders, [&](std::string_view decoder) {
+               return line.substr(1).starts_with(decoder);
+           });
+}
+
+// Without the speaker in brackets, and no longer than a report can show.
+std::string messageOf(std::string_view line) {
+    constexpr std::size_t longest = 320;
+    while (line.starts_with('[')) {
+        const std::size_t end = line.find(']');
+        if (end == std::string_view::npos)
+            break;
+        line.remove_prefix(end + 1);
+        line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+    }
+    const std::string valid = withValidUtf8(line);
+    return trim(cutUtf8(valid, longest));
+}
+
+double rateOf(const ClipInfo& info) {
+    return (info.frameRate ? Timecode::fps(*info.frameRate) : std::nullopt).value_or(0);
+}
+
+// How many frames a sound clip can give fewer than its file counts. An edit list hides frames that are in the file, and
+// then the file's duration knows; besides, the frames before the first that can be decoded alone, and what a rate that
+// is written with three digits makes of a long clip.
+std::int64_t fewestExpected(std::int64_t frames, const ClipInfo& info) {
+    constexpr std::int64_t unreadableStart = 8;
+    constexpr double roughness = 0.001;
+    double fewest = static_cast<double>(frames);
+    const double rate = rateOf(info);
+    if (rate > 0 && info.duration && *info.duration > 0)
+        fewest = std::min(fewest, *info.duration * rate);
+    return static_cast<std::int64_t>(std::max(1.0, fewest * (1 - roughness) - unreadableStart));
+}
+
+} // namespace
+
+std::optional<std::string_view> ContentCheck::kindOf(std::string_view line) {
+    const std::string lower = toLower(line);
+    const bool isAudio = isFromAudioDecoder(lower);
+    if (isAudio && (holdsOneOf(lower, audioWords) || holdsOneOf(lower, decodeWords)))
+        return "audio";
+    if (holdsOneOf(lower, decodeWords))
+        return "decode";
+    if (holdsOneOf(lower, timestampWords))
+        return "timestamps";
+    return std::nullopt;
+}
+
+void ContentCheck::errorLine(std::string_view line) {
+    const auto kind = kindOf(line);
+    if (!kind)
+        return;
+    MutexLock lock(mutex_);
+    if (kind_)
+        return;
+    kind_ = *kind;
+    message_ = messageOf(line);
+    at_ = frame_;
+}
+
+void ContentCheck::progressLine(std::string_view line) {
+    constexpr std::string_view key = "frame=";
+    if (!line.starts_with(key))
+        return;
+    const std::string digits = trim(line.substr(key.size()));
+    std::int64_t frame = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), frame);
+    if (error != std::errc{} || end != digits.data() + digits.size() || frame < 0)
+        return;
+    MutexLock lock(mutex_);
+    frame_ = frame;
+}
+
+void ContentCheck::reset() {
+    MutexLock lock(mutex_);
+    frame_ = 0;
+    kind_.reset();
+    message_.reset();
+    at_.reset();
+}
+
+std::optional<std::string> ContentCheck::timecodeAt(std::int64_t frame, const ClipInfo& info) {
+    const double rate = rateOf(info);
+    return info.timecode && rate > 0 ? Timecode::add(*info.timecode, frame, rate) : std::nullopt;
+}
+
+ClipContent ContentCheck::verdict(const Clip&, const ClipInfo& info) const {
+    MutexLock lock(mutex_);
+    ClipContent content;
+    content.framesDecoded = frame_;
+    content.framesExpected = info.frames;
+    if (kind_) {
+        content.kind = kind_;
+        content.message = message_;
+        content.frame = at_;
+    } else if (info.frames && *info.frames > 0 && frame_ < fewestExpected(*info.frames, info)) {
+        content.kind = "frames";
+        content.message = fmt::format("decoded {} of {} frames", frame_, *info.frames);
+        content.frame = frame_;
+    }
+    content.state = content.kind ? defect : ok;
+    if (content.frame)
+        content.timecode = timecodeAt(*content.frame, info);
+    if (!content.kind)
+        content.message = fmt::format("decoded {} frames", frame_);
+    return content;
+}
+
+} // namespace velmora
