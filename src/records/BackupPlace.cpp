@@ -1,20 +1,15 @@
 #include "records/BackupPlace.h"
 
-#include "base/JsonFields.h"
-
-#include <nlohmann/json.hpp>
+#include "base/JsonShape.h"
 
 namespace velmora {
 
-void to_json(nlohmann::json& j, const BackupPlace& value) {
-    j = {{"cardPath", value.cardPath}};
-    Json::put(j, "volumeSerial", value.volumeSerial);
-}
+namespace {
+constexpr std::tuple shape{JsonShape::required("cardPath", &BackupPlace::cardPath),
+                           JsonShape::field("volumeSerial", &BackupPlace::volumeSerial)};
+} // namespace
 
-void from_json(const nlohmann::json& j, BackupPlace& value) {
-    const JsonFields fields(j);
-    value.cardPath = fields.string("cardPath");
-    value.volumeSerial = fields.optionalString("volumeSerial");
-}
+void to_json(nlohmann::json& j, const BackupPlace& value) { j = JsonShape::encoded(value, shape); }
+void from_json(const nlohmann::json& j, BackupPlace& value) { value = JsonShape::decoded<BackupPlace>(j, shape); }
 
 } // namespace velmora

@@ -1,19 +1,15 @@
 #include "records/CardKey.h"
 
-#include "base/JsonFields.h"
-
-#include <nlohmann/json.hpp>
+#include "base/JsonShape.h"
 
 namespace velmora {
 
-void to_json(nlohmann::json& j, const CardKey& value) {
-    j = {{"fsSerial", value.fsSerial}, {"capacity", value.capacity}};
-}
+namespace {
+constexpr std::tuple shape{JsonShape::required("fsSerial", &CardKey::fsSerial),
+                           JsonShape::required("capacity", &CardKey::capacity)};
+} // namespace
 
-void from_json(const nlohmann::json& j, CardKey& value) {
-    const JsonFields fields(j);
-    value.fsSerial = fields.string("fsSerial");
-    value.capacity = fields.integer("capacity");
-}
+void to_json(nlohmann::json& j, const CardKey& value) { j = JsonShape::encoded(value, shape); }
+void from_json(const nlohmann::json& j, CardKey& value) { value = JsonShape::decoded<CardKey>(j, shape); }
 
 } // namespace velmora

@@ -1,9 +1,7 @@
 #include "records/Clip.h"
 
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "records/Names.h"
-
-#include <nlohmann/json.hpp>
 
 namespace velmora {
 
@@ -19,19 +17,18 @@ ClipFormat clipFormat(std::string_view name) noexcept {
     return caseNamed<ClipFormat>(name, formatNames).value_or(ClipFormat::unknown);
 }
 
-void to_json(nlohmann::json& j, const Clip& value) {
-    j = {{"name", value.name},         {"path", value.path},   {"format", name(value.format)},
-         {"segments", value.segments}, {"bytes", value.bytes}, {"isCameraProxy", value.isCameraProxy}};
-}
+namespace {
 
-void from_json(const nlohmann::json& j, Clip& value) {
-    const JsonFields fields(j);
-    value.name = fields.string("name");
-    value.path = fields.string("path");
-    value.format = clipFormat(fields.string("format", ""));
-    value.segments = fields.optionalStrings("segments").value_or(std::vector<std::string>{});
-    value.bytes = fields.integerOr("bytes", 0);
-    value.isCameraProxy = fields.boolean("isCameraProxy", false);
-}
+using namespace JsonShape;
+
+constexpr std::tuple shape{
+    required("name", &Clip::name),      required("path", &Clip::path), named("format", &Clip::format, clipFormat),
+    field("segments", &Clip::segments), field("bytes", &Clip::bytes),  field("isCameraProxy", &Clip::isCameraProxy),
+};
+
+} // namespace
+
+void to_json(nlohmann::json& j, const Clip& value) { j = JsonShape::encoded(value, shape); }
+void from_json(const nlohmann::json& j, Clip& value) { value = JsonShape::decoded<Clip>(j, shape); }
 
 } // namespace velmora

@@ -1,9 +1,7 @@
 #include "records/ClipEntry.h"
 
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "records/Names.h"
-
-#include <nlohmann/json.hpp>
 
 namespace velmora {
 
@@ -13,17 +11,36 @@ namespace {
 
 constexpr std::array<std::string_view, 5> statusNames{"none", "skipped", "unsupported", "done", "failed"};
 
-template <class T>
-std::optional<T> optionalRecord(const JsonFields& fields, const char* key) {
-    const json* value = fields.find(key);
-    return value ? std::optional(value->get<T>()) : std::nullopt;
-}
+using namespace JsonShape;
 
-template <class T>
-void putRecord(json& j, const char* key, const std::optional<T>& value) {
-    if (value)
-        j[key] = *value;
-}
+constexpr std::tuple contentShape{
+    required("state", &ClipContent::state),
+    field("kind", &ClipContent::kind),
+    field("frame", &ClipContent::frame),
+    field("timecode", &ClipContent::timecode),
+    field("message", &ClipContent::message),
+    field("framesDecoded", &ClipContent::framesDecoded),
+    field("framesExpected", &ClipContent::framesExpected),
+};
+
+constexpr std::tuple lutShape{
+    field("source", &LutUse::source),
+    field("id", &LutUse::id),
+    field("name", &LutUse::name),
+    field("reason", &LutUse::reason),
+};
+
+constexpr std::tuple entryShape{
+    required("clip", &ClipEntry::clip),
+    field("info", &ClipEntry::info),
+    field("probeError", &ClipEntry::probeError),
+    named("proxyStatus", &ClipEntry::proxyStatus, proxyStatus),
+    field("proxyPath", &ClipEntry::proxyPath),
+    field("proxyNote", &ClipEntry::proxyNote),
+    field("proxySeconds", &ClipEntry::proxySeconds),
+    field("lut", &ClipEntry::lut),
+    field("content", &ClipEntry::content),
+};
 
 } // namespace
 
@@ -44,65 +61,13 @@ std::string ClipContent::kindText() const {
     return "content defect";
 }
 
-void to_json(json& j, const ClipContent& value) {
-    j = {{"state", value.state}};
-    Json::put(j, "kind", value.kind);
-    Json::put(j, "frame", value.frame);
-    Json::put(j, "timecode", value.timecode);
-    Json::put(j, "message", value.message);
-    Json::put(j, "framesDecoded", value.framesDecoded);
-    Json::put(j, "framesExpected", value.framesExpected);
-}
+void to_json(json& j, const ClipContent& value) { j = JsonShape::encoded(value, contentShape); }
+void from_json(const json& j, ClipContent& value) { value = JsonShape::decoded<ClipContent>(j, contentShape); }
 
-void from_json(const json& j, ClipContent& value) {
-    const JsonFields fields(j);
-    value.state = fields.string("state");
-    value.kind = fields.optionalString("kind");
-    value.frame = fields.optionalInteger("frame");
-    value.timecode = fields.optionalString("timecode");
-    value.message = fields.optionalString("message");
-    value.framesDecoded = fields.optionalInteger("framesDecoded");
-    value.framesExpected = fields.optionalInteger("framesExpected");
-    value.jpeg.reset();
-}
+void to_json(json& j, const LutUse& value) { j = JsonShape::encoded(value, lutShape); }
+void from_json(const json& j, LutUse& value) { value = JsonShape::decoded<LutUse>(j, lutShape); }
 
-void to_json(json& j, const LutUse& value) {
-    j = {{"source", value.source}, {"name", value.name}, {"reason", value.reason}};
-    Json::put(j, "id", value.id);
-}
-
-void from_json(const json& j, LutUse& value) {
-    const JsonFields fields(j);
-    value.source = fields.string("source", "");
-    value.id = fields.optionalString("id");
-    value.name = fields.string("name", "");
-    value.reason = fields.string("reason", "");
-    value.file.reset();
-}
-
-void to_json(json& j, const ClipEntry& value) {
-    j = {{"clip", value.clip}, {"proxyStatus", name(value.proxyStatus)}};
-    putRecord(j, "info", value.info);
-    Json::put(j, "probeError", value.probeError);
-    Json::put(j, "proxyPath", value.proxyPath);
-    Json::put(j, "proxyNote", value.proxyNote);
-    Json::put(j, "proxySeconds", value.proxySeconds);
-    putRecord(j, "lut", value.lut);
-    putRecord(j, "content", value.content);
-}
-
-void from_json(const json& j, ClipEntry& value) {
-    const JsonFields fields(j);
-    value.clip = fields.at("clip").get<Clip>();
-    value.info = optionalRecord<ClipInfo>(fields, "info");
-    value.probeError = fields.optionalString("probeError");
-    value.proxyStatus = proxyStatus(fields.string("proxyStatus", "none"));
-    value.proxyPath = fields.optionalString("proxyPath");
-    value.proxyNote = fields.optionalString("proxyNote");
-    value.proxySeconds = fields.optionalNumber("proxySeconds");
-    value.thumbnails.clear();
-    value.lut = optionalRecord<LutUse>(fields, "lut");
-    value.content = optionalRecord<ClipContent>(fields, "content");
-}
+void to_json(json& j, const ClipEntry& value) { j = JsonShape::encoded(value, entryShape); }
+void from_json(const json& j, ClipEntry& value) { value = JsonShape::decoded<ClipEntry>(j, entryShape); }
 
 } // namespace velmora

@@ -1,12 +1,11 @@
 #include "records/ClipInfo.h"
 
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "base/Text.h"
 #include "records/FrameRate.h"
 #include "records/Timecode.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <cmath>
 
@@ -73,49 +72,36 @@ std::optional<Timestamp> ClipInfo::plausible(std::optional<Timestamp> date, Time
     return date && *date >= year2000 && *date <= tomorrow ? date : std::nullopt;
 }
 
-void to_json(nlohmann::json& j, const ClipInfo& value) {
-    j = {{"audioChannels", value.audioChannels}};
-    Json::put(j, "codec", value.codec);
-    Json::put(j, "width", value.width);
-    Json::put(j, "height", value.height);
-    Json::put(j, "frameRate", value.frameRate);
-    Json::put(j, "duration", value.duration);
-    Json::put(j, "frames", value.frames);
-    Json::put(j, "timecode", value.timecode);
-    Json::put(j, "reel", value.reel);
-    Json::put(j, "camera", value.camera);
-    Json::put(j, "logEncoding", value.logEncoding);
-    Json::put(j, "squeeze", value.squeeze);
-    Json::put(j, "colorRange", value.colorRange);
-    Json::put(j, "gamma", value.gamma);
-    Json::put(j, "gamut", value.gamut);
-    Json::put(j, "colorScienceGen", value.colorScienceGen);
-    Json::put(j, "captureFrameRate", value.captureFrameRate);
-    Json::put(j, "recorded", value.recorded);
-}
+namespace {
 
+using namespace JsonShape;
+
+constexpr std::tuple shape{
+    field("codec", &ClipInfo::codec),
+    field("width", &ClipInfo::width),
+    field("height", &ClipInfo::height),
+    field("frameRate", &ClipInfo::frameRate),
+    field("duration", &ClipInfo::duration),
+    field("frames", &ClipInfo::frames),
+    field("timecode", &ClipInfo::timecode),
+    field("audioChannels", &ClipInfo::audioChannels),
+    field("reel", &ClipInfo::reel),
+    field("camera", &ClipInfo::camera),
+    field("logEncoding", &ClipInfo::logEncoding),
+    field("squeeze", &ClipInfo::squeeze),
+    field("colorRange", &ClipInfo::colorRange),
+    field("gamma", &ClipInfo::gamma),
+    field("gamut", &ClipInfo::gamut),
+    field("colorScienceGen", &ClipInfo::colorScienceGen),
+    field("captureFrameRate", &ClipInfo::captureFrameRate),
+    field("recorded", &ClipInfo::recorded),
+};
+
+} // namespace
+
+void to_json(nlohmann::json& j, const ClipInfo& value) { j = JsonShape::encoded(value, shape); }
 void from_json(const nlohmann::json& j, ClipInfo& value) {
-    const JsonFields fields(j, JsonFields::Reading::tolerant);
-    value.codec = fields.optionalString("codec");
-    value.width = fields.optionalInteger("width");
-    value.height = fields.optionalInteger("height");
-    value.frameRate = fields.optionalString("frameRate");
-    value.duration = fields.optionalNumber("duration");
-    value.frames = fields.optionalInteger("frames");
-    value.timecode = fields.optionalString("timecode");
-    value.audioChannels = fields.integerOr("audioChannels", 0);
-    value.audioStreams.clear();
-    value.videoBitrate.reset();
-    value.reel = fields.optionalString("reel");
-    value.camera = fields.optionalString("camera");
-    value.logEncoding = fields.optionalString("logEncoding");
-    value.squeeze = fields.optionalNumber("squeeze");
-    value.colorRange = fields.optionalString("colorRange");
-    value.gamma = fields.optionalString("gamma");
-    value.gamut = fields.optionalString("gamut");
-    value.colorScienceGen = fields.optionalInteger("colorScienceGen");
-    value.captureFrameRate = fields.optionalString("captureFrameRate");
-    value.recorded = fields.optionalTimestamp("recorded");
+    value = JsonShape::decoded<ClipInfo>(j, shape, JsonFields::Reading::tolerant);
 }
 
 } // namespace velmora

@@ -1,12 +1,9 @@
 #include "records/HistoryEntry.h"
 
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "records/OffloadReport.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
-#include <array>
 #include <string_view>
 
 namespace velmora {
@@ -15,20 +12,60 @@ using nlohmann::json;
 
 namespace {
 
-template <class T>
-std::vector<T> list(const JsonFields& fields, const char* key) {
-    const json* values = fields.array(key);
-    return values ? values->get<std::vector<T>>() : std::vector<T>{};
-}
+using namespace JsonShape;
+
+constexpr std::tuple cardShape{
+    field("identity", &HistoryCard::identity),     required("fsSerial", &HistoryCard::fsSerial),
+    required("capacity", &HistoryCard::capacity),  field("label", &HistoryCard::label),
+    field("filesystem", &HistoryCard::filesystem),
+};
+
+constexpr std::tuple destinationShape{
+    required("root", &HistoryDestination::root),
+    required("cardPath", &HistoryDestination::cardPath),
+};
+
+constexpr std::tuple generationShape{
+    required("seq", &HistoryGeneration::seq),           field("kind", &HistoryGeneration::kind),
+    required("finished", &HistoryGeneration::finished), field("files", &HistoryGeneration::files),
+    field("bytes", &HistoryGeneration::bytes),          field("verified", &HistoryGeneration::verified),
+};
+
+constexpr std::tuple verificationShape{
+    required("cardPath", &HistoryVerification::cardPath), field("volumeSerial", &HistoryVerification::volumeSerial),
+    field("clean", &HistoryVerification::clean),          field("failed", &HistoryVerification::failed),
+    ifAny("found", &HistoryVerification::found),
+};
+
+constexpr std::tuple entryShape{
+    required("id", &HistoryEntry::id),
+    field("card", &HistoryEntry::card),
+    required("source", &HistoryEntry::source),
+    required("cardName", &HistoryEntry::cardName),
+    required("date", &HistoryEntry::date),
+    field("project", &HistoryEntry::project),
+    required("finished", &HistoryEntry::finished),
+    required("success", &HistoryEntry::success),
+    required("verified", &HistoryEntry::verified),
+    field("failedFiles", &HistoryEntry::failedFiles),
+    field("hashAlgorithms", &HistoryEntry::hashAlgorithms),
+    required("files", &HistoryEntry::files),
+    required("bytes", &HistoryEntry::bytes),
+    required("fingerprint", &HistoryEntry::fingerprint),
+    required("shape", &HistoryEntry::shape),
+    field("fileList", &HistoryEntry::fileList),
+    field("destinations", &HistoryEntry::destinations),
+    field("generations", &HistoryEntry::generations),
+    field("reels", &HistoryEntry::reels),
+    field("unfinished", &HistoryEntry::unfinished),
+    field("safeToEject", &HistoryEntry::safeToEject),
+    field("safeToFormat", &HistoryEntry::safeToFormat),
+    ifAny("verifications", &HistoryEntry::verifications),
+};
 
 // What of an entry has no field here, as text; it must not be lost when the entry is written again.
 std::string otherKeys(const json& entry) {
-    static constexpr std::array<std::string_view, 23> known = {
-        "bytes",    "card",    "cardName",    "date",          "destinations", "failedFiles",
-        "fileList", "files",   "fingerprint", "finished",      "generations",  "hashAlgorithms",
-        "id",       "project", "reels",       "safeToEject",   "safeToFormat", "shape",
-        "source",   "success", "unfinished",  "verifications", "verified"};
-    static_assert(std::ranges::is_sorted(known));
+    static constexpr auto known = keys(entryShape);
     json other;
     for (const auto& [key, value] : entry.items())
         if (!std::ranges::binary_search(known, std::string_view(key)))
@@ -50,123 +87,31 @@ HistoryGeneration HistoryGeneration::of(const OffloadReport& report, std::int64_
     return generation;
 }
 
-void to_json(json& j, const HistoryCard& value) {
-    j = {{"fsSerial", value.fsSerial}, {"capacity", value.capacity}};
-    Json::put(j, "identity", value.identity);
-    Json::put(j, "label", value.label);
-    Json::put(j, "filesystem", value.filesystem);
-}
+void to_json(json& j, const HistoryCard& value) { j = JsonShape::encoded(value, cardShape); }
+void from_json(const json& j, HistoryCard& value) { value = JsonShape::decoded<HistoryCard>(j, cardShape); }
 
-void from_json(const json& j, HistoryCard& value) {
-    const JsonFields fields(j);
-    value.identity = fields.optionalString("identity");
-    value.fsSerial = fields.string("fsSerial");
-    value.capacity = fields.integer("capacity");
-    value.label = fields.optionalString("label");
-    value.filesystem = fields.optionalString("filesystem");
-}
-
-void to_json(json& j, const HistoryDestination& value) { j = {{"root", value.root}, {"cardPath", value.cardPath}}; }
-
+void to_json(json& j, const HistoryDestination& value) { j = JsonShape::encoded(value, destinationShape); }
 void from_json(const json& j, HistoryDestination& value) {
-    const JsonFields fields(j);
-    value.root = fields.string("root");
-    value.cardPath = fields.string("cardPath");
+    value = JsonShape::decoded<HistoryDestination>(j, destinationShape);
 }
 
-void to_json(json& j, const HistoryGeneration& value) {
-    j = {{"seq", value.seq},
-         {"kind", value.kind},
-         {"files", value.files},
-         {"bytes", value.bytes},
-         {"verified", value.verified}};
-    Json::put(j, "finished", value.finished);
-}
-
+void to_json(json& j, const HistoryGeneration& value) { j = JsonShape::encoded(value, generationShape); }
 void from_json(const json& j, HistoryGeneration& value) {
-    const JsonFields fields(j);
-    value.seq = fields.integer("seq");
-    value.kind = fields.string("kind", "copy");
-    value.finished = fields.timestamp("finished");
-    value.files = fields.integerOr("files", 0);
-    value.bytes = fields.integerOr("bytes", 0);
-    value.verified = fields.boolean("verified", false);
+    value = JsonShape::decoded<HistoryGeneration>(j, generationShape);
 }
 
-void to_json(json& j, const HistoryVerification& value) {
-    j = {{"cardPath", value.cardPath}};
-    Json::put(j, "volumeSerial", value.volumeSerial);
-    Json::put(j, "clean", value.clean);
-    Json::put(j, "failed", value.failed);
-    if (value.failed)
-        j["found"] = value.found;
-}
-
+void to_json(json& j, const HistoryVerification& value) { j = JsonShape::encoded(value, verificationShape); }
 void from_json(const json& j, HistoryVerification& value) {
-    const JsonFields fields(j);
-    value.cardPath = fields.string("cardPath");
-    value.volumeSerial = fields.optionalString("volumeSerial");
-    value.clean = fields.optionalTimestamp("clean");
-    value.failed = fields.optionalTimestamp("failed");
-    value.found = fields.string("found", "");
+    value = JsonShape::decoded<HistoryVerification>(j, verificationShape);
 }
 
 void to_json(json& j, const HistoryEntry& value) {
-    j = {{"id", value.id},
-         {"source", value.source},
-         {"cardName", value.cardName},
-         {"date", value.date},
-         {"success", value.success},
-         {"verified", value.verified},
-         {"hashAlgorithms", value.hashAlgorithms},
-         {"files", value.files},
-         {"bytes", value.bytes},
-         {"fingerprint", value.fingerprint},
-         {"shape", value.shape},
-         {"destinations", value.destinations},
-         {"generations", value.generations},
-         {"reels", value.reels},
-         {"unfinished", value.unfinished}};
-    if (value.card)
-        j["card"] = *value.card;
-    Json::put(j, "project", value.project);
-    Json::put(j, "finished", value.finished);
-    Json::put(j, "failedFiles", value.failedFiles);
-    Json::put(j, "fileList", value.fileList);
-    Json::put(j, "safeToEject", value.safeToEject);
-    Json::put(j, "safeToFormat", value.safeToFormat);
-    if (!value.verifications.empty())
-        j["verifications"] = value.verifications;
+    j = JsonShape::encoded(value, entryShape);
     if (!value.otherKeys.empty())
         j.update(Json::parse(value.otherKeys));
 }
-
 void from_json(const json& j, HistoryEntry& value) {
-    const JsonFields fields(j);
-    value.id = fields.string("id");
-    const json* card = fields.find("card");
-    value.card = card ? std::optional(card->get<HistoryCard>()) : std::nullopt;
-    value.source = fields.string("source");
-    value.cardName = fields.string("cardName");
-    value.date = fields.string("date");
-    value.project = fields.optionalString("project");
-    value.finished = fields.timestamp("finished");
-    value.success = fields.boolean("success");
-    value.verified = fields.boolean("verified");
-    value.failedFiles = fields.optionalInteger("failedFiles");
-    value.hashAlgorithms = fields.optionalStrings("hashAlgorithms").value_or(std::vector<std::string>{"xxh64"});
-    value.files = fields.integer("files");
-    value.bytes = fields.integer("bytes");
-    value.fingerprint = fields.string("fingerprint");
-    value.shape = fields.string("shape");
-    value.fileList = fields.optionalString("fileList");
-    value.destinations = list<HistoryDestination>(fields, "destinations");
-    value.generations = list<HistoryGeneration>(fields, "generations");
-    value.reels = fields.optionalStrings("reels").value_or(std::vector<std::string>{});
-    value.unfinished = fields.boolean("unfinished", false);
-    value.safeToEject = fields.optionalBoolean("safeToEject");
-    value.safeToFormat = fields.optionalBoolean("safeToFormat");
-    value.verifications = list<HistoryVerification>(fields, "verifications");
+    value = JsonShape::decoded<HistoryEntry>(j, entryShape);
     value.otherKeys = otherKeys(j);
 }
 

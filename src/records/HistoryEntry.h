@@ -34,7 +34,7 @@ struct HistoryDestination {
 
 struct HistoryGeneration {
     std::int64_t seq = 1;
-    std::string kind; // "copy", "append", "repair"
+    std::string kind = "copy"; // or "append", "repair"
     Timestamp finished;
     std::int64_t files = 0;
     std::int64_t bytes = 0;

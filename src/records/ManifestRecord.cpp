@@ -1,11 +1,10 @@
 #include "records/ManifestRecord.h"
 
 #include "base/Hex.h"
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "records/RecordLimits.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -64,54 +63,44 @@ std::optional<BlockManifest> ManifestRecord::toManifest() const {
 
 namespace {
 
-// All but the blocks, whose list is empty.
-nlohmann::json head(const ManifestRecord& value) {
-    nlohmann::json j = {{"v", value.v},         {"kind", value.kind},
-                        {"gen", value.gen},     {"path", value.path},
-                        {"size", value.size},   {"blockSize", value.blockSize},
-                        {"first", value.first}, {"blocks", nlohmann::json::array()}};
-    Json::put(j, "modified", value.modified);
-    Json::put(j, "xxh64", value.xxh64);
-    Json::put(j, "xxh128", value.xxh128);
-    Json::put(j, "md5", value.md5);
-    Json::put(j, "mode", value.mode);
-    if (!value.destinations.empty())
-        j["destinations"] = value.destinations;
-    if (value.sourceMedium)
-        j["sourceMedium"] = *value.sourceMedium;
-    return j;
-}
+using namespace JsonShape;
+
+// All but the blocks.
+constexpr std::tuple shape{
+    field("v", &ManifestRecord::v),
+    field("kind", &ManifestRecord::kind),
+    field("gen", &ManifestRecord::gen, 1, RecordLimits::generation),
+    field("path", &ManifestRecord::path),
+    field("size", &ManifestRecord::size, 0, RecordLimits::fileSize),
+    field("modified", &ManifestRecord::modified),
+    field("xxh64", &ManifestRecord::xxh64),
+    field("xxh128", &ManifestRecord::xxh128),
+    field("md5", &ManifestRecord::md5),
+    field("blockSize", &ManifestRecord::blockSize, 0, RecordLimits::fileSize),
+    field("first", &ManifestRecord::first, 0, RecordLimits::fileSize),
+    field("mode", &ManifestRecord::mode),
+    ifAny("destinations", &ManifestRecord::destinations),
+    field("sourceMedium", &ManifestRecord::sourceMedium),
+};
 
 } // namespace
 
 void from_json(const nlohmann::json& j, ManifestRecord& value) {
     const JsonFields fields(j);
-    value.v = fields.integerOr("v", 1);
-    value.kind = fields.string("kind", ManifestRecord::fileKind);
-    value.gen = fields.integerOr("gen", 1, 1, RecordLimits::generation);
-    value.path = fields.string("path", "");
-    value.size = fields.integerOr("size", 0, 0, RecordLimits::fileSize);
-    value.modified = fields.timestamp("modified", Timestamp{});
-    value.xxh64 = fields.optionalString("xxh64");
-    value.xxh128 = fields.optionalString("xxh128");
-    value.md5 = fields.optionalString("md5");
-    value.blockSize = fields.integerOr("blockSize", 0, 0, RecordLimits::fileSize);
-    value.first = fields.integerOr("first", 0, 0, RecordLimits::fileSize);
+    value = {};
+    JsonShape::readInto(value, fields, shape);
     const auto blocks = fields.optionalStrings("blocks").value_or(std::vector<std::string>{});
     value.blocks.reserve(blocks.size());
     for (const std::string& block : blocks)
         value.blocks.emplace_back(block);
-    value.mode = fields.optionalString("mode");
-    if (const nlohmann::json* destinations = fields.array("destinations"))
-        value.destinations = destinations->get<std::vector<BackupPlace>>();
-    if (const nlohmann::json* medium = fields.find("sourceMedium"))
-        value.sourceMedium = medium->get<CardKey>();
 }
 
 // The blocks are put into the finished text: as JSON values each of them would cost two allocations, on every disk.
 // "blocks" is the first list of the line, since only the number "blockSize" sorts before it.
 std::string ManifestRecord::line() const {
-    std::string line = Json::compact(head(*this));
+    nlohmann::json head = JsonShape::encoded(*this, shape);
+    head["blocks"] = nlohmann::json::array();
+    std::string line = Json::compact(head);
     const std::size_t at = line.find('[') + 1;
     std::string list;
     list.reserve(blocks.size() * 19);

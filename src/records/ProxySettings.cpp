@@ -1,9 +1,7 @@
 #include "records/ProxySettings.h"
 
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "records/Names.h"
-
-#include <nlohmann/json.hpp>
 
 namespace velmora {
 
@@ -30,53 +28,33 @@ const std::vector<LutMode>& allLutModes() {
     return all;
 }
 
-void to_json(nlohmann::json& j, const ProxySettings& value) {
-    j = {{"enabled", value.enabled},
-         {"height", value.height},
-         {"codec", name(value.codec)},
-         {"bitrateMbps", value.bitrateMbps},
-         {"burnFilename", value.burnFilename},
-         {"burnTimecode", value.burnTimecode},
-         {"audio", value.audio},
-         {"skipCameraProxies", value.skipCameraProxies},
-         {"skipLighterSources", value.skipLighterSources},
-         {"copyToAllDestinations", value.copyToAllDestinations},
-         {"frameScale", value.frameScale}};
-    Json::put(j, "lutPath", value.lutPath);
-    if (value.lutMode)
-        j["lutMode"] = name(*value.lutMode);
-    Json::put(j, "lutBuiltin", value.lutBuiltin);
-    Json::put(j, "lutFallback", value.lutFallback);
-    Json::put(j, "extraFolder", value.extraFolder);
-    Json::put(j, "frameAspect", value.frameAspect);
-}
+namespace {
 
-void from_json(const nlohmann::json& j, ProxySettings& value) {
-    const JsonFields fields(j);
-    const ProxySettings missing;
-    value.enabled = fields.boolean("enabled", missing.enabled);
-    value.height = fields.integerOr("height", missing.height);
-    const auto codec = fields.optionalString("codec");
-    value.codec = codec ? proxyCodec(*codec).value_or(missing.codec) : missing.codec;
-    if (codec && !proxyCodec(*codec))
-        fields.wrong("codec", "a known codec");
-    value.bitrateMbps = fields.integerOr("bitrateMbps", missing.bitrateMbps);
-    value.lutPath = fields.optionalString("lutPath");
-    const auto mode = fields.optionalString("lutMode");
-    value.lutMode = mode ? lutMode(*mode) : std::nullopt;
-    if (mode && !value.lutMode)
-        fields.wrong("lutMode", "a known LUT mode");
-    value.lutBuiltin = fields.optionalString("lutBuiltin");
-    value.lutFallback = fields.optionalString("lutFallback");
-    value.burnFilename = fields.boolean("burnFilename", missing.burnFilename);
-    value.burnTimecode = fields.boolean("burnTimecode", missing.burnTimecode);
-    value.audio = fields.boolean("audio", missing.audio);
-    value.skipCameraProxies = fields.boolean("skipCameraProxies", missing.skipCameraProxies);
-    value.skipLighterSources = fields.boolean("skipLighterSources", missing.skipLighterSources);
-    value.copyToAllDestinations = fields.boolean("copyToAllDestinations", missing.copyToAllDestinations);
-    value.extraFolder = fields.optionalString("extraFolder");
-    value.frameAspect = fields.optionalNumber("frameAspect");
-    value.frameScale = fields.number("frameScale", missing.frameScale);
-}
+using namespace JsonShape;
+
+constexpr std::tuple shape{
+    field("enabled", &ProxySettings::enabled),
+    field("height", &ProxySettings::height),
+    named("codec", &ProxySettings::codec, proxyCodec),
+    field("bitrateMbps", &ProxySettings::bitrateMbps),
+    field("lutPath", &ProxySettings::lutPath),
+    named("lutMode", &ProxySettings::lutMode, lutMode),
+    field("lutBuiltin", &ProxySettings::lutBuiltin),
+    field("lutFallback", &ProxySettings::lutFallback),
+    field("burnFilename", &ProxySettings::burnFilename),
+    field("burnTimecode", &ProxySettings::burnTimecode),
+    field("audio", &ProxySettings::audio),
+    field("skipCameraProxies", &ProxySettings::skipCameraProxies),
+    field("skipLighterSources", &ProxySettings::skipLighterSources),
+    field("copyToAllDestinations", &ProxySettings::copyToAllDestinations),
+    field("extraFolder", &ProxySettings::extraFolder),
+    field("frameAspect", &ProxySettings::frameAspect),
+    field("frameScale", &ProxySettings::frameScale),
+};
+
+} // namespace
+
+void to_json(nlohmann::json& j, const ProxySettings& value) { j = JsonShape::encoded(value, shape); }
+void from_json(const nlohmann::json& j, ProxySettings& value) { value = JsonShape::decoded<ProxySettings>(j, shape); }
 
 } // namespace velmora
