@@ -1,5 +1,7 @@
 #include "base/Errors.h"
 
+#include "base/Text.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -67,8 +69,24 @@ IOError::IOError(std::string op, std::string path, int code)
     : std::runtime_error(op + " " + path + ": " + errorText(code) + " (errno " + std::to_string(code) + ")"),
       op_(std::move(op)), path_(std::move(path)), code_(code) {}
 
+namespace {
+
+// Tools talk at length; what counts stands at the end.
+std::string toolFailure(const std::string& tool, int status, const std::string& message) {
+    std::vector<std::string_view> lines = split(message, '\n', false);
+    constexpr std::ptrdiff_t kept = 3;
+    if (std::ssize(lines) > kept)
+        lines.erase(lines.begin(), lines.end() - kept);
+    std::string text = tool + " failed (exit " + std::to_string(status) + ")";
+    for (std::size_t i = 0; i < lines.size(); ++i)
+        text.append(i == 0 ? ": " : " | ").append(lines[i]);
+    return text;
+}
+
+} // namespace
+
 ToolError::ToolError(std::string tool, int status, std::string message)
-    : std::runtime_error(tool + " (exit status " + std::to_string(status) + "): " + message), tool_(std::move(tool)),
-      status_(status), message_(std::move(message)) {}
+    : std::runtime_error(toolFailure(tool, status, message)), tool_(std::move(tool)), status_(status),
+      message_(std::move(message)) {}
 
 } // namespace velmora

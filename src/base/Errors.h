@@ -82,7 +82,8 @@ private:
     int code_;
 };
 
-// An outside program that could not be run or that answered badly.
+// An outside program that could not be run or that answered badly. `what()` reads "{tool} failed (exit {status}): " and
+// the last three lines of the message that are not empty, with " | " between them.
 class ToolError : public std::runtime_error {
 public:
     ToolError(std::string tool, int status, std::string message);

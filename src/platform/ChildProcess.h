@@ -13,16 +13,19 @@
 
 namespace velmora {
 
-// An outside program: started by its full path with plain arguments (no shell), standard input closed, no descriptor of
+// An outside program: started by its full path with plain arguments (no shell), standard input empty, no descriptor of
 // ours but the ones named, in a process group of its own, so that a stop takes along whatever it has started. Its
-// output is read on a thread of its own for as long as it lives. A child never outlives its object.
+// output is read on a thread of its own for as long as it lives. A child never outlives its object, nor this process:
+// it is killed when we are.
 class ChildProcess {
 public:
     struct Options {
         std::string program = {}; // full path
         std::vector<std::string> arguments = {};
         std::string workingFolder = {};            // empty: ours
-        std::vector<std::string> environment = {}; // "NAME=value", on top of ours
+        std::vector<std::string> environment = {}; // "NAME=value" on top of ours; "NAME" takes one of ours away
+        int input = -1;                            // our descriptor that it reads as standard input
+        int outputTo = -1;                         // our descriptor for its standard output; none of it is kept then
         bool errorToOutput = false;                // both streams in one, as they come
         // Standard output is kept whole up to this; a program that says more is stopped.
         std::size_t outputLimit = std::size_t{256} << 20;
@@ -42,8 +45,10 @@ public:
     int pid() const noexcept;
     // Waits for the end, at most `seconds`; false when it still runs.
     bool waitFor(double seconds);
-    // Asks the group to end (SIGTERM), waits up to 2 seconds, then kills it.
-    void stop();
+    void askToEnd() noexcept; // SIGTERM to the group; does not wait
+    void kill() noexcept;     // SIGKILL to the group; does not wait
+    // Asks the group to end, waits up to `patience` seconds, then kills it.
+    void stop(double patience = 2.0);
 
     // After the end. The exit status, or 128 and the number of the signal that ended it.
     int status() const;

@@ -82,9 +82,10 @@ std::int64_t allocatedBytes(const std::string& path) noexcept;
 // True when the folder of `path` has an entry of that very name. A disk that folds case answers `exists` for others
 // too.
 bool holdsName(const std::string& path);
-bool isFolder(const std::string& path);   // follows links; throws as `exists` does
-bool isWritable(const std::string& path); // access(2) W_OK
-FileFacts stat(const std::string& path);  // follows links
+bool isFolder(const std::string& path);                  // follows links; throws as `exists` does
+bool isWritable(const std::string& path);                // access(2) W_OK
+bool isExecutableFile(const std::string& path) noexcept; // a regular file, and access(2) X_OK
+FileFacts stat(const std::string& path);                 // follows links
 FileFacts lstat(const std::string& path);
 std::string realPath(const std::string& path); // throws IOError("realpath", …)
 

@@ -35,10 +35,11 @@ double secondsOf(const std::function<void()>& work) {
 TEST(ChildProcess, HandsOverWordsFolderAndEnvironmentAsTheyAre) {
     ChildProcess::Options options;
     options.program = "/bin/sh";
-    options.arguments = {"-c", R"(printf '%s|' "$@"; pwd; printf '%s' "$COLOUR"; cat)", "x", "a b", "$HOME;*", "",
-                         "\"'"};
+    options.arguments = {
+        "-c", R"(printf '%s|' "$@"; pwd; printf '%s' "$COLOUR${HOME+lost}"; /bin/cat)", "x", "a b", "$HOME;*", "",
+        "\"'"};
     options.workingFolder = "/usr";
-    options.environment = {"COLOUR=green"};
+    options.environment = {"COLOUR=green", "HOME"};
     EXPECT_EQ(ChildProcess::run(options), "a b|$HOME;*||\"'|/usr\ngreen");
 }
 
@@ -55,6 +56,45 @@ TEST(ChildProcess, InheritsNothingButWhatItIsGiven) {
     EXPECT_STREQ(text, "hello");
     for (const int fd : {secret, pipe[0], pipe[1]})
         ::close(fd);
+}
+
+TEST(ChildProcess, FeedsAnother) {
+    int pipe[2];
+    ASSERT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
+    auto from = shell("seq 1 100000; echo done >&2");
+    from.outputTo = pipe[1];
+    auto into = shell("sort -n | tail -1");
+    into.input = pipe[0];
+    ChildProcess feeder(from);
+    ChildProcess reader(into);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+    ASSERT_TRUE(reader.waitFor(20));
+    EXPECT_EQ(reader.output(), "100000\n");
+    ASSERT_TRUE(feeder.waitFor(20));
+    EXPECT_EQ(feeder.errorTail() + feeder.output(), "done\n");
+}
+
+TEST(ChildProcess, OutlivesTheThreadThatMadeItButNotAKilledProcess) {
+    const test::TempFolder folder;
+    const pid_t owner = ::fork();
+    ASSERT_GE(owner, 0);
+    if (owner == 0) {
+        std::unique_ptr<ChildProcess> child;
+        std::thread([&] { child = std::make_unique<ChildProcess>(shell("exec sleep 60")); }).join();
+        const bool lives = !child->waitFor(0.3);
+        test::FileTree::write(folder / "made", fmt::format("{} {}\n", child->pid(), lives));
+        std::filesystem::rename(folder / "made", folder / "pid");
+        child->waitFor(60);
+        ::_exit(0);
+    }
+    while (!std::filesystem::exists(folder / "pid"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ::kill(owner, SIGKILL);
+    ::waitpid(owner, nullptr, 0);
+    const std::string made = test::FileTree::read(folder / "pid");
+    EXPECT_TRUE(made.ends_with(" true\n")) << made;
+    EXPECT_TRUE(isGone(std::stoi(made)));
 }
 
 TEST(ChildProcess, TellsWhyItFailed) {

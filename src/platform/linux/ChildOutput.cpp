@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 
+#include <cerrno>
 #include <chrono>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -16,9 +17,11 @@ constexpr std::size_t longestLine = std::size_t{1} << 20;
 
 } // namespace
 
-ChildOutput::ChildOutput(const ChildProcess::Options& options, Descriptor output, Descriptor error)
+ChildOutput::ChildOutput(const ChildProcess::Options& options, Descriptor output, Descriptor error,
+                         std::function<int()> start)
     : options_(options), outputPipe_(std::move(output)), errorPipe_(std::move(error)), wake_(::eventfd(0, EFD_CLOEXEC)),
-      outputLines_{options.onOutputLine}, errorLines_{options.onErrorLine}, thread_([this] { readAll(); }) {}
+      outputLines_{options.onOutputLine}, errorLines_{options.onErrorLine},
+      thread_([this, begin = std::move(start)] { live(begin); }) {}
 
 ChildOutput::~ChildOutput() {
     abandon();
@@ -31,8 +34,20 @@ void ChildOutput::abandon() noexcept {
 }
 
 void ChildOutput::join() {
+    {
+        MutexLock lock(mutex_);
+        released_ = true;
+        condition_.notifyAll();
+    }
     if (thread_.joinable())
         thread_.join();
+}
+
+int ChildOutput::started() {
+    MutexLock lock(mutex_);
+    while (!started_)
+        condition_.wait(mutex_);
+    return *started_;
 }
 
 bool ChildOutput::waitForEnd(double seconds) {
@@ -45,6 +60,27 @@ bool ChildOutput::waitForEnd(double seconds) {
         condition_.waitFor(mutex_, left);
     }
     return true;
+}
+
+void ChildOutput::live(const std::function<int()>& start) {
+    int code = ENOMEM;
+    try {
+        code = start();
+    } catch (...) {
+        // Memory for the start; it throws nothing once there is a child.
+    }
+    {
+        MutexLock lock(mutex_);
+        started_ = code;
+        condition_.notifyAll();
+    }
+    if (code == 0)
+        readAll();
+    MutexLock lock(mutex_);
+    ended_ = true;
+    condition_.notifyAll();
+    while (!released_)
+        condition_.wait(mutex_);
 }
 
 void ChildOutput::readAll() {
@@ -64,9 +100,6 @@ void ChildOutput::readAll() {
     errorTail_ = withValidUtf8(errorTail_);
     if (errorTail_.size() > tailLimit) // replacement characters are longer than what they replace
         errorTail_ = withValidUtf8(errorTail_.substr(errorTail_.size() - tailKept));
-    MutexLock lock(mutex_);
-    ended_ = true;
-    condition_.notifyAll();
 }
 
 bool ChildOutput::readSome(Descriptor& from, bool isError) {

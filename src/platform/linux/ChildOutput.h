@@ -9,15 +9,17 @@
 
 namespace velmora {
 
-// Reads both streams of a child on one thread until they end, so that a full pipe never holds the child up.
+// The thread that starts a child, reads both of its streams until they end, so that a full pipe never holds it up, and
+// lives until join(): the child is killed when the thread that started it ends (StartChild.h).
 class ChildOutput {
 public:
-    // `options` stays with the caller and must outlive this. No error pipe: it goes to the output.
-    ChildOutput(const ChildProcess::Options& options, Descriptor output, Descriptor error);
+    // `options` stays with the caller and must outlive this; `start` answers 0 or an errno. A pipe may be missing.
+    ChildOutput(const ChildProcess::Options& options, Descriptor output, Descriptor error, std::function<int()> start);
     ~ChildOutput();
     ChildOutput(const ChildOutput&) = delete;
     ChildOutput& operator=(const ChildOutput&) = delete;
 
+    int started();                   // what `start` answered; waits for it
     bool waitForEnd(double seconds); // false: somebody still holds a pipe open
     void abandon() noexcept;         // stops reading
     void join();
@@ -38,6 +40,7 @@ private:
         void deliver();
     };
 
+    void live(const std::function<int()>& start);
     void readAll();
     bool readSome(Descriptor& from, bool isError);
     void take(std::string_view bytes, bool isError);
@@ -50,7 +53,9 @@ private:
 
     Mutex mutex_;
     Condition condition_;
+    std::optional<int> started_ GUARDED_BY(mutex_);
     bool ended_ GUARDED_BY(mutex_) = false;
+    bool released_ GUARDED_BY(mutex_) = false;
     std::thread thread_; // last: it uses everything above
 };
 

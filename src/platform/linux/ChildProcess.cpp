@@ -2,14 +2,15 @@
 
 #include "platform/linux/ChildOutput.h"
 #include "platform/linux/Descriptor.h"
+#include "platform/linux/StartChild.h"
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
@@ -22,81 +23,31 @@ using Clock = std::chrono::steady_clock;
 
 std::string toolName(const std::string& program) { return program.substr(program.find_last_of('/') + 1); }
 
-// The attributes and file actions of posix_spawn, freed together.
-class Spawn {
-public:
-    Spawn() {
-        ::posix_spawnattr_init(&attributes_);
-        ::posix_spawn_file_actions_init(&actions_);
-        // A fresh signal state: our threads block signals that the child must hear, and we ignore SIGPIPE.
-        sigset_t none;
-        sigset_t all;
-        ::sigemptyset(&none);
-        ::sigfillset(&all);
-        ::posix_spawnattr_setsigmask(&attributes_, &none);
-        ::posix_spawnattr_setsigdefault(&attributes_, &all);
-        ::posix_spawnattr_setpgroup(&attributes_, 0);
-        ::posix_spawnattr_setflags(&attributes_,
-                                   POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~Spawn() {
-        ::posix_spawnattr_destroy(&attributes_);
-        ::posix_spawn_file_actions_destroy(&actions_);
-    }
-    Spawn(const Spawn&) = delete;
-    Spawn& operator=(const Spawn&) = delete;
-
-    void nothingOn(int number, int flags) {
-        ::posix_spawn_file_actions_addopen(&actions_, number, "/dev/null", flags, 0);
-    }
-    void put(int ours, int number) { ::posix_spawn_file_actions_adddup2(&actions_, ours, number); }
-    void close(int number) { ::posix_spawn_file_actions_addclose(&actions_, number); }
-    void closeFrom(int number) { ::posix_spawn_file_actions_addclosefrom_np(&actions_, number); }
-    void enter(const std::string& folder) { ::posix_spawn_file_actions_addchdir_np(&actions_, folder.c_str()); }
-
-    // 0 or an errno; a program that cannot be executed is reported here too.
-    int start(pid_t& pid, const std::vector<std::string>& words, const std::vector<std::string>& environment) {
-        std::vector<char*> argv;
-        for (const std::string& word : words)
-            argv.push_back(const_cast<char*>(word.c_str()));
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (const std::string& line : environment)
-            envp.push_back(const_cast<char*>(line.c_str()));
-        envp.push_back(nullptr);
-        return ::posix_spawn(&pid, argv[0], &actions_, &attributes_, argv.data(), envp.data());
-    }
-
-private:
-    posix_spawnattr_t attributes_;
-    posix_spawn_file_actions_t actions_;
-};
-
 std::vector<std::string> environmentWith(const std::vector<std::string>& changes) {
     std::vector<std::string> all;
     const auto nameOf = [](std::string_view line) { return line.substr(0, line.find('=')); };
     for (char** line = ::environ; line != nullptr && *line != nullptr; ++line)
         if (std::ranges::none_of(changes, [&](const std::string& change) { return nameOf(change) == nameOf(*line); }))
             all.emplace_back(*line);
-    all.insert(all.end(), changes.begin(), changes.end());
+    std::ranges::copy_if(changes, std::back_inserter(all),
+                         [](const std::string& c) { return c.find('=') != std::string::npos; });
     return all;
-}
-
-// What the child gets is moved out of the way of its target numbers first: two targets may be each other's source.
-Descriptor outOfTheWay(int fd) {
-    constexpr int farUp = 64;
-    return Descriptor(::fcntl(fd, F_DUPFD_CLOEXEC, farUp));
 }
 
 } // namespace
 
 struct ChildProcess::State {
-    State(Options given, Descriptor outputPipe, Descriptor errorPipe, pid_t child)
-        : options(std::move(given)), pid(child), ended(static_cast<int>(::syscall(SYS_pidfd_open, child, 0))),
-          reader(options, std::move(outputPipe), std::move(errorPipe)) {}
+    State(Options given, const ChildStart& start, Descriptor outputPipe, Descriptor errorPipe)
+        : options(std::move(given)),
+          reader(options, std::move(outputPipe), std::move(errorPipe), [&] { return startChild(start, pid); }) {
+        // `start` is used by the reader's thread until this answers.
+        if (const int code = reader.started(); code != 0)
+            throw ToolError(toolName(options.program), -1, std::generic_category().message(code));
+        ended = Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    }
 
     Options options;
-    pid_t pid;
+    pid_t pid = -1;
     Descriptor ended; // readable once the child has ended
     ChildOutput reader;
     bool running = true;
@@ -136,55 +87,35 @@ struct ChildProcess::State {
 };
 
 ChildProcess::ChildProcess(Options options) {
-    const auto refuse = [&](int code) -> ToolError {
-        return {toolName(options.program), -1, std::generic_category().message(code)};
+    struct Pipe {
+        Descriptor read, write;
     };
-    int output[2];
-    int error[2] = {-1, -1};
-    if (::pipe2(output, O_CLOEXEC) != 0)
-        throw refuse(errno);
-    Descriptor outputRead(output[0]);
-    const Descriptor outputWrite(output[1]);
-    if (!options.errorToOutput && ::pipe2(error, O_CLOEXEC) != 0)
-        throw refuse(errno);
-    Descriptor errorRead(error[0]);
-    const Descriptor errorWrite(error[1]);
+    const auto pipe = [&] {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            throw ToolError(toolName(options.program), -1, std::generic_category().message(errno));
+        return Pipe{Descriptor(ends[0]), Descriptor(ends[1])};
+    };
+    Pipe output = options.outputTo < 0 ? pipe() : Pipe{};
+    Pipe error = options.errorToOutput ? Pipe{} : pipe();
+    const Descriptor nothing(::open("/dev/null", O_RDWR | O_CLOEXEC));
 
-    Spawn spawn;
-    std::vector<Descriptor> moved;
-    const auto give = [&](int ours, int number) {
-        moved.push_back(outOfTheWay(ours));
-        if (!moved.back())
-            throw refuse(errno);
-        spawn.put(moved.back().get(), number);
-    };
-    spawn.nothingOn(0, O_RDONLY);
-    give(outputWrite.get(), 1);
-    give(options.errorToOutput ? outputWrite.get() : errorWrite.get(), 2);
-    int next = 3;
+    ChildStart start;
+    const int toOutput = output.write ? output.write.get() : options.outputTo;
+    start.descriptors = {{options.input < 0 ? nothing.get() : options.input, 0},
+                         {toOutput, 1},
+                         {error.write ? error.write.get() : toOutput, 2}};
     std::ranges::sort(options.descriptors);
     for (const auto& [number, ours] : options.descriptors) {
-        for (; next < number; ++next)
-            spawn.nothingOn(next, O_RDWR);
-        give(ours, number);
-        next = number + 1;
+        while (static_cast<int>(start.descriptors.size()) < number)
+            start.descriptors.emplace_back(nothing.get(), static_cast<int>(start.descriptors.size()));
+        start.descriptors.emplace_back(ours, number);
     }
-    spawn.closeFrom(next);
-    if (!options.workingFolder.empty())
-        spawn.enter(options.workingFolder);
-
-    std::vector<std::string> words{options.program};
-    words.insert(words.end(), options.arguments.begin(), options.arguments.end());
-    pid_t pid = -1;
-    if (const int code = spawn.start(pid, words, environmentWith(options.environment)); code != 0)
-        throw refuse(code);
-    try {
-        state_ = std::make_unique<State>(std::move(options), std::move(outputRead), std::move(errorRead), pid);
-    } catch (...) {
-        ::kill(-pid, SIGKILL);
-        retryInterrupted([&] { return ::waitpid(pid, nullptr, 0); });
-        throw;
-    }
+    start.workingFolder = options.workingFolder;
+    start.words = {options.program};
+    start.words.insert(start.words.end(), options.arguments.begin(), options.arguments.end());
+    start.environment = environmentWith(options.environment);
+    state_ = std::make_unique<State>(std::move(options), start, std::move(output.read), std::move(error.read));
 }
 
 ChildProcess::~ChildProcess() { stop(); }
@@ -200,14 +131,25 @@ bool ChildProcess::waitFor(double seconds) {
     return true;
 }
 
-void ChildProcess::stop() {
+void ChildProcess::askToEnd() noexcept {
+    if (state_->running)
+        ::kill(-state_->pid, SIGTERM);
+}
+
+void ChildProcess::kill() noexcept {
+    if (state_->running)
+        ::kill(-state_->pid, SIGKILL);
+}
+
+void ChildProcess::stop(double patience) {
     if (!state_->running)
         return;
-    ::kill(-state_->pid, SIGTERM);
-    constexpr int patience = 2000;
-    if (!state_->leaderHasEnded(patience)) {
-        ::kill(-state_->pid, SIGKILL);
-        while (!state_->leaderHasEnded(patience)) {
+    askToEnd();
+    const int milliseconds = static_cast<int>(patience * 1000);
+    if (!state_->leaderHasEnded(milliseconds)) {
+        kill();
+        constexpr int glance = 2000;
+        while (!state_->leaderHasEnded(glance)) {
             // Only a process stuck inside the kernel gets here; it ends when its disk answers.
         }
     }

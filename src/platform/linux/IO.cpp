@@ -204,6 +204,11 @@ bool isFolder(const std::string& path) {
 
 bool isWritable(const std::string& path) { return ::access(path.c_str(), W_OK) == 0; }
 
+bool isExecutableFile(const std::string& path) noexcept {
+    struct stat info{};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::access(path.c_str(), X_OK) == 0;
+}
+
 FileFacts stat(const std::string& path) {
     struct stat info{};
     check(::stat(path.c_str(), &info), "stat", path);
