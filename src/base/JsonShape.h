@@ -22,6 +22,19 @@ inline constexpr bool isVector = false;
 template <class T>
 inline constexpr bool isVector<std::vector<T>> = true;
 
+// An element of a list; none when it is of another type. An optional text is null where there is none.
+template <class T>
+std::optional<T> element(const nlohmann::json& item) {
+    if constexpr (std::same_as<T, bool>)
+        return item.is_boolean() ? std::optional(item.get<bool>()) : std::nullopt;
+    else if constexpr (std::same_as<T, std::optional<std::string>>) {
+        if (item.is_null())
+            return std::optional<T>(std::in_place);
+        return item.is_string() ? std::optional<T>(item.get<std::string>()) : std::nullopt;
+    } else
+        return item.get<T>();
+}
+
 // The value of a key; none when missing. The bounds are those of a whole number.
 template <class T>
 std::optional<T> read(const JsonFields& fields, const char* key, std::int64_t min, std::int64_t max) {
@@ -37,8 +50,20 @@ std::optional<T> read(const JsonFields& fields, const char* key, std::int64_t mi
         return fields.optionalTimestamp(key);
     else if constexpr (std::same_as<T, std::vector<std::string>>)
         return fields.optionalStrings(key);
-    else {
-        const nlohmann::json* value = isVector<T> ? fields.array(key) : fields.find(key);
+    else if constexpr (isVector<T>) {
+        const nlohmann::json* list = fields.array(key);
+        if (!list)
+            return std::nullopt;
+        T values;
+        values.reserve(list->size());
+        for (const nlohmann::json& item : *list)
+            if (auto value = element<typename T::value_type>(item))
+                values.push_back(*std::move(value));
+            else
+                fields.wrong(key, "a list of such values");
+        return values;
+    } else {
+        const nlohmann::json* value = fields.find(key);
         return value ? std::optional(value->get<T>()) : std::nullopt;
     }
 }
@@ -50,7 +75,11 @@ void write(nlohmann::json& object, const char* key, const T& value) {
             write(object, key, *value);
     } else if constexpr (std::same_as<T, Timestamp>)
         object[key] = TimeText::iso8601(value);
-    else
+    else if constexpr (std::same_as<T, std::vector<std::optional<std::string>>>) {
+        nlohmann::json& list = object[key] = nlohmann::json::array();
+        for (const auto& text : value)
+            list.push_back(text ? nlohmann::json(*text) : nlohmann::json());
+    } else
         object[key] = value;
 }
 

@@ -38,7 +38,7 @@ struct OffloadReport {
     struct Destination {
         std::string root;     // as given
         std::string cardPath; // the card folder on it
-        std::string filesystem;
+        std::string filesystem = "?";
         std::int64_t filesOK = 0;
         std::int64_t filesFailed = 0;
         std::optional<bool> unbuffered; // writes went past the file cache
