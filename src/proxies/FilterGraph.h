@@ -1,0 +1,57 @@
+#pragma once
+
+#include "records/ClipInfo.h"
+#include "records/ProxySettings.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velmora {
+
+// The texts that ffmpeg takes after `-vf`. ffmpeg runs in the folder of the renderer's temporary files, and every file
+// that a graph names lies there under a harmless name: a path of the user never has to pass ffmpeg's quoting.
+namespace FilterGraph {
+
+// Crop to the frame lines; empty where there are none.
+std::string crop(const ProxySettings& settings);
+
+// To so many lines with square pixels, whatever shape they have in the source.
+std::string scale(std::int64_t height);
+
+// The LUT in 16-bit RGB. `lut`: file name of a .cube. Full-range code values are first put where video levels are,
+// which is what the LUTs are made for.
+std::string lut(std::string_view lut, bool needsPreMap);
+// `fullRangeSource`: FrameSource says so.
+bool needsPreMap(const ClipInfo& info, bool fullRangeSource, bool hasLut);
+
+struct BurnIn {
+    std::optional<std::string> font;      // file name; without a font no text is drawn
+    std::optional<std::string> labelFile; // file name of the clip's name, in UTF-8
+    std::size_t labelLetters = 0;
+    std::optional<std::string> timecode; // of the first frame
+    std::string rate = "25";             // of the timecode
+};
+// A dark strip at the bottom with the clip's name on the left and the running timecode on the right.
+std::string burnIn(const BurnIn& burnIn, std::int64_t height);
+
+struct Video {
+    bool alreadyCropped = false;
+    std::optional<std::string> lut; // file name
+    bool needsPreMap = false;
+    std::optional<BurnIn> burnIn;
+    std::string end; // VideoEncoder::filterEnd
+};
+std::string video(const ProxySettings& settings, const Video& video);
+
+// Of a small picture, 180 lines high.
+std::string thumbnail(const std::optional<std::string>& lut, bool needsPreMap = false);
+
+// The letters of a clip's name for the burn-in: valid UTF-8 without control characters, cut in the middle when long.
+std::string label(std::string_view clipName);
+std::size_t letters(std::string_view label); // code points
+
+} // namespace FilterGraph
+
+} // namespace velmora

@@ -1,0 +1,102 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "base/Mutex.h"
+#include "platform/PrivateFolder.h"
+#include "proxies/EncoderTrial.h"
+#include "proxies/FrameSource.h"
+#include "proxies/RawBackend.h"
+#include "records/Clip.h"
+#include "records/ClipInfo.h"
+#include "records/ExternalTools.h"
+#include "records/LutUse.h"
+#include "records/ProxySettings.h"
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+struct FFmpegRun;
+
+// A proxy that was not made. `what()` is a sentence for the user.
+class RenderError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+// The second try, without hardware, has failed as well.
+class ProxyRetryFailed : public RenderError {
+public:
+    using RenderError::RenderError;
+};
+
+// One proxy to be made. References live as long as the call.
+struct RenderRequest {
+    const Clip& clip;
+    std::string input; // full path of the clip's file, first segment or folder, or its http address at a range server
+    const ClipInfo& info;
+    const LutUse& lut;
+    std::string output; // full path; never replaced
+
+    std::function<void(double fraction)> progress = {}; // on another thread
+    IsCancelled isCancelled = {};
+    // For a check of the clip's content: what the decoder says, how far it is, and that it starts anew. Where there is
+    // someone to hear it, ffmpeg tells of warnings too.
+    std::function<void(std::string_view)> onErrorLine = {};
+    std::function<void(std::string_view)> onProgressLine = {};
+    std::function<void()> onRestart = {};
+};
+
+// Makes one proxy a clip with ffmpeg. One renderer serves a whole job; render() may run on several threads at once and
+// blocks each until its proxy stands or has failed.
+class ProxyRenderer {
+public:
+    // `tools` resolved. Throws IOError when there is no room for temporary files.
+    ProxyRenderer(ProxySettings settings, ExternalTools tools, Log log,
+                  std::vector<std::unique_ptr<RawBackend>> backends);
+    ~ProxyRenderer();
+
+    // Why no proxy can be made of clips of this format; none when it can.
+    std::optional<std::string> unsupportedReason(const Clip& clip) const;
+
+    // With hardware first where there is some, then once more without. Throws ToolError ("cancelled" when told to
+    // stop), RenderError, IOError. Every failure leaves neither a part nor anything under the final name.
+    void render(const RenderRequest& request);
+
+    double stallTimeout = 60; // seconds without a new frame; to be set before the first render
+    void setHardwareDecodeEnabled(bool enabled) { hardwareDecode_ = enabled; }
+    bool hardwareDecodeEnabled() const { return hardwareDecode_; }
+
+    const std::string& tempDir() const { return temporary_.path(); }
+    const RawBackend* backend(ClipFormat format) const;
+
+private:
+    void renderOnce(const RenderRequest& request, const std::optional<std::string>& decoder);
+    FrameSource sourceOf(const RenderRequest& request, const std::optional<std::string>& look,
+                         const std::optional<std::string>& decoder) const;
+    std::string chain(const RenderRequest& request, const FrameSource& source, const VideoEncoder& encoder, bool baked);
+    std::string prepareLut(const LutUse& lut, bool baked);
+    std::optional<std::string> font();
+    std::string newName(std::string_view kind, std::string_view extension);
+
+    ProxySettings settings_;
+    ExternalTools tools_;
+    Log log_;
+    std::map<ClipFormat, std::unique_ptr<RawBackend>> backends_;
+    PrivateFolder temporary_;
+    EncoderTrial trial_;
+    std::atomic<bool> hardwareDecode_{true};
+    std::atomic<int> names_{0};
+
+    Mutex mutex_;
+    std::map<std::string, std::string> luts_ GUARDED_BY(mutex_); // file in the temporary folder by path of the user's
+    std::optional<std::optional<std::string>> font_ GUARDED_BY(mutex_);
+};
+
+} // namespace velmora
