@@ -42,7 +42,7 @@ OWNERS = {
     "xxhash": {"blocks"},
     "openssl/": {"base", "blocks"},
     "expat": {"base"},
-    "re2/": {"clips", "memory", "mhl"},
+    "re2/": {"clips", "memory", "mhl", "proxies"},
     "libdeflate": {"memory"},
     "unicode/": {"base", "cli"},
     "CLI/": {"cli"},

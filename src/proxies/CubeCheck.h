@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace velmora {
+
+// Whether a text is a 3D table in the .cube form: a line "LUT_3D_SIZE n", and after it n³ lines of three numbers. The
+// text is fed piece by piece and never held, so neither a file without an end nor one that promises a huge table costs
+// more than reading it: reading ends as soon as the answer is certain.
+class CubeCheck {
+public:
+    enum class Answer { open, valid, invalid };
+
+    Answer feed(std::string_view piece); // never again once it has answered
+    Answer end();                        // no piece is left
+
+    // A renderer takes no other sizes.
+    static constexpr std::int64_t minSize = 2, maxSize = 256;
+
+private:
+    void line(std::string_view text);
+
+    Answer answer_ = Answer::open;
+    std::string partial_;       // the line that has begun
+    std::int64_t missing_ = -1; // data lines; below zero before the size was stated
+    std::int64_t otherLines_ = 0;
+};
+
+} // namespace velmora
