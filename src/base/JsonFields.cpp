@@ -114,12 +114,6 @@ std::string dump(const json& value, int indent) {
     return value.dump(indent, ' ', false, json::error_handler_t::replace);
 }
 
-template <class T>
-void putOptional(json& object, const char* key, const std::optional<T>& value) {
-    if (value)
-        object[key] = *value;
-}
-
 } // namespace
 
 namespace Json {
@@ -183,38 +177,25 @@ std::string prettyStreaming(const json& rest, const std::string& key, std::size_
     return text;
 }
 
-void put(json& object, const char* key, Timestamp value) { object[key] = TimeText::iso8601(value); }
-void put(json& object, const char* key, const std::optional<std::string>& value) { putOptional(object, key, value); }
-void put(json& object, const char* key, const std::optional<bool>& value) { putOptional(object, key, value); }
-void put(json& object, const char* key, const std::optional<std::int64_t>& value) { putOptional(object, key, value); }
-void put(json& object, const char* key, const std::optional<double>& value) { putOptional(object, key, value); }
-void put(json& object, const char* key, const std::optional<std::vector<std::string>>& value) {
-    putOptional(object, key, value);
-}
-void put(json& object, const char* key, const std::optional<Timestamp>& value) {
-    if (value)
-        put(object, key, *value);
-}
-
 } // namespace Json
 
 namespace {
 
 const json emptyObject = json::object();
 
-[[noreturn]] void missing(const char* key) { throw FormatError(std::string("the key \"") + key + "\" is missing"); }
-
-template <class T>
-T required(const char* key, std::optional<T> value) {
-    if (!value)
-        missing(key);
-    return *std::move(value);
-}
-
 // 2^63 as a double; a double below it and at or above its negative fits into 64 bits.
 constexpr double twoTo63 = 9223372036854775808.0;
 
-std::optional<std::int64_t> wholeNumber(const json& value) {
+} // namespace
+
+namespace Json {
+
+template <>
+std::optional<bool> as(const json& value) {
+    return value.is_boolean() ? std::optional(value.get<bool>()) : std::nullopt;
+}
+template <>
+std::optional<std::int64_t> as(const json& value) {
     if (value.is_number_unsigned()) {
         const auto n = value.get<std::uint64_t>();
         return n <= static_cast<std::uint64_t>(JsonFields::highest) ? std::optional(static_cast<std::int64_t>(n))
@@ -222,15 +203,40 @@ std::optional<std::int64_t> wholeNumber(const json& value) {
     }
     if (value.is_number_integer())
         return value.get<std::int64_t>();
-    if (value.is_number_float()) {
-        const double n = value.get<double>();
-        if (std::trunc(n) == n && n >= -twoTo63 && n < twoTo63)
-            return static_cast<std::int64_t>(n);
+    const double n = value.is_number() ? value.get<double>() : 0.5;
+    return std::trunc(n) == n && n >= -twoTo63 && n < twoTo63 ? std::optional(static_cast<std::int64_t>(n))
+                                                              : std::nullopt;
+}
+template <>
+std::optional<double> as(const json& value) {
+    return value.is_number() && std::isfinite(value.get<double>()) ? std::optional(value.get<double>()) : std::nullopt;
+}
+template <>
+std::optional<std::string> as(const json& value) {
+    const auto* text = value.get_ptr<const std::string*>();
+    return text ? std::optional(*text) : std::nullopt;
+}
+template <>
+std::optional<Timestamp> as(const json& value) {
+    const auto* text = value.get_ptr<const std::string*>();
+    return text ? TimeText::parseIso8601(*text) : std::nullopt;
+}
+template <>
+std::optional<std::vector<std::string>> as(const json& value) {
+    if (!value.is_array())
+        return std::nullopt;
+    std::vector<std::string> texts;
+    texts.reserve(value.size());
+    for (const json& item : value) {
+        const auto* text = item.get_ptr<const std::string*>();
+        if (!text)
+            return std::nullopt;
+        texts.push_back(*text);
     }
-    return std::nullopt;
+    return texts;
 }
 
-} // namespace
+} // namespace Json
 
 JsonFields::JsonFields(const json& value, Reading reading)
     : object_(value.is_object() ? value : emptyObject), reading_(reading) {
@@ -248,13 +254,6 @@ const json* JsonFields::find(const char* key) const {
     return found == object_.end() || found->is_null() ? nullptr : &*found;
 }
 
-const json& JsonFields::at(const char* key) const {
-    const json* value = find(key);
-    if (!value)
-        missing(key);
-    return *value;
-}
-
 const json* JsonFields::array(const char* key) const {
     const json* value = find(key);
     if (value && !value->is_array()) {
@@ -264,94 +263,44 @@ const json* JsonFields::array(const char* key) const {
     return value;
 }
 
-std::optional<std::string> JsonFields::optionalString(const char* key) const {
+template <class T>
+std::optional<T> JsonFields::typed(const char* key, const char* expected) const {
     const json* value = find(key);
     if (!value)
         return std::nullopt;
-    if (const auto* text = value->get_ptr<const std::string*>())
-        return *text;
-    wrong(key, "a text");
-    return std::nullopt;
-}
-
-std::optional<bool> JsonFields::optionalBoolean(const char* key) const {
-    const json* value = find(key);
-    if (!value)
-        return std::nullopt;
-    if (value->is_boolean())
-        return value->get<bool>();
-    wrong(key, "true or false");
-    return std::nullopt;
-}
-
-std::optional<std::int64_t> JsonFields::optionalInteger(const char* key, std::int64_t min, std::int64_t max) const {
-    const json* value = find(key);
-    if (!value)
-        return std::nullopt;
-    const auto n = wholeNumber(*value);
-    if (n && *n >= min && *n <= max)
-        return n;
-    wrong(key, n ? "within its bounds" : "a whole number");
-    return std::nullopt;
-}
-
-std::optional<double> JsonFields::optionalNumber(const char* key) const {
-    const json* value = find(key);
-    if (!value)
-        return std::nullopt;
-    if (value->is_number() && std::isfinite(value->get<double>()))
-        return value->get<double>();
-    wrong(key, "a number");
-    return std::nullopt;
-}
-
-std::optional<Timestamp> JsonFields::optionalTimestamp(const char* key) const {
-    const json* value = find(key);
-    if (!value)
-        return std::nullopt;
-    if (const auto* text = value->get_ptr<const std::string*>())
-        if (const auto time = TimeText::parseIso8601(*text))
-            return time;
-    wrong(key, "a time");
-    return std::nullopt;
-}
-
-std::optional<std::vector<std::string>> JsonFields::optionalStrings(const char* key) const {
-    const json* list = array(key);
-    if (!list)
-        return std::nullopt;
-    std::vector<std::string> result;
-    result.reserve(list->size());
-    for (const json& item : *list) {
-        const auto* text = item.get_ptr<const std::string*>();
-        if (!text) {
-            wrong(key, "a list of texts");
-            return std::nullopt;
-        }
-        result.push_back(*text);
-    }
+    auto result = Json::as<T>(*value);
+    if (!result)
+        wrong(key, expected);
     return result;
 }
 
-std::string JsonFields::string(const char* key) const { return required(key, optionalString(key)); }
-bool JsonFields::boolean(const char* key) const { return required(key, optionalBoolean(key)); }
-std::int64_t JsonFields::integer(const char* key, std::int64_t min, std::int64_t max) const {
-    return required(key, optionalInteger(key, min, max));
+std::optional<std::string> JsonFields::optionalString(const char* key) const {
+    return typed<std::string>(key, "a text");
 }
-double JsonFields::number(const char* key) const { return required(key, optionalNumber(key)); }
-Timestamp JsonFields::timestamp(const char* key) const { return required(key, optionalTimestamp(key)); }
-std::vector<std::string> JsonFields::strings(const char* key) const { return required(key, optionalStrings(key)); }
+std::optional<bool> JsonFields::optionalBoolean(const char* key) const { return typed<bool>(key, "true or false"); }
+std::optional<std::int64_t> JsonFields::optionalInteger(const char* key, std::int64_t min, std::int64_t max) const {
+    const auto n = typed<std::int64_t>(key, "a whole number");
+    if (!n || (*n >= min && *n <= max))
+        return n;
+    wrong(key, "within its bounds");
+    return std::nullopt;
+}
+std::optional<double> JsonFields::optionalNumber(const char* key) const { return typed<double>(key, "a number"); }
+std::optional<Timestamp> JsonFields::optionalTimestamp(const char* key) const {
+    return typed<Timestamp>(key, "a time");
+}
+std::optional<std::vector<std::string>> JsonFields::optionalStrings(const char* key) const {
+    return typed<std::vector<std::string>>(key, "a list of texts");
+}
 
-std::string JsonFields::string(const char* key, std::string_view missing) const {
-    return optionalString(key).value_or(std::string(missing));
+void JsonFields::require(const char* key) const {
+    if (!find(key))
+        throw FormatError(std::string("the key \"") + key + "\" is missing");
 }
-bool JsonFields::boolean(const char* key, bool missing) const { return optionalBoolean(key).value_or(missing); }
-std::int64_t JsonFields::integerOr(const char* key, std::int64_t missing, std::int64_t min, std::int64_t max) const {
-    return optionalInteger(key, min, max).value_or(missing);
-}
-double JsonFields::number(const char* key, double missing) const { return optionalNumber(key).value_or(missing); }
-Timestamp JsonFields::timestamp(const char* key, Timestamp missing) const {
-    return optionalTimestamp(key).value_or(missing);
+
+std::string JsonFields::string(const char* key) const {
+    require(key);
+    return optionalString(key).value_or(std::string());
 }
 
 } // namespace velmora

@@ -51,6 +51,15 @@ std::string prettyStreaming(const nlohmann::json& rest, const std::string& key, 
 
 } // namespace Json
 
+namespace Json {
+
+// A value as a bool, a whole number within 64 bits, a finite number, a text, a time or a list of texts; none when it is
+// of another type. A whole number that is written with a fraction of zero counts as whole.
+template <class T>
+std::optional<T> as(const nlohmann::json& value);
+
+} // namespace Json
+
 // Typed access to the keys of one JSON object. A key that is absent or null counts as missing. In a strict reading a
 // value of the wrong type throws FormatError; in a tolerant one it counts as missing as well.
 class JsonFields {
@@ -63,36 +72,21 @@ public:
 
     // The value of a key, or null when missing.
     const nlohmann::json* find(const char* key) const;
-    // The value of a required key; FormatError when missing.
-    const nlohmann::json& at(const char* key) const;
-
-    // Required: FormatError when missing.
-    std::string string(const char* key) const;
-    bool boolean(const char* key) const;
-    std::int64_t integer(const char* key, std::int64_t min = lowest, std::int64_t max = highest) const;
-    double number(const char* key) const;
-    Timestamp timestamp(const char* key) const;
-    std::vector<std::string> strings(const char* key) const;
-
-    // With a value for the missing key.
-    std::string string(const char* key, std::string_view missing) const;
-    bool boolean(const char* key, bool missing) const;
-    std::int64_t integerOr(const char* key, std::int64_t missing, std::int64_t min = lowest,
-                           std::int64_t max = highest) const;
-    double number(const char* key, double missing) const;
-    Timestamp timestamp(const char* key, Timestamp missing) const;
-
-    // Optional.
-    std::optional<std::string> optionalString(const char* key) const;
-    std::optional<bool> optionalBoolean(const char* key) const;
-    // A whole number within bounds; one that is written with a fraction of zero counts as whole.
-    std::optional<std::int64_t> optionalInteger(const char* key, std::int64_t min = lowest,
-                                                std::int64_t max = highest) const;
-    std::optional<double> optionalNumber(const char* key) const; // finite
-    std::optional<Timestamp> optionalTimestamp(const char* key) const;
-    std::optional<std::vector<std::string>> optionalStrings(const char* key) const;
     // The array of a key, or null when missing.
     const nlohmann::json* array(const char* key) const;
+
+    // None when missing.
+    std::optional<std::string> optionalString(const char* key) const;
+    std::optional<bool> optionalBoolean(const char* key) const;
+    std::optional<std::int64_t> optionalInteger(const char* key, std::int64_t min = lowest,
+                                                std::int64_t max = highest) const;
+    std::optional<double> optionalNumber(const char* key) const;
+    std::optional<Timestamp> optionalTimestamp(const char* key) const;
+    std::optional<std::vector<std::string>> optionalStrings(const char* key) const;
+
+    // FormatError when missing.
+    std::string string(const char* key) const;
+    void require(const char* key) const;
 
     // Throws in a strict reading; returns in a tolerant one.
     void wrong(const char* key, const char* expected) const;
@@ -101,21 +95,11 @@ public:
     static constexpr std::int64_t highest = std::numeric_limits<std::int64_t>::max();
 
 private:
+    template <class T>
+    std::optional<T> typed(const char* key, const char* expected) const;
+
     const nlohmann::json& object_;
     Reading reading_;
 };
-
-// Writers for optional values: nothing is written when the value is absent.
-namespace Json {
-
-void put(nlohmann::json& object, const char* key, Timestamp value);
-void put(nlohmann::json& object, const char* key, const std::optional<std::string>& value);
-void put(nlohmann::json& object, const char* key, const std::optional<bool>& value);
-void put(nlohmann::json& object, const char* key, const std::optional<std::int64_t>& value);
-void put(nlohmann::json& object, const char* key, const std::optional<double>& value);
-void put(nlohmann::json& object, const char* key, const std::optional<Timestamp>& value);
-void put(nlohmann::json& object, const char* key, const std::optional<std::vector<std::string>>& value);
-
-} // namespace Json
 
 } // namespace velmora

@@ -103,7 +103,7 @@ struct Field {
         else if (auto value = read<T>(fields, key, min, max))
             record.*member = *std::move(value);
         else if (presence == Presence::required)
-            fields.at(key);
+            fields.require(key);
     }
     void writeTo(nlohmann::json& object, const Record& record) const {
         if constexpr (requires(const T& value) { value.empty(); })

@@ -1,6 +1,6 @@
 #include "job/RateMemory.h"
 
-#include "base/JsonFields.h"
+#include "base/JsonShape.h"
 #include "base/RelativePath.h"
 #include "job/JobWords.h"
 #include "platform/IO.h"
@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <nlohmann/json.hpp>
 
 namespace velmora {
 
@@ -111,8 +110,8 @@ RateMemory RateMemory::load(const std::string& path) {
 
 void RateMemory::save(const std::string& path, const Log& log) const {
     nlohmann::json json;
-    Json::put(json, "copyRate", copyRate);
-    Json::put(json, "verifyRate", verifyRate);
+    JsonShape::write(json, "copyRate", copyRate);
+    JsonShape::write(json, "verifyRate", verifyRate);
     json["post"] = post;
     try {
         IO::mkdirs(std::string(RelativePath::folder(path)));

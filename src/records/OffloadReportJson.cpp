@@ -17,7 +17,7 @@ struct TimeOr {
     Timestamp OffloadReport::* before;
 
     void readInto(OffloadReport& report, const JsonFields& fields) const {
-        report.*member = fields.timestamp(key, report.*before);
+        report.*member = fields.optionalTimestamp(key).value_or(report.*before);
     }
     void writeTo(json& object, const OffloadReport& report) const { write(object, key, report.*member); }
 };

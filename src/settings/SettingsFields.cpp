@@ -8,7 +8,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cmath>
 
 namespace velmora {
 
@@ -17,43 +16,15 @@ using Kind = SettingsField::Kind;
 
 namespace {
 
-// Also one that a person has written with a fraction of zero.
-std::optional<std::int64_t> wholeNumber(const json& j) {
-    constexpr double exact = 1LL << 53; // whole numbers up to it are those of a double
-    if (j.is_number_unsigned() && j.get<std::uint64_t>() > INT64_MAX)
-        return std::nullopt;
-    if (j.is_number_integer())
-        return j.get<std::int64_t>();
-    const double n = j.is_number() ? j.get<double>() : 0.5;
-    return std::trunc(n) == n && std::abs(n) <= exact ? std::optional(static_cast<std::int64_t>(n)) : std::nullopt;
-}
-
-// One value, by the rules that all JSON of this program is read by; nothing for a value of another type.
-template <class T>
-std::optional<T> valueOf(const json& j) {
-    if constexpr (std::is_same_v<T, bool>)
-        return j.is_boolean() ? std::optional(j.get<bool>()) : std::nullopt;
-    else if constexpr (std::is_same_v<T, std::int64_t>)
-        return wholeNumber(j);
-    else if constexpr (std::is_same_v<T, double>)
-        return j.is_number() && std::isfinite(j.get<double>()) ? std::optional(j.get<double>()) : std::nullopt;
-    else if constexpr (std::is_same_v<T, std::string>)
-        return j.is_string() ? std::optional(j.get<std::string>()) : std::nullopt;
-    else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
-        const bool texts = j.is_array() && std::ranges::all_of(j, [](const json& item) { return item.is_string(); });
-        return texts ? std::optional(j.get<T>()) : std::nullopt;
-    } else {
-        const bool texts = j.is_object() && std::ranges::all_of(j, [](const json& item) { return item.is_string(); });
-        return texts ? std::optional(j.get<T>()) : std::nullopt;
-    }
-}
-
+// By the rules that all JSON of this program is read by; a table of texts stands in the settings only.
 template <class T>
 T read(const json& j) {
-    auto value = valueOf<T>(j);
-    if (!value)
-        throw FormatError("the value has another type");
-    return *std::move(value);
+    if constexpr (std::is_same_v<T, std::map<std::string, std::string>>) {
+        if (j.is_object() && std::ranges::all_of(j, [](const json& item) { return item.is_string(); }))
+            return j.get<T>();
+    } else if (auto value = Json::as<T>(j))
+        return *std::move(value);
+    throw FormatError("the value has another type");
 }
 
 // The way to a value of the settings: a member of them, or one of its members.
