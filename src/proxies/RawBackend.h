@@ -40,7 +40,8 @@ public:
     // Throws ToolError.
     virtual ClipInfo probe(const std::string& clipPath, const ExternalTools& tools,
                            const IsCancelled& isCancelled) const = 0;
-    // Writes the intermediate, where the maker's tool cannot pipe. Throws ToolError; "cancelled" when told to stop.
+    // Writes the intermediate, where the maker's tool cannot pipe. Throws ToolError ("cancelled" when told to stop;
+    // RawDecoderError where the failure is understood) and IOError; nothing is left then.
     virtual FrameSource source(const FrameRequest& request) const = 0;
     // True when `look` goes into the frames, so that the renderer must not apply the LUT again.
     virtual bool bakesLook() const { return false; }

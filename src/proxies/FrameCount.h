@@ -1,0 +1,30 @@
+#pragma once
+
+#include "base/Errors.h"
+#include "records/ClipInfo.h"
+#include "records/ExternalTools.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velmora {
+
+// The length of a file of one video track, by its times: MXF files state no number of frames.
+namespace FrameCount {
+
+// None when there is no ffprobe, or it does not know. Throws ToolError "cancelled" alone.
+std::optional<std::int64_t> of(const ExternalTools& tools, const std::string& path, double fps,
+                               const IsCancelled& isCancelled);
+// ffprobe's answer to that question.
+std::optional<std::int64_t> parse(std::string_view json, double fps);
+
+// A maker's tool that broke off may call it success: throws ToolError of `tool` when the file that it wrote is shorter
+// than the clip.
+void check(const ExternalTools& tools, const std::string& path, const ClipInfo& clip, const std::string& tool,
+           const IsCancelled& isCancelled);
+
+} // namespace FrameCount
+
+} // namespace velmora
