@@ -81,12 +81,12 @@ public:
                                       },
                                       [this] { pauses_.resume(); }}) {}
 
-    CardInsight take(HistoryStore& store, const std::vector<HistoryEntry>& entries) {
+    CardInsight take(HistoryStore& store, const Remembered& history) {
         const auto isCancelled = [this] { return cancelled_.isSet(); };
         for (;;) {
             identity_ = CardIdentity::withVolume(source_);
             CardInsight insight =
-                CardInspector::inspect(source_, &store, &entries, isCancelled, CardInspector::World::real());
+                CardInspector::inspect(source_, &store, &history, isCancelled, CardInspector::World::real());
             if (!pauses_.isPaused())
                 return insight;
             show(true);
@@ -128,12 +128,12 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
     if (!passesPreflight(config, options))
         return {};
     CardInsight insight;
-    const std::vector<HistoryEntry> entries = config.recordHistory ? history.load() : std::vector<HistoryEntry>();
+    const Remembered remembered = config.recordHistory ? history.recall() : Remembered();
     std::optional<std::string> identity;
     {
         FirstLook look(config.source, context);
         HistoryStore store = history.store();
-        insight = look.take(store, entries);
+        insight = look.take(store, remembered);
         identity = look.identity();
     }
     // The job refuses a card that cannot be read, with its code. Only a card that was swapped is refused here.
@@ -145,7 +145,8 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
     const std::string date = config.date.value_or(today);
     const CardNameInput input{"card", config.cardName, &insight, Layout::defaultCardName(config.source)};
     const CardNaming::Name name =
-        CardNaming::resolve(choice.suggestFromClips, {input}, entries, date, today, config.project).at("card");
+        CardNaming::resolve(choice.suggestFromClips, {input}, remembered.entries, date, today, config.project)
+            .at("card");
     if (!config.cardName)
         say(console, CardNaming::sentence(name, input));
     if (insight.nameNote && !config.cardName)

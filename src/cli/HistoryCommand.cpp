@@ -8,6 +8,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <stdexcept>
+
 namespace velmora {
 
 namespace {
@@ -42,7 +44,8 @@ public:
         HistorySession history(console);
         if (!forget_.empty())
             return forget(history, console);
-        std::vector<HistoryEntry> entries = history.load();
+        Remembered remembered = history.recall();
+        std::vector<HistoryEntry>& entries = remembered.entries;
         std::erase_if(entries, [&](const HistoryEntry& entry) { return !date_.empty() && entry.date != date_; });
         if (json_) {
             for (const HistoryEntry& entry : entries)
@@ -54,6 +57,9 @@ public:
             for (const HistoryRow& row : day.rows)
                 show(row, console);
         }
+        for (const HistoryGap& gap : remembered.gaps)
+            console.print(
+                console.toned(TerminalText::printable("Not listed here: " + gap.text() + "."), Console::Tone::warning));
         if (entries.empty())
             console.print("No card has been backed up yet.");
         return ExitStatus::ok;
@@ -63,22 +69,21 @@ private:
     ExitStatus forget(HistorySession& history, Console& console) const {
         switch (history.store().remove(forget_)) {
         case HistoryWrite::written:
-            console.print("Removed " + TerminalText::printable(forget_) + ".");
+            if (json_)
+                console.event({{"event", "result"}, {"exitStatus", 0}, {"removed", forget_}});
+            else
+                console.print("Removed " + TerminalText::printable(forget_) + ".");
             return ExitStatus::ok;
         case HistoryWrite::busy:
-            console.log("velmora: the card history is busy — try again in a moment");
-            return ExitStatus::brokeOff;
+            throw std::runtime_error("the card history is busy — try again in a moment");
         case HistoryWrite::unchanged:
-            console.log("velmora: the history has no entry " + TerminalText::printable(forget_));
-            return ExitStatus::brokeOff;
+            throw std::runtime_error("the history has no entry " + TerminalText::printable(forget_));
         case HistoryWrite::newer:
-            console.log("velmora: nothing was removed: a newer version of Velmora has written the history");
-            return ExitStatus::brokeOff;
+            throw std::runtime_error("nothing was removed: a newer version of Velmora has written the history");
         case HistoryWrite::failed:
             break;
         }
-        console.log("velmora: the history could not be written");
-        return ExitStatus::brokeOff;
+        throw std::runtime_error("the history could not be written");
     }
 
     static void show(const HistoryRow& row, Console& console) {

@@ -26,6 +26,6 @@ HistoryStore HistorySession::store() const {
             [&console = console_](std::string_view line) { console.log(line); }};
 }
 
-std::vector<HistoryEntry> HistorySession::load() { return store().load(); }
+Remembered HistorySession::recall() { return store().recall(); }
 
 } // namespace velmora

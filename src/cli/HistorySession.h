@@ -20,8 +20,7 @@ public:
 
     const std::string& folder() const noexcept { return folder_; } // the application-support folder
     JobServices services();
-    // Newest first; what cannot be read is empty.
-    std::vector<HistoryEntry> load();
+    Remembered recall();
     HistoryStore store() const;
     // Waits for records that a busy history has delayed, and says so when one is lost. To be called while Ctrl-C still
     // goes to the command: a record must not be lost to a second one.

@@ -42,7 +42,7 @@ protected:
             ->capture_default_str()
             ->type_name("N");
         app->add_option("--buffers", buffers_, "Blocks in flight, at least 2")->capture_default_str()->type_name("N");
-        app->add_flag("--no-history", noHistory_, "Do not record the run in the card history");
+        app->add_flag("--no-history", noHistory_, "Do not record the run in the card history; it is read all the same");
         app->add_flag("--json", json_, "Print JSON instead: one object a line");
         app->footer(footer);
         return app;

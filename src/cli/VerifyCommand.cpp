@@ -72,6 +72,11 @@ nlohmann::json resultJson(const std::string& cardPath, const VerifyJob::Status& 
     return json;
 }
 
+std::string notKeptText(const std::string& why) {
+    return "What was found could not be kept in the card history (" + why +
+           "): later runs and inspect do not know of it.";
+}
+
 nlohmann::json resultJson(const VerifyResult& result, double seconds) {
     nlohmann::json unreadable = nlohmann::json::array();
     for (const auto& each : result.unreadable)
@@ -246,12 +251,22 @@ private:
             return exit;
         }
         const VerifyResult& result = *status.result;
-        if (json_)
-            console.event(resultJson(result, item.seconds));
-        else if (machine_)
+        const std::string notKept = status.notKept ? notKeptText(*status.notKept) : "";
+        if (json_) {
+            nlohmann::json json = resultJson(result, item.seconds);
+            json["kept"] = notKept.empty();
+            if (!notKept.empty())
+                json["warning"] = notKept;
+            console.event(json);
+        } else if (machine_) {
             printLines(result, console);
-        else
+        } else {
             describe(result, item.seconds, console);
+            if (!notKept.empty())
+                console.print("  " + console.toned(TerminalText::printable(notKept), Console::Tone::warning));
+        }
+        if (machine_ && !notKept.empty())
+            console.log(result.cardPath + ": " + notKept);
         return statusOf(result);
     }
 

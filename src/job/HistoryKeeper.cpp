@@ -3,6 +3,7 @@
 #include "base/Msg.h"
 #include "base/Product.h"
 #include "base/RelativePath.h"
+#include "base/Text.h"
 #include "disks/VolumeSerial.h"
 #include "platform/VolumeFacts.h"
 #include "verify/VerificationTrace.h"
@@ -17,24 +18,56 @@ namespace {
 // Finding the entry of an append is worth a short wait, not a long one: without it the record makes a new entry.
 constexpr double lookupSeconds = 2.0;
 
-std::optional<std::string> failedVerification(const std::vector<HistoryEntry>& entries, const BackupPlace& place) {
-    const auto last = HistoryRecords::verificationOf(entries, place.cardPath, place.volumeSerial);
+std::optional<std::string> failedVerification(const Remembered& history, const BackupPlace& place) {
+    const auto last = history.verificationOf(place.cardPath, place.volumeSerial);
     if (!last || !last->failed)
         return std::nullopt;
     return fmt::format("{} did not pass its verification of {} ({}) — do not format the card; run Repair ({} repair), "
                        "or verify the folder again.",
                        place.cardPath, TimeText::local(*last->failed, "%Y-%m-%d %H:%M"), last->found, Product::cli);
 }
+
+std::string capital(std::string text) {
+    text[0] = 'T'; // "the card history …"
+    return text;
+}
+
+std::string forgottenText(const HistoryGap& gap, const std::string& folders) {
+    return fmt::format("{}. It may have known better of this backup, and the copies in {} were not all read since — do "
+                       "not format the card; verify them ({} verify) or run Repair ({} repair){}.",
+                       capital(gap.text()), folders, Product::cli, Product::cli,
+                       gap.error.empty() ? ", or delete that file" : "");
+}
+
+HistoryKeeper::Known knownOf(const Remembered& history, const std::vector<std::string>& cardPaths) {
+    HistoryKeeper::Known known;
+    for (const std::string& cardPath : cardPaths) {
+        const BackupPlace place{cardPath, VolumeFacts::volumeSerialText(cardPath)};
+        if (auto failed = failedVerification(history, place))
+            known.failedVerifications.emplace(RelativePath::withoutTrailingSlash(cardPath), std::move(*failed));
+        const auto last = history.verificationOf(cardPath, place.volumeSerial);
+        const auto clean = last ? last->clean : std::nullopt;
+        known.lastClean = &cardPath == &cardPaths.front() ? clean : std::min(known.lastClean, clean); // none is least
+    }
+    known.gaps = history.gaps;
+    return known;
+}
 } // namespace
 
-HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, const std::string& source, Log log)
-    : recorder_(recorder), folder_(std::move(folder)), log_(std::move(log)) {
+HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, bool records, const std::string& source,
+                             Log log)
+    : recorder_(recorder), folder_(std::move(folder)), records_(records), log_(std::move(log)) {
     if (VolumeFacts::isVolumeRoot(source))
         volume_ = cardVolumeOf(source);
 }
 
 void HistoryKeeper::record(const std::string& what, const std::function<void()>& delayed,
                            HistoryRecorder::Write write) {
+    if (records_)
+        keep(what, delayed, std::move(write));
+}
+
+void HistoryKeeper::keep(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write) {
     // May run long after this job is gone: it holds on to the log alone.
     const auto done = [log = log_](const std::optional<std::string>& lost) {
         if (lost && log)
@@ -53,35 +86,57 @@ void HistoryKeeper::start(const OffloadPlan& plan, const std::function<void()>& 
 }
 
 HistoryKeeper::Known HistoryKeeper::look(const std::vector<std::string>& cardPaths, const IsCancelled& isCancelled) {
-    const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load(isCancelled);
-    const HistoryEntry* entry = HistoryRecords::entryOf(entries, cardPaths);
+    HistoryStore store(folder_, lookupSeconds, HistoryStore::maxEntriesDefault, log_);
+    const Remembered history = store.recall(isCancelled);
+    const HistoryEntry* entry = HistoryRecords::entryOf(history.entries, cardPaths);
     isNew_ = entry == nullptr;
     id_ = entry ? entry->id : HistoryStore::newId(Timestamp::now());
     wasUnfinished_ = entry && entry->unfinished;
-    Known known;
+    Known known = knownOf(history, cardPaths);
     if (entry && entry->card)
         known.medium = entry->card->key();
-    known.runs = AppendPlanner::pastRuns(entries, cardPaths);
-    for (const std::string& cardPath : cardPaths) {
-        const BackupPlace place{cardPath, VolumeFacts::volumeSerialText(cardPath)};
-        if (auto failed = failedVerification(entries, place))
-            known.failedVerifications.emplace(RelativePath::withoutTrailingSlash(cardPath), std::move(*failed));
-        const auto last = HistoryRecords::verificationOf(entries, cardPath, place.volumeSerial);
-        const auto clean = last ? last->clean : std::nullopt;
-        known.lastClean = &cardPath == &cardPaths.front() ? clean : std::min(known.lastClean, clean); // none is least
-    }
+    known.runs = AppendPlanner::pastRuns(history.entries, cardPaths);
     return known;
 }
 
-std::vector<std::string> HistoryKeeper::failedVerifications(const std::vector<BackupPlace>& places) const {
-    std::vector<std::string> failed;
+HistoryKeeper::Known HistoryKeeper::glance(const std::vector<std::string>& cardPaths) const {
+    return knownOf(HistoryStore(folder_, 0).recall(), cardPaths);
+}
+
+std::vector<std::string> HistoryKeeper::against(const std::vector<BackupPlace>& places,
+                                                const std::optional<Timestamp>& lastRead) const {
+    std::vector<std::string> sentences;
     if (places.empty())
-        return failed;
-    const std::vector<HistoryEntry> entries = HistoryStore(folder_, lookupSeconds).load();
-    for (const BackupPlace& place : places)
-        if (auto sentence = failedVerification(entries, place))
-            failed.push_back(std::move(*sentence));
-    return failed;
+        return sentences;
+    const Remembered history = HistoryStore(folder_, lookupSeconds).recall();
+    for (const BackupPlace& place : places) {
+        const auto last = history.verificationOf(place.cardPath, place.volumeSerial);
+        if (auto sentence = failedVerification(history, place))
+            sentences.push_back(std::move(*sentence));
+        else if (const HistoryGap* gap = history.hides(std::max(lastRead, last ? last->clean : std::nullopt)))
+            sentences.push_back(forgottenText(*gap, place.cardPath));
+    }
+    return sentences;
+}
+
+std::optional<std::string> HistoryKeeper::Known::forgotten(const std::vector<CardRecord>& folders,
+                                                           const std::optional<Timestamp>& lastRead) const {
+    const Remembered history{{}, {}, gaps};
+    const HistoryGap* gap = history.hides(std::max(lastRead, lastClean));
+    if (!gap)
+        return std::nullopt;
+    std::vector<std::string> paths;
+    for (const CardRecord& folder : folders)
+        paths.push_back(folder.cardPath);
+    return forgottenText(*gap, join(paths, ", "));
+}
+
+std::vector<std::string> HistoryKeeper::Known::losses() const {
+    std::vector<std::string> sentences;
+    for (const HistoryGap& gap : gaps)
+        sentences.push_back(capital(gap.text()) + ". This copy does not depend on it; what it knew of earlier backups "
+                                                  "cannot be asked.");
+    return sentences;
 }
 
 void HistoryKeeper::reopen(const std::function<void()>& delayed) {
@@ -112,7 +167,7 @@ void HistoryKeeper::finish(const OffloadReport& report, std::vector<SourceFile> 
 
 void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed) {
     if (!folders.empty())
-        record("verify", delayed, [folders = std::move(folders), log = log_](HistoryStore& store) {
+        keep("verify", delayed, [folders = std::move(folders), log = log_](HistoryStore& store) {
             HistoryWrite worst = HistoryWrite::written;
             for (const HistoryVerification& folder : folders)
                 worst = std::max(worst, VerificationTrace::enter(store, folder, log));

@@ -18,11 +18,12 @@
 namespace velmora {
 
 // The history records of one job: "start" before the first byte is copied, so that a crash leaves a trace, and
-// "finished" at the end. A history that is busy or cannot be written never holds the job up or fails it.
+// "finished" at the end. A history that is busy or cannot be written never holds the job up or fails it. What it
+// remembers is asked also by a job that is not recorded.
 class HistoryKeeper {
 public:
-    // `delayed` is called when a record has to wait for a busy history; it must outlive nothing but the call.
-    HistoryKeeper(HistoryRecorder& recorder, std::string folder, const std::string& source, Log log);
+    // Without `records` the job leaves no record, but for what its reading of copies says of earlier verifications.
+    HistoryKeeper(HistoryRecorder& recorder, std::string folder, bool records, const std::string& source, Log log);
 
     // What the history knows of a backup before a run into its folders.
     struct Known {
@@ -31,13 +32,25 @@ public:
         // For each folder that did not pass its last verification: the folder, and the sentence that says so.
         std::map<std::string, std::string> failedVerifications;
         std::optional<Timestamp> lastClean; // since when every folder has passed a verification
+        std::vector<HistoryGap> gaps;       // what the history may have forgotten
+
+        // The sentence that denies where it may have forgotten something of these folders, whose copies were last read
+        // then.
+        std::optional<std::string> forgotten(const std::vector<CardRecord>& folders,
+                                             const std::optional<Timestamp>& lastRead) const;
+        // The same for a full copy, to which it does not matter.
+        std::vector<std::string> losses() const;
     };
     // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
     Known look(const std::vector<std::string>& cardPaths, const IsCancelled& isCancelled);
-    // The same sentences for folders that this job did not lock, as the history knows them now.
-    std::vector<std::string> failedVerifications(const std::vector<BackupPlace>& places) const;
+    // The same without waiting, for the folders of a full copy.
+    Known glance(const std::vector<std::string>& cardPaths) const;
+    // What the history has against folders that this job did not lock, as it knows them now: a sentence each.
+    // `lastRead` is when their copies were last read according to their records.
+    std::vector<std::string> against(const std::vector<BackupPlace>& places,
+                                     const std::optional<Timestamp>& lastRead) const;
 
-    // A copy that begins now.
+    // A copy that begins now. `delayed` is called when the record has to wait for a busy history.
     void start(const OffloadPlan& plan, const std::function<void()>& delayed);
     // An append, a finish or a repair, after `look`: the entry is marked as unfinished.
     void reopen(const std::function<void()>& delayed);
@@ -45,7 +58,8 @@ public:
     // covered a part of it.
     void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
                 const HistoryRecords::Verdict& verdict, const std::function<void()>& delayed);
-    // Folders in which this run has read every file and found it good: what verifications found there is over.
+    // Folders in which this run has read every file and found it good: what verifications found there is over. This is
+    // no record of the run, and kept for every job.
     void passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
@@ -54,9 +68,11 @@ public:
 
 private:
     void record(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write);
+    void keep(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write);
 
     HistoryRecorder& recorder_;
     const std::string folder_;
+    const bool records_;
     const Log log_;
     std::optional<CardVolume> volume_; // of the source, if it is a whole volume
     std::string id_;

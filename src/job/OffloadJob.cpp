@@ -160,8 +160,9 @@ void OffloadJob::openHistory(const Log& log) {
     if (!services_.history)
         return;
     guardHistory([&] {
-        if (const auto folder = HistoryRecorder::folder(config_, services_.supportFolder))
-            history_ = std::make_unique<HistoryKeeper>(*services_.history, *folder, config_.source, log);
+        history_ = std::make_unique<HistoryKeeper>(*services_.history,
+                                                   HistoryRecorder::folder(config_, services_.supportFolder),
+                                                   config_.recordHistory, config_.source, log);
     });
 }
 
@@ -174,6 +175,20 @@ void OffloadJob::addWarning(const std::string& warning) {
 void OffloadJob::takeBackStart() {
     if (history_ && engine_.plan() == nullptr)
         guardHistory([&] { engine_.isCancelled() ? history_->forget() : history_->failed(); });
+}
+
+// What cannot be asked may know better.
+void OffloadJob::askHistory(const std::function<HistoryKeeper::Known()>& question) {
+    if (!history_)
+        return;
+    try {
+        known_ = question();
+    } catch (const Cancelled&) {
+        throw;
+    } catch (const std::exception& error) {
+        constexpr Timestamp never{std::numeric_limits<std::int64_t>::max(), 0};
+        known_.gaps.push_back({HistoryRecorder::folder(config_, services_.supportFolder), never, error.what()});
+    }
 }
 
 // The history only says where to look: nothing that goes wrong with it may cost the backup.

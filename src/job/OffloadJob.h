@@ -129,6 +129,7 @@ private:
     void learnRates(const OffloadReport& report);
 
     void openHistory(const Log& log);
+    void askHistory(const std::function<HistoryKeeper::Known()>& question);
     void reopenHistory();
     void recordFinish(const OffloadReport& report, const Promises::Evidence& evidence, const Conclusion& conclusion,
                       const Promises::Verdict& verdict);

@@ -91,14 +91,21 @@ bool provedBy(const CardRecord& record, const OffloadReport& report) {
 
 } // namespace
 
-// The folders that did not pass a verification before and in which this run has found every file good.
+// The folders in which this run has found every file good, and of which the history knows, or may have known, worse.
 std::vector<HistoryVerification> OffloadJob::passed(const Conclusion& conclusion, const OffloadReport* report) const {
     std::vector<HistoryVerification> folders;
+    const auto add = [&](const std::string& cardPath, const std::optional<std::string>& volumeSerial) {
+        if (known_.failedVerifications.contains(cardPath) || !known_.gaps.empty())
+            folders.push_back({cardPath, volumeSerial, Timestamp::now(), {}, {}});
+    };
+    if (!conclusion.coversPart && report != nullptr && report->verified && report->success())
+        for (const auto& destination : report->destinations)
+            add(destination.cardPath, destination.volumeSerial);
     for (const CardRecord& record : conclusion.records) {
         const bool good = conclusion.readAll ? report == nullptr || report->success()
                                              : report != nullptr && provedBy(record, *report);
-        if (good && known_.failedVerifications.contains(record.cardPath))
-            folders.push_back({record.cardPath, record.volumeSerial, Timestamp::now(), {}, {}});
+        if (good)
+            add(record.cardPath, record.volumeSerial);
     }
     return folders;
 }
@@ -137,6 +144,7 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     }
     evidence.cardSwapped = engine_.cardChanged();
     if (!conclusion.coversPart) {
+        evidence.failedVerifications.clear(); // of what lay in these places before
         addNews(conclusion.card, card, evidence);
         return evidence;
     }
@@ -147,9 +155,11 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     } catch (const std::exception& error) {
         evidence.whole.emplace().error = error.what();
     }
+    if (!conclusion.readAll)
+        evidence.forgotten = known_.forgotten(conclusion.records, evidence.whole->lastRead);
     if (history_)
         guardHistory([&] {
-            std::ranges::move(history_->failedVerifications(conclusion.elsewhere),
+            std::ranges::move(history_->against(conclusion.elsewhere, evidence.whole->alsoRead),
                               std::back_inserter(evidence.whole->elsewhere));
         });
     for (const std::string& cardPath : evidence.whole->alsoIn)
@@ -170,6 +180,11 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
     Verification::Order order;
     for (const auto& destination : built.destinations)
         order.cardPaths.push_back(destination.cardPath);
+    if (!conclusion.coversPart) {
+        askHistory([&] { return history_->glance(order.cardPaths); });
+        for (const std::string& loss : known_.losses())
+            addWarning(loss);
+    }
     order.stamp = ReportWriter::Stamp::present();
     order.create = conclusion.create;
     order.beforeWrite = [this](const std::string& cardPath) { engine_.held()->check(cardPath); };

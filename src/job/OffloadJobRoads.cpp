@@ -91,8 +91,7 @@ AppendPlanner::Ask OffloadJob::ask(const std::vector<std::string>& cardPaths) {
     ask.verify = engine_.options().verify;
     ask.compareCard = compareCard_;
     ask.medium = mediumOf(config_.source, engine_.options());
-    if (history_)
-        guardHistory([&] { known_ = history_->look(cardPaths, [this] { return engine_.isCancelled(); }); });
+    askHistory([&] { return history_->look(cardPaths, [this] { return engine_.isCancelled(); }); });
     ask.mediumInHistory = known_.medium;
     ask.pastRuns = known_.runs;
     return ask;

@@ -93,6 +93,7 @@ Verdict judge(const Evidence& evidence) {
         judgeWhole(*evidence.whole, judgement);
     else
         judgeCard(evidence.filesAdded, evidence.changed, judgement);
+    judgement.deny(evidence.forgotten.has_value(), format, evidence.forgotten.value_or(""));
     judgement.deny(evidence.notCompared > 0, card, evidence.notCompared > 0 ? notComparedText(evidence) : "");
     judgement.deny(!evidence.onOtherVolume, everything, std::string(sameVolume));
     return std::move(judgement).verdict();

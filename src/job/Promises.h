@@ -35,8 +35,9 @@ struct Evidence {
                                   // tells from another with the same names, sizes and times
     std::string compareCommand;   // the command that compares them
     std::vector<std::string>
-        failedVerifications;    // of one of the folders, later than its last good one: a sentence each
-    bool onOtherVolume = false; // some destination that took part lies on another volume than the card
+        failedVerifications;              // of one of the folders, later than its last good one: a sentence each
+    std::optional<std::string> forgotten; // what the history may have known of copies that nobody has read since
+    bool onOtherVolume = false;           // some destination that took part lies on another volume than the card
 };
 
 struct Verdict {

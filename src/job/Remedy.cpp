@@ -26,7 +26,7 @@ Remedy remedyOf(const Promises::Evidence& evidence, const OffloadReport* report)
     // Further folders, records that cannot be read, copies that earlier runs left bad: the whole has to be looked at.
     if (evidence.whole && (evidence.whole->error || !evidence.whole->elsewhere.empty()))
         return Remedy::inspect;
-    if ((report != nullptr && hasBadCopies(*report)) || !evidence.failedVerifications.empty())
+    if ((report != nullptr && hasBadCopies(*report)) || !evidence.failedVerifications.empty() || evidence.forgotten)
         return Remedy::repair;
     if (report == nullptr && evidence.whole && evidence.whole->state.failed > 0)
         return Remedy::inspect;

@@ -52,29 +52,36 @@ bool changedSince(const SourceFile& file, const std::vector<CardRecord>& records
     });
 }
 
-// What a folder lacks that nobody named for this run, by its records and by what lies there; empty when it lacks
-// nothing.
-std::string lackOf(const BackupPlace& place, const SourceScan& card, bool localTime) try {
+struct Lack {
+    std::string text; // empty: none
+    std::optional<Timestamp> lastRead = {};
+};
+
+// What a folder lacks that nobody named for this run, by its records and by what lies there.
+Lack lackOf(const BackupPlace& place, const SourceScan& card, bool localTime) try {
     const std::string& cardPath = place.cardPath;
     if (!IO::isFolder(cardPath) ||
         (place.volumeSerial && VolumeFacts::volumeSerialText(cardPath) != place.volumeSerial))
-        return BackupMessage::elsewhereUnchecked(cardPath);
+        return {BackupMessage::elsewhereUnchecked(cardPath)};
     const std::vector<CardRecord> record{CardRecord::load(cardPath)};
     const CaseTwins twins(card.files, record);
     const BackupFolder folder(cardPath, {});
     std::int64_t lacking = 0;
+    std::optional<Timestamp> lastRead;
     for (const SourceFile& file : card.files) {
         const bool exactly = twins.contains(file.relPath);
         const auto words = statusesOf(file, record, exactly, localTime);
         const SourceFile* copy = folder.file(file.relPath, exactly);
         const bool stands = copy && copy->size == file.size && FileTimes::close(copy->mtime, file.mtime, localTime);
         lacking += !words || words->front() != "verified" || !stands ? 1 : 0;
+        if (const RecordedFile* found = record.front().find(file.relPath, exactly))
+            lastRead = std::min(lastRead.value_or(found->report->finished), found->report->finished);
     }
     if (record.front().error || !record.front().problems.empty())
         lacking = std::max<std::int64_t>(lacking, 1);
-    return lacking > 0 ? BackupMessage::elsewhereLacks(cardPath, lacking) : "";
+    return {lacking > 0 ? BackupMessage::elsewhereLacks(cardPath, lacking) : "", lastRead};
 } catch (const IOError&) {
-    return BackupMessage::elsewhereUnchecked(place.cardPath);
+    return {BackupMessage::elsewhereUnchecked(place.cardPath)};
 }
 
 std::vector<HistoryGeneration> generationsOf(const CardRecord& record) {
@@ -150,8 +157,14 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
             check.lastRead = recorded->report->finished;
     }
     const auto lacks = sideBySide(places.size(), [&](std::size_t p) { return lackOf(places[p], card, localTime); });
-    for (std::size_t p = 0; p < places.size(); ++p)
-        (lacks[p].empty() ? check.alsoIn : check.elsewhere).push_back(lacks[p].empty() ? places[p].cardPath : lacks[p]);
+    for (std::size_t p = 0; p < places.size(); ++p) {
+        if (!lacks[p].text.empty()) {
+            check.elsewhere.push_back(lacks[p].text);
+            continue;
+        }
+        check.alsoRead = check.alsoIn.empty() ? lacks[p].lastRead : std::min(check.alsoRead, lacks[p].lastRead);
+        check.alsoIn.push_back(places[p].cardPath);
+    }
     check.notInBackup += static_cast<std::int64_t>(card.uncopied.size());
     return check;
 }

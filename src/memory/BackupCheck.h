@@ -24,8 +24,9 @@ struct BackupCheck {
     // A sentence for each further folder of this backup that lacks something, could not be looked at, or did not pass
     // its last verification.
     std::vector<std::string> elsewhere;
-    std::vector<std::string> alsoIn;  // the further folders that lack nothing
-    std::optional<std::string> error; // the records of a disk cannot be read: nothing was checked
+    std::vector<std::string> alsoIn;   // the further folders that lack nothing
+    std::optional<Timestamp> alsoRead; // as `lastRead`, of these
+    std::optional<std::string> error;  // the records of a disk cannot be read: nothing was checked
 
     // What the history is told of the backup as a whole.
     std::vector<SourceFile> covered;             // the files of the card that every disk records as they are now

@@ -34,13 +34,13 @@ std::optional<SourceScan> scan(CardInsight& insight, const IsCancelled& isCancel
     return std::nullopt;
 }
 
-void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* store,
-                  const std::vector<HistoryEntry>& history, const IsCancelled& isCancelled, const World& world) {
+void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* store, const Remembered& history,
+                  const IsCancelled& isCancelled, const World& world) {
     std::optional<CardKey> key;
     if (insight.volume)
         key = CardKey{insight.volume->fsSerial, insight.volume->capacity};
     const auto identity = insight.volume ? insight.volume->identity : std::nullopt;
-    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, history, identity);
+    const HistoryEntry* candidate = HistoryStore::findForCard(key, insight.shape, history.entries, identity);
     if (!candidate)
         return;
     std::optional<std::vector<SourceFile>> list;
@@ -85,7 +85,7 @@ World World::real() {
             isFolder, [](const std::string& path) { return VolumeFacts::awaitsVolume(path); }};
 }
 
-CardInsight inspect(const std::string& source, HistoryStore* store, const std::vector<HistoryEntry>* history,
+CardInsight inspect(const std::string& source, HistoryStore* store, const Remembered* history,
                     const IsCancelled& isCancelled, const World& world) {
     CardInsight insight;
     insight.source = source;
@@ -105,9 +105,9 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
     }
     if (!insight.filesystem)
         insight.filesystem = IO::filesystemType(source);
-    std::future<std::vector<HistoryEntry>> loading; // while the card is read
+    std::future<Remembered> loading; // while the card is read
     if (!history && store)
-        loading = std::async(std::launch::async, [store, &isCancelled] { return store->load(isCancelled); });
+        loading = std::async(std::launch::async, [store, &isCancelled] { return store->recall(isCancelled); });
     std::optional<SourceScan> scanned = scan(insight, isCancelled);
     if (!scanned)
         return insight;
@@ -122,7 +122,7 @@ CardInsight inspect(const std::string& source, HistoryStore* store, const std::v
         insight.error = "The card was swapped while it was being read.";
         return insight;
     }
-    std::vector<HistoryEntry> loaded;
+    Remembered loaded;
     if (loading.valid()) {
         loaded = loading.get();
         history = &loaded;

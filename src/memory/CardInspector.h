@@ -54,9 +54,9 @@ struct World {
 
 bool isVolumeRoot(const std::string& path);
 
-// `history` are entries already loaded, newest first; without them `store` is asked; with neither nothing is matched.
+// `history` is what was recalled already; without it `store` is asked; with neither nothing is matched.
 // `store` also gives the file lists. Throws Cancelled; every other problem stands in `error`.
-CardInsight inspect(const std::string& source, HistoryStore* store, const std::vector<HistoryEntry>* history,
+CardInsight inspect(const std::string& source, HistoryStore* store, const Remembered* history,
                     const IsCancelled& isCancelled, const World& world);
 
 } // namespace CardInspector

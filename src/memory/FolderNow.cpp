@@ -33,7 +33,7 @@ std::string FolderNow::problem() const {
         return files.count == 1 ? files.first : fmt::format("{} ({} …)", countedFiles(files.count), files.first);
     };
     if (state == State::away && !failedVerification)
-        return "";
+        return forgottenProblem();
     if (state == State::gone)
         return cardPath + " is not there any more";
     if (state == State::unreadable)
@@ -52,7 +52,11 @@ std::string FolderNow::problem() const {
         return fmt::format("{} was not copied to {}", some(neverCame), cardPath);
     if (lacking.count > 0)
         return fmt::format("{} does not hold {} of the card", cardPath, some(lacking));
-    return repairOpen ? "a repair of " + cardPath + " was not finished" : "";
+    return repairOpen ? "a repair of " + cardPath + " was not finished" : forgottenProblem();
+}
+
+std::string FolderNow::forgottenProblem() const {
+    return forgotten.empty() ? "" : fmt::format("{}, and {} was not read since", forgotten, cardPath);
 }
 
 namespace FoldersNow {
@@ -197,8 +201,7 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
 
 // Another disk stands where the folder's disk was: a report of the same backup says which serial that had, or the
 // history, which remembers the disk that a verification read.
-bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks,
-                   const std::vector<HistoryEntry>& history) {
+bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks, const Remembered& history) {
     std::string there = cardPath;
     while (there.size() > 1 && IO::isGone(there))
         there = RelativePath::folder(there);
@@ -208,16 +211,21 @@ bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks,
             for (const auto& destination : generation.report->destinations)
                 if (HistoryRecords::samePlace(destination.cardPath, cardPath) && destination.volumeSerial)
                     return serial != destination.volumeSerial;
-    for (const HistoryEntry& entry : history)
-        for (const HistoryVerification& each : entry.verifications)
-            if (each.volumeSerial && HistoryRecords::samePlace(each.cardPath, cardPath))
-                return serial != each.volumeSerial;
+    const auto wasRead = [&](const HistoryVerification& each) {
+        return each.volumeSerial && HistoryRecords::samePlace(each.cardPath, cardPath);
+    };
+    std::vector<const std::vector<HistoryVerification>*> lists{&history.verifications};
+    for (const HistoryEntry& entry : history.entries)
+        lists.push_back(&entry.verifications);
+    for (const auto* list : lists)
+        if (const auto found = std::ranges::find_if(*list, wasRead); found != list->end())
+            return serial != found->volumeSerial;
     return false;
 }
 
 std::vector<BackupPlace> placesBeside(const std::vector<CardRecord>& records, const std::vector<std::string>& cardPaths,
-                                      const std::vector<HistoryEntry>& history) {
-    auto places = AppendPlanner::elsewhere(records, {}, AppendPlanner::pastRuns(history, cardPaths));
+                                      const Remembered& history) {
+    auto places = AppendPlanner::elsewhere(records, {}, AppendPlanner::pastRuns(history.entries, cardPaths));
     std::erase_if(places, [&](const BackupPlace& place) { // a disk that is away, or mounted under another name
         return std::ranges::any_of(cardPaths,
                                    [&](const auto& path) { return HistoryRecords::samePlace(path, place.cardPath); });
@@ -227,7 +235,7 @@ std::vector<BackupPlace> placesBeside(const std::vector<CardRecord>& records, co
 
 } // namespace
 
-std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<HistoryEntry>& history, const Card& card,
+std::vector<FolderNow> look(const HistoryEntry& entry, const Remembered& history, const Card& card,
                             const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled) {
     std::vector<std::string> cardPaths;
     for (const HistoryDestination& destination : entry.destinations)
@@ -268,15 +276,21 @@ std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<History
         }
         lookFrom(cardPaths.size());
     }
+    // The oldest of its copies are as old as its first run.
+    std::optional<Timestamp> copied;
+    for (const HistoryGeneration& generation : entry.generations)
+        copied = std::min(copied.value_or(generation.finished), generation.finished);
     std::vector<FolderNow> folders;
     for (const Look& each : looks) {
         FolderNow& now = folders.emplace_back(each.now);
         if (now.state == FolderNow::State::gone && onAnotherDisk(now.cardPath, looks, history))
             now.state = FolderNow::State::away;
-        const auto known = HistoryRecords::verificationOf(history, now.cardPath, each.record->volumeSerial);
+        const auto known = history.verificationOf(now.cardPath, each.record->volumeSerial);
         now.lastKnown = known && known->clean ? std::max(*known->clean, entry.finished) : entry.finished;
         if (known && known->failed)
             now.failedVerification = known;
+        if (const HistoryGap* gap = history.hides(std::max(copied, known ? known->clean : std::nullopt)))
+            now.forgotten = gap->text();
     }
     return folders;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
-#include "records/HistoryEntry.h"
+#include "memory/Remembered.h"
 #include "records/SourceFile.h"
 
 #include <cstdint>
@@ -39,6 +39,7 @@ struct FolderNow {
     // When the copies were last known to be good: at the last verification without a finding, else when they were made.
     Timestamp lastKnown;
     std::optional<HistoryVerification> failedVerification; // and nothing has mended it since
+    std::string forgotten; // a gap of the history that may hide such a one; empty when there is none
 
     Files damaged;           // copies that are missing on the disk, or have another size or time than recorded
     Files failed;            // copies that the record calls failed
@@ -51,9 +52,14 @@ struct FolderNow {
     // What makes the folder no good backup, in words that name it; empty when there is nothing.
     std::string problem() const;
     // Copies that only a repair puts right.
-    bool needsRepair() const { return damaged.count > 0 || failed.count > 0 || failedVerification || repairOpen; }
+    bool needsRepair() const {
+        return damaged.count > 0 || failed.count > 0 || failedVerification || repairOpen || !forgotten.empty();
+    }
     // What an append brings or proves.
     bool needsAppend() const { return neverCame.count > 0 || unverified.count > 0 || lacking.count > 0; }
+
+private:
+    std::string forgottenProblem() const;
 };
 
 namespace FoldersNow {
@@ -68,7 +74,7 @@ struct Card {
 // The folders of `entry`, all disks at once, and behind them those that nobody named but the records do. Reads reports
 // and folders, no copy. `history` is all that is remembered: what verifications found may stand in any entry. `isAway`
 // says that the disk of a path is not mounted. Throws Cancelled; every other problem stands in the result.
-std::vector<FolderNow> look(const HistoryEntry& entry, const std::vector<HistoryEntry>& history, const Card& card,
+std::vector<FolderNow> look(const HistoryEntry& entry, const Remembered& history, const Card& card,
                             const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled);
 
 } // namespace FoldersNow

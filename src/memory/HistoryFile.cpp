@@ -70,29 +70,73 @@ std::optional<Part> inHalves(std::string_view text) {
     }
 }
 
+// None for what has no version of ours.
+std::optional<State> stateOf(const json& rest) {
+    const auto number = rest.is_object() ? rest.find("version") : rest.end();
+    if (number == rest.end() || !number->is_number() || number->get<double>() < version)
+        return std::nullopt;
+    // Whatever is above our number is newer, also a fraction and what no integer holds.
+    return number->get<double>() > version ? State::newer : State::good;
+}
+
+// A document whose list can be read, or not.
+Contents judged(const json& rest, std::string_view key, bool good) {
+    const std::optional<State> state = stateOf(rest);
+    if (!state)
+        return {State::damaged, false, {}, {}};
+    const auto list = rest.find(key);
+    if (good && list != rest.end() && list->is_array())
+        return {*state, true, {}, {}};
+    return {*state == State::newer ? State::newer : State::damaged, false, {}, {}};
+}
+
 } // namespace
 
 Contents read(std::string_view text) try {
     std::optional<Part> whole = inHalves(text);
     if (!whole)
         whole.emplace(text);
-    const json& rest = whole->rest;
-    const auto number = rest.is_object() ? rest.find("version") : rest.end();
-    if (number == rest.end() || !number->is_number() || number->get<double>() < version)
-        return {State::damaged, {}};
-    // Whatever is above our number is newer, also a fraction and what no integer holds.
-    const State state = number->get<double>() > version ? State::newer : State::good;
-    const auto entries = rest.find("entries");
-    if (whole->good && entries != rest.end() && entries->is_array())
-        return {state, std::move(whole->entries)};
-    return {state == State::newer ? state : State::damaged, {}};
+    Contents contents = judged(whole->rest, "entries", whole->good);
+    if (contents.understood)
+        contents.entries = std::move(whole->entries);
+    return contents;
 } catch (const FormatError&) {
-    return {State::damaged, {}};
+    return {State::damaged, false, {}, {}};
+}
+
+Contents readVerifications(std::string_view text) try {
+    std::vector<HistoryVerification> records;
+    bool good = true;
+    const json rest = Json::parseStreaming(
+        text, "verifications",
+        [&](json&& value) {
+            try {
+                records.push_back(value.get<HistoryVerification>());
+            } catch (const FormatError&) {
+                good = false;
+            }
+        },
+        [&] {
+            records.clear();
+            good = true;
+        });
+    Contents contents = judged(rest, "verifications", good);
+    if (contents.understood)
+        contents.verifications = std::move(records);
+    return contents;
+} catch (const FormatError&) {
+    return {State::damaged, false, {}, {}};
 }
 
 std::string write(const std::vector<HistoryEntry>& entries) {
     return Json::prettyStreaming({{"version", version}}, "entries", entries.size(),
                                  [&](std::size_t i) { return json(entries[i]); }) +
+           "\n";
+}
+
+std::string write(const std::vector<HistoryVerification>& verifications) {
+    return Json::prettyStreaming({{"version", version}}, "verifications", verifications.size(),
+                                 [&](std::size_t i) { return json(verifications[i]); }) +
            "\n";
 }
 

@@ -8,7 +8,8 @@
 
 namespace velmora {
 
-// The text of history.json: {"entries": […], "version": 1}, pretty-printed, keys sorted. Pure functions.
+// The texts of history.json, {"entries": […], "version": 1}, and of verifications.json, {"verifications": […],
+// "version": 1}: pretty-printed, keys sorted. Pure functions.
 namespace HistoryFile {
 
 enum class State {
@@ -19,12 +20,16 @@ enum class State {
 
 struct Contents {
     State state = State::good;
+    bool understood = true; // false: a newer version has written it so that nothing can be read
     std::vector<HistoryEntry> entries;
+    std::vector<HistoryVerification> verifications;
 };
 
 // Hostile text. An entry that cannot be read makes the whole damaged: it would be lost at the next write.
 Contents read(std::string_view text);
 std::string write(const std::vector<HistoryEntry>& entries);
+Contents readVerifications(std::string_view text);
+std::string write(const std::vector<HistoryVerification>& verifications);
 
 // What an id may be: the name of a file is made of it.
 bool isId(std::string_view id);

@@ -22,9 +22,7 @@ HistoryRecorder::~HistoryRecorder() {
     queue_.reset();
 }
 
-std::optional<std::string> HistoryRecorder::folder(const JobConfig& config, const std::string& support) {
-    if (!config.recordHistory)
-        return std::nullopt;
+std::string HistoryRecorder::folder(const JobConfig& config, const std::string& support) {
     return config.historyFolder && !config.historyFolder->empty() ? *config.historyFolder : support;
 }
 

@@ -28,9 +28,9 @@ public:
     HistoryRecorder(const HistoryRecorder&) = delete;
     HistoryRecorder& operator=(const HistoryRecorder&) = delete;
 
-    // Where the job's history lies: nothing when it records none, the folder it names, else `support`, the
-    // application-support folder.
-    static std::optional<std::string> folder(const JobConfig& config, const std::string& support);
+    // Where the job's history lies: the folder it names, else `support`, the application-support folder. A job that
+    // records nothing there reads it all the same: what it remembers may deny a promise.
+    static std::string folder(const JobConfig& config, const std::string& support);
 
     // One attempt now. When the history is busy, `delayed` is called and the write waits its turn in the background.
     // `done` is called once, from this thread or the background one: with the reason when the record is lost.

@@ -6,6 +6,7 @@
 #include "engine/Layout.h"
 #include "memory/CardFingerprint.h"
 #include "memory/ReelNames.h"
+#include "memory/Remembered.h"
 
 #include <algorithm>
 #include <map>
@@ -49,51 +50,18 @@ std::string tailOf(const std::string& cardPath) {
     return pathKey(std::string(RelativePath::name(folder)) + "/" + std::string(RelativePath::name(cardPath)));
 }
 
-bool sameFolder(const HistoryVerification& a, const std::string& cardPath, const std::optional<std::string>& serial) {
-    if (a.volumeSerial && serial)
-        return a.volumeSerial == serial && tailOf(a.cardPath) == tailOf(cardPath);
-    return samePlace(a.cardPath, cardPath);
-}
-
 } // namespace
+
+bool sameName(const std::string& a, const std::string& b) { return tailOf(a) == tailOf(b); }
 
 bool samePlace(const std::string& a, const std::string& b) {
     // Only what can be the same is looked up on a disk, for that may be slow or away.
-    return tailOf(a) == tailOf(b) && Layout::normalizedRoot(a) == Layout::normalizedRoot(b);
-}
-
-std::optional<HistoryVerification> verificationOf(const std::vector<HistoryEntry>& entries, const std::string& cardPath,
-                                                  const std::optional<std::string>& volumeSerial) {
-    std::optional<HistoryVerification> known;
-    for (const HistoryEntry& entry : entries)
-        for (const HistoryVerification& each : entry.verifications) {
-            if (!sameFolder(each, cardPath, volumeSerial))
-                continue;
-            if (!known) {
-                known = each;
-                continue;
-            }
-            known->clean = std::min(known->clean, each.clean);
-            if (each.failed > known->failed) {
-                known->failed = each.failed;
-                known->found = each.found;
-            }
-        }
-    return known;
+    return sameName(a, b) && Layout::normalizedRoot(a) == Layout::normalizedRoot(b);
 }
 
 HistoryEntry verified(const HistoryEntry& entry, const HistoryVerification& mark) {
     HistoryEntry marked = entry;
-    const auto present = std::ranges::find_if(marked.verifications, [&](const HistoryVerification& each) {
-        return sameFolder(each, mark.cardPath, mark.volumeSerial);
-    });
-    if (present == marked.verifications.end()) {
-        marked.verifications.push_back(mark);
-        return marked;
-    }
-    const auto clean = mark.clean ? mark.clean : present->clean;
-    *present = mark;
-    present->clean = clean;
+    Verifications::enter(marked.verifications, mark);
     return marked;
 }
 

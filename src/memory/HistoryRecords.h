@@ -51,14 +51,10 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
                               const std::optional<std::vector<SourceFile>>& storedFiles,
                               const std::optional<BackupCheck>& wholeCard, const Verdict& verdict);
 
+// Both are card folders of the same day and card name.
+bool sameName(const std::string& a, const std::string& b);
 // Both paths are those of one card folder.
 bool samePlace(const std::string& a, const std::string& b);
-
-// What the history knows of verifications of a card folder: of entries that disagree the failure, and the older of two
-// clean readings, counts. A disk is known by its serial where both sides have one, wherever it is mounted. None when
-// nothing was ever recorded.
-std::optional<HistoryVerification> verificationOf(const std::vector<HistoryEntry>& entries, const std::string& cardPath,
-                                                  const std::optional<std::string>& volumeSerial);
 
 // The entry after a verification of one of its folders; `mark.clean` or `mark.failed` is set.
 HistoryEntry verified(const HistoryEntry& entry, const HistoryVerification& mark);

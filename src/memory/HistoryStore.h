@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "memory/HistoryFile.h"
+#include "memory/Remembered.h"
 #include "records/CardKey.h"
 #include "records/HistoryEntry.h"
 #include "records/SourceFile.h"
@@ -13,10 +14,12 @@
 
 namespace velmora {
 
+struct HistoryDocument; // one of the two files
+
 enum class HistoryWrite {
     written,
     unchanged,
-    newer, // of a removal: a newer version of the program has written the history, which is only read
+    newer, // a newer version of the program has written the history, which is only read
     busy,
     failed,
 };
@@ -31,6 +34,9 @@ enum class HistoryWrite {
 // name of its own and the history starts empty. Appending to a log instead was rejected: the file is read far more
 // often than written, and 5,000 entries are written in well under a second.
 //
+// What verifications found stands in "verifications.json", by card folder: it outlives the entry that names the folder,
+// and damage to history.json. Entries have it as well, for programs that know no such file.
+//
 // Any thread; the store itself holds no state but its settings.
 class HistoryStore {
 public:
@@ -41,9 +47,11 @@ public:
 
     const std::string& folder() const noexcept { return folder_; }
 
-    // Newest first. Reads without the lock when it cannot be had in time. What cannot be read is empty. Throws
-    // Cancelled while it waits, and nothing else.
-    std::vector<HistoryEntry> load(const IsCancelled& isCancelled = {});
+    // Reads without the lock when it cannot be had in time. What cannot be read, now or ever since it was set aside, is
+    // a gap. Throws Cancelled while it waits, and nothing else.
+    Remembered recall(const IsCancelled& isCancelled = {});
+    // The entries alone.
+    std::vector<HistoryEntry> load(const IsCancelled& isCancelled = {}) { return recall(isCancelled).entries; }
 
     struct Change {
         HistoryEntry entry;
@@ -54,8 +62,11 @@ public:
 
     // `unchanged` also where a newer version of the program has written the history.
     HistoryWrite update(const std::string& id, const Changer& change, std::optional<double> timeout = {});
-    // Removes the entry and its list.
+    // Removes the entry and its list. What verifications found in its folders stays known.
     HistoryWrite remove(const std::string& id, std::optional<double> timeout = {});
+
+    // Keeps what a verification found in a folder.
+    HistoryWrite enter(const HistoryVerification& mark, std::optional<double> timeout = {});
 
     std::optional<std::vector<SourceFile>> readFileList(const HistoryEntry& entry) const;
 
@@ -71,14 +82,17 @@ public:
     static std::string newId(Timestamp finished);
 
 private:
-    std::string path() const;
+    std::string path(const HistoryDocument& document) const;
     std::string listPath(const std::string& id) const;
-    HistoryFile::Contents read() const;
-    void setAside() const;
+    HistoryFile::Contents read(const HistoryDocument& document) const;
+    void setAside(const HistoryDocument& document) const;
+    void recall(const HistoryDocument& document, bool locked, Remembered& all) const;
+    void addSetAside(std::vector<HistoryGap>& gaps) const;
     HistoryWrite save(std::vector<HistoryEntry> entries) const;
-    // Under the lock: reads, sets damage aside, hands the entries to `edit`; true means "save what you see now".
-    HistoryWrite underLock(std::optional<double> timeout,
-                           const std::function<HistoryWrite(std::vector<HistoryEntry>&)>& edit);
+    void keepVerifications(const HistoryEntry& leaving) const;
+    // Under the lock: reads, sets damage aside, hands the contents to `edit`, which saves what it changed.
+    HistoryWrite underLock(const HistoryDocument& document, std::optional<double> timeout,
+                           const std::function<HistoryWrite(HistoryFile::Contents&)>& edit);
     void say(const std::string& text) const;
 
     std::string folder_;

@@ -290,9 +290,6 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     const CardRecord record = CardRecord::load(result.cardPath);
     result.volumeSerial = record.volumeSerial;
     result.onOtherDisk = isOnOtherDisk(record);
-    if (!record.generations.empty())
-        if (const auto column = record.generations.back().column)
-            result.recordedPath = record.generations.back().report->destinations[*column].cardPath;
     const std::optional<Open> open = openGeneration(record);
     result.unfinished = open.has_value();
     result.copyBrokeOff = open && open->copyBrokeOff;

@@ -1,6 +1,7 @@
 #include "verify/VerificationTrace.h"
 
 #include "memory/HistoryRecords.h"
+#include "memory/SameFolder.h"
 
 #include <fmt/format.h>
 
@@ -15,18 +16,21 @@ std::string foundIn(const VerifyResult& result) {
                        result.missing.size(), result.unreadable.size(), result.failedAtCopy.size());
 }
 
-bool holds(const HistoryEntry& entry, const std::string& cardPath) {
+// An entry names paths as they were. A mark bears its own serial, so that one too many does no harm.
+bool holds(const HistoryEntry& entry, const HistoryVerification& mark) {
     return std::ranges::any_of(entry.destinations, [&](const HistoryDestination& destination) {
-        return HistoryRecords::samePlace(destination.cardPath, cardPath);
+        return HistoryRecords::samePlace(destination.cardPath, mark.cardPath) ||
+               (mark.volumeSerial &&
+                isSameFolder({destination.cardPath, mark.volumeSerial}, mark.cardPath, mark.volumeSerial));
     });
 }
 
 } // namespace
 
 HistoryWrite enter(HistoryStore& history, const HistoryVerification& mark, const Log& log) {
-    HistoryWrite worst = HistoryWrite::written;
+    const HistoryWrite kept = history.enter(mark);
     for (const HistoryEntry& entry : history.load()) {
-        if (!holds(entry, mark.cardPath))
+        if (!holds(entry, mark))
             continue;
         const HistoryWrite written =
             history.update(entry.id, [&](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
@@ -34,19 +38,17 @@ HistoryWrite enter(HistoryStore& history, const HistoryVerification& mark, const
                     return std::nullopt;
                 return HistoryStore::Change{HistoryRecords::verified(*present, mark), std::nullopt};
             });
-        worst = std::max(worst, written);
         if (log && (written == HistoryWrite::busy || written == HistoryWrite::failed))
-            log("history (verify): not written — the card history does not know what was found in " + mark.cardPath);
+            log("history (verify): not written — the entry of " + mark.cardPath + " does not know what was found");
     }
-    return worst;
+    return kept;
 }
 
 std::optional<HistoryVerification> of(const VerifyResult& result) {
     if (result.onOtherDisk)
         return std::nullopt;
     HistoryVerification mark;
-    // The disk may be mounted elsewhere now than when the backup was made.
-    mark.cardPath = result.recordedPath.value_or(result.cardPath);
+    mark.cardPath = result.cardPath;
     mark.volumeSerial = result.volumeSerial;
     const bool onlyAtCopy =
         result.changed.empty() && result.missing.empty() && result.unreadable.empty() && !result.failedAtCopy.empty();
@@ -63,12 +65,24 @@ std::optional<HistoryVerification> of(const VerifyResult& result) {
     return mark;
 }
 
-void record(HistoryStore& history, const VerifyResult& result, const Log& log) noexcept try {
-    if (const auto mark = of(result))
-        enter(history, *mark, log);
+std::optional<std::string> record(HistoryStore& history, const VerifyResult& result, const Log& log) noexcept try {
+    const auto mark = of(result);
+    if (!mark)
+        return std::nullopt;
+    switch (enter(history, *mark, log)) {
+    case HistoryWrite::written:
+    case HistoryWrite::unchanged:
+        return std::nullopt;
+    case HistoryWrite::newer:
+        return "a newer version of Velmora has written it";
+    case HistoryWrite::busy:
+        return "it was busy for too long";
+    case HistoryWrite::failed:
+        break;
+    }
+    return "it could not be written";
 } catch (const std::exception& error) {
-    if (log)
-        log(std::string("history (verify): not written — ") + error.what());
+    return error.what();
 }
 
 } // namespace velmora::VerificationTrace

@@ -10,8 +10,7 @@
 namespace velmora {
 
 // Leaves in the card history what a verification found, so that no later run promises what a disk was seen to have
-// lost. The history of another computer, and a folder that it does not know, get nothing; neither does a verification
-// that broke off before it found anything.
+// lost; also where no entry names the folder. A verification that broke off before it found anything leaves nothing.
 namespace VerificationTrace {
 
 // What the result leaves: when everything was found as recorded, or when and what was not. Nothing when it proves
@@ -19,11 +18,11 @@ namespace VerificationTrace {
 // a disk that does not belong to it.
 std::optional<HistoryVerification> of(const VerifyResult& result);
 
-// Enters the mark wherever the history names its folder. What cannot be written is a line in the log, and returned.
+// Keeps the mark, and enters it wherever the history names its folder. The answer is about the former.
 HistoryWrite enter(HistoryStore& history, const HistoryVerification& mark, const Log& log);
 
-// Never throws: a history that cannot be written costs the trace and a line in the log.
-void record(HistoryStore& history, const VerifyResult& result, const Log& log) noexcept;
+// Never throws. Why what was found is not kept, when it is not.
+std::optional<std::string> record(HistoryStore& history, const VerifyResult& result, const Log& log) noexcept;
 
 } // namespace VerificationTrace
 

@@ -45,8 +45,10 @@ void VerifyJob::run() {
         const auto worker = pauses_ != nullptr ? pauses_->work() : nullptr;
         VerifyResult result =
             BackupVerifier::verify(cardPath_, chunkSize, progress, [this] { return cancelled_.load(); }, worker.get());
-        if (history_)
-            VerificationTrace::record(*history_, result, log_);
+        if (auto why = history_ ? VerificationTrace::record(*history_, result, log_) : std::nullopt) {
+            MutexLock lock(lock_);
+            status_.notKept = std::move(why);
+        }
         const State state = result.cancelled ? State::cancelled : State::done;
         end(state, std::move(result), std::nullopt, std::nullopt);
     } catch (const OffloadError& error) {

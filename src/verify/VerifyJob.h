@@ -23,6 +23,7 @@ public:
         State state = State::waiting;
         std::optional<VerifyProgress> progress;
         std::optional<VerifyResult> result;
+        std::optional<std::string> notKept; // why the card history does not know the result
         std::optional<std::string> error;
         std::optional<PreflightCode> errorCode;
     };

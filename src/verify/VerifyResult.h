@@ -44,7 +44,6 @@ struct VerifyResult {
     bool copyBrokeOff = false;     // and not because its verification did not: its copy, append or repair died
     bool onOtherDisk = false;      // the serial of the disk is none that the newest report names: a copy of the backup
     std::optional<std::string> volumeSerial = {}; // of the disk
-    std::optional<std::string> recordedPath = {}; // as the newest report names this folder
 
     // No file is wrong. Extra files, superseded failures and problems of the chain are warnings.
     bool success() const { return changed.empty() && missing.empty() && unreadable.empty() && failedAtCopy.empty(); }

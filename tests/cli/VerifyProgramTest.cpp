@@ -201,8 +201,19 @@ TEST_F(BackupProgramTest, AKnownCardIsToldAndCopiedAgainOnlyOnDemand) {
     }
     EXPECT_EQ(run({"history", "--forget", "../settings"}), 4);
     test::FileTree::write(temp / "settings/history.json", R"({"entries": [], "version": 2})");
-    EXPECT_EQ(run({"history", "--forget", "x"}), 4);
+    EXPECT_EQ(run({"history", "--forget", "x", "--json"}), 4);
     EXPECT_TRUE(logged("nothing was removed: a newer version") && !logged("no entry")) << err;
+    EXPECT_EQ(nlohmann::json::parse(out)["error"],
+              "nothing was removed: a newer version of Velmora has written the history");
+    // What a verification finds is kept where no entry names the folder, or said not to be.
+    EXPECT_EQ(run({"verify", folder}), 0) << err;
+    EXPECT_FALSE(printed("could not be kept")) << out;
+    test::FileTree::write(temp / "settings/verifications.json", R"({"version": 2})");
+    EXPECT_EQ(run({"verify", folder}), 0) << err;
+    EXPECT_TRUE(printed("could not be kept in the card history (a newer version")) << out;
+    EXPECT_EQ(run({"verify", folder, "--json"}), 0) << err;
+    EXPECT_TRUE(printed("\"kept\":false")) << out;
+    fs::remove(temp / "settings/verifications.json");
     fs::remove(temp / "settings/history.json");
     EXPECT_EQ(run({"inspect", card}), 0);
     EXPECT_TRUE(printed("Not backed up yet, as far as this computer knows.")) << out;

@@ -30,6 +30,7 @@ protected:
     test::TempFolder reader{"/dev/shm"}; // the card lies on a volume of its own
     OffloadOptions options;
     JobServices services;
+    bool recorded = true; // in the card history
     std::unique_ptr<OffloadJob> job;
     std::vector<std::string> cards{temp / "a/2026-03-14/CARD", temp / "b/2026-03-14/CARD"};
 
@@ -64,11 +65,13 @@ protected:
     JobStatus append(const std::vector<std::string>& paths) {
         JobConfig into = config();
         into.appendInto = paths;
+        into.recordHistory = recorded;
         return run(into);
     }
     JobStatus repair(const std::vector<std::string>& paths, bool verify = true) {
         JobConfig into = config();
         into.verify = verify;
+        into.recordHistory = recorded;
         return run(into, &paths);
     }
     std::map<std::string, std::string> disks() const {
@@ -488,7 +491,6 @@ TEST_F(EarlierBackup, AFileThatIsLostIsNotHiddenByItsTwin) {
     }
 }
 
-// What a verification found is over when a later run has read every copy of the folder and found it good.
 TEST_F(EarlierBackup, ACopyThatWasTouchedIsNotVouchedForUnread) {
     ASSERT_TRUE(copy().safeToFormat);
     test::FileTree::flipBit(cards[1] + "/3.txt", 1);
@@ -499,7 +501,13 @@ TEST_F(EarlierBackup, ACopyThatWasTouchedIsNotVouchedForUnread) {
     EXPECT_FALSE(run(unread).safeToFormat);
 }
 
-TEST_F(EarlierBackup, AReadingOfAllCopiesEndsWhatAVerificationFound) {
+// What a verification found is over when a later run has read every copy of the folder and found it good; also where
+// the card history holds no record of the backup.
+class Verified : public EarlierBackup, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(, Verified, testing::Bool());
+
+TEST_P(Verified, AReadingOfAllCopiesEndsWhatAVerificationFound) {
+    recorded = GetParam();
     HistoryRecorder recorder;
     services = {&recorder, temp / "settings"};
     const auto verify = [&] {
@@ -507,13 +515,12 @@ TEST_F(EarlierBackup, AReadingOfAllCopiesEndsWhatAVerificationFound) {
         VerificationTrace::record(store, BackupVerifier::verify(cards[0], mebibyte, {}, {}), {});
     };
     const auto hasFailed = [&] {
-        return HistoryRecords::verificationOf(HistoryStore(temp / "settings", 2).load(), cards[0],
-                                              CardRecord::load(cards[0]).volumeSerial)
-            .value()
-            .failed.has_value();
+        const auto known = HistoryStore(temp / "settings", 2).recall();
+        return known.verificationOf(cards[0], CardRecord::load(cards[0]).volumeSerial).value().failed.has_value();
     };
     JobConfig unread = config();
     unread.verify = false;
+    unread.recordHistory = recorded;
     ASSERT_EQ(run(unread).phase, Phase::done);
     const std::string good = test::FileTree::read(cards[0] + "/3.txt");
     const auto time = fs::last_write_time(cards[0] + "/3.txt");
@@ -545,6 +552,46 @@ TEST_F(EarlierBackup, AReadingOfAllCopiesEndsWhatAVerificationFound) {
         VerificationTrace::enter(store, {cards[d], serial, Timestamp{4'000'000'000, 0}, {}, {}}, {});
         EXPECT_EQ(append(cards).note.value_or("").find("last read on 2096-") != std::string::npos, d == 1);
     }
+}
+
+// A history that was lost may have known worse of any copy that nobody has read since.
+TEST_F(EarlierBackup, WhatALostHistoryMayHaveKnownDenies) {
+    HistoryRecorder recorder;
+    services = {&recorder, temp / "settings"};
+    ASSERT_TRUE(copy().safeToFormat);
+    const auto lose = [&](const std::string& name) {
+        test::FileTree::write(temp / ("settings/" + name), "{");
+        for (const JobStatus& status : {append(cards), append(cards)}) {
+            EXPECT_TRUE(status.safeToEject) << status.error.value_or("");
+            EXPECT_FALSE(status.safeToFormat);
+            EXPECT_THAT(status.warning().value_or(""), HasSubstr("set aside as " + temp / ("settings/" + name)));
+            EXPECT_EQ(status.remedy, Remedy::repair);
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1)); // records count whole ones
+    };
+    lose("history.json");
+    EXPECT_TRUE(repair(cards).safeToFormat) << "all copies were read";
+    EXPECT_TRUE(append(cards).safeToFormat);
+    lose("verifications.json");
+    HistoryStore store(temp / "settings", 2);
+    for (const std::string& card : cards) {
+        EXPECT_FALSE(append(cards).safeToFormat);
+        VerificationTrace::record(store, BackupVerifier::verify(card, mebibyte, {}, {}), {});
+    }
+    EXPECT_TRUE(append(cards).safeToFormat);
+    // What it knew of a folder that is not named now counts as well.
+    lose("verifications.json");
+    VerificationTrace::record(store, BackupVerifier::verify(cards[0], mebibyte, {}, {}), {});
+    EXPECT_FALSE(append({cards[0]}).safeToFormat);
+    EXPECT_THAT(job->status().warning().value_or(""), HasSubstr("the copies in " + cards[1] + " were not all read"));
+    for (const auto& file : fs::directory_iterator(temp / "settings"))
+        if (file.path().filename().string().find(".corrupt-") != std::string::npos)
+            fs::remove(file);
+    EXPECT_TRUE(append({cards[0]}).safeToFormat) << "whoever deletes the file needs it no more";
+    // A full copy needs nothing of it, and says that it is lost.
+    test::FileTree::write(temp / "settings/history.json", "{");
+    EXPECT_TRUE(copy().safeToFormat);
+    EXPECT_THAT(job->status().warning().value_or(""), HasSubstr("This copy does not depend on it"));
 }
 
 // What a person put where a dead run had begun a file is not that run's to destroy.

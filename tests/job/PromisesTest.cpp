@@ -50,6 +50,7 @@ TEST(Promises, EveryoneWhoKnowsBetterDenies) {
              {"perhaps a twin", [](auto& e) { e.notCompared = 3, e.compareCommand = "velmora append"; }, "verified",
               "3 files of the card were neither copied nor compared"},
              {"verify failed", [](auto& e) { e.failedVerifications = {"/mnt/A did not pass"}; }, "", "did not pass"},
+             {"the history lost something", [](auto& e) { e.forgotten = "set aside"; }, "eject verified", "set aside"},
              {"only on the card", [](auto& e) { e.onOtherVolume = false; }, "", "on the card's own volume"},
          }) {
         Promises::Evidence evidence = good();

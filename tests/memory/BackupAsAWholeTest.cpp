@@ -97,7 +97,7 @@ TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {
         repair.kind = "repair";
         const HistoryEntry failed = HistoryRecords::verified(change.entry, {card(), {}, {}, Timestamp{1, 0}, "1"});
         const auto mended = HistoryRecords::finished(&failed, "x", repair, whole.covered, {}, {}, whole, verdict);
-        EXPECT_EQ(HistoryRecords::verificationOf({mended.entry}, card(), {}).value().failed.has_value(),
+        EXPECT_EQ(Remembered({mended.entry}, {}, {}).verificationOf(card(), {}).value().failed.has_value(),
                   earlier != "verified");
         EXPECT_EQ(change.files->size(), 2U) << "what the backup lacks must be new when the card comes back";
     }

@@ -141,7 +141,8 @@ protected:
         put("B003_C001.mov");
     }
     void put(const std::string& name) { std::ofstream(card_.path() + "/" + name) << name; }
-    CardInsight inspect(const std::vector<HistoryEntry>& history) {
+    CardInsight inspect(const std::vector<HistoryEntry>& entries) {
+        const Remembered history{entries, verifications_, gaps_};
         return CardInspector::inspect(card_.path(), nullptr, &history, {}, world_);
     }
     // An entry for the card as it is now.
@@ -154,6 +155,8 @@ protected:
     }
 
     test::TempFolder card_;
+    std::vector<HistoryVerification> verifications_;
+    std::vector<HistoryGap> gaps_;
     CardInspector::World world_;
     std::optional<CardVolume> volume_;
     std::optional<std::string> identity_ = "id";
@@ -257,6 +260,18 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         {"a later verification failed",
          [&] { entry_.verifications = {{folder("B"), {}, {}, Timestamp{5, 0}, "mismatch 1"}}; }, "found mismatch 1",
          Kind::repair, false},
+        {"the same, kept beside the entries",
+         [&] { verifications_ = {{folder("B"), {}, {}, Timestamp{5, 0}, "mismatch 1"}}; }, "found mismatch 1",
+         Kind::repair, false},
+        {"a history that was set aside", [&] { gaps_ = {{"/h.corrupt", {1'000'000, 0}, ""}}; },
+         "the card history was damaged and set aside as /h.corrupt, and $A was not read since", Kind::repair, false},
+        {"the same, with the copies read since",
+         [&] {
+             gaps_ = {{"/h.corrupt", {1'000'000, 0}, ""}};
+             for (const char* disk : {"A", "B"})
+                 verifications_.push_back({folder(disk), {}, Timestamp{1'000'001, 0}, {}, ""});
+         },
+         "verified, safe to format", Kind::copyWhole, true},
         {"a copy touched", [&] { touch("B", first, {7, 0}); }, first + " in $B is missing or changed", Kind::repair,
          false},
         {"a copy gone", [&] { IO::unlink(folder("B") + "/" + first); }, first + " in $B is missing", Kind::repair,
@@ -325,7 +340,8 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         ASSERT_TRUE(insight.match) << c.what;
         const auto line = HistoryText::line(*insight.match, false).text;
         const std::string all = line + "\n" + join(HistoryText::notes(*insight.match), "\n");
-        EXPECT_NE(all.find(replaceAll(c.says, "$B", folder("B"))), std::string::npos) << c.what << ": " << all;
+        EXPECT_NE(all.find(replaceAll(replaceAll(c.says, "$A", folder("A")), "$B", folder("B"))), std::string::npos)
+            << c.what << ": " << all;
         const CardStep step = CardStep::of(insight);
         EXPECT_EQ(step.kind, c.step) << c.what;
         EXPECT_TRUE(step.kind != Kind::repair || step.into.size() == 2) << c.what << ": disks in step stay so";
@@ -340,6 +356,8 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         entry_.success = false;
         EXPECT_FALSE(HistoryText::holdsWholeCard(*inspect({entry_}).match)) << c.what;
         away_ = "nowhere";
+        verifications_.clear();
+        gaps_.clear();
         entry_ = remembered;
         report_ = good;
         IO::mkdirs(folder("B") + "/_REPORT");

@@ -1,6 +1,7 @@
 #include "memory/HistoryStore.h"
 
 #include "base/Text.h"
+#include "disks/VolumeSerial.h"
 #include "engine/FolderLocks.h"
 #include "memory/HistoryRecorder.h"
 #include "memory/HistoryRecords.h"
@@ -130,7 +131,7 @@ TEST_F(History, KeepsWhatVerificationsFoundAndWhatItDoesNotKnow) {
     const Timestamp early{1000, 0};
     const Timestamp late{2000, 0};
     const auto known = [&](const char* folder, std::optional<std::string> serial) {
-        return HistoryRecords::verificationOf(store().load(), folder, serial).value_or(HistoryVerification{});
+        return store().recall().verificationOf(folder, serial).value_or(HistoryVerification{});
     };
     mark({"/mnt/a/2026-03-14/A001", "S1", early, {}, ""});
     mark({"/mnt/a/2026-03-14/A001", "S1", {}, late, "missing 1"});
@@ -143,6 +144,74 @@ TEST_F(History, KeepsWhatVerificationsFoundAndWhatItDoesNotKnow) {
     EXPECT_EQ(known("/mnt/a/2026-03-14/A001", "S1"),
               (HistoryVerification{"/mnt/a/2026-03-14/A001", "S1", late, {}, ""}));
     EXPECT_NE(IO::readFile(path(), 10000).find("\"later\""), std::string::npos) << "written by another version";
+}
+
+// It outlives the entry that names the folder, and what an older program does to it.
+TEST_F(History, KeepsWhatVerificationsFoundBesideTheEntries) {
+    const std::string a = folder_ / "a/2026-03-14/A001";
+    const std::string b = folder_ / "b/2026-03-14/A001";
+    const auto serial = VolumeFacts::volumeSerialText(folder_.path());
+    const auto known = [&](const std::string& folder) {
+        return store().recall().verificationOf(folder, serial).value_or(HistoryVerification{});
+    };
+    for (const std::string& folder : {a, b})
+        std::filesystem::create_directories(folder);
+    EXPECT_EQ(store().enter({a, serial, {}, Timestamp{1000, 0}, "missing 1"}), HistoryWrite::written);
+    EXPECT_EQ(store().enter({b, serial, Timestamp{2000, 0}, {}, ""}), HistoryWrite::written);
+    EXPECT_EQ(known(a).found, "missing 1") << "two folders of one disk";
+    EXPECT_EQ(known(b).clean, (Timestamp{2000, 0}));
+    const auto markInEntry = [&](const HistoryVerification& one) {
+        store().update("a", [&](const HistoryEntry*) {
+            return HistoryStore::Change{HistoryRecords::verified({}, one), std::nullopt};
+        });
+    };
+    markInEntry({a, serial, Timestamp{999, 0}, {}, ""});
+    EXPECT_TRUE(known(a).failed);
+    markInEntry({a, serial, Timestamp{1001, 0}, {}, ""});
+    EXPECT_FALSE(known(a).failed) << "an older program has read it since";
+    markInEntry({a, serial, {}, Timestamp{3000, 0}, "mismatch 1"});
+    EXPECT_EQ(known(a).found, "mismatch 1");
+    std::filesystem::remove(folder_ / "verifications.json");
+    EXPECT_EQ(store().remove("a"), HistoryWrite::written);
+    EXPECT_EQ(known(a).found, "mismatch 1") << "to forget the card makes no bad copy good";
+    // Of too many the clean ones go first.
+    for (int i = 0; i < 3; ++i)
+        store(2).enter({folder_ / ("c" + std::to_string(i)), serial, Timestamp{5000 + i, 0}, {}, ""});
+    EXPECT_EQ(store().recall().verifications.size(), 2U);
+    EXPECT_TRUE(known(a).failed);
+}
+
+TEST_F(History, SaysWhatItMayHaveForgotten) {
+    EXPECT_TRUE(store().recall().gaps.empty());
+    add("a", 1);
+    store().enter({"/mnt/a/2026-03-14/A001", {}, Timestamp{1, 0}, {}, ""});
+
+    for (const std::string name : {"history.json", "verifications.json"}) {
+        const std::string file = folder_ / name;
+        test::FileTree::write(file, "{");
+        const Timestamp written = IO::stat(file).modified;
+        Remembered now = store().recall();
+        ASSERT_EQ(now.gaps.size(), 1U) << name;
+        EXPECT_EQ(now.gaps[0].written, written);
+        EXPECT_TRUE(now.gaps[0].path.starts_with(file + ".corrupt-")) << now.gaps[0].path;
+        add("b", 2);
+        EXPECT_EQ(store().recall().gaps, now.gaps) << "as long as the file stands";
+        EXPECT_TRUE(now.hides({}) && now.hides(written));
+        EXPECT_FALSE(now.hides(Timestamp{written.seconds + 1, 0}));
+        std::filesystem::remove(now.gaps[0].path);
+        // One that cannot be read at all, and one that says what no program of today understands.
+        std::filesystem::remove(file);
+        std::filesystem::create_directory(file);
+        EXPECT_EQ(store().recall().gaps.size(), 1U) << name;
+        std::filesystem::remove(file);
+        test::FileTree::write(file, R"({"version": 2, "list": []})");
+        now = store().recall();
+        ASSERT_EQ(now.gaps.size(), 1U) << name;
+        EXPECT_NE(now.gaps[0].text().find("newer version"), std::string::npos);
+        EXPECT_EQ(store().enter({"/x", {}, Timestamp{1, 0}, {}, ""}),
+                  name == "history.json" ? HistoryWrite::written : HistoryWrite::newer);
+        std::filesystem::remove(file);
+    }
 }
 
 TEST_F(History, NeverOpensAListOutsideOfItsFolder) {

@@ -433,7 +433,7 @@ TEST_F(BackupVerifierTest, TheJobEndsAsItsRunDoes) {
         return HistoryStore::Change{entry, std::nullopt};
     });
     const auto trace = [&] {
-        return HistoryRecords::verificationOf(history.load(), card, VolumeFacts::volumeSerialText(card)).value();
+        return history.recall().verificationOf(card, VolumeFacts::volumeSerialText(card)).value();
     };
     VerifyJob job(card, {}, history);
     job.run();
