@@ -58,13 +58,6 @@ std::string errorText(int code) {
 
 std::string_view name(PreflightCode code) noexcept { return preflightNames[static_cast<std::size_t>(code)]; }
 
-std::optional<PreflightCode> preflightCode(std::string_view name) noexcept {
-    for (std::size_t i = 0; i < preflightNames.size(); ++i)
-        if (preflightNames[i] == name)
-            return static_cast<PreflightCode>(i);
-    return std::nullopt;
-}
-
 IOError::IOError(std::string op, std::string path, int code)
     : std::runtime_error(op + " " + path + ": " + errorText(code) + " (errno " + std::to_string(code) + ")"),
       op_(std::move(op)), path_(std::move(path)), code_(code) {}

@@ -52,7 +52,6 @@ enum class PreflightCode {
 };
 
 std::string_view name(PreflightCode code) noexcept;
-std::optional<PreflightCode> preflightCode(std::string_view name) noexcept;
 
 // A refusal before anything was written (`code()` is set), or a run that failed as a whole (`code()` is empty).
 // `what()` is the sentence for the user.

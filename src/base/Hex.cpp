@@ -25,20 +25,6 @@ std::string of64(std::uint64_t value) {
     return text;
 }
 
-std::string of128(std::uint64_t high, std::uint64_t low) {
-    std::string text;
-    text.reserve(32);
-    append(text, high);
-    append(text, low);
-    return text;
-}
-
-std::string of32(std::uint32_t value) {
-    std::string text;
-    append(text, value);
-    return text;
-}
-
 std::string ofBytes(std::span<const unsigned char> bytes) {
     std::string text;
     text.reserve(bytes.size() * 2);

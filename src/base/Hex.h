@@ -10,8 +10,6 @@
 namespace velmora::Hex {
 
 std::string of64(std::uint64_t value);                     // "%016llx"
-std::string of128(std::uint64_t high, std::uint64_t low);  // "%016llx%016llx"
-std::string of32(std::uint32_t value);                     // "%08x"
 std::string ofBytes(std::span<const std::byte> bytes);     // "%02x" each
 std::string ofBytes(std::span<const unsigned char> bytes); // "%02x" each
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <clocale>
-#include <cmath>
 #include <ctime>
 #include <limits>
 
@@ -157,20 +156,6 @@ Timestamp Timestamp::now() {
     clock_gettime(CLOCK_REALTIME, &ts);
     return {ts.tv_sec, static_cast<std::int32_t>(ts.tv_nsec)};
 }
-
-Timestamp Timestamp::fromSeconds(double t) {
-    constexpr double limit = 9.2e18;
-    if (std::isnan(t))
-        return {};
-    const double whole = std::floor(std::clamp(t, -limit, limit));
-    const double nanos = std::trunc((std::clamp(t, -limit, limit) - whole) * 1e9);
-    const auto seconds = static_cast<std::int64_t>(whole);
-    if (nanos >= 1e9)
-        return {seconds + 1, 0};
-    return {seconds, static_cast<std::int32_t>(nanos)};
-}
-
-double Timestamp::toSeconds() const { return static_cast<double>(seconds) + static_cast<double>(nanoseconds) / 1e9; }
 
 double secondsBetween(Timestamp a, Timestamp b) {
     const std::int32_t nanos = b.nanoseconds - a.nanoseconds;

@@ -17,9 +17,6 @@ struct Timestamp {
     auto operator<=>(const Timestamp&) const = default;
 
     static Timestamp now();
-    // seconds = floor(t); a fraction that comes out as 1e9 or more rolls into the next second.
-    static Timestamp fromSeconds(double t);
-    double toSeconds() const;
     Timestamp floorToSecond() const { return {seconds, 0}; }
 };
 

@@ -49,13 +49,16 @@ Console::Tone toneOf(VerifyReport::Tone tone) {
 }
 
 ExitStatus statusOf(const VerifyResult& result) {
-    if (result.cancelled)
+    switch (result.verdict()) {
+    case VerifyResult::Verdict::clean:
+        return ExitStatus::ok;
+    case VerifyResult::Verdict::cancelled:
         return ExitStatus::cancelled;
-    if (result.folderGone)
+    case VerifyResult::Verdict::folderGone:
         return ExitStatus::brokeOff;
-    const bool well =
-        result.success() && !result.unfinished && !result.nothingCompared() && result.chainProblems.empty();
-    return well ? ExitStatus::ok : ExitStatus::dataProblem;
+    default:
+        return ExitStatus::dataProblem;
+    }
 }
 
 // Of a folder that was not looked at.
@@ -274,7 +277,7 @@ private:
     void printLines(const VerifyResult& result, Console& console) const {
         for (const std::string& line : VerifyReport::machineLines(result))
             console.print(TerminalText::printable(line));
-        if (result.folderGone || result.unfinished || result.nothingCompared())
+        if (result.folderGone || result.unfinished || result.verdict() == VerifyResult::Verdict::nothingCompared)
             console.log(result.cardPath + ": " + VerifyReport::summary(result).text);
     }
 

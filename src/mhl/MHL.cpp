@@ -242,8 +242,6 @@ std::map<std::string, std::string> digestsOf(const MHLGeneration& generation) {
 
 std::string MHL::c4(std::string_view data) { return C4::ofBytes(data); }
 
-std::string MHL::c4FromSHA512(std::span<const std::uint8_t, 64> digest) { return C4::fromSHA512(digest); }
-
 std::string MHL::generationName(std::int64_t seq, const std::string& cardPath, Timestamp now) {
     const std::string card = RelativePath::withoutTrailingSlash(cardPath);
     // A card's name may be as long as a file name can be, and this one is longer. What counts is number and ending.

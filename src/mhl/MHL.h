@@ -4,7 +4,6 @@
 #include "records/OffloadReport.h"
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +18,6 @@ inline constexpr std::string_view dirName = "ascmhl";
 inline constexpr std::string_view chainName = "ascmhl_chain.xml";
 
 std::string c4(std::string_view data);
-std::string c4FromSHA512(std::span<const std::uint8_t, 64> digest);
 
 struct Entry {
     const OffloadReport::FileEntry* file = nullptr; // into the report

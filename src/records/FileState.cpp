@@ -1,6 +1,6 @@
 #include "records/FileState.h"
 
-#include "records/Names.h"
+#include <array>
 
 namespace velmora {
 
@@ -9,6 +9,5 @@ constexpr std::array<std::string_view, 4> stateNames{"pending", "written", "veri
 } // namespace
 
 std::string_view name(FileState state) noexcept { return stateNames[static_cast<std::size_t>(state)]; }
-std::optional<FileState> fileState(std::string_view name) noexcept { return caseNamed<FileState>(name, stateNames); }
 
 } // namespace velmora

@@ -10,7 +10,6 @@ namespace velmora {
 // How far a file has come on one destination.
 enum class FileState : std::uint8_t { pending, written, verified, failed };
 std::string_view name(FileState state) noexcept;
-std::optional<FileState> fileState(std::string_view name) noexcept;
 
 struct DestFileResult {
     FileState state = FileState::pending;

@@ -91,10 +91,6 @@ bool OffloadReport::onlyOnItsDisk(std::size_t destination) const {
     return serial && std::ranges::count(destinations, serial, &Destination::volumeSerial) == 1;
 }
 
-bool OffloadReport::safeToFormat() const {
-    return verified && verifyPending != true && verifyIncomplete != true && !hasFailedFiles();
-}
-
 void OffloadReport::countFiles() {
     for (std::size_t column = 0; column < destinations.size(); ++column) {
         const auto good = [&](const FileEntry& file) {

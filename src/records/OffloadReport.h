@@ -122,7 +122,6 @@ struct OffloadReport {
     // The destination has a volume serial that no other destination of this report has.
     bool onlyOnItsDisk(std::size_t destination) const;
     bool success() const { return !hasFailedFiles(); }
-    bool safeToFormat() const;
     // Sets filesOK and filesFailed of every destination from the files.
     void countFiles();
 

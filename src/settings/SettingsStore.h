@@ -23,7 +23,6 @@ using IsKnownLut = std::function<bool(std::string_view id)>;
 // crash leaves the old document or the new one.
 namespace SettingsStore {
 
-inline constexpr std::string_view defaultsKey = "settings";
 inline constexpr std::string_view fileName = "settings.json";
 inline const std::vector<std::string> mergedSections{"proxy", "naming", "outputs"};
 inline const std::vector<std::int64_t> proxyHeights{540, 720, 1080, 2160}; // those that are offered

@@ -57,7 +57,7 @@ std::optional<HistoryVerification> of(const VerifyResult& result) {
     if (!result.success()) {
         mark.failed = result.finished;
         mark.found = foundIn(result);
-    } else if (result.clean()) {
+    } else if (result.verdict() == VerifyResult::Verdict::clean) {
         mark.clean = result.finished;
     } else {
         return std::nullopt;

@@ -33,6 +33,17 @@ std::string failedAtCopyText(std::int64_t n) {
     return fmt::format("{} already failed during the copy and the record has no valid checksum", countedFiles(n));
 }
 
+std::string filesWrongText(const VerifyResult& result) {
+    std::vector<std::string> parts;
+    if (!result.changed.empty() || !result.missing.empty() || !result.unreadable.empty())
+        parts.push_back(fmt::format("Mismatch: {}, missing {}, unreadable {}", countedFiles(count(result.changed)),
+                                    count(result.missing), count(result.unreadable)));
+    if (!result.failedAtCopy.empty())
+        parts.push_back(failedAtCopyText(count(result.failedAtCopy)));
+    const std::string text = join(parts, "; ") + " — the files are named below.";
+    return result.unfinished ? text + " " + unfinishedText(result) : text;
+}
+
 } // namespace
 
 std::string basis(const VerifyResult& result) {
@@ -53,35 +64,29 @@ std::string basis(const VerifyResult& result) {
 }
 
 Summary summary(const VerifyResult& result) {
-    if (result.folderGone)
+    switch (result.verdict()) {
+    case VerifyResult::Verdict::folderGone:
         return {"Cannot verify: " + result.cardPath +
                     ". The backup folder disappeared — the disk may have been disconnected.",
                 Tone::error};
-    if (result.cancelled)
+    case VerifyResult::Verdict::cancelled:
         return {fmt::format("Verification cancelled after {}. A cancelled verification writes no report.",
                             countedFiles(result.checked)),
                 Tone::warning};
-    if (!result.success()) {
-        std::vector<std::string> parts;
-        if (!result.changed.empty() || !result.missing.empty() || !result.unreadable.empty())
-            parts.push_back(fmt::format("Mismatch: {}, missing {}, unreadable {}", countedFiles(count(result.changed)),
-                                        count(result.missing), count(result.unreadable)));
-        if (!result.failedAtCopy.empty())
-            parts.push_back(failedAtCopyText(count(result.failedAtCopy)));
-        std::string text = join(parts, "; ") + " — the files are named below.";
-        if (result.unfinished)
-            text += " " + unfinishedText(result);
-        return {text, Tone::error};
-    }
-    if (result.unfinished)
+    case VerifyResult::Verdict::filesWrong:
+        return {filesWrongText(result), Tone::error};
+    case VerifyResult::Verdict::unfinished:
         return {unfinishedText(result), Tone::warning};
-    if (result.nothingCompared())
+    case VerifyResult::Verdict::nothingCompared:
         return {"Nothing was verified: the records name no file that could be compared.", Tone::warning};
-    if (!result.chainProblems.empty())
+    case VerifyResult::Verdict::recordsDamaged:
         return {fmt::format("The records of the backup are damaged ({}) — what they still name matches: {} ({})",
                             counted(count(result.chainProblems), "problem", "problems"), countedFiles(result.ok),
                             basis(result)),
                 Tone::warning};
+    case VerifyResult::Verdict::clean:
+        break;
+    }
     const std::string files = result.ok == 1 ? "the file matches" : fmt::format("all {} files match", result.ok);
     return {fmt::format("Verified: {} ({})", files, basis(result)), Tone::ok};
 }

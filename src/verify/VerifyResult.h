@@ -47,12 +47,25 @@ struct VerifyResult {
 
     // No file is wrong. Extra files, superseded failures and problems of the chain are warnings.
     bool success() const { return changed.empty() && missing.empty() && unreadable.empty() && failedAtCopy.empty(); }
-    // Everything that was recorded is here as it was recorded.
-    bool clean() const {
-        return success() && ok > 0 && !unfinished && !cancelled && !folderGone && chainProblems.empty();
+    // The one answer of a verification: its sentence, its exit status and what the history keeps follow from it.
+    enum class Verdict {
+        clean, // everything that was recorded is here as it was recorded
+        folderGone,
+        cancelled,
+        filesWrong,
+        unfinished,
+        nothingCompared, // no file is wrong, and none is right either
+        recordsDamaged,
+    };
+    Verdict verdict() const {
+        return folderGone               ? Verdict::folderGone
+               : cancelled              ? Verdict::cancelled
+               : !success()             ? Verdict::filesWrong
+               : unfinished             ? Verdict::unfinished
+               : ok == 0                ? Verdict::nothingCompared
+               : !chainProblems.empty() ? Verdict::recordsDamaged
+                                        : Verdict::clean;
     }
-    // No file is wrong, and none is right either.
-    bool nothingCompared() const { return success() && ok == 0 && !cancelled && !folderGone; }
 };
 
 struct VerifyProgress {

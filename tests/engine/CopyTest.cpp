@@ -43,7 +43,7 @@ TEST_P(CopySizes, LeaveTheSameTreeAndTrueRecords) {
 
     const OffloadReport report = run();
 
-    EXPECT_TRUE(report.safeToFormat());
+    EXPECT_TRUE(allVerified(report));
     EXPECT_EQ(report.hashAlgorithms, (std::vector<std::string>{"xxh64", "xxh128"}));
     EXPECT_EQ(engine->snapshot().phase, ProgressSnapshot::Phase::done);
     EXPECT_EQ(engine->snapshot().readBytes, report.totalBytes);
@@ -106,7 +106,7 @@ TEST_F(CopyTest, ADestinationThatTakesNoFolderLosesAllAndTheOtherStaysWhole) {
     const OffloadReport report = run(plan);
     EXPECT_EQ(report.destinations[0].filesFailed, 2);
     EXPECT_EQ(report.destinations[1].filesOK, 2);
-    EXPECT_FALSE(report.safeToFormat());
+    EXPECT_FALSE(allVerified(report));
     EXPECT_EQ(fileLines(dest(1)).size(), 2U);
     for (const auto* file : report.failedFiles())
         EXPECT_TRUE(file->errors[0] && !file->errors[1] && !file->sourceError) << file->path;
@@ -239,7 +239,7 @@ TEST_F(CopyTest, ReaderStopsWhenTheBuffersAreOutAndGoesOnWithTheDisk) {
     const OffloadReport report = run();
     watch.join();
     EXPECT_EQ(readWhileStalled, 8 + 2);
-    EXPECT_TRUE(report.safeToFormat());
+    EXPECT_TRUE(allVerified(report));
 }
 
 TEST_F(CopyTest, PauseHoldsBetweenFilesAndNoticesAnotherCard) {
@@ -363,7 +363,7 @@ TEST_F(CopyTest, AReportWhoseVerificationComesLaterIsNoVerdict) {
     options.deferVerify = true;
     const OffloadReport report = run();
     EXPECT_EQ(report.verifyPending, true);
-    EXPECT_FALSE(report.safeToFormat());
+    EXPECT_FALSE(report.verified);
     EXPECT_EQ(engine->fileBlocks().at(0).size(), 3U);
     EXPECT_GT(engine->writeRates().at(0), 0);
 }
@@ -385,7 +385,7 @@ TEST_F(CopyTest, ReadBackFindsAFlippedBitAndNamesItsBlock) {
                     ::testing::AllOf(::testing::StartsWith("HASH MISMATCH: dest "),
                                      ::testing::EndsWith(" != source " + *entry(report, "a.bin").xxh64)));
         EXPECT_EQ(entry(report, "a.bin").destinations[1], disks == 2 ? "failed" : "verified");
-        EXPECT_FALSE(report.safeToFormat());
+        EXPECT_FALSE(allVerified(report));
         EXPECT_EQ(entry(report, "a.bin").xxh128.has_value(), disks == 1);
         ASSERT_EQ(report.verifyNotes.value().size(), disks == 2 ? 3U : 1U);
         EXPECT_THAT(

@@ -26,7 +26,7 @@ TEST_F(FaultyDisks, ASourceErrorThatClearsLeavesNoTraceAndOneThatStaysFailsItsFi
         disk->fail(EIO, {.ops = "read", .skip = 1, .times = times, .pattern = "*/2.bin"});
         const OffloadReport report = run(OffloadEngine(options).prepare({disk->root(), roots, "C", "2026-03-14"}));
         EXPECT_EQ(disk->hits(), times);
-        EXPECT_EQ(report.safeToFormat(), times == 3);
+        EXPECT_EQ(allVerified(report), times == 3);
         EXPECT_EQ(report.failedFiles().size(), times == 3 ? 0U : 1U);
         const std::string error = IOError("read", disk->root() + "/A/2.bin", EIO).what();
         EXPECT_EQ(entry(report, "A/2.bin").sourceError.value_or(""), times == 3 ? "" : error + " (after 3 retries)");
@@ -92,7 +92,7 @@ TEST_F(FaultyDisks, ADestinationThatFailsLosesItsOwnFilesOnly) {
             EXPECT_EQ(file->destinations[1], "verified");
         }
         EXPECT_EQ(lost, c.lost);
-        EXPECT_EQ(report.safeToFormat(), c.safe);
+        EXPECT_EQ(allVerified(report), c.safe);
         if (std::string_view(c.name) == "bit flipped once") {
             EXPECT_THAT(report.verifyNotes.value_or(std::vector<std::string>{}),
                         ::testing::Contains(::testing::StartsWith("Unstable read: A/2.bin on ")));

@@ -44,7 +44,7 @@ protected:
         return plan;
     }
     void expectWhole(const OffloadReport& report) {
-        EXPECT_TRUE(report.safeToFormat());
+        EXPECT_TRUE(allVerified(report));
         for (std::size_t d = 0; d < 2; ++d)
             for (const auto& [path, content] : cardTree())
                 EXPECT_TRUE(FileTree::read(dest(d) + "/" + path) == content) << path;

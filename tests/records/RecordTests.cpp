@@ -252,22 +252,6 @@ TEST(OffloadReport, CountsAFileAsFailedByItsStatuses) {
     EXPECT_EQ(report.destinations[1].filesFailed, 3); // a column that does not stand is not good
 }
 
-TEST(OffloadReport, IsSafeToFormatOnlyWhenEverythingIs) {
-    const OffloadReport safe = reportOf(true, {{"verified", "verified"}});
-    EXPECT_TRUE(safe.safeToFormat());
-    for (const auto& spoil : std::vector<std::function<void(OffloadReport&)>>{
-             [](auto& r) { r.verified = false; }, [](auto& r) { r.verifyPending = true; },
-             [](auto& r) { r.verifyIncomplete = true; }, [](auto& r) { r.files[0].destinations[1] = "written"; },
-             [](auto& r) { r.files[0].sourceError = "e"; }}) {
-        OffloadReport report = safe;
-        spoil(report);
-        EXPECT_FALSE(report.safeToFormat());
-    }
-    OffloadReport report = safe;
-    report.verifyPending = report.verifyIncomplete = false;
-    EXPECT_TRUE(report.safeToFormat());
-}
-
 TEST(OffloadReport, TakesPausesOutOfItsDurations) {
     OffloadReport report;
     report.started = {100, 0};

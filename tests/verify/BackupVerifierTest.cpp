@@ -190,7 +190,7 @@ TEST_F(BackupVerifierTest, WhatOnlyTheReportsKnowIsNotPassedOver) {
     EXPECT_FALSE(result.success());
     test::FileTree::write(temp / "MOVED/_REPORT/offload_report.json", "{");
     result = BackupVerifier::verify(temp / "MOVED", 65'536, {}, {});
-    EXPECT_TRUE(result.nothingCompared());
+    EXPECT_EQ(result.verdict(), VerifyResult::Verdict::nothingCompared);
     EXPECT_TRUE(result.chainProblems.at(0).starts_with("Cannot read the first report: "));
 }
 

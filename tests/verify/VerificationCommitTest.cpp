@@ -7,6 +7,10 @@
 namespace velmora {
 namespace {
 
+bool isFinal(const OffloadReport& report) {
+    return report.verified && report.success() && report.verifyIncomplete != true;
+}
+
 class VerificationCommitTest : public testing::Test {
 protected:
     test::TempFolder temp;
@@ -49,7 +53,7 @@ TEST_F(VerificationCommitTest, PromisesNothingBeforeEveryDiskHoldsTheRecords) {
     EXPECT_EQ(looked, 18);
     EXPECT_TRUE(outcome.complete() && everywhere && judgements == 1);
     EXPECT_EQ(outcome.warning(), std::nullopt);
-    EXPECT_TRUE(outcome.report.safeToFormat());
+    EXPECT_TRUE(isFinal(outcome.report));
     for (std::size_t i = 0; i < cards.size(); ++i)
         EXPECT_EQ(onDisk(i), outcome.report);
 }
@@ -82,7 +86,7 @@ TEST_F(VerificationCommitTest, AFailureOnOneDiskIsToldAndDoesNotStopTheOthers) {
                                      ") — do not format the card yet; \"Finish interrupted backup\" (Append, velmora "
                                      "append) finishes the backup.");
     EXPECT_EQ(logged.size(), 1U);
-    EXPECT_FALSE(outcome.report.safeToFormat());
+    EXPECT_FALSE(isFinal(outcome.report));
     for (const std::size_t i : {0U, 2U}) {
         EXPECT_EQ(onDisk(i).verifyIncomplete, true);
         EXPECT_TRUE(IO::exists(cards[i] + "/ascmhl/ascmhl_chain.xml"));
@@ -92,8 +96,8 @@ TEST_F(VerificationCommitTest, AFailureOnOneDiskIsToldAndDoesNotStopTheOthers) {
 
     // The obstacle gone, the same call finishes the backup.
     IO::unlink(cards[1] + "/ascmhl");
-    EXPECT_TRUE(commit({}, false).report.safeToFormat());
-    EXPECT_TRUE(onDisk(0).safeToFormat() && onDisk(1).safeToFormat() && onDisk(2).safeToFormat());
+    EXPECT_TRUE(isFinal(commit({}, false).report));
+    EXPECT_TRUE(isFinal(onDisk(0)) && isFinal(onDisk(1)) && isFinal(onDisk(2)));
 }
 
 } // namespace
