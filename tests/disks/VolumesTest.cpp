@@ -88,13 +88,10 @@ TEST(Volumes, FindFoldersInOneAnotherHoweverTheyAreReached) {
     if (binds) {
         ASSERT_EQ(::mount((folder / "card/DCIM").c_str(), (folder / "bound").c_str(), nullptr, MS_BIND, nullptr), 0);
     }
-    for (const auto& [path, within] : std::map<std::string, bool>{{"card", true},
-                                                                  {"card/new/deep", true},
-                                                                  {"link/new", true},
-                                                                  {"card2", false},
-                                                                  {"card2/../card/DCIM", true},
-                                                                  {"", false},
-                                                                  {"bound/new", binds}})
+    using P = std::pair<const char*, bool>;
+    for (const auto& [path, within] :
+         {P{"card", true}, P{"card/new/deep", true}, P{"link/new", true}, P{"card2", false},
+          P{"card2/../card/DCIM", true}, P{"", false}, P{"bound/new", binds}})
         EXPECT_EQ(Volumes::isWithin(folder / path, folder / "card"), within) << path;
     EXPECT_TRUE(Volumes::isWithin(folder.path(), "/"));
     ::umount((folder / "bound").c_str());

@@ -101,14 +101,9 @@ TEST(JobWords, ShowsHowTheJobStands) {
 }
 
 TEST(JobWords, SaysHowLongAndHowMuch) {
-    for (const auto& [seconds, text] : std::vector<std::pair<double, std::string>>{{0, "0:00"},
-                                                                                   {59.4, "0:59"},
-                                                                                   {59.6, "1:00"},
-                                                                                   {3599, "59:59"},
-                                                                                   {3600, "1:00:00"},
-                                                                                   {37230, "10:20:30"},
-                                                                                   {-5, "0:00"},
-                                                                                   {1e300, "99:59:59"}})
+    using P = std::pair<double, const char*>;
+    for (const auto& [seconds, text] : {P{0, "0:00"}, P{59.4, "0:59"}, P{59.6, "1:00"}, P{3599, "59:59"},
+                                        P{3600, "1:00:00"}, P{37230, "10:20:30"}, P{-5, "0:00"}, P{1e300, "99:59:59"}})
         EXPECT_EQ(JobWords::etaText(seconds), text);
 
     OffloadReport report;

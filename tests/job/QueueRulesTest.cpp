@@ -15,12 +15,9 @@ TEST(QueueRules, HoldsAWaitingJobBehindAPausedOne) {
 }
 
 TEST(QueueRules, KeepsTheCardThatAnotherJobStillNeeds) {
-    for (const auto& [phase, inUse] : std::vector<std::pair<Phase, bool>>{{Phase::waiting, true},
-                                                                          {Phase::copying, true},
-                                                                          {Phase::reporting, true},
-                                                                          {Phase::analyzing, false},
-                                                                          {Phase::done, false},
-                                                                          {Phase::failed, false}}) {
+    using P = std::pair<Phase, bool>;
+    for (const auto& [phase, inUse] : {P{Phase::waiting, true}, P{Phase::copying, true}, P{Phase::reporting, true},
+                                       P{Phase::analyzing, false}, P{Phase::done, false}, P{Phase::failed, false}}) {
         EXPECT_EQ(QueueRules::cardInUse("/media/A001", {{"/media/B", Phase::copying}, {"/MEDIA/a001", phase}}), inUse)
             << name(phase);
         EXPECT_EQ(QueueRules::measureBlocked({Phase::done, phase}), inUse && phase != Phase::waiting) << name(phase);

@@ -450,13 +450,10 @@ TEST(HistoryText, NamesDisksAsPeopleDo) {
 }
 
 TEST(CardNaming, TakesTypedThenClipsThenTheNextOfTheDayThenTheLabel) {
-    for (const auto& [clip, reel] : std::vector<std::pair<const char*, const char*>>{{"A012C0034_230101AB", "A012"},
-                                                                                     {"A012_20250314_C003", "A012"},
-                                                                                     {"A012_C003", "A012"},
-                                                                                     {"a012C003", ""},
-                                                                                     {"A012_C03", ""},
-                                                                                     {"XA012_C003", ""},
-                                                                                     {"A012C00", ""}}) {
+    using P = std::pair<const char*, const char*>;
+    for (const auto& [clip, reel] :
+         {P{"A012C0034_230101AB", "A012"}, P{"A012_20250314_C003", "A012"}, P{"A012_C003", "A012"}, P{"a012C003", ""},
+          P{"A012_C03", ""}, P{"XA012_C003", ""}, P{"A012C00", ""}}) {
         const auto match = ReelNames::match(clip);
         EXPECT_EQ(match ? match->reel : "", reel) << clip;
     }

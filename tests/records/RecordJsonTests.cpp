@@ -237,9 +237,6 @@ TEST(RecordJson, NumbersThatNoCardHasAreRefused) {
 }
 
 TEST(RecordJson, DefaultsAreThoseOfANewRecord) {
-    EXPECT_EQ(json::object().get<ProxySettings>(), ProxySettings());
-    EXPECT_EQ(json::object().get<ExternalTools>(), ExternalTools());
-    EXPECT_EQ(json::object().get<ClipInfo>(), ClipInfo());
     EXPECT_EQ(ManifestRecord::parse("{}"), ManifestRecord());
     const OffloadReport least = OffloadReport::fromJson(
         R"({"cardName":"A","date":"d","source":"s","started":"2026-03-14T08:30:05Z","totalFiles":0,"totalBytes":0})");
@@ -268,24 +265,6 @@ TEST(RecordJson, EnumerationsOfNewerVersionsFallBackWhereTheyAreInformation) {
         EXPECT_EQ(proxyCodec(name(codec)), codec);
     for (const LutMode mode : allLutModes())
         EXPECT_EQ(lutMode(name(mode)), mode);
-}
-
-TEST(RecordJson, WhatIsNotStoredIsEmptyAfterReading) {
-    ClipEntry entry;
-    entry.clip.name = entry.clip.path = "a";
-    entry.thumbnails.push_back({"JPEG", "01:00:00:00"});
-    entry.lut = LutUse{"builtin", "id", "n", "r", "/file.cube"};
-    entry.content.emplace().jpeg = "JPEG";
-    entry.info.emplace().audioChannels = 3;
-    entry.info->audioStreams = {2, 1};
-    entry.info->videoBitrate = 9;
-    const json j = entry;
-    EXPECT_EQ(j.dump().find("JPEG"), std::string::npos);
-    const auto back = j.get<ClipEntry>();
-    EXPECT_TRUE(back.thumbnails.empty());
-    EXPECT_FALSE(back.lut->file || back.content->jpeg || back.info->videoBitrate);
-    EXPECT_TRUE(back.info->audioStreams.empty());
-    EXPECT_EQ(back.info->audioChannels, 3);
 }
 
 } // namespace

@@ -164,23 +164,12 @@ TEST(Timecode, CountsAsItsTextAndRateSay) {
 }
 
 TEST(FrameRate, IsWrittenAsTheRateThatIsMeant) {
-    const std::map<std::string, std::optional<std::string>> texts = {{"23976", "24000/1001"},
-                                                                     {"25/1", "25"},
-                                                                     {"30000/1001", "30000/1001"},
-                                                                     {"0", {}},
-                                                                     {"59.94", "60000/1001"},
-                                                                     {"119.88", "120000/1001"},
-                                                                     {" 50 ", "50"},
-                                                                     {"25.0/1", "25"},
-                                                                     {"12.5", "12.5"},
-                                                                     {"29970/1", "30000/1001"},
-                                                                     {"-25", {}},
-                                                                     {"1e9", {}},
-                                                                     {"24.001", "24"},
-                                                                     {"fast", {}},
-                                                                     {"0.001", "0.001"},
-                                                                     {"18", "18"}};
-    for (const auto& [text, rate] : texts)
+    using P = std::pair<const char*, std::optional<std::string>>;
+    for (const auto& [text, rate] :
+         {P{"23976", "24000/1001"}, P{"25/1", "25"}, P{"30000/1001", "30000/1001"}, P{"0", {}},
+          P{"59.94", "60000/1001"}, P{"119.88", "120000/1001"}, P{" 50 ", "50"}, P{"25.0/1", "25"}, P{"12.5", "12.5"},
+          P{"29970/1", "30000/1001"}, P{"-25", {}}, P{"1e9", {}}, P{"24.001", "24"}, P{"fast", {}}, P{"0.001", "0.001"},
+          P{"18", "18"}})
         EXPECT_EQ(ClipInfo::normalizeRate(text), rate) << text;
     EXPECT_FALSE(ClipInfo::normalizeRate({}));
 }
@@ -210,11 +199,9 @@ TEST(ClipInfo, LabelsRatesSizesAndDurations) {
 
 TEST(ClipInfo, BelievesNoDateOfARunDownClock) {
     const Timestamp now{1'773'477'005, 5};
-    for (const auto& [seconds, plausible] : std::vector<std::pair<std::int64_t, bool>>{{0, false},
-                                                                                       {946'684'799, false},
-                                                                                       {946'684'800, true},
-                                                                                       {now.seconds + 86400, true},
-                                                                                       {now.seconds + 86401, false}})
+    using P = std::pair<std::int64_t, bool>;
+    for (const auto& [seconds, plausible] : {P{0, false}, P{946'684'799, false}, P{946'684'800, true},
+                                             P{now.seconds + 86400, true}, P{now.seconds + 86401, false}})
         EXPECT_EQ(ClipInfo::plausible(Timestamp{seconds, 0}, now).has_value(), plausible) << seconds;
     EXPECT_FALSE(ClipInfo::plausible(std::nullopt, now));
 }
