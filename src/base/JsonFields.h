@@ -23,9 +23,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// JSON in and out. Keys are written sorted, slashes unescaped, text as UTF-8; a string that is not valid UTF-8 is
-// written with U+FFFD for its invalid bytes, so that no writer throws (names that no record can hold are kept out of
-// records long before).
+// JSON in and out. Keys are written sorted, slashes unescaped, text as UTF-8. Bytes of a string that are not valid
+// UTF-8 are written as U+FFFD, so that no writer throws. File names never need that: the scan refuses such names.
 namespace Json {
 
 inline constexpr int maxDepth = 32;

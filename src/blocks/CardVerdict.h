@@ -11,8 +11,8 @@
 
 namespace velmora {
 
-// Where did a defect arise that shows on several disks? The card is asked again, and these are the words for what it
-// says, and for reads that gave two answers.
+// A defect shows on several disks: did it arise on the card, in its reader or while writing? The card is read again,
+// and these are the words for the answer. There are also words for a block that was read twice with two results.
 namespace CardVerdict {
 
 // At most so many blocks of a file are described, and at most so often is the card read for it.

@@ -89,9 +89,9 @@ double rateOf(const ClipInfo& info) {
     return (info.frameRate ? Timecode::fps(*info.frameRate) : std::nullopt).value_or(0);
 }
 
-// How many frames a sound clip can give fewer than its file counts. An edit list hides frames that are in the file, and
-// then the file's duration knows; besides, the frames before the first that can be decoded alone, and what a rate that
-// is written with three digits makes of a long clip.
+// The least number of frames that a sound clip gives. It can be less than the file counts: an edit list hides frames,
+// and then only the duration tells; the frames before the first that can be decoded alone are lost; and a rate that is
+// written with three digits is wrong by some frames in a long clip.
 std::int64_t fewestExpected(std::int64_t frames, const ClipInfo& info) {
     constexpr std::int64_t unreadableStart = 8;
     constexpr double roughness = 0.001;

@@ -13,8 +13,8 @@ namespace velmora {
 
 struct ClipInfo;
 
-// How big the proxies of a card will be, before they are rendered: an estimate that would rather be too high, since a
-// disk that fills up during the render costs proxies, and one that is refused wrongly costs the user a question.
+// How big the proxies of a card will be, before they are rendered. The estimate is rather too high than too low: too
+// high costs the user a question, too low fills the disk up during the render and costs proxies.
 namespace SpaceEstimator {
 
 // What is known of a clip's sound: the channels of each stream. None when the clip has not been probed yet.

@@ -24,9 +24,10 @@ using Check = std::function<void(const std::string& folder)>;
 
 // Creates the card folder of a full copy on all destinations. Where two runs found the same name free, `mkdir` decides.
 // The loser removes its folders and takes the next free name, which is put into the plan. All runs go through the roots
-// in one order, so that none waits for folders that another one is removing. A root that is not the one that was
-// checked ends the claim, and so does a card folder that would lie on the card. The folders of any other plan exist
-// already and are locked by the caller: temporary files of killed writes in their record folders are removed.
+// in one order, so that none waits for folders that another one is removing. The claim
+// ends when a root is not the one that was checked, and when a card folder would lie on the card. The folders of any
+// other plan exist already, and the caller has locked them. There, temporary files that killed writes have left in the
+// record folders are removed.
 std::vector<Destination> claim(OffloadPlan& plan, const Check& check = {});
 
 // Undoes a claim: removes the folders that a full copy has made, as far as they are empty, up to those that were there

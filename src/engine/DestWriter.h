@@ -45,9 +45,9 @@ struct NameClashes {
 //   - after the rename, before the flush that covers it: the final name, perhaps with missing data, and no "file" line;
 //   - after that flush: a durable file. Only then is its "file" line appended.
 // Files of `fullSyncThreshold` and more are flushed alone, with their folder. All others wait for a flush of the whole
-// device, which comes after the last file, at a pause, and now and then (`waitingFiles`, `waitingBytes`), so that a
-// long card of middling files does not lose everything to a crash in its last minute. Files whose flush failed stay
-// written and get no line: what of them is on the disk, the read-back tells.
+// device. It comes after the last file, at a pause, and when enough files or bytes wait (`waitingFiles`,
+// `waitingBytes`), so that a crash in the last minute does not cost a whole long card. Files whose flush failed stay
+// written and get no line. The read-back tells what of them is on the disk.
 //
 // After an error the file is lost on this destination and the next one starts afresh.
 class DestWriter {

@@ -18,10 +18,10 @@ class SourceHasher;
 // Continuing a half-written file.
 namespace PartResume {
 
-// Compares every block that the checkpoint names with the part files of all destinations that need the file, and leads
-// those of one of them through the hasher (which has to be begun), so that its digest stands as if the card had been
-// read from the start. Returns the offset to go on from. None when anything does not fit: then the hasher has been
-// aborted, and the file is copied from its first byte.
+// Compares every block that the checkpoint names with the part files of all destinations that need the file. The blocks
+// of one of them go through the hasher as well, which must have begun: its digest is then that of a card that was read
+// from the start. Returns the offset to go on from. None when anything does not fit: then the hasher has been aborted,
+// and the file is copied from its first byte.
 // Throws Cancelled.
 struct Hooks {
     IsCancelled isCancelled;                          // asked before every read; may hold a pause

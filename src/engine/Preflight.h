@@ -55,8 +55,8 @@ Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraO
 // that takes no writing or whose records lie behind a link. What the folders hold is for the planner to judge.
 void checkInto(const std::string& source, const std::vector<std::string>& cardPaths, const OffloadOptions& options);
 
-// The demand of one run on each destination: the bytes that are written there and that no part file holds already, and
-// what file systems and this program's records add to them.
+// The space that one run needs on each destination: the bytes that it writes there, without those that part files hold
+// already, and what file systems and this program's records add.
 std::vector<SpaceNeed> demands(const OffloadPlan& plan);
 
 // Compares the demands with the free space below the card folders. Throws the first shortage as `noSpace`.

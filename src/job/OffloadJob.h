@@ -34,9 +34,8 @@ struct JobServices {
     std::string supportFolder;          // the application-support folder
 };
 
-// One card's whole run: preflight, copy, flush, read-back, records. Decides when the card may be ejected and when it
-// may be formatted, and takes neither promise lightly: a file that failed, a record that could not be written on one
-// of the disks, a card that was swapped and a read-back that did not happen each deny it.
+// One card's whole run: preflight, copy, flush, read-back, records. Says when the card may be ejected and when it may
+// be formatted. `Promises` decides that from what the run has found.
 //
 // A front end creates it, calls `run` once on a thread of its own and polls `status`. Everything but `run` may be
 // called from any thread.

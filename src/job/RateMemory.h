@@ -44,8 +44,8 @@ struct RateMemory {
 
     // `rates.json` in the application-support folder, one JSON object: "copyRate" and "verifyRate" (numbers, left out
     // when not known) and "post" (object of numbers). Replaced atomically by `save`; a crash leaves the old file or the
-    // new one. Reading is tolerant: what is missing, unreadable or no positive number counts as not known, and a
-    // failure to save is a line in the log, since the file only makes estimates better.
+    // new one. What is missing, unreadable or no positive number counts as not known. When saving fails, the log
+    // says so and nothing else happens: the file only makes estimates better.
     static std::string pathIn(const std::string& supportFolder);
     static RateMemory load(const std::string& path);
     void save(const std::string& path, const Log& log) const;

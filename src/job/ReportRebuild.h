@@ -7,8 +7,9 @@
 namespace velmora {
 
 // A report that cannot be read on one disk of a backup stands byte for byte on the others. A repair makes it anew from
-// there, where both ASC MHL histories prove that it belongs to the folder: they are whole, hold the same generations,
-// and that of the folder lists just the files that the report calls verified there, with the same digests.
+// there if both ASC MHL histories prove that it belongs to the folder. Both must be whole and hold the same
+// generations. The history of the folder must list just the files that the report calls verified there, with the same
+// digests.
 namespace ReportRebuild {
 
 // The broken file is kept below _REPORT/set-aside. `beforeWrite` is called ahead of each write into a folder and may

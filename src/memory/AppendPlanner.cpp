@@ -278,8 +278,8 @@ private:
                     continue;
                 }
                 const auto file = wanted.find(twins_.nameOf(present.relPath));
-                // A name that a line of the dead run holds, on any disk, is of its making, whatever a power cut left
-                // of the file here.
+                // The run that died made this file if one of its lines, on any disk, has the name. A power cut may have
+                // left anything of its bytes.
                 if (unfinished_ && unfinished_->mentions(present.relPath))
                     continue;
                 if (DeviceFlush::isLeftover(present.relPath, present.size))

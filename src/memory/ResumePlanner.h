@@ -37,9 +37,9 @@ struct Findings {
 };
 
 // Reads all folders at once. With nothing open neither `unfinished` nor `lagging`; never both. The lowest open
-// generation g counts. A disk that stands before g agrees: the run never got to it. One that holds g for good, with
-// whatever verdict, agrees when the others need their last records only, or when its report names all that they have of
-// g. Everything else throws OffloadError, naming the disk that is behind.
+// generation g counts. A disk that stands before g agrees: the run never got to it. One whose report of g is
+// final, good or bad, agrees in two cases: the others need their last records only, or its report names all files that
+// they have of g. Everything else throws OffloadError, naming the disk that is behind.
 Findings look(const std::vector<std::string>& paths);
 std::optional<Unfinished> find(const std::vector<std::string>& paths); // `unfinished` alone
 

@@ -22,13 +22,13 @@
 // A generation is written in two steps: its file, then the chain with one entry more. The chain is what publishes it.
 // Both are written under a temporary name, flushed and renamed, so after a crash either is there whole or not at all:
 //   before the first rename     nothing has happened
-//   between the two             a file that no chain names, which the reader tells
+//   between the two             a file that no chain names; the reader tells of it
 //   after the second            the generation is there
-// A retry gets a new name (the name holds the time), so the file of a write that died would stay unchained for ever and
-// make the history look damaged. It is therefore renamed to "….mhl.unchained" before the new file is written: nothing
-// is destroyed, no tool takes it for a generation any more, and should the chain file have been lost rather than never
-// written, the old bytes are still there. That is done only to files of the very number that is written now, that no
-// chain names, and that this program signed (or that cannot be read as a generation at all).
+// A retry gets a new name, for the name holds the time. The file of the write that died would stay without a chain
+// entry for ever and make the history look damaged. So it is renamed to "….mhl.unchained" before the new file is
+// written. No tool takes it for a generation any more, and its bytes are still there, should it be the chain that was
+// lost. Only a file of the very number that is written now is renamed, and only when no chain names it and this program
+// signed it, or when it cannot be read as a generation at all.
 //
 // A generation file is always written as a new file, never as a replacement: its name can only be taken by another
 // writer in the same second, and that one's generation must not be lost. The chain is replaced atomically.

@@ -13,10 +13,10 @@
 
 namespace velmora {
 
-// An outside program: started by its full path with plain arguments (no shell), standard input empty, no descriptor of
-// ours but the ones named, in a process group of its own, so that a stop takes along whatever it has started. Its
-// output is read on a thread of its own for as long as it lives. A child never outlives its object, nor this process:
-// it is killed when we are.
+// An outside program. It is started by its full path with plain arguments, without a shell. Its standard input is
+// empty, and it gets no descriptor of ours but the ones named. It has a process group of its own, so that a stop ends
+// whatever it has started. Its output is read on a thread of its own for as long as it lives. A child never outlives
+// its object, nor this process: it is killed when we are.
 class ChildProcess {
 public:
     struct Options {

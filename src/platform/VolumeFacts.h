@@ -48,9 +48,9 @@ bool isVolumeRoot(const std::string& path, const System& system = {}); // the pa
 // Looks like a path on a user's volume: it lies below one of the places where those are mounted. Nothing on disk is
 // looked at.
 bool isUserVolumePath(std::string_view path);
-// The disk that belongs at `path` is away: the path lies at or below one of those places, links resolved, and nothing
-// is mounted at it, nor above it up to that place. What is written there lands on the system's own disk. A volume that
-// is mounted on first use is waited for. True as well when the mount table cannot be read.
+// The disk that belongs at `path` is away: the path, with links resolved, lies at or below one of those places, and
+// nothing is mounted at it or between it and that place. What is written there would land on the system's own disk. A
+// volume that is mounted on first use is waited for. True as well when the mount table cannot be read.
 bool awaitsVolume(const std::string& path, const System& system = {});
 // The volumes that a user works with, in the order of mounting: file systems with data on them, below those places.
 std::vector<Mount> userVolumes(const System& system = {});

@@ -22,8 +22,8 @@ OffloadReport read(const std::string& path);
 class Pages {
 public:
     explicit Pages(const OffloadReport& report);
-    // `create`: the files must not exist yet (IOError "create", EEXIST, with the path), so that a second writer of a
-    // generation fails and leaves the first one's files. Else they are replaced atomically.
+    // With `create` the files must not exist yet: a second writer of a generation fails (IOError "create", EEXIST, with
+    // the path) and leaves the files of the first one. Else they are replaced atomically.
     void write(const std::string& cardPath, bool create) const;
 
 private:

@@ -48,8 +48,8 @@ bool isOn(int fd, long magic) {
 bool isOverlay(int fd) { return isOn(fd, OVERLAYFS_SUPER_MAGIC); }
 
 // Behind FUSE a second cache stands: the daemon reads and writes its disk or folder through pages of its own, also when
-// we open the file O_DIRECT. When the daemon serves a block device (exFAT, NTFS), those are the pages of that device,
-// which who may open it can count and drop. Any other daemon keeps them where nobody can look.
+// we open the file O_DIRECT. When the daemon serves a block device (exFAT, NTFS), those are the pages of that device.
+// Whoever may open the device can count and drop them. Any other daemon keeps them where nobody can look.
 struct DaemonCache {
     bool exists = false;
     Descriptor device; // closed when it cannot be looked at

@@ -49,9 +49,9 @@ void UncachedWriter::preallocate(std::int64_t bytes) noexcept {
         retryInterrupted([&] { return ::fallocate(fd_, FALLOC_FL_KEEP_SIZE, 0, bytes); });
 }
 
-// O_DIRECT takes whole units only. An unaligned tail goes through the cache as one page: the other way, a padded unit
-// cut with ftruncate, makes the kernel read that unit back from the disk, leaves it dirty in the cache all the same,
-// and for a moment gives the file a length that it must not have.
+// O_DIRECT takes whole units only. An unaligned tail goes through the cache as one page. A padded unit that ftruncate
+// cuts afterwards would be worse: the kernel reads that unit back from the disk and leaves it dirty in the cache all
+// the same, and for a moment the file has a length that it must not have.
 void UncachedWriter::writeAt(std::span<const std::byte> bytes, std::int64_t offset) {
     const std::size_t direct = mode_ == CacheMode::direct ? writeDirect(bytes, offset) : 0;
     if (direct == bytes.size())
@@ -89,8 +89,8 @@ std::size_t UncachedWriter::writeDirect(std::span<const std::byte> bytes, std::i
     return whole;
 }
 
-// Through the cache, but with little of it: this write is handed to the disk at once, and the one before it, which had
-// a whole block's time to get there, is waited for and dropped.
+// Through the cache, but with little of it. This write is handed to the disk at once. The write before it has had the
+// time of a whole block to get there: it is waited for, and its pages are dropped.
 void UncachedWriter::writeBuffered(std::span<const std::byte> bytes, std::int64_t offset) {
     std::size_t done = 0;
     while (done < bytes.size()) {
