@@ -125,14 +125,26 @@ void markReadable(AppSettings& settings, const SettingsField& field) {
         settings.unreadable.erase(field.section);
 }
 
-SettingLine lineOf(const SettingsField& field, const AppSettings& settings) {
+bool isLut(const SettingsField& field) {
+    return field.path() == "proxy.lutBuiltin" || field.path() == "proxy.lutFallback";
+}
+
+// A mode without the LUT that it is about would be taken back, or leave every clip without one.
+void checkMode(const ProxySettings& proxy) {
+    if (proxy.lutMode == LutMode::builtin && !proxy.lutBuiltin)
+        throw SettingsError("proxy.lutMode: set proxy.lutBuiltin first.");
+    if (proxy.lutMode == LutMode::custom && !proxy.lutPath)
+        throw SettingsError("proxy.lutMode: set proxy.lutPath first.");
+}
+
+SettingLine lineOf(const SettingsField& field, const AppSettings& settings, const LutIds& lutIds) {
     static const AppSettings defaults;
     const json value = field.get(settings);
     const bool unreadable = settings.unreadable.contains(field.path()) ||
                             (!field.section.empty() && settings.unreadable.contains(field.section));
     return {field.path(),
             textsOf(value),
-            field.allowed() + (field.optional ? ", or empty" : ""),
+            (isLut(field) && lutIds ? join(*lutIds, ", ") : field.allowed()) + (field.optional ? ", or empty" : ""),
             field.note,
             value == field.get(defaults),
             unreadable};
@@ -140,23 +152,29 @@ SettingLine lineOf(const SettingsField& field, const AppSettings& settings) {
 
 } // namespace
 
-std::vector<SettingLine> list(const AppSettings& settings) {
+std::vector<SettingLine> list(const AppSettings& settings, const LutIds& lutIds) {
     std::vector<SettingLine> lines;
     for (const SettingsField& field : SettingsFields::all())
-        lines.push_back(lineOf(field, settings));
+        lines.push_back(lineOf(field, settings, lutIds));
     return lines;
 }
 
-SettingLine show(const AppSettings& settings, std::string_view key) { return lineOf(fieldOf(key), settings); }
+SettingLine show(const AppSettings& settings, std::string_view key, const LutIds& lutIds) {
+    return lineOf(fieldOf(key), settings, lutIds);
+}
 
-void set(AppSettings& settings, std::string_view key, const std::vector<std::string>& values,
-         const IsKnownLut& isKnownLut) {
+void set(AppSettings& settings, std::string_view key, const std::vector<std::string>& values, const LutIds& lutIds) {
     const SettingsField& field = fieldOf(key);
     const json value = valueOf(field, values);
-    const bool isLut = key == "proxy.lutBuiltin" || key == "proxy.lutFallback";
-    if (isLut && value.is_string() && isKnownLut && !isKnownLut(value.get<std::string>()))
-        throw SettingsError(fmt::format("{}: there is no built-in LUT “{}”.", key, value.get<std::string>()));
-    field.set(settings, value);
+    if (isLut(field) && value.is_string() && lutIds &&
+        std::ranges::find(*lutIds, value.get<std::string>()) == lutIds->end())
+        throw SettingsError(fmt::format("{}: there is no built-in LUT “{}”. There are: {}.", key,
+                                        escapeForDisplay(value.get<std::string>()), join(*lutIds, ", ")));
+    AppSettings changed = settings;
+    field.set(changed, value);
+    if (key == "proxy.lutMode")
+        checkMode(changed.proxy);
+    settings = std::move(changed);
     markReadable(settings, field);
 }
 

@@ -29,13 +29,14 @@ struct SettingLine {
 // Settings by their key paths, as a person types them.
 namespace SettingsKeys {
 
-std::vector<SettingLine> list(const AppSettings& settings);
-SettingLine show(const AppSettings& settings, std::string_view key); // throws SettingsError
+std::vector<SettingLine> list(const AppSettings& settings, const LutIds& lutIds = {});
+SettingLine show(const AppSettings& settings, std::string_view key, const LutIds& lutIds = {}); // throws SettingsError
 
 // Sets one key. Lists and maps take any number of values, all others one. One empty value makes an optional setting
-// absent and a list empty. Throws SettingsError, and then nothing has changed.
+// absent and a list empty. A LUT mode that needs another setting is refused while that is empty. Throws SettingsError,
+// and then nothing has changed.
 void set(AppSettings& settings, std::string_view key, const std::vector<std::string>& values,
-         const IsKnownLut& isKnownLut = {});
+         const LutIds& lutIds = {});
 void reset(AppSettings& settings, std::string_view key); // back to the default; throws SettingsError
 
 } // namespace SettingsKeys

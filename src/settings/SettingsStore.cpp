@@ -109,7 +109,7 @@ void chooseOr(std::string& value, const std::vector<std::string>& choices, const
         value = otherwise;
 }
 
-void normalizeProxy(ProxySettings& proxy, const IsKnownLut& isKnownLut) {
+void normalizeProxy(ProxySettings& proxy, const LutIds& lutIds) {
     using namespace SettingsFields;
     // The offered height that is nearest; of two, the smaller.
     proxy.height = *std::min_element(proxyHeights.begin(), proxyHeights.end(), [&](std::int64_t a, std::int64_t b) {
@@ -125,7 +125,9 @@ void normalizeProxy(ProxySettings& proxy, const IsKnownLut& isKnownLut) {
         proxy.frameAspect.reset();
     for (auto* text : {&proxy.lutPath, &proxy.lutBuiltin, &proxy.lutFallback, &proxy.extraFolder})
         dropEmpty(*text);
-    const auto known = [&](const std::optional<std::string>& id) { return !id || !isKnownLut || isKnownLut(*id); };
+    const auto known = [&](const std::optional<std::string>& id) {
+        return !id || !lutIds || std::ranges::find(*lutIds, *id) != lutIds->end();
+    };
     if (!known(proxy.lutFallback))
         proxy.lutFallback.reset();
     if (!known(proxy.lutBuiltin))
@@ -152,15 +154,15 @@ void setAside(const std::string& path, const Log& log) {
     }
 }
 
-AppSettings loadFile(const std::string& path, const IsKnownLut& isKnownLut, bool* damaged) {
+AppSettings loadFile(const std::string& path, const LutIds& lutIds, bool* damaged) {
     if (!IO::exists(path))
         return {};
-    return decode(IO::readFile(path, largestFile), isKnownLut, damaged);
+    return decode(IO::readFile(path, largestFile), lutIds, damaged);
 }
 
 } // namespace
 
-AppSettings decode(std::string_view data, const IsKnownLut& isKnownLut, bool* damaged) {
+AppSettings decode(std::string_view data, const LutIds& lutIds, bool* damaged) {
     AppSettings settings;
     json document;
     try {
@@ -182,7 +184,7 @@ AppSettings decode(std::string_view data, const IsKnownLut& isKnownLut, bool* da
             section(field.section, document, settings);
         last = field.section;
     }
-    normalize(settings, isKnownLut);
+    normalize(settings, lutIds);
     return settings;
 }
 
@@ -206,13 +208,13 @@ std::string encode(const AppSettings& settings) {
     return Json::pretty(document) + "\n";
 }
 
-void normalize(AppSettings& settings, const IsKnownLut& isKnownLut) {
+void normalize(AppSettings& settings, const LutIds& lutIds) {
     dropRepeated(settings.destRoots);
     dropRepeated(settings.ignoredVolumes);
     for (auto& [port, name] : settings.portNames)
         name = trim(name);
     std::erase_if(settings.portNames, [](const auto& port) { return port.first.empty() || port.second.empty(); });
-    normalizeProxy(settings.proxy, isKnownLut);
+    normalizeProxy(settings.proxy, lutIds);
     for (auto* tool : {&settings.tools.ffmpeg, &settings.tools.ffprobe, &settings.tools.redline, &settings.tools.artCmd,
                        &settings.tools.brawDecoder})
         dropEmpty(*tool);
@@ -222,12 +224,12 @@ void normalize(AppSettings& settings, const IsKnownLut& isKnownLut) {
     chooseOr(settings.appearance, SettingsFields::appearances, defaults.appearance);
 }
 
-AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut, bool* damaged) {
-    return loadFile(folder + "/" + std::string(fileName), isKnownLut, damaged);
+AppSettings load(const std::string& folder, const LutIds& lutIds, bool* damaged) {
+    return loadFile(folder + "/" + std::string(fileName), lutIds, damaged);
 }
 
-AppSettings update(const std::string& folder, const std::function<void(AppSettings&)>& change,
-                   const IsKnownLut& isKnownLut, const Log& log) {
+AppSettings update(const std::string& folder, const std::function<void(AppSettings&)>& change, const LutIds& lutIds,
+                   const Log& log) {
     const std::string lockPath = folder + "/locks/settings.lock";
     if (const auto problem = FileLock::problem(lockPath))
         throw IOError(*problem);
@@ -236,9 +238,9 @@ AppSettings update(const std::string& folder, const std::function<void(AppSettin
         throw IOError("lock", lockPath, EWOULDBLOCK);
     const std::string path = folder + "/" + std::string(fileName);
     bool damaged = false;
-    AppSettings settings = loadFile(path, isKnownLut, &damaged);
+    AppSettings settings = loadFile(path, lutIds, &damaged);
     change(settings);
-    normalize(settings, isKnownLut);
+    normalize(settings, lutIds);
     if (damaged)
         setAside(path, log);
     IO::writeFileDurably(path, encode(settings));

@@ -5,14 +5,15 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace velmora {
 
-// Whether the catalogue of built-in LUTs holds an id. Empty: the catalogue is not at hand, every id passes.
-using IsKnownLut = std::function<bool(std::string_view id)>;
+// The ids of the built-in LUTs. None: the catalogue is not at hand, and every id passes.
+using LutIds = std::optional<std::vector<std::string>>;
 
 // The user's settings as one JSON document, `settings.json` in the application-support folder.
 //
@@ -29,18 +30,18 @@ inline const std::vector<std::int64_t> proxyHeights{540, 720, 1080, 2160}; // th
 
 // Never throws for what the bytes hold; a document that is no JSON object at all reads as the defaults, and `damaged`
 // (when given) turns true.
-AppSettings decode(std::string_view data, const IsKnownLut& isKnownLut = {}, bool* damaged = nullptr);
+AppSettings decode(std::string_view data, const LutIds& lutIds = {}, bool* damaged = nullptr);
 std::string encode(const AppSettings& settings);
 // Repairs values that cannot be used: numbers outside their bounds, empty and repeated texts, unknown choices and LUTs.
-void normalize(AppSettings& settings, const IsKnownLut& isKnownLut = {});
+void normalize(AppSettings& settings, const LutIds& lutIds = {});
 
 // The settings of a folder, the defaults when there are none. Throws IOError when the file is there and cannot be read.
-AppSettings load(const std::string& folder, const IsKnownLut& isKnownLut = {}, bool* damaged = nullptr);
+AppSettings load(const std::string& folder, const LutIds& lutIds = {}, bool* damaged = nullptr);
 // Reads, changes and writes under a lock between processes, so that two changes at once both survive. A document that
 // is no JSON object is renamed to "settings.json.corrupt-{yyyyMMdd-HHmmss}" first and the log says so. Throws IOError,
 // and what `change` throws; then nothing is written.
 AppSettings update(const std::string& folder, const std::function<void(AppSettings&)>& change,
-                   const IsKnownLut& isKnownLut = {}, const Log& log = {});
+                   const LutIds& lutIds = {}, const Log& log = {});
 
 } // namespace SettingsStore
 

@@ -27,13 +27,13 @@ const char* const fullText =
         "tools":{"artCmd":"/t/a","brawDecoder":"/t/b","ffmpeg":"/t/f","ffprobe":"/t/p","redline":"/t/r"},
         "verify":false,"verifyInProxy":false,"verifyPrimary":"first"})";
 
-bool isKnown(std::string_view id) { return id == "known"; }
+const LutIds luts = std::vector<std::string>{"known", "other"};
 
 json encoded(const AppSettings& settings) { return Json::parse(SettingsStore::encode(settings)); }
 
 TEST(SettingsStore, HoldsEveryKeyOfTheRecord) {
     const json full = json::parse(fullText);
-    const AppSettings settings = SettingsStore::decode(fullText, isKnown);
+    const AppSettings settings = SettingsStore::decode(fullText, luts);
     EXPECT_TRUE(settings.unreadable.empty());
     EXPECT_EQ(encoded(settings), full);
     for (const SettingLine& line : SettingsKeys::list(settings))
@@ -57,7 +57,7 @@ TEST(SettingsStore, AMistakeInOneSettingLosesNothingElse) {
     const json full = json::parse(fullText);
     const auto check = [&](const std::string& path, const json& wrong, json changed) {
         SCOPED_TRACE(path + " = " + wrong.dump());
-        const AppSettings settings = SettingsStore::decode(changed.dump(), isKnown);
+        const AppSettings settings = SettingsStore::decode(changed.dump(), luts);
         EXPECT_EQ(settings.unreadable, std::set<std::string>{path});
         EXPECT_EQ(encoded(settings), changed) << "the old value stays as it stands, all others too";
         for (const SettingLine& line : SettingsKeys::list(settings)) {
@@ -92,7 +92,7 @@ TEST(SettingsStore, KeepsWhatANewerVersionWrote) {
     newer["sky"] = {{"deep", {1, 2.5, nullptr}}};
     for (const char* section : {"proxy", "naming", "outputs"})
         newer[section]["later"] = {"x"};
-    AppSettings settings = SettingsStore::decode(newer.dump(), isKnown);
+    AppSettings settings = SettingsStore::decode(newer.dump(), luts);
     EXPECT_EQ(encoded(settings), newer);
     SettingsKeys::set(settings, "proxy.lutPath", {""}); // what the user has taken out does not come back from below
     SettingsKeys::set(settings, "tools.ffmpeg", {""});
@@ -125,7 +125,7 @@ TEST(SettingsStore, BringsValuesIntoTheirBounds) {
                            {R"({"tools":{"ffmpeg":""}})", "tools.ffmpeg", {}},
                            {R"({"destRoots":["/b","","/a","/b"]})", "destRoots", {"/b", "/a"}},
                            {R"({"portNames":{"a":" left ","b":" "}})", "portNames", {"a=left"}}}) {
-        const AppSettings settings = SettingsStore::decode(c.given, isKnown);
+        const AppSettings settings = SettingsStore::decode(c.given, luts);
         EXPECT_EQ(SettingsKeys::show(settings, c.key).values, c.wanted) << c.given;
         EXPECT_TRUE(settings.unreadable.empty()) << c.given;
     }
@@ -160,9 +160,13 @@ TEST(SettingsKeys, SetsWhatAPersonTypesOrSaysWhatIsAllowed) {
              {"proxy.frameScale", {"nan"}, {}, "proxy.frameScale must be a number from 0.1 to 1 (got “nan”)."},
              {"proxy.codec", {"prores422"}, {"prores422"}, nullptr},
              {"proxy.lutMode", {"off"}, {"off"}, nullptr},
+             {"proxy.lutMode", {"builtin"}, {"builtin"}, nullptr},
              {"proxy.lutMode", {""}, {}, nullptr},
              {"proxy.lutBuiltin", {"known"}, {"known"}, nullptr},
-             {"proxy.lutBuiltin", {"gone"}, {}, "proxy.lutBuiltin: there is no built-in LUT “gone”."},
+             {"proxy.lutBuiltin",
+              {"gone"},
+              {},
+              "proxy.lutBuiltin: there is no built-in LUT “gone”. There are: known, other."},
              {"tools.ffmpeg", {"bin/ffmpeg"}, {}, "tools.ffmpeg must be a path that begins with / (got “bin/ffmpeg”)."},
              {"tools.ffmpeg", {invalid}, {}, "tools.ffmpeg must be a path that begins with / (got “/\\xFF”)."},
              {"destRoots", {"/media/a", "/media/b c"}, {"/media/a", "/media/b c"}, nullptr},
@@ -173,19 +177,30 @@ TEST(SettingsKeys, SetsWhatAPersonTypesOrSaysWhatIsAllowed) {
              {"hash", {"both"}, {"both"}, nullptr},
              {"Proxy.Height", {"720"}, {}, "There is no setting “Proxy.Height”. Did you mean “proxy.height”?"},
              {"proxy", {"x"}, {}, "There is no setting “proxy”."}}) {
-        AppSettings settings = SettingsStore::decode(fullText, isKnown);
+        AppSettings settings = SettingsStore::decode(fullText, luts);
         const AppSettings before = settings;
         try {
-            SettingsKeys::set(settings, c.key, c.given, isKnown);
+            SettingsKeys::set(settings, c.key, c.given, luts);
             EXPECT_EQ(c.refusal, nullptr) << c.key;
             EXPECT_EQ(SettingsKeys::show(settings, c.key).values, c.wanted);
-            const AppSettings again = SettingsStore::decode(SettingsStore::encode(settings), isKnown);
+            const AppSettings again = SettingsStore::decode(SettingsStore::encode(settings), luts);
             EXPECT_EQ(SettingsKeys::show(again, c.key).values, c.wanted);
         } catch (const SettingsError& error) {
             EXPECT_STREQ(error.what(), c.refusal);
             EXPECT_EQ(settings, before);
         }
     }
+}
+
+TEST(SettingsKeys, RefusesALutModeWithoutItsLut) {
+    for (const auto& [mode, refusal] : {std::pair{"builtin", "proxy.lutMode: set proxy.lutBuiltin first."},
+                                        {"custom", "proxy.lutMode: set proxy.lutPath first."}}) {
+        AppSettings settings;
+        EXPECT_THAT([&] { SettingsKeys::set(settings, "proxy.lutMode", {mode}); },
+                    ::testing::ThrowsMessage<SettingsError>(refusal));
+        EXPECT_EQ(settings, AppSettings());
+    }
+    EXPECT_EQ(SettingsKeys::show({}, "proxy.lutFallback", luts).allowed, "known, other, or empty");
 }
 
 TEST(SettingsKeys, SettingAValueMakesItsKeyReadableAgain) {
