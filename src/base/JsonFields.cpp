@@ -1,114 +1,17 @@
 #include "base/JsonFields.h"
 
+#include "base/JsonReader.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <utility>
 
 namespace velmora {
 
 using nlohmann::json;
 
 namespace {
-
-// Builds the document from the parser's events: bounds the nesting, and hands the elements of one long array away.
-class Builder : public nlohmann::json_sax<json> {
-public:
-    Builder() = default;
-    Builder(std::string_view streamed, const std::function<void(json&&)>& element, const std::function<void()>& restart)
-        : streamed_(streamed), element_(&element), restart_(&restart) {}
-
-    json take() { return std::move(root_); }
-
-    bool null() override { return value(nullptr); }
-    bool boolean(bool v) override { return value(v); }
-    bool number_integer(number_integer_t v) override { return value(v); }
-    bool number_unsigned(number_unsigned_t v) override { return value(v); }
-    bool number_float(number_float_t v, const string_t&) override { return value(v); }
-    bool string(string_t& v) override { return value(std::move(v)); }
-    bool binary(binary_t&) override { throw FormatError("binary data in JSON"); }
-    bool start_object(std::size_t) override { return open(json::object()); }
-    bool start_array(std::size_t) override {
-        if (element_ && stack_.size() == 1 && stack_[0].value->is_object() && key_ == streamed_) {
-            if (streamedSeen_)
-                (*restart_)();
-            streamedSeen_ = true;
-        }
-        return open(json::array());
-    }
-    bool key(string_t& v) override {
-        key_ = std::move(v);
-        return true;
-    }
-    bool end_object() override { return close(); }
-    bool end_array() override { return close(); }
-    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) override {
-        throw FormatError(e.what());
-    }
-
-private:
-    struct Level {
-        json* value;
-        bool streams; // its elements are handed away
-    };
-
-    // Puts a value where it belongs; null when it is the element that is to be handed away once complete.
-    json* place(json v) {
-        if (stack_.empty()) {
-            root_ = std::move(v);
-            return &root_;
-        }
-        Level& top = stack_.back();
-        if (top.streams) {
-            pending_ = std::move(v);
-            return &pending_;
-        }
-        if (top.value->is_array()) {
-            top.value->push_back(std::move(v));
-            return &top.value->back();
-        }
-        // Our own records have their keys in order: the place of the next one is known.
-        auto& members = top.value->get_ref<json::object_t&>();
-        return &members.insert_or_assign(members.end(), std::move(key_), std::move(v))->second;
-    }
-    void hand() {
-        if (!stack_.empty() && stack_.back().streams)
-            (*element_)(std::move(pending_));
-    }
-    template <class T>
-    bool value(T&& v) {
-        place(json(std::forward<T>(v)));
-        hand();
-        return true;
-    }
-    bool open(json container) {
-        if (stack_.size() >= static_cast<std::size_t>(Json::maxDepth))
-            throw FormatError("JSON is nested too deeply");
-        const bool streams =
-            element_ && container.is_array() && stack_.size() == 1 && stack_[0].value->is_object() && key_ == streamed_;
-        json* placed = place(std::move(container));
-        stack_.push_back({placed, streams});
-        return true;
-    }
-    bool close() {
-        stack_.pop_back();
-        hand();
-        return true;
-    }
-
-    json root_;
-    json pending_;
-    std::vector<Level> stack_;
-    std::string key_;
-    std::string_view streamed_;
-    const std::function<void(json&&)>* element_ = nullptr;
-    const std::function<void()>* restart_ = nullptr;
-    bool streamedSeen_ = false;
-};
-
-json run(Builder& builder, std::string_view text) {
-    json::sax_parse(text.begin(), text.end(), &builder);
-    return builder.take();
-}
 
 std::string dump(const json& value, int indent) {
     return value.dump(indent, ' ', false, json::error_handler_t::replace);
@@ -119,14 +22,32 @@ std::string dump(const json& value, int indent) {
 namespace Json {
 
 json parse(std::string_view text) {
-    Builder builder;
-    return run(builder, text);
+    JsonReader reader(text);
+    json whole = reader.value();
+    reader.end();
+    return whole;
 }
 
 json parseStreaming(std::string_view text, std::string_view key, const std::function<void(json&&)>& element,
                     const std::function<void()>& restart) {
-    Builder builder(key, element, restart);
-    return run(builder, text);
+    JsonReader reader(text);
+    if (reader.kind() != JsonReader::Kind::object)
+        return parse(text);
+    json rest = json::object();
+    bool seen = false;
+    reader.object([&](std::string_view name) {
+        json& value = rest[std::string(name)];
+        if (name != key || reader.kind() != JsonReader::Kind::array) {
+            value = reader.value();
+            return;
+        }
+        if (std::exchange(seen, true))
+            restart();
+        value = json::array();
+        reader.array([&] { element(reader.value()); });
+    });
+    reader.end();
+    return rest;
 }
 
 std::string compact(const json& value) { return dump(value, -1); }

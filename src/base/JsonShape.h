@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/JsonFields.h"
+#include "base/JsonReader.h"
 
 #include <nlohmann/json.hpp>
 
@@ -68,6 +69,47 @@ std::optional<T> read(const JsonFields& fields, const char* key, std::int64_t mi
     }
 }
 
+// The value that comes next in the text, by way of a tree of values.
+template <class T>
+void valueInto(T& value, JsonReader& in, const char* key, std::int64_t min, std::int64_t max) {
+    nlohmann::json object = nlohmann::json::object();
+    nlohmann::json& seen = object[key] = in.value();
+    if constexpr (std::same_as<T, Timestamp>)
+        if (const auto* text = seen.template get_ptr<const std::string*>())
+            if (const auto time = TimeText::parseIso8601(*text)) {
+                value = *time;
+                return;
+            }
+    if (auto given = read<T>(JsonFields(object), key, min, max))
+        value = *std::move(given);
+}
+
+// The value that comes next in the text, no null: texts and lists without a tree of values between. A record that has a
+// `fromReader(JsonReader&, Record&)` beside it is read so too.
+template <class T>
+void stream(JsonReader& in, const char* key, T& value, std::int64_t min, std::int64_t max) {
+    if constexpr (isOptional<T>)
+        stream(in, key, value.emplace(), min, max);
+    else if constexpr (requires { fromReader(in, value); })
+        fromReader(in, value);
+    else if constexpr (requires(typename T::value_type& each) { fromReader(in, each); }) {
+        value.clear();
+        in.array([&] { fromReader(in, value.emplace_back()); });
+    } else if constexpr (std::same_as<T, std::string>) {
+        if (in.kind() == JsonReader::Kind::string)
+            value = in.string();
+        else
+            valueInto(value, in, key, min, max);
+    } else if constexpr (std::same_as<T, std::vector<std::string>>) {
+        value.clear();
+        in.array([&] { value.push_back(in.string()); });
+    } else if constexpr (std::same_as<T, std::vector<std::optional<std::string>>>) {
+        value.clear();
+        in.array([&] { value.push_back(in.isNull() ? std::nullopt : std::optional(in.string())); });
+    } else
+        valueInto(value, in, key, min, max);
+}
+
 template <class T>
 void write(nlohmann::json& object, const char* key, const T& value) {
     if constexpr (isOptional<T>) {
@@ -105,6 +147,16 @@ struct Field {
         else if (presence == Presence::required)
             fields.require(key);
     }
+    // False for a null, which counts as missing.
+    bool streamInto(Record& record, JsonReader& in) const {
+        if (in.isNull()) {
+            record.*member = Record{}.*member; // also where the key stood before
+            return false;
+        }
+        stream(in, key, record.*member, min, max);
+        return true;
+    }
+    bool isRequired() const { return presence == Presence::required; }
     void writeTo(nlohmann::json& object, const Record& record) const {
         if constexpr (requires(const T& value) { value.empty(); })
             if (presence == Presence::ifAny && (record.*member).empty())
@@ -148,6 +200,14 @@ struct Named {
         else
             fields.wrong(key, "a known name");
     }
+    bool streamInto(Record& record, JsonReader& in) const {
+        record.*member = Record{}.*member;
+        nlohmann::json object = nlohmann::json::object();
+        object[key] = in.value();
+        readInto(record, JsonFields(object));
+        return true;
+    }
+    bool isRequired() const { return false; }
     void writeTo(nlohmann::json& object, const Record& record) const {
         if constexpr (isOptional<T>) {
             if (record.*member)
@@ -174,6 +234,35 @@ Record decoded(const nlohmann::json& j, const std::tuple<Fields...>& shape,
     Record record;
     readInto(record, JsonFields(j, reading), shape);
     return record;
+}
+
+// The same from the object that comes next in the text. `other` is called for each key that is not of the shape, and
+// consumes its value.
+template <class Record, class Other, class... Fields>
+void streamInto(Record& record, JsonReader& in, const std::tuple<Fields...>& shape, const Other& other) {
+    record = {};
+    std::array<bool, sizeof...(Fields)> present{};
+    in.object([&](std::string_view key) {
+        const auto takes = [&](const auto& each, bool& isPresent) {
+            if (key != each.key)
+                return false;
+            isPresent = each.streamInto(record, in);
+            return true;
+        };
+        std::size_t i = 0;
+        if (!std::apply([&](const Fields&... each) { return (takes(each, present[i++]) || ...); }, shape))
+            other(key);
+    });
+    const auto require = [](const auto& each, bool isPresent) {
+        if (!isPresent && each.isRequired())
+            JsonFields(nlohmann::json::object()).require(each.key);
+    };
+    std::size_t i = 0;
+    std::apply([&](const Fields&... each) { (require(each, present[i++]), ...); }, shape);
+}
+template <class Record, class... Fields>
+void streamInto(Record& record, JsonReader& in, const std::tuple<Fields...>& shape) {
+    streamInto(record, in, shape, [&](std::string_view) { in.skip(); });
 }
 
 template <class Record, class... Fields>

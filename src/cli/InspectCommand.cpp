@@ -1,4 +1,5 @@
 #include "base/Flag.h"
+#include "base/PauseGate.h"
 #include "cli/CardWords.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
@@ -78,14 +79,24 @@ public:
     }
 
     ExitStatus run(CommandContext& context) override {
+        Console& console = context.console;
         Flag cancelled;
-        const Interrupts::Route route(context.interrupts, {[&] { cancelled.set(); }, {}, {}});
-        HistorySession history(context.console);
+        PauseGate pauses;
+        const auto isCancelled = [&] { return cancelled.isSet(); };
+        const Interrupts::Route route(context.interrupts, {[&] {
+                                                               cancelled.set();
+                                                               pauses.wake();
+                                                           },
+                                                           [&] {
+                                                               pauses.pause();
+                                                               console.log("Paused. SIGUSR2 goes on.");
+                                                           },
+                                                           [&] { pauses.resume(); }});
+        HistorySession history(console);
         HistoryStore store = history.store();
         const CardInsight insight = CardInspector::inspect(
-            TypedPath::absolute(source_), &store, nullptr, [&] { return cancelled.isSet(); },
-            CardInspector::World::real());
-        Console& console = context.console;
+            TypedPath::absolute(source_), &store, nullptr,
+            [&] { return isCancelled() || !pauses.waitWhilePaused(isCancelled); }, CardInspector::World::real());
         if (json_) {
             console.event(toJson(insight));
         } else {

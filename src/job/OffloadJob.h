@@ -8,6 +8,7 @@
 #include "job/JobStatus.h"
 #include "job/Promises.h"
 #include "memory/AppendPlanner.h"
+#include "memory/FolderState.h"
 #include "memory/RepairPlanner.h"
 #include "records/JobConfig.h"
 #include "records/SourceFile.h"
@@ -101,6 +102,8 @@ private:
     void runAppend(const std::vector<std::string>& cardPaths);
     void runRepair();
     AppendPlanner::Ask ask(const std::vector<std::string>& cardPaths);
+    // Asked by every loop that reads before the engine runs, and after it. Waits while the job is paused.
+    bool mustStop();
     RepairPlanner::Checked checkRepair(const std::vector<std::string>& cardPaths);
     void moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation);
     RepairPlan compareWithCard(const AppendPlanner::Ask& asked, const RepairPlanner::Checked& checked,
@@ -152,6 +155,8 @@ private:
     std::unique_ptr<PowerInhibitor> awake_;  // from the first step that takes time
     std::unique_ptr<HistoryKeeper> history_; // of the thread that runs
     HistoryKeeper::Known known_;             // before the run
+    // What the folders of the backup held when they were last asked.
+    const FolderStates folders_{[this] { return mustStop(); }};
     // Of the source when the run began (SpacePlanner::volumeKey), if it could be asked.
     std::optional<std::string> sourceVolume_;
     bool compareCard_ = false;

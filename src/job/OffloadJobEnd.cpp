@@ -150,8 +150,10 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     }
     const auto generation = report == nullptr ? std::nullopt : std::optional(report->generationNumber());
     try {
+        // After a cancel the end is judged all the same.
         evidence.whole = BackupCheck::of(card, conclusion.records, conclusion.elsewhere, generation,
-                                         storesLocalTime(config_.source, conclusion.records));
+                                         storesLocalTime(config_.source, conclusion.records),
+                                         engine_.isCancelled() ? FolderStates() : folders_);
     } catch (const std::exception& error) {
         evidence.whole.emplace().error = error.what();
     }

@@ -97,6 +97,11 @@ AppendPlanner::Ask OffloadJob::ask(const std::vector<std::string>& cardPaths) {
     return ask;
 }
 
+bool OffloadJob::mustStop() {
+    const auto isCancelled = [this] { return engine_.isCancelled(); };
+    return isCancelled() || !engine_.pauses().waitWhilePaused(isCancelled);
+}
+
 void OffloadJob::reopenHistory() {
     if (history_)
         guardHistory([&] { history_->reopen([this] { addWarning(std::string(Msg::historyBusy)); }); });
@@ -105,13 +110,12 @@ void OffloadJob::reopenHistory() {
 void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     openFolders(cardPaths);
     const AppendPlanner::Ask asked = ask(cardPaths);
-    const auto isCancelled = [this] { return engine_.isCancelled(); };
     AppendPlan append;
     try {
-        append = AppendPlanner::plan(asked, isCancelled);
+        append = AppendPlanner::plan(asked, folders_);
         for (std::size_t n = 0; append.settle && n <= cardPaths.size(); ++n) {
             settleRecords(*append.settle, append.cardPaths);
-            append = AppendPlanner::plan(asked, isCancelled);
+            append = AppendPlanner::plan(asked, folders_);
         }
     } catch (const AppendPlanner::NothingNew& nothing) {
         nothingNew(nothing);
@@ -120,6 +124,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     if (append.settle)
         throw OffloadError::failed(std::string(unsettled));
     requireSameCard();
+    folders_.forget(); // the run takes what it needs from the plan
     checkSpace(append.toPlan());
     begin(Phase::copying);
     if (!append.sameMedium)
@@ -163,7 +168,7 @@ void OffloadJob::runRepair() {
     const bool settled = checked.settle.has_value();
     for (std::size_t n = 0; checked.settle && n <= cardPaths.size(); ++n) {
         settleRecords(*checked.settle, checked.backup.paths);
-        checked = RepairPlanner::check(cardPaths);
+        checked = RepairPlanner::check(cardPaths, folders_);
     }
     if (checked.settle)
         throw OffloadError::failed(std::string(unsettled));
@@ -202,12 +207,15 @@ void OffloadJob::runRepair() {
 // A report that only one of the disks lost is made anew before the backup is refused for it.
 RepairPlanner::Checked OffloadJob::checkRepair(const std::vector<std::string>& cardPaths) {
     try {
-        return RepairPlanner::check(cardPaths);
+        return RepairPlanner::check(cardPaths, folders_);
     } catch (const OffloadError&) {
         std::vector<std::string> rebuilt;
         try {
-            rebuilt =
-                ReportRebuild::run(cardPaths, [this](const std::string& cardPath) { engine_.held()->check(cardPath); });
+            rebuilt = ReportRebuild::run(cardPaths, folders_,
+                                         [this](const std::string& cardPath) { engine_.held()->check(cardPath); });
+            folders_.forget();
+        } catch (const Cancelled&) {
+            throw;
         } catch (const std::exception& error) {
             log(std::string("no report was made anew: ") + error.what());
         }
@@ -216,7 +224,7 @@ RepairPlanner::Checked OffloadJob::checkRepair(const std::vector<std::string>& c
         for (const std::string& sentence : rebuilt)
             addWarning(sentence);
     }
-    return RepairPlanner::check(cardPaths);
+    return RepairPlanner::check(cardPaths, folders_);
 }
 
 // The reports of the run get their names, whatever a person put there.
@@ -250,7 +258,7 @@ RepairPlan OffloadJob::compareWithCard(const AppendPlanner::Ask& asked, const Re
                                        const std::vector<RepairPlanner::Findings>& findings) {
     RepairPlan plan;
     readBeforehand([&](const IsCancelled& mustStop) {
-        plan = repair_->plan(asked, checked, findings, engine_.pauses(), mustStop);
+        plan = repair_->plan(asked, checked, findings, folders_, engine_.pauses(), mustStop);
     });
     return plan;
 }
@@ -282,6 +290,7 @@ void OffloadJob::settleRecords(const OffloadReport& report, const std::vector<st
     Verification::Order order{cardPaths, ReportWriter::Stamp::present()};
     order.beforeWrite = [this](const std::string& cardPath) { engine_.held()->check(cardPath); };
     const auto outcome = Verification::commit(report, order, [this](std::string_view line) { log(line); });
+    folders_.forget();
     if (!outcome.complete())
         throw OffloadError::failed(*outcome.warning());
 }
@@ -292,7 +301,8 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     sideBySide(plan.cardPaths.size(), [&](std::size_t d) {
         const std::string& path = plan.cardPaths[d];
         engine_.held()->check(path);
-        return HashLists::heal(path, std::string(RelativePath::name(path)), [this] { return engine_.isCancelled(); });
+        return HashLists::heal(path, std::string(RelativePath::name(path)), *folders_.of(path).history(),
+                               folders_.isCancelled());
     });
     Conclusion conclusion;
     conclusion.card = plan.fullScan;

@@ -75,14 +75,14 @@ std::vector<RepairPlanner::Findings> RepairWork::examine(PauseGate& gate, const 
 }
 
 RepairPlan RepairWork::plan(const AppendPlanner::Ask& ask, const RepairPlanner::Checked& checked,
-                            const std::vector<RepairPlanner::Findings>& findings, PauseGate& gate,
-                            const IsCancelled& isCancelled) {
+                            const std::vector<RepairPlanner::Findings>& findings, const FolderStates& folders,
+                            PauseGate& gate, const IsCancelled& isCancelled) {
     Step step(*this, "Comparing with the card", 1);
     const auto worker = gate.work();
     std::int64_t read = 0;
     const auto progress = [&](std::int64_t bytes) { step.set(0, read += bytes, 0); };
     const auto mustStop = [&] { return isCancelled() || !worker->waitWhilePaused(isCancelled); };
-    return RepairPlanner::plan(ask, checked, findings, mustStop, progress);
+    return RepairPlanner::plan(ask, checked, findings, folders, mustStop, progress);
 }
 
 bool RepairWork::describe(JobStatus& status) const {

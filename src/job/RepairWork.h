@@ -32,7 +32,7 @@ public:
     std::vector<RepairPlanner::Findings> examine(PauseGate& gate, const IsCancelled& isCancelled);
     // Holds what is bad against the card, and plans. Pauses and throws likewise, and what RepairPlanner::plan throws.
     RepairPlan plan(const AppendPlanner::Ask& ask, const RepairPlanner::Checked& checked,
-                    const std::vector<RepairPlanner::Findings>& findings, PauseGate& gate,
+                    const std::vector<RepairPlanner::Findings>& findings, const FolderStates& folders, PauseGate& gate,
                     const IsCancelled& isCancelled);
     // What of it is being read, and how far. False when nothing is. Any thread.
     bool describe(JobStatus& status) const;

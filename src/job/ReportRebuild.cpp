@@ -7,8 +7,6 @@
 #include "engine/Layout.h"
 #include "job/SetAside.h"
 #include "memory/CardRecord.h"
-#include "memory/ReportFile.h"
-#include "mhl/MHLReader.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -29,12 +27,14 @@ constexpr std::int64_t largestReport = 1LL << 30;
 
 struct Folder {
     std::string path;
-    MHLHistory history;
+    std::shared_ptr<const MHLHistory> history;                            // never null
     std::map<std::int64_t, std::shared_ptr<const OffloadReport>> reports; // by the number in the name; null: broken
 
-    bool isWhole() const { return history.chainRead && history.chainProblems.empty() && history.refusedPaths.empty(); }
+    bool isWhole() const {
+        return history->chainRead && history->chainProblems.empty() && history->refusedPaths.empty();
+    }
     bool hasSameChain(const Folder& other) const {
-        return std::ranges::equal(history.chain, other.history.chain, {}, &MHLChainEntry::seq, &MHLChainEntry::seq);
+        return std::ranges::equal(history->chain, other.history->chain, {}, &MHLChainEntry::seq, &MHLChainEntry::seq);
     }
 };
 
@@ -42,22 +42,24 @@ std::string relativeName(std::int64_t generation) {
     return std::string(Layout::reportDirName) + "/" + OffloadReport::jsonName(generation);
 }
 
-std::shared_ptr<const OffloadReport> readable(const std::string& cardPath, std::int64_t generation) {
+std::shared_ptr<const OffloadReport> readable(FolderState& state, std::int64_t generation) {
     try {
-        auto report = std::make_shared<OffloadReport>(ReportFile::read(cardPath + "/" + relativeName(generation)));
+        auto report = state.report(generation);
         return report->files.empty() || report->destinations.empty() ? nullptr : report;
+    } catch (const Cancelled&) {
+        throw;
     } catch (const std::exception&) {
         return nullptr;
     }
 }
 
-Folder look(const std::string& given) {
+Folder look(FolderState& state) {
     Folder folder;
-    folder.path = RelativePath::withoutTrailingSlash(given);
+    folder.path = state.cardPath();
     for (const IOEntry& entry : IO::list(folder.path + "/" + std::string(Layout::reportDirName)))
         if (const auto number = CardRecord::numberedFile(entry.name); number && entry.isFile())
-            folder.reports[*number] = readable(folder.path, *number);
-    folder.history = MHLReader::read(folder.path);
+            folder.reports[*number] = readable(state, *number);
+    folder.history = state.history();
     return folder;
 }
 
@@ -75,9 +77,9 @@ bool agree(const OffloadReport::FileEntry& file, const MHLFileRecord& record) {
 
 bool isProved(const Folder& folder, std::int64_t generation, const OffloadReport& report) {
     const auto column = CardRecord::columnOf(report, folder.path, VolumeFacts::volumeSerialText(folder.path));
-    const auto chained = std::ranges::find(folder.history.generations, generation, &MHLGeneration::seq);
+    const auto chained = std::ranges::find(folder.history->generations, generation, &MHLGeneration::seq);
     const bool isFinal = !report.verifyIncomplete.value_or(false) && !report.verifyPending.value_or(false);
-    if (!column || !isFinal || report.generationNumber() != generation || chained == folder.history.generations.end())
+    if (!column || !isFinal || report.generationNumber() != generation || chained == folder.history->generations.end())
         return false;
     std::unordered_map<std::string, const MHLFileRecord*> listed;
     for (const MHLRecord& record : chained->files)
@@ -97,9 +99,9 @@ bool isProved(const Folder& folder, std::int64_t generation, const OffloadReport
 
 } // namespace
 
-std::vector<std::string> run(const std::vector<std::string>& cardPaths,
+std::vector<std::string> run(const std::vector<std::string>& cardPaths, const FolderStates& states,
                              const std::function<void(const std::string& cardPath)>& beforeWrite) {
-    const auto folders = sideBySide(cardPaths.size(), [&](std::size_t d) { return look(cardPaths[d]); });
+    const auto folders = sideBySide(cardPaths.size(), [&](std::size_t d) { return look(states.of(cardPaths[d])); });
     std::vector<std::string> done;
     for (const Folder& folder : folders)
         for (const auto& [generation, report] : folder.reports) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "memory/FolderState.h"
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -14,7 +16,7 @@ namespace ReportRebuild {
 
 // The broken file is kept below _REPORT/set-aside. `beforeWrite` is called ahead of each write into a folder and may
 // throw. Gives a sentence for each report that was made anew; none where nothing is broken or nothing proves it.
-std::vector<std::string> run(const std::vector<std::string>& cardPaths,
+std::vector<std::string> run(const std::vector<std::string>& cardPaths, const FolderStates& states,
                              const std::function<void(const std::string& cardPath)>& beforeWrite);
 
 } // namespace ReportRebuild

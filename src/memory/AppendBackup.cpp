@@ -50,9 +50,10 @@ void requireFolder(const std::string& path) {
             fmt::format("The earlier backup is not available: {} — connect the drive, or make a full copy.", path));
 }
 
-CardRecord loadRecord(const std::string& path, std::optional<std::int64_t> unfinished) {
+CardRecord loadRecord(FolderState& folder, std::optional<std::int64_t> unfinished) {
+    const std::string& path = folder.cardPath();
     requireFolder(path);
-    CardRecord record = CardRecord::load(path, unfinished ? std::optional(*unfinished - 1) : std::nullopt);
+    CardRecord record = CardRecord::load(folder, unfinished ? std::optional(*unfinished - 1) : std::nullopt);
     if (record.reportMissing)
         throw refuse(
             PreflightCode::appendNoReport,
@@ -68,18 +69,20 @@ CardRecord loadRecord(const std::string& path, std::optional<std::int64_t> unfin
 }
 
 // The last generation of the chain, not counting the one in progress.
-std::int64_t lastMhlGeneration(const std::string& path, std::optional<std::int64_t> unfinished) {
+std::int64_t lastMhlGeneration(FolderState& folder, std::optional<std::int64_t> unfinished) {
+    const std::string& path = folder.cardPath();
     const auto damaged = [&] {
         return refuse(
             PreflightCode::appendMhlDamaged,
             fmt::format("The ASC MHL history in {} is damaged — check it with {}; cannot append.", path, verifyHint));
     };
-    MHLHistory history;
+    std::shared_ptr<const MHLHistory> read;
     try {
-        history = MHLReader::read(path);
+        read = folder.history();
     } catch (const MHLFormatError&) {
         throw damaged();
     }
+    const MHLHistory& history = *read;
     // Generation 1 itself may have died before its chain.
     const bool firstIsOpen = unfinished == 1;
     if (!history.chainRead && !firstIsOpen && !history.exists)
@@ -112,15 +115,16 @@ std::string generationList(const std::vector<std::string>& paths, const std::vec
 
 } // namespace
 
-ResumePlanner::Findings lookAt(const std::vector<std::string>& paths) {
+ResumePlanner::Findings lookAt(const std::vector<std::string>& paths, const FolderStates& folders) {
     try {
-        return ResumePlanner::look(paths);
+        return ResumePlanner::look(paths, folders);
     } catch (const OffloadError&) {
         for (const std::string& path : paths)
             requireFolder(path); // a missing disk is the one that is behind
         for (const std::string& path : paths)
-            if (ResumePlanner::chainLost(path, ResumePlanner::committed(path)))
-                lastMhlGeneration(path, std::nullopt); // throws: a disk that lost its history must not be called behind
+            if (ResumePlanner::chainLost(folders.of(path)))
+                lastMhlGeneration(folders.of(path),
+                                  std::nullopt); // throws: a disk that lost its history must not be called behind
         throw;
     }
 }
@@ -156,7 +160,7 @@ std::vector<PastRun> pastRuns(const std::vector<HistoryEntry>& entries, const st
 }
 
 std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,
-                                   const std::vector<PastRun>& pastRuns) {
+                                   const std::vector<PastRun>& pastRuns, const FolderStates& folders) {
     // A record of the history that is older than the backup is about an earlier one in folders of these names.
     constexpr double slack = 86400;
     std::optional<Timestamp> began;
@@ -167,7 +171,7 @@ std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const
     for (const PastRun& run : pastRuns)
         if (!began || secondsBetween(run.finished, *began) < slack)
             runs.push_back(run.places);
-    return BackupPlaces::beside(records, found.places, std::move(runs));
+    return BackupPlaces::beside(records, found.places, std::move(runs), folders);
 }
 
 // Cameras with unset clocks and files of one size make cards that no name, size or time tells apart: only the medium
@@ -217,7 +221,8 @@ OffloadReport settleLagging(const ResumePlanner::Findings::Lagging& lagging) {
     return std::move(*report);
 }
 
-Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration) {
+Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration,
+                   const FolderStates& folders) {
     if (paths.empty())
         throw refuse(PreflightCode::noDestination, "No destination selected.");
     Backup backup;
@@ -245,8 +250,9 @@ Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int
                                  "folders with the same date and card name.",
                                  join(tails, ", ")));
     auto loaded = sideBySide(backup.paths.size(), [&](std::size_t d) {
-        CardRecord record = loadRecord(backup.paths[d], unfinishedGeneration);
-        const std::int64_t generation = lastMhlGeneration(backup.paths[d], unfinishedGeneration);
+        FolderState& folder = folders.of(backup.paths[d]);
+        CardRecord record = loadRecord(folder, unfinishedGeneration);
+        const std::int64_t generation = lastMhlGeneration(folder, unfinishedGeneration);
         const std::int64_t report = lastReport(record, unfinishedGeneration);
         if (report != generation)
             throw refuse(
@@ -263,14 +269,19 @@ Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int
         generations.push_back(generation);
     }
     if (std::adjacent_find(generations.begin(), generations.end(), std::not_equal_to<>()) != generations.end()) {
-        const auto lowest = std::ranges::min_element(generations) - generations.begin();
+        const auto [least, most] = std::ranges::minmax_element(generations);
+        const auto lowest = least - generations.begin();
+        const std::string times =
+            *most - *least > 1
+                ? fmt::format(" Each such run brings it on by one of the {} generations that it lacks.", *most - *least)
+                : "";
         throw refuse(
             PreflightCode::appendDiverged,
             fmt::format(
                 "The backups on the destinations differ ({}) — check them with {}; cannot append. {} Where nothing "
-                "is new for it, add --compare.",
+                "is new for it, add --compare.{}",
                 generationList(backup.paths, generations), verifyHint,
-                Msg::behindOthers(backup.paths[static_cast<std::size_t>(lowest)])));
+                Msg::behindOthers(backup.paths[static_cast<std::size_t>(lowest)]), times));
     }
     backup.nextGeneration = unfinishedGeneration.value_or(generations.front() + 1);
     if (unfinishedGeneration && generations.front() != *unfinishedGeneration - 1)

@@ -5,6 +5,7 @@
 #include "base/Product.h"
 #include "base/RelativePath.h"
 #include "base/SideBySide.h"
+#include "base/StopIf.h"
 #include "base/Text.h"
 #include "disks/Volumes.h"
 #include "engine/DestWriter.h"
@@ -35,25 +36,20 @@ OffloadError refuse(PreflightCode code, const std::string& text) { return Offloa
 
 std::string exactBytes(std::int64_t bytes) { return counted(bytes, "byte", "bytes"); }
 
-void stopIf(const IsCancelled& isCancelled) {
-    if (isCancelled && isCancelled())
-        throw Cancelled();
-}
-
 // One run of the planner: what it has read, and what it finds.
 class Planning {
 public:
     Planning(const Ask& ask, Backup backup, const ResumePlanner::Findings& found, bool localTime,
-             const IsCancelled& isCancelled)
+             const FolderStates& folders)
         : ask_(ask), backup_(std::move(backup)), unfinished_(found.unfinished), localTime_(localTime),
-          isCancelled_(isCancelled), card_(Scanner::scan(ask.source, isCancelled)),
+          isCancelled_(folders.isCancelled()), card_(Scanner::scan(ask.source, isCancelled_)),
           twins_(card_.files, backup_.records) {
         folders_ = sideBySide(backup_.paths.size(),
-                              [&](std::size_t d) { return BackupFolder(backup_.paths[d], isCancelled); });
+                              [&](std::size_t d) { return BackupFolder(backup_.paths[d], isCancelled_); });
         plan_.source = ask.source;
         plan_.sourceMedium = ask.medium;
         plan_.sameMedium = sameMedium(backup_.records, found, ask.medium, ask.mediumInHistory);
-        plan_.elsewhere = elsewhere(backup_.records, found, ask.pastRuns);
+        plan_.elsewhere = elsewhere(backup_.records, found, ask.pastRuns, folders);
     }
 
     AppendPlan run() {
@@ -462,8 +458,8 @@ void requireKnownPlaces(const Ask& ask, const ResumePlanner::Findings& found) {
 
 } // namespace
 
-AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled) {
-    const ResumePlanner::Findings found = lookAt(ask.cardPaths);
+AppendPlan plan(const Ask& ask, const FolderStates& folders) {
+    const ResumePlanner::Findings found = lookAt(ask.cardPaths, folders);
     const auto& unfinished = found.unfinished;
     requireKnownPlaces(ask, found);
     if (found.lagging) {
@@ -472,7 +468,8 @@ AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled) {
         plan.cardPaths = found.lagging->cardPaths;
         return plan;
     }
-    Backup backup = checkBackup(ask.cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt);
+    Backup backup =
+        checkBackup(ask.cardPaths, unfinished ? std::optional(unfinished->generation) : std::nullopt, folders);
     if (auto report = settleable(unfinished, backup.paths)) {
         AppendPlan plan;
         plan.cardPaths = backup.paths;
@@ -482,7 +479,7 @@ AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled) {
     bool localTime = FileTimes::storesLocalTime(ask.sourceFilesystem);
     for (const std::string& type : ask.destFilesystems)
         localTime = localTime || FileTimes::storesLocalTime(type);
-    return Planning(ask, std::move(backup), found, localTime, isCancelled).run();
+    return Planning(ask, std::move(backup), found, localTime, folders).run();
 }
 
 } // namespace velmora::AppendPlanner

@@ -3,6 +3,7 @@
 #include "base/Errors.h"
 #include "memory/AppendPlan.h"
 #include "memory/CardRecord.h"
+#include "memory/FolderState.h"
 #include "memory/ResumePlanner.h"
 #include "memory/Unfinished.h"
 #include "records/HistoryEntry.h"
@@ -55,7 +56,7 @@ struct Ask {
 };
 
 // Throws OffloadError with a code, Cancelled, and the scan's IOError. With nothing to do it throws NothingNew.
-AppendPlan plan(const Ask& ask, const IsCancelled& isCancelled);
+AppendPlan plan(const Ask& ask, const FolderStates& folders);
 
 // The refusal `nothingNew`, with the plan of what stands there: its files are none.
 class NothingNew : public OffloadError {
@@ -68,11 +69,11 @@ private:
 };
 
 // What the folders tell of interrupted runs. A folder that is not there is named as such.
-ResumePlanner::Findings lookAt(const std::vector<std::string>& paths);
+ResumePlanner::Findings lookAt(const std::vector<std::string>& paths, const FolderStates& folders);
 
 // The folders of the backup beside those of `records`.
 std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,
-                                   const std::vector<PastRun>& pastRuns);
+                                   const std::vector<PastRun>& pastRuns, const FolderStates& folders);
 
 // The medium of the card that the backup was made from, by the newest record that names one. Throws `appendOtherCard`
 // when it is known, that of the card in the reader too, and they differ. True when both are known.
@@ -91,7 +92,8 @@ OffloadReport settleLagging(const ResumePlanner::Findings::Lagging& lagging);
 bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records);
 
 // With `unfinishedGeneration` that generation does not count, on any disk.
-Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration);
+Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration,
+                   const FolderStates& folders);
 
 // The name of a path's disk for the user's eye.
 std::string disk(const std::string& path);

@@ -58,14 +58,14 @@ struct Lack {
 };
 
 // What a folder lacks that nobody named for this run, by its records and by what lies there.
-Lack lackOf(const BackupPlace& place, const SourceScan& card, bool localTime) try {
+Lack lackOf(const BackupPlace& place, const SourceScan& card, bool localTime, FolderState& state) try {
     const std::string& cardPath = place.cardPath;
     if (!IO::isFolder(cardPath) ||
         (place.volumeSerial && VolumeFacts::volumeSerialText(cardPath) != place.volumeSerial))
         return {BackupMessage::elsewhereUnchecked(cardPath)};
-    const std::vector<CardRecord> record{CardRecord::load(cardPath)};
+    const std::vector<CardRecord> record{CardRecord::load(state)};
     const CaseTwins twins(card.files, record);
-    const BackupFolder folder(cardPath, {});
+    const BackupFolder folder(cardPath, state.isCancelled());
     std::int64_t lacking = 0;
     std::optional<Timestamp> lastRead;
     for (const SourceFile& file : card.files) {
@@ -121,7 +121,7 @@ std::vector<std::string> lostFiles(const std::vector<CardRecord>& records, const
 
 BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord>& records,
                             const std::vector<BackupPlace>& places, std::optional<std::int64_t> generation,
-                            bool localTime) {
+                            bool localTime, const FolderStates& folders) {
     BackupCheck check;
     for (const CardRecord& record : records) {
         check.error = problemOf(record);
@@ -156,7 +156,9 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
         if (!check.lastRead || recorded->report->finished < *check.lastRead)
             check.lastRead = recorded->report->finished;
     }
-    const auto lacks = sideBySide(places.size(), [&](std::size_t p) { return lackOf(places[p], card, localTime); });
+    const auto lacks = sideBySide(places.size(), [&](std::size_t p) {
+        return lackOf(places[p], card, localTime, folders.of(places[p].cardPath));
+    });
     for (std::size_t p = 0; p < places.size(); ++p) {
         if (!lacks[p].text.empty()) {
             check.elsewhere.push_back(lacks[p].text);

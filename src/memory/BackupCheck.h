@@ -1,6 +1,7 @@
 #pragma once
 
 #include "memory/CardRecord.h"
+#include "memory/FolderState.h"
 #include "records/BackupPlace.h"
 #include "records/HistoryEntry.h"
 #include "records/SourceFile.h"
@@ -36,11 +37,11 @@ struct BackupCheck {
     std::optional<Timestamp> lastRead;           // when the oldest verification among the newest of each file ended
 
     // `records` are those of the folders that the run worked on. `places` are further folders of the backup: the
-    // reports there are read. `generation` is that of the run that has just ended; none when none was written.
-    // `localTime` as for comparing file times.
+    // reports there are read, unless `folders` knows them. `generation` is that of the run that has just ended; none
+    // when none was written. `localTime` as for comparing file times. Throws Cancelled.
     static BackupCheck of(const SourceScan& card, const std::vector<CardRecord>& records,
                           const std::vector<BackupPlace>& places, std::optional<std::int64_t> generation,
-                          bool localTime);
+                          bool localTime, const FolderStates& folders = FolderStates());
 };
 
 } // namespace velmora

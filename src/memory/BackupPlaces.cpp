@@ -151,7 +151,7 @@ bool isOurs(const std::vector<BackupPlace>& group, const std::vector<CardRecord>
 } // namespace
 
 std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, std::vector<BackupPlace> known,
-                                std::vector<std::vector<BackupPlace>> groups) {
+                                std::vector<std::vector<BackupPlace>> groups, const FolderStates& folders) {
     constexpr std::size_t maxRead = 100;
     std::vector<Told> told;
     const auto hear = [&](const CardRecord& record) {
@@ -172,8 +172,10 @@ std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, std::vec
             if (read.size() == maxRead || !isThere(place) || !read.insert(pathOf(place.cardPath)).second)
                 continue;
             more = true;
-            hear(CardRecord::load(place.cardPath));
+            FolderState& folder = folders.of(place.cardPath);
+            hear(CardRecord::load(folder));
             ManifestFile::forEach(place.cardPath, [&](const ManifestRecord& line) {
+                folder.stopIfCancelled();
                 std::ranges::copy(line.destinations, std::back_inserter(known));
                 return true;
             });

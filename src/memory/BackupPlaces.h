@@ -1,6 +1,7 @@
 #pragma once
 
 #include "memory/CardRecord.h"
+#include "memory/FolderState.h"
 #include "records/BackupPlace.h"
 
 #include <string>
@@ -18,8 +19,9 @@ namespace BackupPlaces {
 // that belong together, and to this backup if one of them does. Whatever a folder that is found so and can be read says
 // of further ones counts as well, and so on until nobody knows of more: a disk that is away may be named by one alone
 // that nobody named for this run. A hundred folders are read at most; those found beyond them are listed all the same.
+// Throws Cancelled.
 std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, std::vector<BackupPlace> known,
-                                std::vector<std::vector<BackupPlace>> groups = {});
+                                std::vector<std::vector<BackupPlace>> groups, const FolderStates& folders);
 
 } // namespace BackupPlaces
 

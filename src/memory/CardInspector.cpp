@@ -1,5 +1,6 @@
 #include "memory/CardInspector.h"
 
+#include "base/StopIf.h"
 #include "clips/ClipDetector.h"
 #include "disks/CardIdentity.h"
 #include "disks/VolumeSerial.h"
@@ -16,11 +17,6 @@
 namespace velmora::CardInspector {
 
 namespace {
-
-void stopIf(const IsCancelled& isCancelled) {
-    if (isCancelled && isCancelled())
-        throw Cancelled();
-}
 
 // Scans, or says in `insight.error` why not.
 std::optional<SourceScan> scan(CardInsight& insight, const IsCancelled& isCancelled) {

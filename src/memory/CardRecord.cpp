@@ -6,7 +6,7 @@
 #include "clips/ClipDetector.h"
 #include "disks/VolumeSerial.h"
 #include "engine/Layout.h"
-#include "memory/ReportFile.h"
+#include "memory/FolderState.h"
 #include "memory/SameFolder.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
@@ -25,8 +25,8 @@ constexpr std::string_view reportStem = "offload_report";
 std::string reportFolder(const std::string& cardPath) { return cardPath + "/" + std::string(Layout::reportDirName); }
 
 // Reads one report; a report without a list could make a whole card look new, so it counts as unreadable.
-std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
-    auto report = std::make_shared<OffloadReport>(ReportFile::read(path));
+std::shared_ptr<const OffloadReport> readReport(FolderState& folder, std::int64_t number) {
+    auto report = folder.report(number);
     if (report->files.empty() || report->destinations.empty())
         throw OffloadError::failed("the list of files or destinations is missing");
     return report;
@@ -80,6 +80,13 @@ std::optional<std::int64_t> CardRecord::numberedFile(std::string_view name) {
 
 CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int64_t> maxGeneration,
                             const std::optional<std::optional<std::string>>& serial) {
+    FolderState folder(cardPath, {});
+    return load(folder, maxGeneration, serial);
+}
+
+CardRecord CardRecord::load(FolderState& folder, std::optional<std::int64_t> maxGeneration,
+                            const std::optional<std::optional<std::string>>& serial) {
+    const std::string& cardPath = folder.cardPath();
     CardRecord record;
     record.cardPath = cardPath;
     record.volumeSerial = serial ? *serial : VolumeFacts::volumeSerialText(cardPath);
@@ -101,7 +108,7 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
             return record;
         }
         try {
-            record.generations.push_back({1, readReport(first)});
+            record.generations.push_back({1, readReport(folder, 1)});
         } catch (const OffloadError& error) {
             record.error = OffloadReport::jsonName(1) + ": " + error.what();
             return record;
@@ -113,13 +120,17 @@ CardRecord CardRecord::load(const std::string& cardPath, std::optional<std::int6
                 continue;
             const std::string name = OffloadReport::jsonName(number);
             try {
-                auto report = readReport(reportFolder(cardPath) + "/" + name);
+                auto report = readReport(folder, number);
                 const std::int64_t generation = report->generation.value_or(number);
                 record.generations.push_back({generation, std::move(report)});
+            } catch (const Cancelled&) {
+                throw;
             } catch (const std::exception& error) {
                 record.problems.push_back(name + ": " + error.what());
             }
         }
+    } catch (const Cancelled&) {
+        throw;
     } catch (const std::exception& error) {
         record.error = error.what();
         return record;

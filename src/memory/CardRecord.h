@@ -16,6 +16,8 @@
 
 namespace velmora {
 
+class FolderState;
+
 // A file as the newest report that names it records it.
 struct RecordedFile {
     const OffloadReport::FileEntry* file = nullptr; // into `report`; never null
@@ -60,6 +62,9 @@ struct CardRecord {
     // half-made generation does not count. `serial` is the serial of the folder's volume if the caller knows it (or
     // knows that there is none); without it the volume is asked.
     static CardRecord load(const std::string& cardPath, std::optional<std::int64_t> maxGeneration = {},
+                           const std::optional<std::optional<std::string>>& serial = {});
+    // The same of reports that may have been read before. Throws Cancelled.
+    static CardRecord load(FolderState& folder, std::optional<std::int64_t> maxGeneration = {},
                            const std::optional<std::optional<std::string>>& serial = {});
 
     // The number in "offload_report_NNNN.json"; 1 for "offload_report.json"; none for any other name.

@@ -36,6 +36,26 @@ std::vector<std::string> foldersFor(const HistoryMatch& match) {
     return paths;
 }
 
+// The folders of the lowest generation, where not all stand at one: no run takes them together with the others, and an
+// append that compares brings them on by one generation, whatever they lack.
+std::vector<std::string> laggingOf(const std::vector<FolderNow>& folders) {
+    std::vector<std::string> lagging;
+    std::int64_t lowest = 0;
+    bool differ = false;
+    for (const FolderNow& folder : folders) {
+        if (folder.state != State::connected || folder.generation == 0)
+            continue;
+        differ = differ || (lowest != 0 && folder.generation != lowest);
+        if (lowest == 0 || folder.generation < lowest)
+            lagging.clear();
+        if (lowest == 0 || folder.generation <= lowest) {
+            lowest = folder.generation;
+            lagging.push_back(folder.cardPath);
+        }
+    }
+    return differ ? lagging : std::vector<std::string>{};
+}
+
 // A repair takes all folders of the backup along that stand where those that need it do: it refuses to part them.
 void takeInStep(std::vector<std::string>& into, const std::vector<FolderNow>& folders) {
     const auto first = std::ranges::find(folders, into.front(), &FolderNow::cardPath);
@@ -95,6 +115,10 @@ CardStep CardStep::of(const CardInsight& insight) {
             if (folder.needsRepair() && std::ranges::find(step.into, folder.cardPath) == step.into.end())
                 step.into.push_back(folder.cardPath);
         takeInStep(step.into, folders);
+    } else if (auto lagging = laggingOf(folders); !lagging.empty()) {
+        step.kind = Kind::append;
+        step.compare = true;
+        step.into = std::move(lagging);
     } else if (open || match.kind == HistoryMatchKind::newFiles || !match.entry.success || !match.entry.verified)
         step.kind = Kind::append;
     else if (!match.entry.safeToFormat.value_or(false) || !match.entry.card) {

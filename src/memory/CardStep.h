@@ -21,7 +21,8 @@ struct CardStep {
     Kind kind = Kind::none;
     std::string why;                 // for `copyAgain`: what keeps an append or a repair from working
     std::vector<std::string> away;   // folders that must be connected first
-    bool compare = false;            // an append that compares: nothing else tells the card from another one like it
+    bool compare = false;            // an append that compares: nothing else tells the card from another one like it,
+                                     // or a disk is behind the others
     std::vector<std::string> leftBy; // folders of the old backup that the step leaves as they are
     std::vector<std::string> into;   // the folders that an append or a repair is for
 

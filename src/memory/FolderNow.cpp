@@ -153,9 +153,9 @@ bool isThere(FolderNow& now) {
 }
 
 // A repair that died before it wrote a report: the lines of the manifest alone tell of it.
-bool diedInRepair(const CardRecord& record, const std::string& cardPath) {
+bool diedInRepair(const CardRecord& record, const std::string& cardPath, const FolderStates& folders) {
     try {
-        const std::optional<Unfinished> open = ResumePlanner::find({cardPath});
+        const std::optional<Unfinished> open = ResumePlanner::find({cardPath}, folders);
         return open && AppendPlanner::isOpenRepair(*open, {record});
     } catch (const OffloadError&) { // the run that finishes it says what hinders
         return false;
@@ -164,9 +164,10 @@ bool diedInRepair(const CardRecord& record, const std::string& cardPath) {
     }
 }
 
-void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, const IsCancelled& isCancelled) {
+void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, const FolderStates& folders) {
     FolderNow& now = look.now;
-    *look.record = CardRecord::load(now.cardPath);
+    FolderState& folder = folders.of(now.cardPath);
+    *look.record = CardRecord::load(folder);
     const CardRecord& record = *look.record;
     if (!record.generations.empty()) {
         const OffloadReport& newest = *record.generations.back().report;
@@ -174,7 +175,7 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
             newest.isRepair() && (newest.verifyIncomplete.value_or(false) || newest.verifyPending.value_or(false));
     }
     if (entry.unfinished) { // the run that finishes it will find what is missing
-        now.repairOpen = now.repairOpen || diedInRepair(record, now.cardPath);
+        now.repairOpen = now.repairOpen || diedInRepair(record, now.cardPath, folders);
         return;
     }
     if (record.error)
@@ -184,14 +185,14 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
     if (record.reportMissing)
         return unreadable(now, "it has no report");
     // No append, repair or verification goes on without it.
-    now.generation = ResumePlanner::committed(now.cardPath);
+    now.generation = folder.committed();
     if (!record.generations.empty() && now.generation < record.generations.back().generation)
         return unreadable(now, "its ASC MHL history is lost");
     const std::string onDisk = IO::filesystemType(now.cardPath);
     const bool localTime =
         FileTimes::storesLocalTime(card.card.filesystem.value_or("")) || FileTimes::storesLocalTime(onDisk);
     try {
-        judgeFiles(look, BackupFolder(now.cardPath, isCancelled), card, localTime);
+        judgeFiles(look, BackupFolder(now.cardPath, folder.isCancelled()), card, localTime);
     } catch (const OffloadError& e) {
         unreadable(now, e.what());
     } catch (const IOError& e) {
@@ -224,8 +225,8 @@ bool onAnotherDisk(const std::string& cardPath, const std::vector<Look>& looks, 
 }
 
 std::vector<BackupPlace> placesBeside(const std::vector<CardRecord>& records, const std::vector<std::string>& cardPaths,
-                                      const Remembered& history) {
-    auto places = AppendPlanner::elsewhere(records, {}, AppendPlanner::pastRuns(history.entries, cardPaths));
+                                      const Remembered& history, const FolderStates& folders) {
+    auto places = AppendPlanner::elsewhere(records, {}, AppendPlanner::pastRuns(history.entries, cardPaths), folders);
     std::erase_if(places, [&](const BackupPlace& place) { // a disk that is away, or mounted under another name
         return std::ranges::any_of(cardPaths,
                                    [&](const auto& path) { return HistoryRecords::samePlace(path, place.cardPath); });
@@ -255,15 +256,16 @@ std::vector<FolderNow> look(const HistoryEntry& entry, const Remembered& history
     }
     if (anyThere) {
         const CardIndex index(card);
+        const FolderStates states(isCancelled);
         const auto lookFrom = [&](std::size_t first) {
             sideBySide(looks.size() - first, [&](std::size_t d) {
                 if (looks[first + d].now.state == FolderNow::State::connected)
-                    lookInto(looks[first + d], entry, index, isCancelled);
+                    lookInto(looks[first + d], entry, index, states);
                 return true;
             });
         };
         lookFrom(0);
-        const std::vector<BackupPlace> places = placesBeside(records, cardPaths, history);
+        const std::vector<BackupPlace> places = placesBeside(records, cardPaths, history, states);
         besideRecords.resize(places.size());
         for (std::size_t p = 0; p < places.size(); ++p) {
             FolderNow& now = looks.emplace_back(FolderNow{}, &besideRecords[p]).now;

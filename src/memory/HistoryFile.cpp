@@ -1,13 +1,16 @@
 #include "memory/HistoryFile.h"
 
 #include "base/JsonFields.h"
+#include "base/JsonReader.h"
 #include "base/SideBySide.h"
+#include "records/RecordReaders.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <iterator>
 #include <optional>
+#include <utility>
 
 namespace velmora::HistoryFile {
 
@@ -20,15 +23,43 @@ constexpr std::int64_t version = 1;
 // A document, or the half of one. Throws FormatError.
 struct Part {
     std::vector<HistoryEntry> entries;
-    json rest;        // the document without its entries
-    bool good = true; // every entry could be read
-    bool once = true; // "entries" stands in it once
+    json rest = json::object(); // the document without its entries
+    bool good = true;           // every entry could be read
+    bool once = true;           // "entries" stands in it once
 
     explicit Part(std::string_view text) {
-        rest = Json::parseStreaming(text, "entries", [this](json&& value) { add(value); }, [this] { restart(); });
+        try {
+            read(text);
+        } catch (const FormatError&) { // what the rest of the document says counts all the same
+            const auto again = [this] {
+                restart();
+                once = false;
+            };
+            restart();
+            rest = Json::parseStreaming(text, "entries", [this](json&& value) { add(value); }, again);
+        }
     }
 
 private:
+    void read(std::string_view text) {
+        JsonReader in(text);
+        bool seen = false;
+        in.object([&](std::string_view key) {
+            json& value = rest[std::string(key)];
+            if (key != "entries" || in.kind() != JsonReader::Kind::array) {
+                value = in.value();
+                return;
+            }
+            once = !std::exchange(seen, true);
+            restart();
+            value = json::array();
+            in.array([&] {
+                fromReader(in, entries.emplace_back());
+                good = good && isId(entries.back().id);
+            });
+        });
+        in.end();
+    }
     void add(const json& value) try {
         entries.push_back(value.get<HistoryEntry>());
         good = good && isId(entries.back().id);
@@ -38,7 +69,6 @@ private:
     void restart() {
         entries.clear();
         good = true;
-        once = false;
     }
 };
 

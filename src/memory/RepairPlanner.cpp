@@ -49,10 +49,10 @@ struct Bad {
 
 class Planning {
 public:
-    Planning(const AppendPlanner::Ask& ask, const Checked& checked, bool localTime, const IsCancelled& isCancelled,
-             const std::function<void(std::int64_t)>& progress)
+    Planning(const AppendPlanner::Ask& ask, const Checked& checked, bool localTime, const FolderStates& folders,
+             const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress)
         : ask_(ask), source_(ask.source), checked_(checked), backup_(checked.backup), open_(checked.found.unfinished),
-          localTime_(localTime), isCancelled_(isCancelled), progress_(progress),
+          localTime_(localTime), folders_(folders), isCancelled_(isCancelled), progress_(progress),
           card_(Scanner::scan(ask.source, isCancelled)), twins_(card_.files, backup_.records) {
         for (const SourceFile& file : card_.files)
             onCard_.emplace(twins_.nameOf(file.relPath), &file);
@@ -307,7 +307,7 @@ private:
         repair.finishes = open_.has_value();
         repair.card = card_;
         plan.sourceMedium = ask_.medium;
-        plan.elsewhere = AppendPlanner::elsewhere(backup_.records, checked_.found, ask_.pastRuns);
+        plan.elsewhere = AppendPlanner::elsewhere(backup_.records, checked_.found, ask_.pastRuns, folders_);
         plan.source = source_;
         plan.scan.root = card_.root;
         plan.mode = PlanMode::repair;
@@ -346,6 +346,7 @@ private:
     const AppendPlanner::Backup& backup_;
     const std::optional<Unfinished>& open_; // an interrupted repair
     const bool localTime_;
+    const FolderStates& folders_;
     const IsCancelled& isCancelled_;
     const std::function<void(std::int64_t)>& progress_;
     SourceScan card_;
@@ -358,22 +359,24 @@ private:
 
 // What a run into all of them would take in: the same folder on another disk that is there, at the same generation,
 // with nothing open.
-bool isInStep(const BackupPlace& place, const AppendPlanner::Backup& backup) try {
+bool isInStep(const BackupPlace& place, const AppendPlanner::Backup& backup, const FolderStates& folders) try {
     const std::string_view dated = RelativePath::folder(place.cardPath);
     return RelativePath::name(place.cardPath) == backup.cardName && RelativePath::name(dated) == backup.date &&
            IO::isFolder(place.cardPath) &&
            (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial) &&
-           ResumePlanner::committed(place.cardPath) + 1 == backup.nextGeneration &&
-           !ResumePlanner::find({place.cardPath});
+           folders.of(place.cardPath).committed() + 1 == backup.nextGeneration &&
+           !ResumePlanner::find({place.cardPath}, folders);
+} catch (const Cancelled&) {
+    throw;
 } catch (const std::exception&) {
     return false;
 }
 
 // A repair of some disks takes them a generation ahead of the rest, and no append to all of them goes on from there.
-void refuseLeftOut(const Checked& checked) {
+void refuseLeftOut(const Checked& checked, const FolderStates& folders) {
     std::vector<std::string> leftOut;
-    for (const BackupPlace& place : AppendPlanner::elsewhere(checked.backup.records, checked.found, {}))
-        if (isInStep(place, checked.backup))
+    for (const BackupPlace& place : AppendPlanner::elsewhere(checked.backup.records, checked.found, {}, folders))
+        if (isInStep(place, checked.backup, folders))
             leftOut.push_back(place.cardPath);
     if (leftOut.empty())
         return;
@@ -391,10 +394,10 @@ void refuseLeftOut(const Checked& checked) {
 
 } // namespace
 
-Checked check(const std::vector<std::string>& cardPaths) {
+Checked check(const std::vector<std::string>& cardPaths, const FolderStates& folders) {
     try {
         Checked checked;
-        checked.found = AppendPlanner::lookAt(cardPaths);
+        checked.found = AppendPlanner::lookAt(cardPaths, folders);
         const auto& open = checked.found.unfinished;
         if (const auto& lagging = checked.found.lagging) {
             checked.settle = AppendPlanner::settleLagging(*lagging);
@@ -403,12 +406,13 @@ Checked check(const std::vector<std::string>& cardPaths) {
             checked.backup.paths = lagging->cardPaths;
             return checked;
         }
-        checked.backup = AppendPlanner::checkBackup(cardPaths, open ? std::optional(open->generation) : std::nullopt);
+        checked.backup =
+            AppendPlanner::checkBackup(cardPaths, open ? std::optional(open->generation) : std::nullopt, folders);
         if (open && !AppendPlanner::isOpenRepair(*open, checked.backup.records))
             throw refuse(PreflightCode::other, VIPMsg::repairUnfinished);
         checked.settle = AppendPlanner::settleable(open, checked.backup.paths);
         if (!open)
-            refuseLeftOut(checked);
+            refuseLeftOut(checked, folders);
         return checked;
     } catch (const OffloadError& error) {
         throw forRepair(error);
@@ -416,11 +420,12 @@ Checked check(const std::vector<std::string>& cardPaths) {
 }
 
 RepairPlan plan(const AppendPlanner::Ask& ask, const Checked& checked, const std::vector<Findings>& findings,
-                const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress) {
+                const FolderStates& folders, const IsCancelled& isCancelled,
+                const std::function<void(std::int64_t)>& progress) {
     bool localTime = FileTimes::storesLocalTime(ask.sourceFilesystem);
     for (const std::string& type : ask.destFilesystems)
         localTime = localTime || FileTimes::storesLocalTime(type);
-    return Planning(ask, checked, localTime, isCancelled, progress).run(findings);
+    return Planning(ask, checked, localTime, folders, isCancelled, progress).run(findings);
 }
 
 } // namespace velmora::RepairPlanner

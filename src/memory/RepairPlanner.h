@@ -41,7 +41,7 @@ struct Checked {
     ResumePlanner::Findings found;       // with an interrupted repair, if there is one
     std::optional<OffloadReport> settle; // of a repair that had done all but its records: to be committed as it is
 };
-Checked check(const std::vector<std::string>& cardPaths);
+Checked check(const std::vector<std::string>& cardPaths, const FolderStates& folders);
 
 // `findings` runs parallel to the folders. A file that a report calls failed counts as bad too and is written again.
 // One that was never verified is compared with the card and read back, and so is what an interrupted repair has put
@@ -49,7 +49,8 @@ Checked check(const std::vector<std::string>& cardPaths);
 // with the same names, sizes and times, every file of the backup is compared. `progress` gets the bytes read on the
 // card. Throws OffloadError with a code, Cancelled, and the scan's IOError.
 RepairPlan plan(const AppendPlanner::Ask& ask, const Checked& checked, const std::vector<Findings>& findings,
-                const IsCancelled& isCancelled, const std::function<void(std::int64_t)>& progress = {});
+                const FolderStates& folders, const IsCancelled& isCancelled,
+                const std::function<void(std::int64_t)>& progress = {});
 
 } // namespace RepairPlanner
 

@@ -4,6 +4,7 @@
 #include "base/RelativePath.h"
 #include "base/Text.h"
 #include "platform/IO.h"
+#include "records/RecordReaders.h"
 
 namespace velmora::ReportFile {
 
@@ -18,11 +19,13 @@ std::string bytesOf(const std::string& path) {
 }
 } // namespace
 
-OffloadReport read(const std::string& path) {
+OffloadReport read(const std::string& path, const IsCancelled& isCancelled) {
     const std::string bytes = bytesOf(path);
     OffloadReport report;
     try {
-        report = OffloadReport::fromJson(bytes);
+        report = readReport(bytes, isCancelled);
+    } catch (const Cancelled&) {
+        throw;
     } catch (const std::exception&) { // the text of the parser is for nobody at a cart
         throw OffloadError::failed(bytes.empty() ? "it is empty" : "it is damaged");
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Errors.h"
 #include "records/OffloadReport.h"
 
 #include <string>
@@ -10,8 +11,8 @@ namespace velmora {
 // would leave the card folder makes the whole report unreadable.
 namespace ReportFile {
 
-// Throws IOError, or OffloadError whose text says in plain words what is wrong.
-OffloadReport read(const std::string& path);
+// Throws IOError, Cancelled, or OffloadError whose text says in plain words what is wrong.
+OffloadReport read(const std::string& path, const IsCancelled& isCancelled = {});
 
 } // namespace ReportFile
 

@@ -8,7 +8,6 @@
 #include "memory/AppendPlanner.h"
 #include "memory/BackupFolder.h"
 #include "memory/CardRecord.h"
-#include "memory/ReportFile.h"
 #include "mhl/MHL.h"
 #include "mhl/MHLReader.h"
 #include "platform/IO.h"
@@ -25,9 +24,11 @@ namespace velmora::ResumePlanner {
 
 namespace {
 
-std::shared_ptr<const OffloadReport> readReport(const std::string& path) {
+std::shared_ptr<const OffloadReport> readReport(FolderState& folder, std::int64_t number) {
     try {
-        return std::make_shared<const OffloadReport>(ReportFile::read(path));
+        return folder.report(number);
+    } catch (const Cancelled&) {
+        throw;
     } catch (const std::exception&) {
         return nullptr;
     }
@@ -47,9 +48,11 @@ struct State {
     std::shared_ptr<const OffloadReport> report; // of the open or the last committed generation, if it can be read
 };
 
-bool isEmptyFolder(const std::string& cardPath) {
+bool isEmptyFolder(const FolderState& folder) {
     try {
-        return IO::isFolder(cardPath) && BackupFolder(cardPath, {}).files().empty();
+        return IO::isFolder(folder.cardPath()) && BackupFolder(folder.cardPath(), folder.isCancelled()).files().empty();
+    } catch (const Cancelled&) {
+        throw;
     } catch (const std::exception&) {
         return false;
     }
@@ -61,19 +64,20 @@ bool isBegun(const ManifestRecord& line) {
     return line.kind != ManifestRecord::runKind || line.mode != name(PlanMode::repair);
 }
 
-State stateOf(const std::string& cardPath) {
+State stateOf(FolderState& folder) {
     State state;
-    state.committed = committed(cardPath);
-    state.chainLost = chainLost(cardPath, state.committed);
+    state.committed = folder.committed();
+    state.chainLost = chainLost(folder);
     if (state.chainLost)
         return state; // its lines are not those of a run that died
     std::int64_t highest = state.committed;
     if (state.committed > 0)
-        state.report = readReport(reportPath(cardPath, state.committed));
+        state.report = readReport(folder, state.committed);
     const bool lastIsOpen = state.report && isOpen(*state.report);
     const std::int64_t lowest = lastIsOpen ? state.committed : state.committed + 1;
     bool anyLine = false;
-    ManifestFile::forEach(cardPath, [&](ManifestRecord&& line) {
+    ManifestFile::forEach(folder.cardPath(), [&](ManifestRecord&& line) {
+        folder.stopIfCancelled();
         anyLine = true;
         const bool isRun = line.kind == ManifestRecord::runKind;
         if (line.gen >= lowest && isBegun(line))
@@ -84,13 +88,13 @@ State stateOf(const std::string& cardPath) {
     });
     if (highest > state.committed) {
         state.open = highest;
-        state.report = readReport(reportPath(cardPath, highest));
-    } else if (auto report = readReport(reportPath(cardPath, state.committed + 1)); report && isOpen(*report)) {
+        state.report = readReport(folder, highest);
+    } else if (auto report = readReport(folder, state.committed + 1); report && isOpen(*report)) {
         state.open = state.committed + 1;
         state.report = std::move(report);
     } else if (lastIsOpen) {
         state.open = state.committed;
-    } else if (state.committed == 0 && !anyLine && isEmptyFolder(cardPath)) {
+    } else if (state.committed == 0 && !anyLine && isEmptyFolder(folder)) {
         state.open = 1;
     }
     return state;
@@ -168,17 +172,17 @@ std::int64_t committed(const std::string& cardPath) {
     return highest;
 }
 
-bool chainLost(const std::string& cardPath, std::int64_t committed) {
-    if (committed > 0)
+bool chainLost(FolderState& folder) {
+    if (folder.committed() > 0)
         return false;
     std::int64_t last = 0;
     try {
-        for (const IOEntry& entry : IO::list(cardPath + "/" + std::string(Layout::reportDirName)))
+        for (const IOEntry& entry : IO::list(folder.cardPath() + "/" + std::string(Layout::reportDirName)))
             last = std::max(last, CardRecord::numberedFile(entry.name).value_or(0));
     } catch (const IOError&) {
         return false; // then nothing proves that a generation was finished
     }
-    const auto report = last > 0 ? readReport(reportPath(cardPath, last)) : nullptr;
+    const auto report = last > 0 ? readReport(folder, last) : nullptr;
     return report && !isOpen(*report);
 }
 
@@ -192,8 +196,8 @@ std::string reportPath(const std::string& cardPath, std::int64_t generation) {
     return cardPath + "/" + std::string(Layout::reportDirName) + "/" + OffloadReport::jsonName(generation);
 }
 
-Findings look(const std::vector<std::string>& paths) {
-    std::vector<State> states = sideBySide(paths.size(), [&](std::size_t d) { return stateOf(paths[d]); });
+Findings look(const std::vector<std::string>& paths, const FolderStates& folders) {
+    std::vector<State> states = sideBySide(paths.size(), [&](std::size_t d) { return stateOf(folders.of(paths[d])); });
     Findings found;
     std::optional<std::int64_t> open;
     for (const State& state : states) {
@@ -249,7 +253,9 @@ Findings look(const std::vector<std::string>& paths) {
     throw behind(paths[static_cast<std::size_t>(lowest - states.begin())], *open);
 }
 
-std::optional<Unfinished> find(const std::vector<std::string>& paths) { return look(paths).unfinished; }
+std::optional<Unfinished> find(const std::vector<std::string>& paths, const FolderStates& folders) {
+    return look(paths, folders).unfinished;
+}
 
 std::optional<PartCheckpoint> commonCheckpoint(const Unfinished& unfinished, const SourceFile& file,
                                                const std::vector<bool>& write, bool localTime, std::int64_t blockSize) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "memory/FolderState.h"
 #include "memory/Unfinished.h"
 #include "records/BackupPlace.h"
 #include "records/CardKey.h"
@@ -40,8 +41,8 @@ struct Findings {
 // generation g counts. A disk that stands before g agrees: the run never got to it. One whose report of g is
 // final, good or bad, agrees in two cases: the others need their last records only, or its report names all files that
 // they have of g. Everything else throws OffloadError, naming the disk that is behind.
-Findings look(const std::vector<std::string>& paths);
-std::optional<Unfinished> find(const std::vector<std::string>& paths); // `unfinished` alone
+Findings look(const std::vector<std::string>& paths, const FolderStates& folders);
+std::optional<Unfinished> find(const std::vector<std::string>& paths, const FolderStates& folders); // its `unfinished`
 
 // The refusal that names a disk which is behind the others, and what brings it in step.
 OffloadError behind(const std::string& cardPath, std::int64_t generation);
@@ -50,7 +51,7 @@ OffloadError behind(const std::string& cardPath, std::int64_t generation);
 std::int64_t committed(const std::string& cardPath);
 // The chain holds nothing, though the newest report is final, which a run makes it after the chain. Such a folder has
 // lost its history; no run died there.
-bool chainLost(const std::string& cardPath, std::int64_t committed);
+bool chainLost(FolderState& folder);
 std::string reportPath(const std::string& cardPath, std::int64_t generation);
 
 // What lies under a file's final name on a disk; none when there is no file.

@@ -193,9 +193,10 @@ void applyGeneration(MHLHistory& history, const MHLGeneration& generation) {
         history.lastGood[path] = std::move(record);
     }
     for (const MHLRecord& record : generation.files) {
-        history.files[record->path] = record;
+        // The records of most programs are in order: the place of the next one is known.
+        history.files.insert_or_assign(history.files.end(), record->path, record);
         if (!record->failed() && !record->hashes.empty()) {
-            history.lastGood[record->path] = record;
+            history.lastGood.insert_or_assign(history.lastGood.end(), record->path, record);
         }
     }
 }

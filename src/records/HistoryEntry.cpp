@@ -1,7 +1,7 @@
 #include "records/HistoryEntry.h"
 
 #include "base/JsonShape.h"
-#include "records/OffloadReport.h"
+#include "records/RecordReaders.h"
 
 #include <algorithm>
 #include <string_view>
@@ -103,6 +103,23 @@ void from_json(const json& j, HistoryGeneration& value) {
 void to_json(json& j, const HistoryVerification& value) { j = JsonShape::encoded(value, verificationShape); }
 void from_json(const json& j, HistoryVerification& value) {
     value = JsonShape::decoded<HistoryVerification>(j, verificationShape);
+}
+
+static void fromReader(JsonReader& in, HistoryCard& value) { JsonShape::streamInto(value, in, cardShape); }
+static void fromReader(JsonReader& in, HistoryDestination& value) {
+    JsonShape::streamInto(value, in, destinationShape);
+}
+static void fromReader(JsonReader& in, HistoryGeneration& value) { JsonShape::streamInto(value, in, generationShape); }
+static void fromReader(JsonReader& in, HistoryVerification& value) {
+    JsonShape::streamInto(value, in, verificationShape);
+}
+void fromReader(JsonReader& in, HistoryEntry& value) {
+    json other;
+    JsonShape::streamInto(value, in, entryShape, [&](std::string_view key) {
+        std::string name(key);
+        other[name] = in.value();
+    });
+    value.otherKeys = other.is_null() ? std::string() : Json::compact(other);
 }
 
 void to_json(json& j, const HistoryEntry& value) {

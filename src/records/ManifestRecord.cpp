@@ -112,7 +112,17 @@ std::string ManifestRecord::line() const {
 
 std::optional<ManifestRecord> ManifestRecord::parse(std::string_view line) {
     try {
-        return Json::parse(line).get<ManifestRecord>();
+        ManifestRecord record;
+        JsonReader in(line);
+        JsonShape::streamInto(record, in, shape, [&](std::string_view key) {
+            if (key != "blocks")
+                return in.skip();
+            record.blocks.clear();
+            if (!in.isNull())
+                in.array([&] { record.blocks.emplace_back(in.string()); });
+        });
+        in.end();
+        return record;
     } catch (const FormatError&) {
         return std::nullopt;
     }

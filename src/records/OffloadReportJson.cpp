@@ -1,6 +1,7 @@
 #include "base/JsonShape.h"
-#include "records/OffloadReport.h"
+#include "base/StopIf.h"
 #include "records/RecordLimits.h"
+#include "records/RecordReaders.h"
 
 namespace velmora {
 
@@ -127,19 +128,34 @@ std::string OffloadReport::jsonData() const {
                                  [this](std::size_t i) { return json(files[i]); });
 }
 
-OffloadReport OffloadReport::fromJson(std::string_view text) {
+OffloadReport OffloadReport::fromJson(std::string_view text) { return readReport(text, {}); }
+
+OffloadReport readReport(std::string_view text, const IsCancelled& isCancelled) {
     OffloadReport report;
     std::int64_t bytes = 0;
-    const auto add = [&](json&& file) {
-        report.files.push_back(file.get<FileEntry>());
-        bytes += report.files.back().size;
+    JsonReader in(text);
+    json rest = json::object(); // all but the files
+    const auto file = [&] {
+        if (report.files.size() % 256 == 0)
+            stopIf(isCancelled);
+        OffloadReport::FileEntry& entry = report.files.emplace_back();
+        JsonShape::streamInto(entry, in, fileShape);
+        bytes += entry.size;
         if (bytes > RecordLimits::bytesOfOneList)
             throw FormatError("the sizes in \"files\" are not within their bounds");
     };
-    const json rest = Json::parseStreaming(text, "files", add, [&] {
-        report.files.clear();
+    in.object([&](std::string_view key) {
+        json& value = rest[std::string(key)];
+        if (key != "files" || in.kind() != JsonReader::Kind::array) {
+            value = in.value();
+            return;
+        }
+        report.files.clear(); // of a key that stands twice the last one counts
         bytes = 0;
+        value = json::array();
+        in.array(file);
     });
+    in.end();
     const JsonFields fields(rest);
     fields.array("files"); // a value that is no list is as wrong here as elsewhere
     JsonShape::readInto(report, fields, reportShape);

@@ -1,5 +1,6 @@
 #include "reports/HashLists.h"
 
+#include "base/StopIf.h"
 #include "base/Text.h"
 #include "engine/Layout.h"
 #include "mhl/MHLReader.h"
@@ -9,8 +10,10 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
-#include <map>
+#include <optional>
 #include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace velmora::HashLists {
 
@@ -60,24 +63,28 @@ std::string of(const OffloadReport& report) {
 
 std::vector<std::string_view> listLines(std::string_view list) { return split(list, '\n', false); }
 
-Standing listAndMissed(const std::string& path, const std::string& cardPath, std::span<const std::string> alsoListed,
-                       std::string_view algorithm, const IsCancelled& isCancelled) {
+Standing listAndMissed(const std::string& path, const std::string& cardPath, const MHLHistory& history,
+                       std::span<const std::string> alsoListed, std::string_view algorithm) {
     Standing standing;
     if (IO::exists(path))
         standing.list = IO::readFileBeneath(cardPath, path.substr(cardPath.size() + 1), longestList);
     if (!standing.list.empty() && standing.list.back() != '\n')
         standing.list += '\n';
 
-    std::set<std::string> exact(alsoListed.begin(), alsoListed.end());
+    std::unordered_set<std::string_view> exact(alsoListed.begin(), alsoListed.end());
     for (const auto one : listLines(standing.list))
         if (const auto blanks = one.find("  "); blanks != std::string_view::npos)
             exact.emplace(one.substr(blanks + 2));
-    std::set<std::string> named;
-    for (const auto& one : exact)
+    const auto stands = [&](const auto& entry) {
+        return exact.contains(entry.first) || entry.second->hash(algorithm) == nullptr;
+    };
+    if (std::ranges::all_of(history.files, stands)) // as nearly always
+        return standing;
+    std::unordered_set<std::string> named;
+    for (const auto one : exact)
         named.insert(pathKey(one));
-
-    const MHLHistory history = MHLReader::read(cardPath, isCancelled);
-    std::map<std::string, int> names; // of the history, by key: two that differ in case only are two files of the card
+    std::unordered_map<std::string, int>
+        names; // of the history, by key: two that differ in case only are two files of the card
     for (const auto& [file, record] : history.files)
         ++names[pathKey(file)];
     for (const auto& [file, record] : history.files) {
@@ -93,6 +100,7 @@ void write(const OffloadReport& report, const std::string& cardPath, bool merge)
     std::vector<std::string> ownPaths;
     for (const auto& file : report.files)
         ownPaths.push_back(file.path);
+    std::optional<MHLHistory> history;
     const auto algorithms = report.algorithms();
     for (const auto algorithm : listed) {
         if (std::ranges::find(algorithms, algorithm) == algorithms.end())
@@ -104,18 +112,22 @@ void write(const OffloadReport& report, const std::string& cardPath, bool merge)
             IO::writeFileDurably(path, own);
             continue;
         }
-        const auto standing = listAndMissed(path, cardPath, ownPaths, algorithm);
+        if (!history)
+            history = MHLReader::read(cardPath);
+        const auto standing = listAndMissed(path, cardPath, *history, ownPaths, algorithm);
         const std::string addition = standing.missed + notIn(standing.list, own);
         if (!addition.empty() || !exists)
             IO::writeFileDurably(path, standing.list + addition);
     }
 }
 
-bool heal(const std::string& cardPath, const std::string& cardName, const IsCancelled& isCancelled) {
+bool heal(const std::string& cardPath, const std::string& cardName, const MHLHistory& history,
+          const IsCancelled& isCancelled) {
     bool wrote = false;
     for (const auto algorithm : listed) {
+        stopIf(isCancelled);
         const std::string path = pathOf(cardPath, cardName, algorithm);
-        const auto standing = listAndMissed(path, cardPath, {}, algorithm, isCancelled);
+        const auto standing = listAndMissed(path, cardPath, history, {}, algorithm);
         if (standing.missed.empty())
             continue;
         IO::writeFileDurably(path, standing.list + standing.missed);

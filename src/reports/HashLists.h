@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Errors.h"
+#include "mhl/MHLHistory.h"
 
 #include <span>
 #include <string>
@@ -32,17 +33,17 @@ struct Standing {
     std::string missed; // lines that the ASC MHL history has and neither the list nor `alsoListed` names
 };
 // `path` is the list's file; paths are compared without case, unless two files of the history differ only in case.
-// Throws Cancelled.
-Standing listAndMissed(const std::string& path, const std::string& cardPath, std::span<const std::string> alsoListed,
-                       std::string_view algorithm, const IsCancelled& isCancelled = {});
+Standing listAndMissed(const std::string& path, const std::string& cardPath, const MHLHistory& history,
+                       std::span<const std::string> alsoListed, std::string_view algorithm);
 
 // Brings the lists of a card folder up to a report. The first generation writes them whole, unless `merge` is set and
 // a list exists; every other call adds what is missing and writes nothing when nothing is.
 void write(const OffloadReport& report, const std::string& cardPath, bool merge);
 
-// Puts back what the lists have lost, from the ASC MHL history; a cancelled one throws Cancelled, before or between
-// two lists. True when anything was written.
-bool heal(const std::string& cardPath, const std::string& cardName, const IsCancelled& isCancelled = {});
+// Puts back what the lists have lost, from the ASC MHL history of the folder; a cancelled one throws Cancelled, before
+// or between two lists. True when anything was written.
+bool heal(const std::string& cardPath, const std::string& cardName, const MHLHistory& history,
+          const IsCancelled& isCancelled = {});
 
 } // namespace HashLists
 

@@ -8,6 +8,7 @@
 #include "engine/Layout.h"
 #include "engine/Scanner.h"
 #include "memory/CardRecord.h"
+#include "memory/FolderState.h"
 #include "memory/ResumePlanner.h"
 #include "mhl/IgnorePatterns.h"
 #include "mhl/MHL.h"
@@ -65,15 +66,15 @@ bool isFinal(const OffloadReport& report) {
 
 // Only the newest generation can be open. An older report with the mark keeps it: a run finishes one generation before
 // the next. Its files count as copied and not read back, until a later generation records them.
-std::optional<Open> openGeneration(const CardRecord& record) {
+std::optional<Open> openGeneration(const CardRecord& record, const FolderStates& states) {
     std::optional<Unfinished> found;
     try {
-        found = ResumePlanner::find({record.cardPath});
+        found = ResumePlanner::find({record.cardPath}, states);
     } catch (const OffloadError&) { // one folder cannot disagree with itself
     }
     const CardRecord::Generation* newest = record.generations.empty() ? nullptr : &record.generations.back();
     const bool waits = newest && !isFinal(*newest->report) &&
-                       newest->generation >= ResumePlanner::committed(record.cardPath) &&
+                       newest->generation >= states.of(record.cardPath).committed() &&
                        (!found || newest->generation == found->generation);
     if (!found && !waits)
         return std::nullopt;
@@ -287,28 +288,32 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
             return false;
         }
     };
-    const CardRecord record = CardRecord::load(result.cardPath);
-    result.volumeSerial = record.volumeSerial;
-    result.onOtherDisk = isOnOtherDisk(record);
-    const std::optional<Open> open = openGeneration(record);
-    result.unfinished = open.has_value();
-    result.copyBrokeOff = open && open->copyBrokeOff;
     const auto finish = [&] {
         result.finished = Timestamp::now();
         return std::move(result);
     };
+    const FolderStates states(isCancelled);
+    FolderState& folder = states.of(result.cardPath);
+    CardRecord record;
+    std::optional<Open> open;
     VerifyTask task;
     try {
-        if (const MHLHistory history = MHLReader::read(result.cardPath, isCancelled); history.exists)
-            task =
-                VerifyTask::fromHistory(history, NestedHistories::read(result.cardPath, history, isCancelled), result);
+        record = CardRecord::load(folder);
+        result.volumeSerial = record.volumeSerial;
+        result.onOtherDisk = isOnOtherDisk(record);
+        open = openGeneration(record, states);
+        result.unfinished = open.has_value();
+        result.copyBrokeOff = open && open->copyBrokeOff;
+        if (const auto history = folder.history(); history->exists)
+            task = VerifyTask::fromHistory(*history, NestedHistories::read(result.cardPath, *history, isCancelled),
+                                           result);
         else if (auto listed = hashLists(result.cardPath, result.chainProblems, isCancelled))
             task = VerifyTask::fromLists(std::move(*listed), result);
         else if (result.unfinished)
             result.basis = "pending";
         else if (!result.chainProblems.empty())
             throw OffloadError::failed(result.chainProblems.front()); // there is a list, but nothing to be had from it
-        else if (ResumePlanner::chainLost(result.cardPath, 0)) {
+        else if (ResumePlanner::chainLost(folder)) {
             result.basis = "report";
             result.chainProblems.emplace_back("The ASC MHL and the checksum lists are gone — the files were compared "
                                               "with the digests in the report.");

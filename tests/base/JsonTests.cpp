@@ -30,6 +30,33 @@ TEST(Json, RefusesHostileTextsWithoutFallingOver) {
     EXPECT_EQ(Json::parse(" \"\\ud83c\\udfac\" "), "🎬");
 }
 
+// Every text near some good one is read, or refused, as the library does it.
+TEST(Json, ReadsWhatTheLibraryReads) {
+    const std::string texts[] = {
+        R"( {"a" : [ ] , "b":{},"b":[true,false,null] } )", R"(["\"\\\/\b\f\n\r\t","\u00e9\ud83c\udfac","a\u0000b"])",
+        "[-0,0,10,-1.5e3,2E+7,1e-400,9223372036854775808,18446744073709551616,-9223372036854775809]",
+        "\xEF\xBB\xBF[\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x8E\xAC\xEF\xBF\xBF\xF4\x8F\xBF\xBF\xE0\xA0\x80\xED\x9F\xBF\"]"};
+    const std::string bytes =
+        "\t\n\x1F \"+,-./0159:[\\]eEfnrtu{}\x7F\x80\x90\x9F\xA0\xBF\xC1\xC3\xE0\xED\xF0\xF4\xF5\xFF";
+    const auto compare = [](const std::string& text) {
+        const json expected = json::parse(text, nullptr, false);
+        try {
+            EXPECT_EQ(Json::parse(text).dump(), expected.dump()) << text;
+        } catch (const FormatError&) {
+            EXPECT_TRUE(expected.is_discarded()) << text;
+        }
+    };
+    for (const std::string& text : texts)
+        for (std::size_t at = 0; at <= text.size(); ++at) {
+            compare(text.substr(0, at));
+            for (const char byte : bytes) {
+                compare(text.substr(0, at) + byte + text.substr(at));
+                if (at < text.size())
+                    compare(text.substr(0, at) + byte + text.substr(at + 1));
+            }
+        }
+}
+
 TEST(Json, WritesSortedUnescapedAndWhateverTheBytes) {
     json j = {{"b/c", "x/y \"\\ \n"}, {"a", 1}};
     EXPECT_EQ(Json::compact(j), R"({"a":1,"b/c":"x/y \"\\ \n"})");

@@ -451,6 +451,23 @@ TEST_F(EarlierBackup, AnAppendBringsDisksInStep) {
         EXPECT_EQ(test::FileTree::read(card + "/5.mov"), test::FileTree::read(temp / "card/5.mov"));
     EXPECT_THAT(append(cards).note.value_or(""), testing::StartsWith("Nothing new — the backup is complete."));
 
+    // A disk that is two generations behind comes back in step by what the refusal says, one run for each.
+    restore();
+    for (const char* name : {"6.mov", "7.mov"}) {
+        shoot({{name, 1000}});
+        ASSERT_EQ(append({cards[0]}).phase, Phase::done);
+    }
+    EXPECT_THAT(append(cards).error.value_or(""), HasSubstr("one of the 2 generations that it lacks"));
+    for (int run = 0; run < 2; ++run) {
+        EXPECT_EQ(append(cards).errorCode, PreflightCode::appendDiverged);
+        JobConfig alone = config();
+        alone.appendInto = std::vector{cards[1]};
+        job = std::make_unique<OffloadJob>(alone, options);
+        job->compareCard();
+        job->run({});
+    }
+    EXPECT_TRUE(append(cards).safeToFormat) << job->status().error.value_or("");
+
     // A card that gives something else than the one good copy came from is not the truth, now or in the repair after
     // it.
     restore();

@@ -370,6 +370,11 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         if (!IO::isFolder(folder("B") + "/ascmhl"))
             MHL::write(report_, folder("B"), {5, 0}, "cart");
     }
+    // A disk that is behind is brought on by itself, whatever it lacks.
+    report_.generation = 2;
+    MHL::write(report_, folder("A"), {5, 0}, "cart");
+    const CardStep alone = CardStep::of(inspect({entry_}));
+    EXPECT_TRUE(alone.kind == Kind::append && alone.compare && alone.into == std::vector{folder("B")});
     std::filesystem::remove_all(folder("B"));
     entry_.destinations.push_back({root("B"), folder("B")});
     // A full copy goes to both disks: the one that is away is to be connected.

@@ -2,8 +2,12 @@
 #include "base/Hex.h"
 
 #include "base/Text.h"
+#include "blocks/ManifestFile.h"
+#include "memory/AppendPlanner.h"
 #include "memory/BackupCheck.h"
+#include "memory/BackupPlaces.h"
 #include "memory/ResumePlanner.h"
+#include "mhl/MHL.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
 
@@ -144,6 +148,48 @@ protected:
         test::FileTree::write(in + "/_REPORT/" + OffloadReport::jsonName(number), report.jsonData());
     }
 };
+
+TEST_F(CardRecords, AreReadOnceARunAndLetNoCancelWait) {
+    const OffloadReport good = report(1, {entry("a.mov", "verified", "verified")});
+    test::FileTree::write(card + "/a.mov", "0123456789");
+    put(good, card, 1);
+    MHL::write(good, card, {5, 0}, "cart");
+    ManifestFile::append(card, std::vector<ManifestRecord>(1));
+    const FolderStates states;
+    FolderState& folder = states.of(card + "/");
+    EXPECT_TRUE(folder.report(1) && folder.history()->exists && folder.committed() == 1);
+    EXPECT_THROW(folder.report(2), IOError);
+    put(good, card, 2);
+    std::filesystem::remove_all(card + "/ascmhl");
+    EXPECT_TRUE(folder.report(1) && folder.history()->exists && folder.committed() == 1);
+    EXPECT_THROW(folder.report(2), IOError) << "one answer for everybody who asks";
+    states.forget();
+    EXPECT_FALSE(states.of(card).history()->exists);
+    EXPECT_NO_THROW(states.of(card).report(2));
+
+    MHL::write(good, card, {5, 0}, "cart");
+    std::filesystem::remove(card + "/_REPORT/" + OffloadReport::jsonName(2));
+    const FolderStates stopped([] { return true; });
+    EXPECT_THROW(stopped.of(card).history(), Cancelled);
+    EXPECT_THROW(CardRecord::load(stopped.of(card)), Cancelled);
+    EXPECT_THROW(ResumePlanner::look({card}, stopped), Cancelled);
+    EXPECT_THROW(BackupPlaces::beside({}, {{card, {}}}, {}, stopped), Cancelled);
+    EXPECT_THROW(BackupCheck::of({}, {}, {{card, {}}}, {}, false, stopped), Cancelled);
+    // Whichever question is answered so, nothing on the way takes it for a fault of the records.
+    test::FileTree::write(temp / "source/a.mov", "0123456789");
+    AppendPlanner::Ask ask;
+    ask.source = temp / "source";
+    ask.cardPaths = {card};
+    std::string end = "cancelled";
+    int questions = 0;
+    for (; end == "cancelled"; ++questions) {
+        std::atomic<int> left = questions;
+        const FolderStates run([&left] { return left-- <= 0; });
+        end = test::refusal<std::exception>([&] { AppendPlanner::plan(ask, run); });
+    }
+    EXPECT_GT(questions, 3);
+    EXPECT_THAT(end, testing::StartsWith("Append stopped")) << "the card's file has another time";
+}
 
 TEST_F(CardRecords, MergesGenerationsAndKeepsTheNewestStateOfAFile) {
     EXPECT_TRUE(CardRecord::load(card, {}, serial).reportMissing);

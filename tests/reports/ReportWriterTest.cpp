@@ -131,16 +131,16 @@ TEST_F(ReportWriterTest, GivesAListBackWhatTheChainKnows) {
     commitReport(report, card, stamp);
     const auto whole = at("A001.xxh64");
     const auto untouched = IO::stat(reports + "A001.xxh64").inode;
-    EXPECT_FALSE(HashLists::heal(card, "A001"));
+    EXPECT_FALSE(HashLists::heal(card, "A001", MHLReader::read(card)));
     EXPECT_EQ(IO::stat(reports + "A001.xxh64").inode, untouched);
     IO::unlink(reports + "A001.xxh64");
-    EXPECT_TRUE(HashLists::heal(card, "A001"));
+    EXPECT_TRUE(HashLists::heal(card, "A001", MHLReader::read(card)));
     EXPECT_EQ(at("A001.xxh64"), whole);
     EXPECT_EQ(at("A001.md5"), "(none)");
 
     // A path that the list holds in another case is there; a torn list is closed before anything is added.
     IO::writeFileDurably(reports + "A001.xxh64", "99  A & B.MOV");
-    EXPECT_TRUE(HashLists::heal(card, "A001"));
+    EXPECT_TRUE(HashLists::heal(card, "A001", MHLReader::read(card)));
     EXPECT_EQ(at("A001.xxh64"), "99  A & B.MOV\n00000000000000bb  clip/C2.mov\n");
 
     // Two files of the card whose names differ in case only are both put back, each by itself.
@@ -148,11 +148,11 @@ TEST_F(ReportWriterTest, GivesAListBackWhatTheChainKnows) {
     twins.files[0].path = "CLIP/c2.mov";
     commitReport(twins, card, stamp);
     IO::writeFileDurably(reports + "A001.xxh64", whole);
-    EXPECT_THROW(HashLists::heal(card, "A001", [] { return true; }), Cancelled);
-    EXPECT_TRUE(HashLists::heal(card, "A001"));
+    EXPECT_THROW(HashLists::heal(card, "A001", {}, [] { return true; }), Cancelled);
+    EXPECT_TRUE(HashLists::heal(card, "A001", MHLReader::read(card)));
     EXPECT_THAT(at("A001.xxh64"), testing::HasSubstr("  CLIP/c2.mov\n"));
     IO::unlink(reports + "A001.xxh64");
-    EXPECT_TRUE(HashLists::heal(card, "A001"));
+    EXPECT_TRUE(HashLists::heal(card, "A001", MHLReader::read(card)));
     EXPECT_THAT(at("A001.xxh64"),
                 testing::AllOf(testing::HasSubstr("  CLIP/c2.mov\n"), testing::HasSubstr("  clip/C2")));
 
