@@ -84,7 +84,7 @@ public:
     CardInsight take(HistoryStore& store, const Remembered& history) {
         const auto isCancelled = [this] { return cancelled_.isSet(); };
         for (;;) {
-            identity_ = CardIdentity::withVolume(source_);
+            identity_ = CardIdentity::momentary(source_);
             CardInsight insight =
                 CardInspector::inspect(source_, &store, &history, isCancelled, CardInspector::World::real());
             if (!pauses_.isPaused())
@@ -92,7 +92,7 @@ public:
             show(true);
             if (!pauses_.waitWhilePaused(isCancelled))
                 throw Cancelled();
-            if (identity_ && CardIdentity::withVolume(source_) == identity_)
+            if (CardIdentity::withVolume(source_) == identity_) // only a volume that names itself is known again
                 return insight;
         }
     }
@@ -171,7 +171,7 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
             say(console, line);
     }
     if (!identity)
-        return {}; // a card without identity could be swapped unseen: its copy lists it again
+        return {}; // it is gone
     return Listing{std::move(insight.listing), *identity};
 }
 

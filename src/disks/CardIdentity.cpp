@@ -1,5 +1,7 @@
 #include "disks/CardIdentity.h"
 
+#include "base/Errors.h"
+#include "platform/File.h"
 #include "platform/IO.h"
 #include "platform/VolumeFacts.h"
 
@@ -23,6 +25,17 @@ std::optional<std::string> CardIdentity::withVolume(const std::string& path) {
         return std::nullopt;
     const std::string label = VolumeFacts::label(path).value_or("");
     return *identity + "|" + label + "|" + std::to_string(VolumeFacts::capacity(path));
+}
+
+std::optional<std::string> CardIdentity::momentary(const std::string& path) {
+    if (auto identity = withVolume(path))
+        return identity;
+    try {
+        const FileFacts folder = IO::stat(path);
+        return "folder " + std::to_string(folder.device) + ":" + std::to_string(folder.inode);
+    } catch (const IOError&) {
+        return std::nullopt;
+    }
 }
 
 } // namespace velmora

@@ -16,6 +16,10 @@ std::optional<std::string> of(const std::string& path);
 // of the same label and a card that came back with another size all differ.
 std::optional<std::string> withVolume(const std::string& path);
 
+// `withVolume`; where the volume says nothing of itself, the folder that the path leads to. That tells a card from
+// another one for a moment only, as long as nobody can have taken it out.
+std::optional<std::string> momentary(const std::string& path);
+
 } // namespace CardIdentity
 
 } // namespace velmora

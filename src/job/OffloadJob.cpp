@@ -100,7 +100,7 @@ void OffloadJob::checkInputs(const JobConfig& config, const OffloadOptions& opti
 
 OffloadPlan OffloadJob::prepare() {
     Preflight::Inputs inputs = inputsOf(config_);
-    if (listing_ && CardIdentity::withVolume(config_.source) == listing_->second)
+    if (listing_ && CardIdentity::momentary(config_.source) == listing_->second)
         inputs.listing = std::move(listing_->first);
     listing_.reset();
     OffloadPlan plan = engine_.prepare(inputs);

@@ -59,7 +59,7 @@ public:
     // The command that does so, for the sentence that asks for it. Before `run` only.
     void setCompareCommand(std::string command) { compareCommand_ = std::move(command); }
 
-    // What is on the card, listed a moment ago, while `identity` was the card's (CardIdentity::withVolume). The run
+    // What is on the card, listed a moment ago, while `identity` was the card's (CardIdentity::momentary). The run
     // plans with it instead of listing the card once more, as long as that card is still there. Before `run` only.
     void useListing(SourceScan listing, std::string identity);
 
@@ -118,6 +118,7 @@ private:
     void openFolders(const std::vector<std::string>& cardPaths);
     void lockFolders(const std::vector<std::string>& cardPaths);
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
+    void listSetAside(OffloadReport& report) EXCLUDES(mutex_);
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
     void addSpaceWarning(const std::string& warning) EXCLUDES(mutex_);
 

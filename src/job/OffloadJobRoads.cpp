@@ -154,7 +154,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     conclusion.comparesAll = append.sameMedium || compareCard_;
     conclusion.unproved = append.unverifiedEarlier;
     OffloadReport report = engine_.run(append.toPlan());
-    SetAside::list(report);
+    listSetAside(report);
     conclude(std::move(report), conclusion);
 }
 
@@ -200,7 +200,7 @@ void OffloadJob::runRepair() {
     moveStrangePages(repair.plan.cardPaths(), repair.plan.generation);
     engine_.setBeforeRename(repair_->mover(repair));
     OffloadReport report = engine_.run(repair.plan);
-    SetAside::list(report);
+    listSetAside(report);
     conclude(std::move(report), conclusion);
 }
 
@@ -312,6 +312,11 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     conclusion.comparesAll = plan.sameMedium;
     conclusion.unproved = plan.unverifiedEarlier;
     concludeNothingNew(nothing.what(), "Nothing new on the card.", conclusion);
+}
+
+void OffloadJob::listSetAside(OffloadReport& report) {
+    for (const std::string& problem : SetAside::list(report))
+        addWarning(problem);
 }
 
 void OffloadJob::checkSpace(const OffloadPlan& plan) {

@@ -128,7 +128,8 @@ void makeWay(const std::string& cardPath, std::int64_t generation, const std::st
         move(cardPath, generation, relPath);
 }
 
-void list(OffloadReport& report) {
+std::vector<std::string> list(OffloadReport& report) {
+    std::vector<std::string> problems;
     std::unordered_set<std::string> files;
     for (const auto& file : report.files)
         files.insert(file.path);
@@ -144,13 +145,15 @@ void list(OffloadReport& report) {
             for (const std::string& each : found)
                 copies.push_back({static_cast<std::int64_t>(d), escapeForDisplay(nameBefore(each, files)),
                                   escapeForDisplay(RelativePath::join(folder, each))});
-        } catch (const std::exception&) {
-            continue; // the disk is gone, and the run says so itself
+        } catch (const std::exception& error) {
+            problems.push_back(
+                fmt::format("What was set aside in {} cannot be listed in full ({}).", path, error.what()));
         }
     }
     std::ranges::sort(copies, {}, [](const SetAsideCopy& copy) { return std::pair(copy.path, copy.destination); });
     if (!copies.empty())
         report.setAside = std::move(copies);
+    return problems;
 }
 
 } // namespace velmora::SetAside

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace velmora {
 
@@ -31,8 +32,9 @@ void makeWay(const std::string& cardPath, std::int64_t generation, const std::st
              const std::function<bool(const FileFacts&)>& isOwnWork = {});
 
 // Lists in the report all that lies aside for its generation in its card folders, links and folders too: what the run
-// moved itself, and what runs had moved that died before they could write a report. What cannot be read is left out.
-void list(OffloadReport& report);
+// moved itself, and what runs had moved that died before they could write a report. A sentence for each folder that
+// could not be read.
+std::vector<std::string> list(OffloadReport& report);
 
 } // namespace SetAside
 

@@ -4,6 +4,7 @@
 #include "base/RelativePath.h"
 #include "base/SideBySide.h"
 #include "base/Text.h"
+#include "blocks/ManifestFile.h"
 #include "disks/VolumeSerial.h"
 #include "memory/AppendPlanner.h"
 #include "memory/BackupFolder.h"
@@ -153,7 +154,16 @@ bool isThere(FolderNow& now) {
 }
 
 // A repair that died before it wrote a report: the lines of the manifest alone tell of it.
-bool diedInRepair(const CardRecord& record, const std::string& cardPath, const FolderStates& folders) {
+bool diedInRepair(const CardRecord& record, FolderState& folder, const FolderStates& folders) {
+    const std::string& cardPath = folder.cardPath();
+    bool anyOpen = false;
+    ManifestFile::forEach(cardPath, [&](const ManifestRecord& line) {
+        folder.stopIfCancelled();
+        anyOpen = line.gen > folder.committed();
+        return !anyOpen;
+    });
+    if (!anyOpen)
+        return false;
     try {
         const std::optional<Unfinished> open = ResumePlanner::find({cardPath}, folders);
         return open && AppendPlanner::isOpenRepair(*open, {record});
@@ -174,10 +184,15 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
         now.repairOpen =
             newest.isRepair() && (newest.verifyIncomplete.value_or(false) || newest.verifyPending.value_or(false));
     }
-    if (entry.unfinished) { // the run that finishes it will find what is missing
-        now.repairOpen = now.repairOpen || diedInRepair(record, now.cardPath, folders);
-        return;
+    try {
+        now.generation = folder.committed();
+    } catch (const OffloadError& e) {
+        return unreadable(now, e.what());
     }
+    // The history may know nothing of the repair: another computer may have begun it.
+    now.repairOpen = now.repairOpen || diedInRepair(record, folder, folders);
+    if (entry.unfinished) // the run that finishes it will find what is missing
+        return;
     if (record.error)
         return unreadable(now, *record.error);
     if (!record.problems.empty())
@@ -185,7 +200,6 @@ void lookInto(Look& look, const HistoryEntry& entry, const CardIndex& card, cons
     if (record.reportMissing)
         return unreadable(now, "it has no report");
     // No append, repair or verification goes on without it.
-    now.generation = folder.committed();
     if (!record.generations.empty() && now.generation < record.generations.back().generation)
         return unreadable(now, "its ASC MHL history is lost");
     const std::string onDisk = IO::filesystemType(now.cardPath);

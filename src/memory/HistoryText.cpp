@@ -58,8 +58,10 @@ Line sentence(const HistoryMatch& match) {
                 HistoryTone::warning};
     if (!allGood(entry))
         return {fmt::format("{} — with errors ({} files)", begin, failedFiles(entry)), HistoryTone::error};
-    if (!problem.empty()) // the disk is the truth
-        return {fmt::format("{}, but {} — do not format", begin, problem.front()), HistoryTone::error};
+    if (!problem.empty()) // the disk is the truth; what it does not show any more is still known
+        return {
+            fmt::format("{}, {}but {} — do not format", begin, entry.verified ? "" : "NOT VERIFIED, ", problem.front()),
+            HistoryTone::error};
     if (!entry.verified || std::ranges::any_of(match.folders, [](const auto& f) { return f.unverified.count > 0; }))
         return {begin + (match.entry.card && maySay(entry.safeToEject, match)
                              ? " — NOT VERIFIED (safe to eject, do not format)"

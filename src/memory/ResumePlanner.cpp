@@ -9,6 +9,7 @@
 #include "memory/BackupFolder.h"
 #include "memory/CardRecord.h"
 #include "mhl/MHL.h"
+#include "mhl/MHLProblems.h"
 #include "mhl/MHLReader.h"
 #include "platform/IO.h"
 #include "records/OffloadPlan.h"
@@ -164,8 +165,14 @@ const ManifestRecord* commonRecord(const std::vector<const ManifestRecord*>& rec
 } // namespace
 
 std::int64_t committed(const std::string& cardPath) {
-    std::vector<std::string> ignored;
-    const auto chain = MHLReader::readChain(cardPath + "/" + std::string(MHL::dirName), ignored);
+    std::vector<std::string> problems;
+    const auto chain = MHLReader::readChain(cardPath + "/" + std::string(MHL::dirName), problems);
+    for (const std::string& problem : problems)
+        if (problem != MHLProblems::chainMissing())
+            throw OffloadError::preflight(
+                PreflightCode::appendMhlDamaged,
+                fmt::format("The ASC MHL history in {} is damaged — check it with {}; cannot append. {}", cardPath,
+                            AppendPlanner::verifyHint, problem));
     std::int64_t highest = 0;
     for (const MHLChainEntry& entry : chain)
         highest = std::max(highest, entry.seq);

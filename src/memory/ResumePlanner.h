@@ -47,7 +47,8 @@ std::optional<Unfinished> find(const std::vector<std::string>& paths, const Fold
 // The refusal that names a disk which is behind the others, and what brings it in step.
 OffloadError behind(const std::string& cardPath, std::int64_t generation);
 
-// The highest generation in the chain; 0 without one. Problems of the chain are for others to tell.
+// The highest generation in the chain; 0 without one. Throws OffloadError for a chain that cannot be read: nobody knows
+// what is finished there.
 std::int64_t committed(const std::string& cardPath);
 // The chain holds nothing, though the newest report is final, which a run makes it after the chain. Such a folder has
 // lost its history; no run died there.

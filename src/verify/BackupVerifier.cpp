@@ -68,13 +68,14 @@ bool isFinal(const OffloadReport& report) {
 // the next. Its files count as copied and not read back, until a later generation records them.
 std::optional<Open> openGeneration(const CardRecord& record, const FolderStates& states) {
     std::optional<Unfinished> found;
+    std::int64_t committed = 0;
     try {
         found = ResumePlanner::find({record.cardPath}, states);
-    } catch (const OffloadError&) { // one folder cannot disagree with itself
+        committed = states.of(record.cardPath).committed();
+    } catch (const OffloadError&) { // a chain that cannot be read is a problem of its own
     }
     const CardRecord::Generation* newest = record.generations.empty() ? nullptr : &record.generations.back();
-    const bool waits = newest && !isFinal(*newest->report) &&
-                       newest->generation >= states.of(record.cardPath).committed() &&
+    const bool waits = newest && !isFinal(*newest->report) && newest->generation >= committed &&
                        (!found || newest->generation == found->generation);
     if (!found && !waits)
         return std::nullopt;

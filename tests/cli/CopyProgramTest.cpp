@@ -153,6 +153,20 @@ TEST_F(SlowCardTest, APauseDuringTheFirstLookShowsAndHolds) {
     EXPECT_EQ(program.wait(), 0) << program.err();
 }
 
+// Once before, though nothing but its folder tells it from another card, and once at the end.
+TEST_F(SlowCardTest, ACardIsListedTwice) {
+    disk->clear();
+    const auto listings = [&](const Arguments& arguments) {
+        const auto before = disk->count("readdir");
+        Program program(arguments);
+        EXPECT_EQ(program.wait(), 0) << program.err();
+        return disk->count("readdir") - before;
+    };
+    const auto once = listings({"inspect", card});
+    EXPECT_GT(once, 0);
+    EXPECT_EQ(listings(copy()), 2 * once);
+}
+
 TEST_F(SlowCardTest, ACancelledLookIsAResultForPrograms) {
     for (const Arguments& arguments : {copy({"--json"}), Arguments{"inspect", card, "--json"}}) {
         const auto before = disk->hits();

@@ -167,6 +167,13 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
          },
          appendMhlDamaged,
          {"The ASC MHL history in " + cards[0] + " is damaged"}},
+        {"a chain that cannot be read, beside a report that waits",
+         [&] {
+             shell("cd b/2026-03-14/CARD/ascmhl && rm ascmhl_chain.xml && mkdir ascmhl_chain.xml");
+             replaceIn(reportOf(1), "{", "{\"verifyIncomplete\": true,");
+         },
+         appendMhlDamaged,
+         {"The ASC MHL history in " + cards[1] + " is damaged", "Cannot read ascmhl_chain.xml: "}},
         {"a generation that was changed",
          [&] { shell("sed -i s/transfer/transfes/ b/2026-03-14/CARD/ascmhl/0001*"); },
          appendMhlDamaged,

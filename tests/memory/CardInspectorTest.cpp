@@ -252,6 +252,16 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         bool safe;
     };
     const std::string first = files_[0].relPath;
+    const auto openRepair = [&] {
+        ManifestRecord run;
+        run.kind = ManifestRecord::runKind;
+        run.gen = 2;
+        run.mode = "repair";
+        ManifestRecord line;
+        line.gen = 2;
+        line.path = first;
+        IO::writeFileDurably(folder("B") + "/_REPORT/offload-manifest.jsonl", run.line() + "\n" + line.line() + "\n");
+    };
     const std::vector<Case> cases{
         {"untouched", [] {}, "verified, safe to format", Kind::copyWhole, true},
         {"a run that promised nothing", [&] { entry_.safeToFormat.reset(); }, "did not call the card safe to format",
@@ -310,21 +320,27 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         {"a repair that died before its report",
          [&] {
              entry_.unfinished = true;
-             ManifestRecord run;
-             run.kind = ManifestRecord::runKind;
-             run.gen = 2;
-             run.mode = "repair";
-             ManifestRecord line;
-             line.gen = 2;
-             line.path = first;
-             IO::writeFileDurably(folder("B") + "/_REPORT/offload-manifest.jsonl",
-                                  run.line() + "\n" + line.line() + "\n");
+             openRepair();
          },
          "a repair of $B was not finished", Kind::repair, false},
+        {"the same, begun by another computer", [&] { openRepair(); }, "a repair of $B was not finished", Kind::repair,
+         false},
+        {"a chain that cannot be read",
+         [&] {
+             std::filesystem::remove_all(folder("B") + "/ascmhl");
+             IO::mkdirs(folder("B") + "/ascmhl/ascmhl_chain.xml");
+         },
+         "$B cannot be read (The ASC MHL history in $B is damaged", Kind::copyAgain, false},
         {"a broken report", [&] { IO::writeFileDurably(folder("B") + "/_REPORT/offload_report.json", "{"); },
          "$B cannot be read (", Kind::copyAgain, false},
         {"a lost history", [&] { std::filesystem::remove_all(folder("B") + "/ascmhl"); },
          "$B cannot be read (its ASC MHL history is lost)", Kind::copyAgain, false},
+        {"a folder gone that was never verified",
+         [&] {
+             entry_.verified = false;
+             std::filesystem::remove_all(folder("B"));
+         },
+         "NOT VERIFIED, but $B is not there any more", Kind::copyAgain, false},
         {"a folder gone", [&] { std::filesystem::remove_all(folder("B")); }, "$B is not there any more",
          Kind::copyAgain, false},
     };
@@ -367,8 +383,11 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
             touch("B", file.relPath, file.mtime);
         }
         stand();
-        if (!IO::isFolder(folder("B") + "/ascmhl"))
+        std::filesystem::remove(folder("B") + "/_REPORT/offload-manifest.jsonl");
+        if (!IO::isFolder(folder("B") + "/ascmhl") || IO::isFolder(folder("B") + "/ascmhl/ascmhl_chain.xml")) {
+            std::filesystem::remove_all(folder("B") + "/ascmhl");
             MHL::write(report_, folder("B"), {5, 0}, "cart");
+        }
     }
     // A disk that is behind is brought on by itself, whatever it lacks.
     report_.generation = 2;
