@@ -82,6 +82,7 @@ void takePicture(const json& stream, ClipInfo& info) {
     info.frames = numberOf<std::int64_t>(stream, "nb_frames");
     info.timecode = textOf(tagsOf(stream), "timecode");
     info.colorRange = textOf(stream, "color_range");
+    info.colorMatrix = textOf(stream, "color_space");
     info.duration = secondsOf(stream);
     info.videoBitrate = bitrateOf(stream);
 }

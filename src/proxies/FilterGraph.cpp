@@ -15,6 +15,7 @@ namespace {
 constexpr std::string_view noTimecode = "00:00:00:00";
 constexpr double letterWidth = 0.61; // of a monospaced letter, in font sizes; a little more than fonts have
 constexpr double timecodeLetters = 11;
+constexpr const char* rec709 = "setparams=colorspace=bt709";
 
 std::string number(double value) { return fmt::format("{}", value); }
 
@@ -65,6 +66,11 @@ bool needsPreMap(const ClipInfo& info, bool fullRangeSource, bool hasLut) {
     return hasLut && (fullRangeSource || info.colorRange == "pc");
 }
 
+bool assumesRec709(const ClipInfo& info) {
+    constexpr std::int64_t highDefinition = 720; // lines
+    return info.colorMatrix.value_or("unknown") == "unknown" && info.height.value_or(0) >= highDefinition;
+}
+
 std::string burnIn(const BurnIn& burnIn, std::int64_t height) {
     const std::int64_t size = 3 * height < 1200 ? 12 : 3 * height / 100;
     const std::int64_t margin = height < 400 ? 8 : height / 50;
@@ -86,7 +92,7 @@ std::string burnIn(const BurnIn& burnIn, std::int64_t height) {
 }
 
 std::string video(const ProxySettings& settings, const Video& video) {
-    std::string chain;
+    std::string chain = video.assumesRec709 ? rec709 : "";
     if (!video.alreadyCropped)
         add(chain, crop(settings));
     add(chain, scale(settings.height));
@@ -102,9 +108,10 @@ std::string video(const ProxySettings& settings, const Video& video) {
     return chain;
 }
 
-std::string thumbnail(const std::optional<std::string>& lutFile, bool needsPreMap) {
+std::string thumbnail(const std::optional<std::string>& lutFile, bool needsPreMap, bool assumesRec709) {
     constexpr std::int64_t lines = 180;
-    std::string chain = scale(lines);
+    std::string chain = assumesRec709 ? rec709 : "";
+    add(chain, scale(lines));
     if (lutFile)
         add(chain, lut(*lutFile, needsPreMap));
     return chain;

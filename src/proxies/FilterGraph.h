@@ -36,8 +36,13 @@ struct BurnIn {
 // A dark strip at the bottom with the clip's name on the left and the running timecode on the right.
 std::string burnIn(const BurnIn& burnIn, std::int64_t height);
 
+// Whether the file leaves it open how its colours are coded. ffmpeg would take those of standard definition, and every
+// proxy of such a camera would be a shade off.
+bool assumesRec709(const ClipInfo& info);
+
 struct Video {
     bool alreadyCropped = false;
+    bool assumesRec709 = false;
     std::optional<std::string> lut; // file name
     bool needsPreMap = false;
     std::optional<BurnIn> burnIn;
@@ -46,7 +51,7 @@ struct Video {
 std::string video(const ProxySettings& settings, const Video& video);
 
 // Of a small picture, 180 lines high.
-std::string thumbnail(const std::optional<std::string>& lut, bool needsPreMap = false);
+std::string thumbnail(const std::optional<std::string>& lut, bool needsPreMap = false, bool assumesRec709 = false);
 
 // The letters of a clip's name for the burn-in: valid UTF-8 without control characters, cut in the middle when long.
 std::string label(std::string_view clipName);

@@ -184,6 +184,7 @@ std::string ProxyRenderer::chain(const RenderRequest& request, const FrameSource
                                  bool baked) {
     FilterGraph::Video video;
     video.alreadyCropped = source.alreadyCropped;
+    video.assumesRec709 = request.clip.format == ClipFormat::video && FilterGraph::assumesRec709(request.info);
     if (request.lut.file && !baked) {
         video.lut = RelativePath::name(prepareLut(request.lut, false));
         video.needsPreMap = FilterGraph::needsPreMap(request.info, source.fullRange, true);

@@ -23,6 +23,7 @@ struct ClipInfo {
     std::int64_t audioChannels = 0;
     std::vector<std::int64_t> audioStreams;   // channels of each; not stored
     std::optional<std::int64_t> videoBitrate; // bits per second; not stored
+    std::optional<std::string> colorMatrix;   // between RGB and YCbCr, as the file states it; not stored
     std::optional<std::string> reel;
     std::optional<std::string> camera;
     std::optional<std::string> logEncoding;
