@@ -6,7 +6,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
     std::vector<std::unique_ptr<Command>> commands;
     for (const auto make :
          {makeCopyCommand, makeAppendCommand, makeRepairCommand, makeVerifyCommand, makeInspectCommand,
-          makeVolumesCommand, makeEjectCommand, makeHistoryCommand, makeSettingsCommand})
+          makeClipsCommand, makeVolumesCommand, makeEjectCommand, makeHistoryCommand, makeSettingsCommand})
         commands.push_back(make());
     return commands;
 }

@@ -3,6 +3,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/Interrupts.h"
+#include "cli/Table.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
 #include "cli/UserSettings.h"
@@ -14,16 +15,9 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-
 namespace velmora {
 
 namespace {
-
-std::string padded(const std::string& text, std::size_t width) {
-    const std::size_t cells = TerminalText::width(text);
-    return text + std::string(cells < width ? width - cells : 0, ' ');
-}
 
 class VolumesCommand final : public Command {
 public:
@@ -120,20 +114,7 @@ private:
             rows.push_back({volume.name, volume.looksLikeCard ? "card" : "disk", formatBytesShort(volume.total),
                             formatBytesShort(volume.free), volume.format, volume.path, join(notes, "; ")});
         }
-        std::vector<std::size_t> widths(rows.front().size());
-        for (auto& row : rows)
-            for (std::size_t c = 0; c < row.size(); ++c) {
-                row[c] = TerminalText::printable(row[c]);
-                widths[c] = std::max(widths[c], TerminalText::width(row[c]));
-            }
-        for (std::size_t r = 0; r < rows.size(); ++r) {
-            std::string line;
-            for (std::size_t c = 0; c + 1 < rows[r].size(); ++c)
-                line += padded(rows[r][c], widths[c] + 2);
-            line += rows[r].back();
-            line.erase(line.find_last_not_of(' ') + 1);
-            console.print(r == 0 ? console.toned(line, Console::Tone::bold) : line);
-        }
+        Table::print(std::move(rows), console);
     }
 
     std::vector<std::string> roots_;
