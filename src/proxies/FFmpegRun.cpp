@@ -55,7 +55,7 @@ public:
             return false;
         if (feeder_ && !feederFailure_) {
             constexpr double lastWords = 2; // seconds
-            if (feeder_->waitFor(lastWords) && feeder_->status() != 0 && feeder_->status() != 128 + SIGPIPE)
+            if (feeder_->waitFor(lastWords) && feeder_->status() != 0 && !lostItsReader())
                 feederFailure_ = feeder_->status();
         }
         return true;
@@ -92,6 +92,11 @@ public:
 
 private:
     bool ffmpegRuns() { return !ffmpeg_->waitFor(0); }
+    // The feeder failed because ffmpeg had; some programs take that for an error of their own.
+    bool lostItsReader() const {
+        return feeder_->status() == 128 + SIGPIPE ||
+               (ffmpeg_->status() != 0 && feeder_->errorTail().find("Broken pipe") != std::string::npos);
+    }
 
     const FFmpegRun& run_;
     std::unique_ptr<ChildProcess> feeder_;

@@ -31,8 +31,10 @@ std::vector<std::string> searchDirs(const std::string& program, const std::vecto
     folders.insert(folders.end(), {"/usr/local/bin", "/usr/bin"});
     try {
         std::vector<std::string> optional;
-        for (const IOEntry& entry : IO::list("/opt"))
+        for (const IOEntry& entry : IO::list("/opt")) {
+            optional.push_back("/opt/" + entry.name);
             optional.push_back("/opt/" + entry.name + "/bin");
+        }
         std::ranges::sort(optional);
         folders.insert(folders.end(), optional.begin(), optional.end());
     } catch (const IOError&) {

@@ -17,7 +17,8 @@ namespace ToolSearch {
 std::vector<std::string> supportDirs();
 
 // "bin" beside the program's "share/velmora" of an installed tree, the program's own folder, "Tools/bin" in each of the
-// five folders above it, "bin" in each support folder, then /usr/local/bin, /usr/bin and every /opt/*/bin.
+// five folders above it, "bin" in each support folder, then /usr/local/bin, /usr/bin, and every /opt/* and
+// /opt/*/bin, where makers put programs that come in an archive.
 std::vector<std::string> searchDirs(const std::string& program, const std::vector<std::string>& support);
 std::vector<std::string> searchDirs(); // of this program
 
