@@ -7,7 +7,11 @@
 #include "cli/Interrupts.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
+#include "cli/UserSettings.h"
 #include "memory/HistoryText.h"
+#include "proxies/CameraHints.h"
+#include "proxies/ClipProbe.h"
+#include "proxies/ToolSearch.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -71,8 +75,10 @@ public:
         app->add_option("SOURCE", source_, "The card, or any folder of footage")->required();
         app->add_flag("--json", json_, "Print JSON instead");
         app->footer(
-            "Reads folders and records only, no footage: names, sizes and times are held against the card history\n"
-            "and against the backup's folders on the disks that are connected.\n"
+            "Reads folders and records only: names, sizes and times are held against the card history and against\n"
+            "the backup's folders on the disks that are connected. Of the footage it reads the head of one clip, "
+            "which\n"
+            "tells the camera.\n"
             "\n"
             "Exit status: 0 the card was read; 4 it could not be; 130 cancelled.");
         return app;
@@ -97,11 +103,19 @@ public:
         const CardInsight insight = CardInspector::inspect(
             TypedPath::absolute(source_), &store, nullptr,
             [&] { return isCancelled() || !pauses.waitWhilePaused(isCancelled); }, CardInspector::World::real());
+        const CameraLabel label = insight.error ? CameraLabel() : labelOf(insight, console, isCancelled);
         if (json_) {
-            console.event(toJson(insight));
+            nlohmann::json event = toJson(insight);
+            if (label.camera)
+                event["camera"] = *label.camera;
+            if (label.curve)
+                event["curve"] = *label.curve;
+            console.event(event);
         } else {
             for (const std::string& line : CardWords::describe(insight))
                 console.print(TerminalText::printable(line));
+            if (const std::string camera = label.text(); !camera.empty())
+                console.print(TerminalText::printable("Camera: " + camera));
             for (const std::string& line : CardWords::offers(insight))
                 console.print(TerminalText::printable(line));
         }
@@ -109,6 +123,22 @@ public:
     }
 
 private:
+    static CameraLabel labelOf(const CardInsight& insight, Console& console, const IsCancelled& isCancelled) {
+        if (insight.clips.empty())
+            return {};
+        constexpr double patience = 10; // seconds; a card that answers slower than that is worth no waiting here
+        const AppSettings settings = loadSettings(console);
+        const ClipProbe probe(ToolSearch::resolved(settings.tools), RawBackends::all(), patience);
+        const auto probeClip = [&](const Clip& clip) -> std::optional<ClipInfo> {
+            try {
+                return probe.probe(clip, insight.source, isCancelled);
+            } catch (const ToolError&) {
+                return std::nullopt;
+            }
+        };
+        return CameraHints::probe(insight.clips, insight.source, settings.proxy, LutCatalog::load(), probeClip);
+    }
+
     std::string source_;
     bool json_ = false;
 };

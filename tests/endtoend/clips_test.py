@@ -140,6 +140,11 @@ class Clips(unittest.TestCase):
             self.clips(card, "--thumbs", card + "/thumbs")
         self.assertIn("arri-logc4-awg4", self.clips(card, "--lut", "kodak", status=2).stderr.decode())
 
+    def test_inspect_names_the_camera_of_the_first_clip(self):
+        done = subprocess.run([BIN + "/velmora", "inspect", camera_files.card()], capture_output=True, check=True,
+                              env={**os.environ, "XDG_DATA_HOME": self.folder + "/data"})
+        self.assertIn("Camera: ALEXA Mini · ARRI LogC3\n", done.stdout.decode())
+
     def test_is_not_held_up_by_its_tools(self):
         """A tool that hangs, talks without end, or is not there: a row with the reason."""
         card = self.folder + "/card"
