@@ -4,9 +4,9 @@ namespace velmora {
 
 std::vector<std::unique_ptr<Command>> allCommands() {
     std::vector<std::unique_ptr<Command>> commands;
-    for (const auto make :
-         {makeCopyCommand, makeAppendCommand, makeRepairCommand, makeVerifyCommand, makeInspectCommand,
-          makeClipsCommand, makeVolumesCommand, makeEjectCommand, makeHistoryCommand, makeSettingsCommand})
+    for (const auto make : {makeCopyCommand, makeAppendCommand, makeRepairCommand, makeVerifyCommand,
+                            makeInspectCommand, makeClipsCommand, makeProxiesCommand, makeVolumesCommand,
+                            makeEjectCommand, makeHistoryCommand, makeSettingsCommand})
         commands.push_back(make());
     return commands;
 }

@@ -11,6 +11,7 @@ std::unique_ptr<Command> makeRepairCommand();
 std::unique_ptr<Command> makeVerifyCommand();
 std::unique_ptr<Command> makeInspectCommand();
 std::unique_ptr<Command> makeClipsCommand();
+std::unique_ptr<Command> makeProxiesCommand();
 std::unique_ptr<Command> makeVolumesCommand();
 std::unique_ptr<Command> makeEjectCommand();
 std::unique_ptr<Command> makeHistoryCommand();

@@ -1,5 +1,7 @@
 #include "proxies/EncoderArgs.h"
 
+#include "platform/IO.h"
+
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
@@ -13,35 +15,31 @@ using Words = std::vector<std::string>;
 // The quality of a proxy is bounded by its rate, so that the faster presets lose little and save a lot of time.
 constexpr const char* x26xPreset = "veryfast";
 
+// Where the drivers of NVIDIA's cards are met, on Linux and in a Linux under Windows, and all others.
+const Words nvidia = {"/dev/nvidiactl", "/dev/dxg"};
+const Words render = {"/dev/dri"};
+
+const Words vaapi = {"-init_hw_device", "vaapi=gpu", "-filter_hw_device", "gpu"};
+constexpr const char* upload = "format=nv12,hwupload";
+
 std::vector<VideoEncoder> h264() {
-    const std::string upload = "format=nv12,hwupload";
     return {
-        {"h264_nvenc", {}, {"-profile:v", "high", "-bf", "2", "-no-scenecut", "1", "-strict_gop", "1"}, {}},
-        {"h264_vaapi",
-         {"-init_hw_device", "vaapi=gpu", "-filter_hw_device", "gpu"},
-         {"-profile:v", "high", "-bf", "2"},
-         upload},
-        {"h264_vaapi",
-         {"-init_hw_device", "vaapi=gpu", "-filter_hw_device", "gpu"},
-         {"-profile:v", "high", "-bf", "0"},
-         upload},
-        {"h264_qsv", {}, {"-profile:v", "high", "-bf", "2"}, "format=nv12"},
-        {"libx264", {}, {"-preset", x26xPreset, "-profile:v", "high", "-bf", "2"}, {}},
+        {"h264_nvenc", {}, {"-profile:v", "high", "-bf", "2", "-no-scenecut", "1", "-strict_gop", "1"}, {}, nvidia},
+        {"h264_vaapi", vaapi, {"-profile:v", "high", "-bf", "2"}, upload, render},
+        {"h264_vaapi", vaapi, {"-profile:v", "high", "-bf", "0"}, upload, render},
+        {"h264_qsv", {}, {"-profile:v", "high", "-bf", "2"}, "format=nv12", render},
+        {"libx264", {}, {"-preset", x26xPreset, "-profile:v", "high", "-bf", "2"}},
     };
 }
 
 std::vector<VideoEncoder> hevc() {
     return {
-        {"hevc_nvenc", {}, {"-profile:v", "main", "-bf", "2", "-no-scenecut", "1", "-strict_gop", "1"}, {}},
-        {"hevc_vaapi",
-         {"-init_hw_device", "vaapi=gpu", "-filter_hw_device", "gpu"},
-         {"-profile:v", "main", "-bf", "0"},
-         "format=nv12,hwupload"},
-        {"hevc_qsv", {}, {"-profile:v", "main", "-bf", "2"}, "format=nv12"},
+        {"hevc_nvenc", {}, {"-profile:v", "main", "-bf", "2", "-no-scenecut", "1", "-strict_gop", "1"}, {}, nvidia},
+        {"hevc_vaapi", vaapi, {"-profile:v", "main", "-bf", "0"}, upload, render},
+        {"hevc_qsv", {}, {"-profile:v", "main", "-bf", "2"}, "format=nv12", render},
         {"libx265",
          {},
-         {"-preset", x26xPreset, "-profile:v", "main", "-bf", "2", "-x265-params", "open-gop=0:log-level=error"},
-         {}},
+         {"-preset", x26xPreset, "-profile:v", "main", "-bf", "2", "-x265-params", "open-gop=0:log-level=error"}},
     };
 }
 
@@ -63,12 +61,16 @@ int proResProfile(ProxyCodec codec) {
 
 } // namespace
 
+bool mayHave(const std::vector<std::string>& devices) {
+    return devices.empty() || std::ranges::any_of(devices, [](const std::string& path) { return !IO::isGone(path); });
+}
+
 std::vector<VideoEncoder> candidates(ProxyCodec codec) {
     if (codec == ProxyCodec::h264)
         return h264();
     if (codec == ProxyCodec::hevc)
         return hevc();
-    return {{"prores_ks", {}, {"-profile:v", std::to_string(proResProfile(codec)), "-vendor", "apl0"}, {}}};
+    return {{"prores_ks", {}, {"-profile:v", std::to_string(proResProfile(codec)), "-vendor", "apl0"}}};
 }
 
 std::string pixelFormat(ProxyCodec codec) { return isProRes(codec) ? "yuv422p10le" : "yuv420p"; }

@@ -11,10 +11,11 @@ namespace velmora {
 
 // One way to encode the pictures of a proxy.
 struct VideoEncoder {
-    std::string name;                    // ffmpeg's: "h264_nvenc"
-    std::vector<std::string> deviceArgs; // before the input
-    std::vector<std::string> arguments;  // in place of those that depend on the clip
-    std::string filterEnd;               // what hands frames to the hardware, after the last filter; may be empty
+    std::string name;                      // ffmpeg's: "h264_nvenc"
+    std::vector<std::string> deviceArgs;   // before the input
+    std::vector<std::string> arguments;    // in place of those that depend on the clip
+    std::string filterEnd = {};            // what hands frames to the hardware, after the last filter; may be empty
+    std::vector<std::string> devices = {}; // one of these must be there; empty: it needs none
 };
 
 // What editors need of a proxy: H.264 in High profile, 8 bit 4:2:0, closed groups of a second at most so that any frame
@@ -23,6 +24,9 @@ namespace EncoderArgs {
 
 // The encoders for a codec, best first: hardware before software, which always works.
 std::vector<VideoEncoder> candidates(ProxyCodec codec);
+
+// Whether one of the devices is there at all: where it is not, no program has to be started to find that out.
+bool mayHave(const std::vector<std::string>& devices);
 
 // What `-vf` must end with for the codec: "yuv420p" or "yuv422p10le".
 std::string pixelFormat(ProxyCodec codec);

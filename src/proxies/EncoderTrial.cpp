@@ -18,7 +18,12 @@ std::string lastLine(const ToolError& error) {
 
 } // namespace
 
-EncoderTrial::EncoderTrial(std::string ffmpeg, Log log) : ffmpeg_(std::move(ffmpeg)), log_(std::move(log)) {}
+std::vector<EncoderTrial::Decoder> EncoderTrial::hardwareDecoders() {
+    return {{"cuda", {"/dev/nvidiactl", "/dev/dxg"}}, {"vaapi", {"/dev/dri"}}, {"qsv", {"/dev/dri"}}};
+}
+
+EncoderTrial::EncoderTrial(std::string ffmpeg, Log log, std::vector<Decoder> decoders)
+    : ffmpeg_(std::move(ffmpeg)), log_(std::move(log)), decoders_(std::move(decoders)) {}
 
 VideoEncoder EncoderTrial::encoder(ProxyCodec codec, std::int64_t height, const IsCancelled& isCancelled) {
     MutexLock lock(mutex_);
@@ -31,6 +36,8 @@ VideoEncoder EncoderTrial::encoder(ProxyCodec codec, std::int64_t height, const 
 VideoEncoder EncoderTrial::tryAll(ProxyCodec codec, std::int64_t height, const IsCancelled& isCancelled) {
     const auto candidates = EncoderArgs::candidates(codec);
     for (const VideoEncoder& one : candidates) {
+        if (!EncoderArgs::mayHave(one.devices))
+            continue;
         std::vector<std::string> words = {"-hide_banner", "-loglevel", "error", "-nostdin"};
         words.insert(words.end(), one.deviceArgs.begin(), one.deviceArgs.end());
         const std::int64_t width = height * 16 / 9 / 2 * 2;
@@ -61,7 +68,9 @@ std::optional<std::string> EncoderTrial::decoder(const IsCancelled& isCancelled)
     if (decoder_)
         return *decoder_;
     std::optional<std::string> found;
-    for (const char* method : {"cuda", "vaapi", "qsv"})
+    for (const auto& [method, devices] : decoders_) {
+        if (!EncoderArgs::mayHave(devices))
+            continue;
         try {
             ToolProcess::run(ffmpeg_,
                              {"-hide_banner", "-loglevel", "error", "-nostdin", "-init_hw_device", method, "-f",
@@ -73,6 +82,7 @@ std::optional<std::string> EncoderTrial::decoder(const IsCancelled& isCancelled)
             if (isCancelled && isCancelled())
                 throw;
         }
+    }
     log_(found ? fmt::format("proxies: decoding with {} where it can", *found)
                : std::string("proxies: decoding in software, there is no hardware for it"));
     decoder_ = found;

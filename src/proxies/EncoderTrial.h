@@ -7,6 +7,8 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace velmora {
 
@@ -14,7 +16,13 @@ namespace velmora {
 // the outcome stands in the log. Any thread.
 class EncoderTrial {
 public:
-    EncoderTrial(std::string ffmpeg, Log log);
+    struct Decoder {
+        std::string name;                 // for "-hwaccel"
+        std::vector<std::string> devices; // one of these must be there; empty: it needs none
+    };
+    static std::vector<Decoder> hardwareDecoders();
+
+    EncoderTrial(std::string ffmpeg, Log log, std::vector<Decoder> decoders = hardwareDecoders());
 
     // The first candidate that has encoded a frame of that height. Throws ToolError, the last one's, when none has.
     VideoEncoder encoder(ProxyCodec codec, std::int64_t height, const IsCancelled& isCancelled = {});
@@ -26,6 +34,7 @@ private:
 
     std::string ffmpeg_;
     Log log_;
+    std::vector<Decoder> decoders_;
     Mutex mutex_; // held during a trial: whoever asks meanwhile wants the same answer
     std::map<std::pair<ProxyCodec, std::int64_t>, VideoEncoder> encoders_ GUARDED_BY(mutex_);
     std::optional<std::optional<std::string>> decoder_ GUARDED_BY(mutex_);

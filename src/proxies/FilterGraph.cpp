@@ -19,6 +19,8 @@ constexpr const char* rec709 = "setparams=colorspace=bt709";
 
 std::string number(double value) { return fmt::format("{}", value); }
 
+bool startsLetter(char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }
+
 void add(std::string& chain, std::string_view filter) {
     if (filter.empty())
         return;
@@ -27,15 +29,17 @@ void add(std::string& chain, std::string_view filter) {
     chain += filter;
 }
 
-// The size of the name's letters. A name that leaves no room for the timecode in a picture as narrow as cameras make
-// them gets smaller letters in such a picture; only ffmpeg knows how wide it is, once it has turned it upright.
-std::string labelSize(std::size_t letters, std::int64_t size, std::int64_t margin, std::int64_t height) {
-    const double rest = timecodeLetters * letterWidth * static_cast<double>(size) + 3 * static_cast<double>(margin);
-    const double perLetter = static_cast<double>(std::max<std::size_t>(letters, 1)) * letterWidth;
-    constexpr double narrowest = 9.0 / 16;
-    if (perLetter * static_cast<double>(size) + rest <= static_cast<double>(height) * narrowest)
-        return std::to_string(size);
-    return fmt::format("'max(8,min({},(w-{:.0f})/{:.2f}))'", size, rest, perLetter);
+struct Sizes {
+    std::int64_t letter, margin;
+};
+Sizes sizesFor(std::int64_t height) {
+    return {3 * height < 1200 ? 12 : 3 * height / 100, height < 400 ? 8 : height / 50};
+}
+
+// The width of a picture in which so many letters of a name stand beside the timecode.
+double widthFor(std::size_t letters, const Sizes& sizes) {
+    return (timecodeLetters + static_cast<double>(letters)) * letterWidth * static_cast<double>(sizes.letter) +
+           3 * static_cast<double>(sizes.margin);
 }
 
 } // namespace
@@ -72,19 +76,27 @@ bool assumesRec709(const ClipInfo& info) {
 }
 
 std::string burnIn(const BurnIn& burnIn, std::int64_t height) {
-    const std::int64_t size = 3 * height < 1200 ? 12 : 3 * height / 100;
-    const std::int64_t margin = height < 400 ? 8 : height / 50;
+    const auto [size, margin] = sizesFor(height);
     std::string chain = fmt::format("drawbox=x=0:y=ih-{0}:w=iw:h={0}:color=black@0.55:t=fill", 2 * size);
     if (!burnIn.font)
         return chain;
-    // Letters stand in the middle of the strip: the height of a capital is about 0.72 of the size.
-    const std::string line = fmt::format("drawtext=fontfile={}:fontcolor=white", *burnIn.font);
-    if (burnIn.labelFile)
-        add(chain, fmt::format("{}:fontsize={}:y=h-{}-th/2:textfile={}:expansion=none:x={}", line,
-                               labelSize(burnIn.labelLetters, size, margin, height), size, *burnIn.labelFile, margin));
+    // One base line for both, so that capitals and digits stand in the middle of the strip.
+    const std::string line = fmt::format("drawtext=fontfile={}:fontcolor=white:fontsize={}:y=h-{}-ascent", *burnIn.font,
+                                         size, size * 16 / 25);
+    const auto addLabel = [&](const std::string& file, std::string_view alpha) {
+        add(chain, fmt::format("{}:textfile={}:expansion=none:x={}{}", line, file, margin, alpha));
+    };
+    if (burnIn.labelFile && burnIn.shortFile) {
+        // Only ffmpeg knows how wide the picture is, once it has turned it upright.
+        const double width = widthFor(burnIn.labelLetters, {size, margin});
+        addLabel(*burnIn.labelFile, fmt::format(":alpha='gte(w,{:.0f})'", width));
+        addLabel(*burnIn.shortFile, fmt::format(":alpha='lt(w,{:.0f})'", width));
+    } else if (burnIn.labelFile) {
+        addLabel(*burnIn.labelFile, "");
+    }
     if (burnIn.timecode) {
         const std::string& tc = *burnIn.timecode;
-        add(chain, fmt::format("{}:fontsize={}:y=h-{}-th/2:timecode='{}':rate={}:x=w-tw-{}", line, size, size,
+        add(chain, fmt::format("{}:timecode='{}':rate={}:x=w-tw-{}", line,
                                replaceAll(Timecode::isValid(tc) ? std::string_view(tc) : noTimecode, ":", "\\:"),
                                burnIn.rate, margin));
     }
@@ -117,20 +129,32 @@ std::string thumbnail(const std::optional<std::string>& lutFile, bool needsPreMa
     return chain;
 }
 
-std::string label(std::string_view clipName) {
+std::size_t safeLetters(std::int64_t height) {
+    constexpr double narrowest = 9.0 / 16;
+    const Sizes sizes = sizesFor(height);
+    const double room = static_cast<double>(height) * narrowest - widthFor(0, sizes);
+    return static_cast<std::size_t>(std::max(3.0, room / (letterWidth * static_cast<double>(sizes.letter))));
+}
+
+std::string label(std::string_view clipName, std::size_t most) {
     const std::string text = isRecordableName(clipName) ? std::string(clipName) : escapeForDisplay(clipName);
-    constexpr std::size_t most = 64; // bytes
-    if (text.size() <= most)
+    const std::size_t count = letters(text);
+    if (count <= most)
         return text;
-    std::size_t tail = text.size() - most / 2;
-    while (tail < text.size() && (static_cast<unsigned char>(text[tail]) & 0xC0U) == 0x80U)
-        ++tail;
-    return std::string(cutUtf8(text, most / 2)) + "…" + text.substr(tail);
+    std::string cut;
+    std::size_t letter = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        letter += startsLetter(text[i]) ? 1 : 0;
+        if (letter == most / 2 + 1 && startsLetter(text[i]))
+            cut += "…";
+        if (letter <= most / 2 || letter > count - (most - 1 - most / 2))
+            cut += text[i];
+    }
+    return cut;
 }
 
 std::size_t letters(std::string_view label) {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(label, [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+    return static_cast<std::size_t>(std::ranges::count_if(label, startsLetter));
 }
 
 } // namespace velmora::FilterGraph

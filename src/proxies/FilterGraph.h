@@ -27,11 +27,12 @@ std::string lut(std::string_view lut, bool needsPreMap);
 bool needsPreMap(const ClipInfo& info, bool fullRangeSource, bool hasLut);
 
 struct BurnIn {
-    std::optional<std::string> font;      // file name; without a font no text is drawn
-    std::optional<std::string> labelFile; // file name of the clip's name, in UTF-8
+    std::optional<std::string> font = {};      // file name; without a font no text is drawn
+    std::optional<std::string> labelFile = {}; // file name of the clip's name, in UTF-8
     std::size_t labelLetters = 0;
-    std::optional<std::string> timecode; // of the first frame
-    std::string rate = "25";             // of the timecode
+    std::optional<std::string> shortFile = {}; // of a shorter one, for pictures too narrow for the first
+    std::optional<std::string> timecode = {};  // of the first frame
+    std::string rate = "25";                   // of the timecode
 };
 // A dark strip at the bottom with the clip's name on the left and the running timecode on the right.
 std::string burnIn(const BurnIn& burnIn, std::int64_t height);
@@ -43,19 +44,21 @@ bool assumesRec709(const ClipInfo& info);
 struct Video {
     bool alreadyCropped = false;
     bool assumesRec709 = false;
-    std::optional<std::string> lut; // file name
+    std::optional<std::string> lut = {}; // file name
     bool needsPreMap = false;
-    std::optional<BurnIn> burnIn;
-    std::string end; // VideoEncoder::filterEnd
+    std::optional<BurnIn> burnIn = {};
+    std::string end = {}; // VideoEncoder::filterEnd
 };
 std::string video(const ProxySettings& settings, const Video& video);
 
 // Of a small picture, 180 lines high.
 std::string thumbnail(const std::optional<std::string>& lut, bool needsPreMap = false, bool assumesRec709 = false);
 
-// The letters of a clip's name for the burn-in: valid UTF-8 without control characters, cut in the middle when long.
-std::string label(std::string_view clipName);
-std::size_t letters(std::string_view label); // code points
+// A clip's name for the burn-in: valid UTF-8 without control characters, cut in the middle to so many letters.
+std::string label(std::string_view clipName, std::size_t most = 64);
+std::size_t letters(std::string_view label);
+// How many letters stand beside the timecode in a picture as narrow as cameras make them.
+std::size_t safeLetters(std::int64_t height);
 
 } // namespace FilterGraph
 

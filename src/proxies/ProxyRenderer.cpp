@@ -4,10 +4,12 @@
 #include "base/Text.h"
 #include "platform/File.h"
 #include "platform/IO.h"
+#include "proxies/ClipProbe.h"
 #include "proxies/FFmpegRun.h"
 #include "proxies/FilterGraph.h"
 #include "proxies/MovFile.h"
 #include "proxies/ProxyCopy.h"
+#include "proxies/ProxyOrigin.h"
 #include "proxies/ProxyPaths.h"
 #include "proxies/ToolProcess.h"
 #include "proxies/ToolSearch.h"
@@ -88,36 +90,13 @@ void append(Words& words, const Words& more) { words.insert(words.end(), more.be
 
 } // namespace
 
-ProxyRenderer::ProxyRenderer(ProxySettings settings, ExternalTools tools, Log log,
-                             std::vector<std::unique_ptr<RawBackend>> backends)
-    : settings_(std::move(settings)), tools_(std::move(tools)), log_(log ? std::move(log) : [](std::string_view) {}),
-      trial_(tools_.ffmpeg.value_or(""), log_) {
-    for (auto& backend : backends) {
-        const ClipFormat format = backend->format();
-        backends_[format] = std::move(backend);
-    }
-}
-
-ProxyRenderer::~ProxyRenderer() = default;
-
-const RawBackend* ProxyRenderer::backend(ClipFormat format) const {
-    const auto found = backends_.find(format);
-    return found == backends_.end() ? nullptr : found->second.get();
-}
-
-std::optional<std::string> ProxyRenderer::unsupportedReason(const Clip& clip) const {
-    if (!tools_.ffmpeg)
-        return "ffmpeg not found";
-    if (clip.format == ClipFormat::video)
-        return std::nullopt;
-    const RawBackend* raw = backend(clip.format);
-    if (raw == nullptr)
-        return fmt::format("{}: no decoder available", label(clip.format));
-    return raw->isAvailable(tools_) ? std::nullopt : std::optional(raw->missingHint());
-}
+ProxyRenderer::ProxyRenderer(ProxySettings settings, const ClipProbe& probe, Log log,
+                             std::vector<EncoderTrial::Decoder> decoders)
+    : settings_(std::move(settings)), probe_(probe), log_(log ? std::move(log) : [](std::string_view) {}),
+      trial_(probe.tools().ffmpeg.value_or(""), log_, std::move(decoders)) {}
 
 void ProxyRenderer::render(const RenderRequest& request) {
-    if (!tools_.ffmpeg)
+    if (!probe_.tools().ffmpeg)
         throw ToolError("ffmpeg", -1, "not found");
     const auto decoder = hardwareDecode_ && request.clip.format == ClipFormat::video
                              ? trial_.decoder(request.isCancelled)
@@ -170,10 +149,10 @@ FrameSource ProxyRenderer::sourceOf(const RenderRequest& request, const std::opt
             append(source.inputArgs, {"-i", "file:" + request.input});
         return source;
     }
-    const RawBackend* raw = backend(request.clip.format);
+    const RawBackend* raw = probe_.backend(request.clip.format);
     if (raw == nullptr)
         throw ToolError("ffmpeg", -1, "no decoder");
-    FrameRequest frames{request.clip, request.input, request.info, settings_, look, tools_, tempDir()};
+    FrameRequest frames{request.clip, request.input, request.info, settings_, look, probe_.tools(), tempDir()};
     frames.isCancelled = request.isCancelled;
     if (request.progress)
         frames.progress = [&](double done) { request.progress(bakedShare * std::clamp(done, 0.0, 1.0)); };
@@ -193,10 +172,17 @@ std::string ProxyRenderer::chain(const RenderRequest& request, const FrameSource
         FilterGraph::BurnIn burn;
         burn.font = font();
         if (settings_.burnFilename) {
+            const auto write = [&](const std::string& text) {
+                const std::string file = newName("label-", ".txt");
+                IO::writeFileNew(tempDir() + "/" + file, text);
+                return file;
+            };
             const std::string text = FilterGraph::label(request.clip.name);
-            burn.labelFile = newName("label-", ".txt");
+            const std::size_t safe = FilterGraph::safeLetters(settings_.height);
+            burn.labelFile = write(text);
             burn.labelLetters = FilterGraph::letters(text);
-            IO::writeFileNew(tempDir() + "/" + *burn.labelFile, text);
+            if (burn.labelLetters > safe)
+                burn.shortFile = write(FilterGraph::label(request.clip.name, safe));
         }
         if (settings_.burnTimecode)
             burn.timecode = timecodeOf(request.info).value_or("");
@@ -215,7 +201,7 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
     removeQuietly(part);
     Leavings leavings(part);
 
-    const RawBackend* raw = backend(request.clip.format);
+    const RawBackend* raw = probe_.backend(request.clip.format);
     const bool baked = request.lut.file && raw != nullptr && raw->bakesLook();
     const auto encoder = trial_.encoder(settings_.codec, settings_.height, request.isCancelled);
     const FrameSource source =
@@ -242,9 +228,10 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
         append(words, {"-timecode", *timecode});
     if (request.info.reel)
         append(words, {"-metadata:s:v:0", "reel_name=" + *request.info.reel});
+    append(words, {"-metadata", "comment=" + ProxyOrigin::text(request.clip, request.info)});
     append(words, {"-map_chapters", "-1", "-movflags", "+faststart", "-f", "mov", "file:" + part});
 
-    FFmpegRun run{*tools_.ffmpeg,         words, tempDir(), source.feeder, source.explainFeederError, part,
+    FFmpegRun run{*probe_.tools().ffmpeg, words, tempDir(), source.feeder, source.explainFeederError, part,
                   secondsOf(request.info)};
     run.onErrorLine = request.onErrorLine;
     run.onProgressLine = request.onProgressLine;

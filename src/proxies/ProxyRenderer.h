@@ -5,17 +5,14 @@
 #include "platform/PrivateFolder.h"
 #include "proxies/EncoderTrial.h"
 #include "proxies/FrameSource.h"
-#include "proxies/RawBackend.h"
 #include "records/Clip.h"
 #include "records/ClipInfo.h"
-#include "records/ExternalTools.h"
 #include "records/LutUse.h"
 #include "records/ProxySettings.h"
 
 #include <atomic>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,7 +20,7 @@
 
 namespace velmora {
 
-struct FFmpegRun;
+class ClipProbe;
 
 // A proxy that was not made. `what()` is a sentence for the user.
 class RenderError : public std::runtime_error {
@@ -57,13 +54,9 @@ struct RenderRequest {
 // blocks each until its proxy stands or has failed.
 class ProxyRenderer {
 public:
-    // `tools` resolved. Throws IOError when there is no room for temporary files.
-    ProxyRenderer(ProxySettings settings, ExternalTools tools, Log log,
-                  std::vector<std::unique_ptr<RawBackend>> backends);
-    ~ProxyRenderer();
-
-    // Why no proxy can be made of clips of this format; none when it can.
-    std::optional<std::string> unsupportedReason(const Clip& clip) const;
+    // `probe` lives as long as the object. Throws IOError when there is no room for temporary files.
+    ProxyRenderer(ProxySettings settings, const ClipProbe& probe, Log log,
+                  std::vector<EncoderTrial::Decoder> decoders = EncoderTrial::hardwareDecoders());
 
     // With hardware first where there is some, then once more without. Throws ToolError ("cancelled" when told to
     // stop), RenderError, IOError. Every failure leaves neither a part nor anything under the final name.
@@ -74,7 +67,6 @@ public:
     bool hardwareDecodeEnabled() const { return hardwareDecode_; }
 
     const std::string& tempDir() const { return temporary_.path(); }
-    const RawBackend* backend(ClipFormat format) const;
 
 private:
     void renderOnce(const RenderRequest& request, const std::optional<std::string>& decoder);
@@ -86,9 +78,8 @@ private:
     std::string newName(std::string_view kind, std::string_view extension);
 
     ProxySettings settings_;
-    ExternalTools tools_;
+    const ClipProbe& probe_;
     Log log_;
-    std::map<ClipFormat, std::unique_ptr<RawBackend>> backends_;
     PrivateFolder temporary_;
     EncoderTrial trial_;
     std::atomic<bool> hardwareDecode_{true};

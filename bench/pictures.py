@@ -1,0 +1,53 @@
+"""Proxies against the very same runs of ffmpeg, started by hand."""
+
+import os
+import shlex
+import shutil
+import subprocess
+import sys
+
+from measure import run
+
+VELMORA = os.environ.get("VELMORA", os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build",
+                                                 "release", "bin", "velmora"))
+
+
+def proxies(bench):
+    count, seconds = (2, 2) if bench.options.quick else (8, 10)
+    source, out = os.path.join(bench.work, "clips"), os.path.join(bench.work, "proxies")
+    os.mkdir(source)
+    for number in range(count):
+        subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc2=s=1920x1080:r=25:d={seconds}", "-vf",
+                        f"noise=alls=8:allf=t:all_seed={number}", "-c:v", "prores_ks", "-profile:v", "2", "-timecode",
+                        f"{number:02}:00:00:00", f"{source}/A001C{number:03}.mov"], check=True)
+
+    def velmora(ffmpeg):
+        env = dict(bench.env, VELMORA_SETTINGS_DIR=os.path.join(bench.work, "proxy settings"))
+        subprocess.run([VELMORA, "settings", "tools.ffmpeg", ffmpeg], env=env, check=True, stdout=subprocess.DEVNULL)
+        shutil.rmtree(out, ignore_errors=True)
+        return run([VELMORA, "proxies", source, "--out", out, "--no-burn-in", "--lut", "none"], env)
+
+    # One run writes down how ffmpeg is called.
+    calls, recorder = os.path.join(bench.work, "calls"), os.path.join(bench.work, "recorder")
+    with open(recorder, "w", encoding="utf-8") as file:
+        file.write(f'#!/bin/bash\n[[ "$*" == *.part.mov ]] && printf "%q " "$@" >> {shlex.quote(calls)} && '
+                   f'echo >> {shlex.quote(calls)}\nexec ffmpeg "$@"\n')
+    os.chmod(recorder, 0o755)
+    velmora(recorder)
+    with open(calls, encoding="utf-8") as file:
+        lines = file.read().splitlines()
+    if len(lines) != count:
+        sys.exit(f"bench: {len(lines)} calls of ffmpeg for {count} clips")
+    script = "\n".join("ffmpeg " + line for line in lines)
+
+    def hand():
+        shutil.rmtree(out, ignore_errors=True)
+        os.mkdir(out)
+        return run(["bash", "-ec", script + "\nsync -f " + shlex.quote(out)], bench.env)
+
+    ours, theirs = bench.alternate("proxies", bench.options.rounds, velmora=lambda: velmora(shutil.which("ffmpeg")),
+                                   hand=hand)
+    bench.row(f"proxies of {count} ProRes clips, 1080p H.264, against the same ffmpeg by hand", ours.wall, theirs.wall,
+              1.03)
+    shutil.rmtree(source)
+    shutil.rmtree(out)

@@ -1,0 +1,252 @@
+#!/usr/bin/env python3
+"""`velmora proxies` as a user runs it, over real camera files, judged by what ffprobe reads back of the proxies."""
+
+import json
+import os
+import random
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+import camera_files
+from disks import BIN
+
+SOAK = os.environ.get("VELMORA_SOAK") == "1"
+
+
+def probe(path, *more):
+    words = ["ffprobe", "-v", "error", "-print_format", "json", "-show_streams", "-show_format", *more, "file:" + path]
+    return json.loads(subprocess.run(words, capture_output=True, check=True).stdout)
+
+
+def picture(document):
+    return next(s for s in document["streams"] if s["codec_type"] == "video" and not s["disposition"]["attached_pic"])
+
+
+def tag(document, name):
+    return next((s["tags"][name] for s in document["streams"] if name in s.get("tags", {})), "")
+
+
+class Case(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="velmora-proxies-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.out, self.tmp = self.folder + "/out", self.folder + "/tmp"
+        os.mkdir(self.tmp)
+        self.env = {**os.environ, "VELMORA_SETTINGS_DIR": self.folder + "/settings", "TMPDIR": self.tmp}
+
+    def clip(self, name, seconds=1, size="320x180", timecode="10:00:00:00", card="card"):
+        path = f"{self.folder}/{card}/{name}"
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        camera_files.ffmpeg("-f", "lavfi", "-i", f"testsrc2=s={size}:r=25", "-t", str(seconds), "-timecode", timecode,
+                            "-c:v", "prores_ks", "-profile:v", "0", "file:" + path)
+        return path
+
+    def command(self, *options, card="card"):
+        source = card if card.startswith("/") else f"{self.folder}/{card}"
+        return [BIN + "/velmora", "proxies", source, "--out", self.out, "--height", "540", "--lut", "none", *options]
+
+    def run_all(self, *options, card="card", status=0, env=None):
+        done = subprocess.run(self.command("--json", *options, card=card), capture_output=True, text=True,
+                              env={**self.env, **(env or {})})
+        self.assertEqual(done.returncode, status, done.stderr + done.stdout)
+        return json.loads(done.stdout.splitlines()[-1]), done.stderr
+
+    def found(self):
+        return sorted(os.path.relpath(os.path.join(root, name), self.out)
+                      for root, _, names in os.walk(self.out) for name in names)
+
+    def nothing_left(self):
+        """Neither a part, nor a temporary folder, nor a child."""
+        self.assertEqual([name for name in self.found() if ".part" in name], [])
+        self.assertEqual(os.listdir(self.tmp), [])
+        self.assertEqual(self.children(), [])
+
+    def children(self):
+        found = subprocess.run(["pgrep", "-f", self.folder], capture_output=True, text=True).stdout.split()
+        return [pid for pid in found if self.alive(pid)]
+
+    @staticmethod
+    def alive(pid):
+        try:
+            with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as file:
+                return file.read().rsplit(")", 1)[1].split()[0] != "Z"
+        except OSError:
+            return False
+
+
+class Proxies(Case):
+    def test_keep_what_an_editor_relinks_by(self):
+        result, _ = self.run_all("--jobs", "2", card=camera_files.card(), status=1)
+        clips = {clip["clip"]: clip for clip in result["clips"]}
+        for path in camera_files.BROKEN:
+            self.assertEqual(clips[path]["outcome"], "failed", clips[path])
+        for source in camera_files.SOURCES:
+            with self.subTest(source.path):
+                clip = clips[source.path]
+                if "/SUB/" in source.path:
+                    self.assertEqual(clip["outcome"], "skipped")
+                    continue
+                self.assertEqual(clip["outcome"], "done", clip)
+                before = probe(f"{camera_files.card()}/{source.path}", "-count_frames")
+                after = probe(clip["proxy"], "-count_frames")
+                old, new = picture(before), picture(after)
+                self.assertEqual(new["nb_read_frames"], old["nb_read_frames"])
+                self.assertAlmostEqual(float(new["duration"]), float(old.get("duration", before["format"]["duration"])),
+                                       delta=0.045)
+                sound = [[s["channels"] for s in d["streams"] if s["codec_type"] == "audio"] for d in (before, after)]
+                self.assertEqual(sound[0], sound[1])
+                self.assertEqual(tag(after, "timecode"), source.timecode)
+                if source.timecode and source.reel:
+                    self.assertEqual(tag(after, "reel_name"), source.reel)
+                wide = source.size.split("x")
+                width = 540 * int(wide[0]) / int(wide[1]) * (2 if "setsar=2" in source.filter else 1)
+                width = 540 * 540 / width if source.finish == "rotate" else width
+                self.assertAlmostEqual(new["width"], width, delta=2)
+                self.assertEqual((new["height"], new["sample_aspect_ratio"], new["codec_name"], new["profile"]),
+                                 (540, "1:1", "h264", "High"))
+                self.assertEqual([new[f"color_{key}"] for key in ("space", "transfer", "primaries", "range")],
+                                 ["bt709"] * 3 + ["tv"])
+        self.nothing_left()
+
+    def test_name_folder_and_codec_as_asked(self):
+        self.clip("DCIM/100/A001.MOV")
+        for codec, name, profile in (("hevc", "hevc", "Main"), ("proresLT", "prores", "LT"),
+                                     ("prores422HQ", "prores", "HQ")):
+            self.run_all("--codec", codec, "--flat")
+            stream = picture(probe(self.out + "/A001.mov"))
+            self.assertEqual((stream["codec_name"], stream["profile"]), (name, profile))
+            self.assertEqual(stream["codec_tag_string"] == "hvc1", codec == "hevc")
+            os.remove(self.out + "/A001.mov")
+        self.run_all("--frame-aspect", "1.0", "--frame-scale", "0.5")
+        stream = picture(probe(self.out + "/DCIM/100/A001.mov"))
+        self.assertEqual((stream["width"], stream["height"]), (540, 540))
+
+    def test_render_only_what_is_missing(self):
+        for number in (1, 2, 3):
+            self.clip(f"DCIM/100/C000{number}.MOV", timecode=f"0{number}:00:00:00")
+        result, _ = self.run_all()
+        self.assertEqual((result["done"], result["existing"]), (3, 0))
+        kept = os.stat(self.out + "/DCIM/100/C0001.mov").st_mtime_ns
+        os.remove(self.out + "/DCIM/100/C0002.mov")
+        with open(self.out + "/DCIM/100/C0002.part.mov", "w", encoding="utf-8") as part:
+            part.write("what a killed run has left")
+        result, _ = self.run_all()
+        self.assertEqual((result["done"], result["existing"]), (1, 2))
+        self.assertEqual(os.stat(self.out + "/DCIM/100/C0001.mov").st_mtime_ns, kept)
+        # Another card with the same names: its proxies lie beside the others, again and again under the same name.
+        self.clip("DCIM/100/C0001.MOV", timecode="09:00:00:00", card="other")
+        for outcome in ("done", "existing"):
+            result, _ = self.run_all(card="other")
+            self.assertEqual((result["clips"][0]["outcome"], os.path.basename(result["clips"][0]["proxy"])),
+                             (outcome, "C0001_2.mov"))
+        self.nothing_left()
+
+    def test_refuse_before_the_first_frame(self):
+        self.clip("A001.MOV")
+        with open(self.folder + "/bad.cube", "w", encoding="utf-8") as bad:
+            bad.write("LUT_3D_SIZE 33\n")
+        cases = [
+            (["--codec", "xvid"], 2, "h264, hevc, proresProxy, proresLT, prores422, prores422HQ"),
+            (["--height", "361"], 2, "1080"),
+            (["--bitrate", "0"], 2, "bitrateMbps must be"),
+            (["--lut", "nice"], 2, "Use auto, none, a path to a .cube or one of: arri"),
+            (["--lut", self.folder + "/gone.cube"], 2, "LUT not found: "),
+            (["--lut", self.folder + "/bad.cube"], 2, "LUT not found: "),
+            (["--lut-fallback", "nice"], 2, "Unknown fallback LUT"),
+            (["--frame-scale", "7"], 2, "frameScale must be"),
+            (["--jobs", "0"], 2, "--jobs"),
+            (["--out", self.folder + "/card/x"], 3, "among the clips"),
+            (["--out", self.folder + "/card/A001.MOV/x"], 3, "refused: "),
+            (["--out", "/proc/none"], 3, "refused: destinationNotWritable: "),
+        ]
+        for options, status, text in cases:
+            with self.subTest(options):
+                words = [BIN + "/velmora", "proxies", self.folder + "/card", *options]
+                words += [] if "--out" in options else ["--out", self.out]
+                done = subprocess.run(words, capture_output=True, text=True, env=self.env)
+                self.assertEqual(done.returncode, status, done.stderr + done.stdout)
+                self.assertIn(text, done.stderr)
+        self.assertFalse(os.path.exists(self.out) and os.listdir(self.out))
+        self.nothing_left() if os.path.exists(self.out) else None
+
+    def ffmpeg_that(self, script):
+        """ffmpeg with something in front of it, once it renders."""
+        path = self.folder + "/ffmpeg-wrapped"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(f"#!/bin/sh\ncase \"$*\" in *'-f null -'|*-version) exec /usr/bin/ffmpeg \"$@\";; esac\n"
+                       f"{script}\nexec /usr/bin/ffmpeg \"$@\"\n")
+        os.chmod(path, 0o755)
+        subprocess.run([BIN + "/velmora", "settings", "tools.ffmpeg", path], env=self.env, check=True,
+                       capture_output=True)
+
+    @unittest.skipIf(os.geteuid() != 0, "mounts a small file system")
+    def test_say_so_on_a_full_disk(self):
+        self.clip("A001.MOV", seconds=2)
+        os.mkdir(self.out)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=6m", "none", self.out], check=True)
+        try:
+            self.ffmpeg_that(f"head -c $((6 * 1024 * 1024 - 40000)) /dev/zero > '{self.out}/filler'")
+            result, _ = self.run_all(status=1)
+            self.assertEqual(result["clips"][0]["outcome"], "failed", result)
+            self.assertRegex(result["clips"][0]["note"], "No space left on device|not whole")
+            self.assertEqual(self.found(), ["filler"])
+            result, err = self.run_all(status=3)
+            self.assertIn("refused: noSpace: Proxies were not rendered: not enough space on " + self.out, err)
+        finally:
+            subprocess.run(["umount", self.out], check=True)
+        self.nothing_left()
+
+    def test_never_replace_a_name_that_appears_meanwhile(self):
+        self.clip("A001.MOV")
+        self.ffmpeg_that(f"mkdir -p '{self.out}'; echo mine > '{self.out}/A001.mov'")
+        result, _ = self.run_all(status=1)
+        self.assertEqual(result["clips"][0]["note"], f"proxy name taken meanwhile: {self.out}/A001.mov")
+        with open(self.out + "/A001.mov", encoding="utf-8") as file:
+            self.assertEqual(file.read(), "mine\n")
+        self.nothing_left()
+
+    def interrupted(self, number, rounds):
+        """Sends a signal at random moments; what then stands under a final name is whole, and a further run ends it."""
+        generator = random.Random(number)
+        for name in ("A001.MOV", "A002.MOV", "it's \"50%\": \\,[x];=%03d.MOV"):
+            self.clip(name, seconds=6, size="960x540")
+        start = time.monotonic()
+        self.run_all("--jobs", "2")
+        whole = time.monotonic() - start
+        for _ in range(rounds):
+            shutil.rmtree(self.out)
+            process = subprocess.Popen(self.command("--jobs", "2"), env=self.env, stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL)
+            time.sleep(generator.uniform(0, whole))
+            process.send_signal(number)
+            status = process.wait(60)
+            for _ in range(100):
+                if not self.children():
+                    break
+                time.sleep(0.05)
+            self.assertEqual(self.children(), [])
+            if number == signal.SIGINT:
+                self.assertIn(status, (130, 0, -signal.SIGINT))
+                self.nothing_left() if status == 130 else None
+            for name in self.found():
+                if ".part" not in name:
+                    self.assertEqual(picture(probe(f"{self.out}/{name}", "-count_frames"))["nb_read_frames"], "150")
+            result, _ = self.run_all("--jobs", "2")
+            self.assertEqual(result["done"] + result["existing"], 3)
+            self.nothing_left()
+
+    def test_leave_nothing_when_cancelled(self):
+        self.interrupted(signal.SIGINT, 30 if SOAK else 4)
+
+    def test_leave_nothing_when_killed(self):
+        self.interrupted(signal.SIGKILL, 30 if SOAK else 4)
+
+
+if __name__ == "__main__":
+    unittest.main()
