@@ -49,6 +49,8 @@ TEST(ContentCheck, TellsDamageByItsWords) {
              {"[AAC @ 0x55] Error while decoding", "audio"},
              {"[pcm_s16le @ 0x55] Invalid PCM packet, data has size 3", "audio"},
              {"[mp4 @ 0x55] Application provided invalid, non monotonically increasing dts to muxer", "timestamps"},
+             {"[mjpeg @ 0x55] overread 8", "decode"},
+             {"[dnxhd @ 0x55] ACT flag set, in violation of frame header.", "decode"},
              {"[h264 @ 0x55] overread 8", nullptr},
              {"[mjpeg @ 0x55] header missing", nullptr},
              {"Guessed Channel Layout for Input Stream #0.1 : mono", nullptr},

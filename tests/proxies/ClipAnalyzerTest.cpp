@@ -50,7 +50,7 @@ TEST(ClipAnalyzer, SaysOfAClipWhyItCannotBeRead) {
     };
     for (const Case& c : {Case{"sleep 60", "no response within 1 s"}, Case{"echo oops >&2; exit 3", "oops"},
                           Case{"exec yes 0123456789", "more output than expected"}, Case{"echo 7", "unreadable output"},
-                          Case{"echo '{'", "syntax error"}}) {
+                          Case{"echo '{'", "of the JSON"}}) {
         Card card(1, c.script);
         std::string error;
         card.analyze([&](AnalyzedClip&& clip) { error = clip.entry.probeError.value_or(""); }, 0, 1);
