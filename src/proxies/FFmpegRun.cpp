@@ -49,20 +49,22 @@ public:
     // True when the run is over. What a feeder that broke off has delivered is no clip, though ffmpeg takes the end of
     // its input for the end of the clip.
     bool hasEnded() {
-        if (feeder_ && !feederFailure_ && feeder_->waitFor(0) && feeder_->status() != 0 && ffmpegRuns())
+        if (feeder_ && !feederFailure_ && feeder_->waitFor(0) && feeder_->status() != 0 && ffmpegRuns()) {
             feederFailure_ = feeder_->status();
+            feederEndedFirst_ = true;
+        }
         if (!ffmpeg_->waitFor(glance))
             return false;
         if (feeder_ && !feederFailure_) {
             constexpr double lastWords = 2; // seconds
-            if (feeder_->waitFor(lastWords) && feeder_->status() != 0 && !lostItsReader())
+            if (feeder_->waitFor(lastWords) && feeder_->status() != 0)
                 feederFailure_ = feeder_->status();
         }
         return true;
     }
 
     void judge() {
-        if (feederFailure_) {
+        if (feederFailure_ && !lostItsReader()) {
             const ToolError error(toolName(run_.feeder->program), *feederFailure_, feeder_->errorTail());
             throw run_.explainFeederError ? run_.explainFeederError(error) : error;
         }
@@ -92,16 +94,18 @@ public:
 
 private:
     bool ffmpegRuns() { return !ffmpeg_->waitFor(0); }
-    // The feeder failed because ffmpeg had; some programs take that for an error of their own.
+    // The feeder failed because ffmpeg was gone, whether that had failed or had enough. Not every program dies of it
+    // silently.
     bool lostItsReader() const {
-        return feeder_->status() == 128 + SIGPIPE ||
-               (ffmpeg_->status() != 0 && feeder_->errorTail().find("Broken pipe") != std::string::npos);
+        return (ffmpeg_->status() != 0 || !feederEndedFirst_) &&
+               (feeder_->status() == 128 + SIGPIPE || feeder_->errorTail().find("Broken pipe") != std::string::npos);
     }
 
     const FFmpegRun& run_;
     std::unique_ptr<ChildProcess> feeder_;
     std::unique_ptr<ChildProcess> ffmpeg_;
     std::optional<int> feederFailure_;
+    bool feederEndedFirst_ = false;
 };
 
 } // namespace

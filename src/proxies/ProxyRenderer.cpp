@@ -160,12 +160,12 @@ FrameSource ProxyRenderer::sourceOf(const RenderRequest& request, const std::opt
 }
 
 std::string ProxyRenderer::chain(const RenderRequest& request, const FrameSource& source, const VideoEncoder& encoder,
-                                 bool baked) {
+                                 const std::optional<std::string>& lut) {
     FilterGraph::Video video;
     video.alreadyCropped = source.alreadyCropped;
     video.assumesRec709 = request.clip.format == ClipFormat::video && FilterGraph::assumesRec709(request.info);
-    if (request.lut.file && !baked) {
-        video.lut = RelativePath::name(prepareLut(request.lut, false));
+    if (lut) {
+        video.lut = RelativePath::name(*lut);
         video.needsPreMap = FilterGraph::needsPreMap(request.info, source.fullRange, true);
     }
     if (settings_.burnFilename || settings_.burnTimecode) {
@@ -204,8 +204,9 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
     const RawBackend* raw = probe_.backend(request.clip.format);
     const bool baked = request.lut.file && raw != nullptr && raw->bakesLook();
     const auto encoder = trial_.encoder(settings_.codec, settings_.height, request.isCancelled);
-    const FrameSource source =
-        sourceOf(request, baked ? std::optional(prepareLut(request.lut, true)) : std::nullopt, decoder);
+    // Before the source: a back-end may work on that for an hour.
+    const auto look = request.lut.file ? std::optional(prepareLut(request.lut, baked)) : std::nullopt;
+    const FrameSource source = sourceOf(request, baked ? look : std::nullopt, decoder);
     leavings.cleanup = source.cleanup;
 
     Words words = {"-hide_banner", "-loglevel", request.onErrorLine ? "warning" : "error",
@@ -214,7 +215,7 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
     append(words, encoder.deviceArgs);
     append(words, source.inputArgs);
     append(words, {"-map", "0:V:0"}); // not the cover picture
-    append(words, {"-vf", chain(request, source, encoder, baked)});
+    append(words, {"-vf", chain(request, source, encoder, baked ? std::nullopt : look)});
     // Every frame of the source, at its own time.
     append(words, {"-fps_mode", "passthrough"});
     if (!hasForeignClock(request.clip))

@@ -72,7 +72,8 @@ private:
     void renderOnce(const RenderRequest& request, const std::optional<std::string>& decoder);
     FrameSource sourceOf(const RenderRequest& request, const std::optional<std::string>& look,
                          const std::optional<std::string>& decoder) const;
-    std::string chain(const RenderRequest& request, const FrameSource& source, const VideoEncoder& encoder, bool baked);
+    std::string chain(const RenderRequest& request, const FrameSource& source, const VideoEncoder& encoder,
+                      const std::optional<std::string>& lut);
     std::string prepareLut(const LutUse& lut, bool baked);
     std::optional<std::string> font();
     std::string newName(std::string_view kind, std::string_view extension);

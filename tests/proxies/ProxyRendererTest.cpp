@@ -18,7 +18,9 @@ public:
     std::string missingHint() const override { return "missing"; }
     bool isAvailable(const ExternalTools&) const override { return true; }
     ClipInfo probe(const std::string&, const ExternalTools&, const IsCancelled&) const override { return {}; }
+    inline static int asked = 0;
     FrameSource source(const FrameRequest& request) const override {
+        ++asked;
         FrameSource source;
         source.inputArgs = {"-i", "pipe:0"};
         source.feeder.emplace();
@@ -130,6 +132,9 @@ TEST_F(ProxyRendererTest, SaysOfBothTriesWhyThereIsNoProxy) {
     EXPECT_LT(render("head -c 5000000 /dev/zero | tr '\\0' x >&2; exit 1").size(), 140'000U);
     lut = folder / "gone.cube";
     EXPECT_THAT(render("cp $good \"$out\""), HasSubstr("LUT not found: " + *lut));
+    const int asked = Feeding::asked;
+    EXPECT_THAT(render("cp $good \"$out\"", "seq 1000"), HasSubstr("LUT not found: " + *lut));
+    EXPECT_EQ(Feeding::asked, asked); // a back-end may work for an hour before it answers
     EXPECT_EQ(passes(), 0U);
 }
 
@@ -145,7 +150,8 @@ TEST_F(ProxyRendererTest, ABrokenFeederMakesNoProxy) {
     EXPECT_EQ(render(reads, "seq 1000; echo 'card gone' >&2; exit 5"), "decoder failed (exit 5): explained: card gone");
     EXPECT_FALSE(made());
     // Where ffmpeg breaks off, the feeder's broken pipe is no reason.
-    EXPECT_EQ(render("head -c 10 >/dev/null; echo full >&2; exit 6", "yes"), "ffmpeg failed (exit 6): full");
+    for (const char* feeder : {"yes", "yes 2>/dev/null; echo 'write: Broken pipe' >&2; exit 1"})
+        EXPECT_EQ(render("head -c 10 >/dev/null; echo full >&2; exit 6", feeder), "ffmpeg failed (exit 6): full");
     EXPECT_EQ(render(reads, "seq 1000"), "");
     EXPECT_TRUE(made());
     EXPECT_THAT(test::FileTree::read(output.substr(0, output.size() - 4) + ".part.mov.pipe"), HasSubstr("\n999\n"));
