@@ -61,15 +61,19 @@ constexpr std::array audioWords = std::to_array<std::string_view>({
 constexpr std::array audioDecoders = std::to_array<std::string_view>(
     {"aac", "pcm_", "mp3", "mp2", "ac3", "eac3", "opus", "flac", "alac", "dca", "truehd", "vorbis"});
 
+// What these say is of the proxy: of frames that they get in an order which is no fault of the clip, for one.
+constexpr std::array encoders =
+    std::to_array<std::string_view>({"libx264", "libx265", "prores_ks", "h264_nvenc", "hevc_nvenc", "h264_vaapi",
+                                     "hevc_vaapi", "h264_qsv", "hevc_qsv"});
+
 bool holdsOneOf(std::string_view line, const auto& words) {
     return std::ranges::any_of(words, [&](std::string_view word) { return line.find(word) != std::string_view::npos; });
 }
 
 // "[aac @ 0x55d4] …", in lower case.
-bool isFromAudioDecoder(std::string_view line) {
-    return line.starts_with('[') && std::ranges::any_of(audioDecoders, [&](std::string_view decoder) {
-               return line.substr(1).starts_with(decoder);
-           });
+bool isFromOneOf(std::string_view line, const auto& speakers) {
+    return line.starts_with('[') &&
+           std::ranges::any_of(speakers, [&](std::string_view speaker) { return line.substr(1).starts_with(speaker); });
 }
 
 // Without the speaker in brackets, and no longer than a report can show.
@@ -107,7 +111,9 @@ std::int64_t fewestExpected(std::int64_t frames, const ClipInfo& info) {
 
 std::optional<std::string_view> ContentCheck::kindOf(std::string_view line) {
     const std::string lower = toLower(line);
-    const bool isAudio = isFromAudioDecoder(lower);
+    if (isFromOneOf(lower, encoders))
+        return std::nullopt;
+    const bool isAudio = isFromOneOf(lower, audioDecoders);
     if (isAudio && (holdsOneOf(lower, audioWords) || holdsOneOf(lower, decodeWords)))
         return "audio";
     // All that this decoder says of a frame whose code runs on beyond its end.

@@ -52,6 +52,7 @@ TEST(ContentCheck, TellsDamageByItsWords) {
              {"[mjpeg @ 0x55] overread 8", "decode"},
              {"[dnxhd @ 0x55] ACT flag set, in violation of frame header.", "decode"},
              {"[h264 @ 0x55] overread 8", nullptr},
+             {"[libx264 @ 0x55] invalid DTS: PTS is less than DTS", nullptr},
              {"[mjpeg @ 0x55] header missing", nullptr},
              {"Guessed Channel Layout for Input Stream #0.1 : mono", nullptr},
              {"[mov,mp4,m4a,3gp,3g2,mj2 @ 0x55] st: 0 edit list: 1 Missing key frame", nullptr},
