@@ -62,8 +62,8 @@ public:
             "What no option says is taken from the settings (velmora settings). A proxy that is there already\n"
             "is not rendered again, so a second run makes only what is missing.\n"
             "\n"
-            "Exit status: 0 every clip that wants a proxy has one; 1 a proxy could not be made; 2 wrong usage;\n"
-            "3 refused before anything was rendered; 4 the run broke off; 130 cancelled.");
+            "Exit status: 0 every clip that wants a proxy has one; 1 a proxy could not be made, or a clip is\n"
+            "damaged; 2 wrong usage; 3 refused before anything was rendered; 4 the run broke off; 130 cancelled.");
         return app;
     }
 
@@ -178,7 +178,8 @@ private:
 
     ExitStatus tell(const ProxyBatch& batch, const ProxyBatch::Wish& wish, bool cancelled, Console& console) const {
         const bool complete = std::ranges::none_of(batch.items(), [](const ProxyBatch::Item& item) {
-            return item.outcome == ProxyOutcome::failed || item.outcome == ProxyOutcome::unsupported;
+            return item.outcome == ProxyOutcome::failed || item.outcome == ProxyOutcome::unsupported ||
+                   (item.entry.content && item.entry.content->kind);
         });
         const ExitStatus status = cancelled  ? ExitStatus::cancelled
                                   : complete ? ExitStatus::ok

@@ -88,6 +88,8 @@ nlohmann::json result(const std::vector<ProxyBatch::Item>& items, const std::str
         nlohmann::json clip = {{"clip", withValidUtf8(item.entry.clip.path)}, {"outcome", name(item.outcome)}};
         if (!item.file.empty())
             clip["proxy"] = withValidUtf8(out + "/" + item.file);
+        if (item.entry.content)
+            clip["content"] = *item.entry.content;
         if (!item.note.empty())
             clip["note"] = withValidUtf8(item.note);
         if (item.outcome == ProxyOutcome::done)

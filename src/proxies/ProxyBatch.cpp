@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "disks/SpaceEstimator.h"
 #include "platform/IO.h"
+#include "proxies/CheckedRender.h"
 #include "proxies/ClipProbe.h"
 #include "proxies/LighterSource.h"
 #include "proxies/ProxyOrigin.h"
@@ -182,8 +183,15 @@ void ProxyBatch::renderOne(Item& item, const IsCancelled& isCancelled) {
             MutexLock lock(mutex_);
             state_.running[index] = fraction;
         };
-        renderer_.render(request);
+        item.entry.content = renderChecked(renderer_, std::move(request), probe_.tools());
         item.outcome = ProxyOutcome::done;
+        if (const ClipContent& content = *item.entry.content; content.kind) {
+            item.note = content.kindText();
+            if (content.frame)
+                item.note += fmt::format(" at {}", content.timecode.value_or(fmt::format("frame {}", *content.frame)));
+            item.note += ": " + content.message.value_or("");
+            log_(fmt::format("proxy {}: {}", clip, item.note));
+        }
     } catch (const ToolError& error) {
         if (error.message() == "cancelled")
             return; // it goes on waiting
