@@ -27,7 +27,7 @@ public:
 
     // The words in ClipContent::state.
     static constexpr std::string_view ok = "ok";
-    static constexpr std::string_view defect = "defect";
+    static constexpr std::string_view defect = "warn"; // as reports count it
 
     // "decode", "audio" or "timestamps"; none for a line that tells of no damage.
     static std::optional<std::string_view> kindOf(std::string_view line);

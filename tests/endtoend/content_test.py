@@ -217,7 +217,7 @@ def study(folder):
 TEXT = """# The check of a clip's content
 
 While ffmpeg decodes a clip for its proxy, its complaints are read. The first one that means damage makes the clip's
-`state` "defect", with a `kind`; a clip without one is "ok", and its message says how many frames were decoded.
+`state` "warn", with a `kind`; a clip without one is "ok", and its message says how many frames were decoded.
 
 | Kind | Means |
 |---|---|
