@@ -120,7 +120,8 @@ std::optional<std::string_view> ContentCheck::kindOf(std::string_view line) {
     const bool isOverread = lower.starts_with("[mjpeg") && lower.find("overread") != std::string::npos;
     if (isOverread || holdsOneOf(lower, decodeWords))
         return "decode";
-    if (holdsOneOf(lower, timestampWords))
+    const bool isOfProxy = lower.find("in output stream") != std::string::npos;
+    if (!isOfProxy && holdsOneOf(lower, timestampWords))
         return "timestamps";
     return std::nullopt;
 }

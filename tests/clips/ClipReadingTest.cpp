@@ -52,6 +52,7 @@ TEST(ContentCheck, TellsDamageByItsWords) {
              {"[mjpeg @ 0x55] overread 8", "decode"},
              {"[dnxhd @ 0x55] ACT flag set, in violation of frame header.", "decode"},
              {"[h264 @ 0x55] overread 8", nullptr},
+             {"Invalid DTS: 6144 PTS: 4608 in output stream 0:0, replacing by guess", nullptr},
              {"[libx264 @ 0x55] invalid DTS: PTS is less than DTS", nullptr},
              {"[mjpeg @ 0x55] header missing", nullptr},
              {"Guessed Channel Layout for Input Stream #0.1 : mono", nullptr},

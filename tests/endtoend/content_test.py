@@ -236,7 +236,9 @@ over in the middle of one frame of a clip. Columns are the verdict.
 
 What became of the damaged pictures, by codec. "Frame right" is the damaged frame, or one no farther from it than one key
 frame from the next. Where "no decoder complains", the pictures differ from those of the sound clip, and no decoder has a
-way to know: such codecs carry no checksums. Only the comparison with the card finds that.
+way to know: such codecs carry no checksums. Only the comparison with the card finds that. "Frame wrong" is where ffmpeg
+speaks of damage and no single frame is to blame for it when the stretch is decoded anew, as in transport streams, whose
+reader complains before the first frame: the frame is then the one that was known when it was heard.
 
 {where}
 """
@@ -246,7 +248,7 @@ class Content(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="velmora-content-")
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
-        self.play = Study(self.folder, random.randrange(1 << 30))
+        self.play = Study(self.folder)
 
     def tearDown(self):
         self.assertEqual(self.play.wrong, [])
