@@ -41,7 +41,9 @@ protected:
         std::erase_if(tree, [](const auto& entry) { return entry.first.starts_with("_REPORT/"); });
         return tree;
     }
-    static bool allVerified(const OffloadReport& report) { return report.verified && report.success(); }
+    static bool allVerified(const OffloadReport& report) {
+        return report.verified && report.verifyIncomplete != true && report.success();
+    }
     static std::vector<ManifestRecord> fileLines(const std::string& cardPath) {
         std::vector<ManifestRecord> found = ManifestFile::read(cardPath);
         std::erase_if(found, [&](const ManifestRecord& record) { return record.kind != ManifestRecord::fileKind; });
