@@ -164,7 +164,8 @@ TEST_F(SlowCardTest, ACardIsListedTwice) {
     };
     const auto once = listings({"inspect", card});
     EXPECT_GT(once, 0);
-    EXPECT_EQ(listings(copy()), 2 * once);
+    constexpr int topsOpened = 2; // whether the folder can be read is asked before either
+    EXPECT_EQ(listings(copy()), 2 * once + topsOpened);
 }
 
 TEST_F(SlowCardTest, ACancelledLookIsAResultForPrograms) {
