@@ -159,11 +159,13 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     }
     if (!conclusion.readAll)
         evidence.forgotten = known_.forgotten(conclusion.records, evidence.whole->lastRead);
-    if (history_)
-        guardHistory([&] {
+    try {
+        if (history_)
             std::ranges::move(history_->against(conclusion.elsewhere, evidence.whole->alsoRead),
                               std::back_inserter(evidence.whole->elsewhere));
-        });
+    } catch (const std::exception& error) { // what cannot be asked may know better
+        evidence.whole->elsewhere.push_back(BackupMessage::unreadable(error.what()));
+    }
     for (const std::string& cardPath : evidence.whole->alsoIn)
         evidence.onOtherVolume =
             evidence.onOtherVolume || (sourceVolume_ && SpacePlanner::volumeKey(cardPath) != *sourceVolume_);
@@ -251,7 +253,7 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
             history_->finish(*check.newest, check.covered, check, forHistory(verdict),
                              [this] { addWarning(std::string(Msg::historyBusy)); });
         });
-    if (history_)
+    if (history_ && evidence.problems.empty())
         guardHistory([&] { history_->passed(passed(conclusion, nullptr), {}); });
     const bool whole = !check.error && check.failedFiles == 0 && check.state.failed == 0 && check.notInBackup == 0 &&
                        evidence.failedVerifications.empty();

@@ -178,6 +178,7 @@ void OffloadJob::runRepair() {
     const AppendPlanner::Ask asked = ask(checked.backup.paths);
     RepairPlan repair = compareWithCard(asked, checked, findings);
     requireSameCard();
+    folders_.forget(); // the reading takes hours, and nobody holds the folders beside these
     Conclusion conclusion;
     conclusion.create = !repair.finishes;
     conclusion.card = std::move(repair.card);

@@ -149,12 +149,13 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
         const BackupState state = BackupState::of(*words);
         check.state.failed += state.failed > 0 ? 1 : 0;
         check.state.unverified += state.failed == 0 && state.unverified > 0 ? 1 : 0;
-        const RecordedFile* recorded = records.empty() ? nullptr : records.front().find(file.relPath, exactly);
-        if (recorded == nullptr)
-            continue;
-        check.ofEarlierRuns += recorded->generation != generation ? 1 : 0;
-        if (!check.lastRead || recorded->report->finished < *check.lastRead)
-            check.lastRead = recorded->report->finished;
+        // A disk that was brought in step has copies that were read later than those of the others.
+        for (const CardRecord& record : records) {
+            const Timestamp read = record.find(file.relPath, exactly)->report->finished;
+            check.lastRead = std::min(check.lastRead.value_or(read), read);
+        }
+        if (!records.empty())
+            check.ofEarlierRuns += records.front().find(file.relPath, exactly)->generation != generation ? 1 : 0;
     }
     const auto lacks = sideBySide(places.size(), [&](std::size_t p) {
         return lackOf(places[p], card, localTime, folders.of(places[p].cardPath));

@@ -170,11 +170,11 @@ void HistoryStore::keepVerifications(const HistoryEntry& leaving) const {
     if (contents.state != HistoryFile::State::good)
         throw std::runtime_error(path(verificationsFile) + " cannot be written: it is damaged, or a newer version of " +
                                  "Velmora has written it");
-    Remembered known;
-    known.verifications = contents.verifications;
+    const Remembered known{{leaving}, contents.verifications, {}};
+    // Where the last word could not be kept in both files, the entry may have the newer one.
     for (const HistoryVerification& each : leaving.verifications)
-        if (!known.verificationOf(each.cardPath, each.volumeSerial))
-            contents.verifications.push_back(each);
+        if (const auto last = known.verificationOf(each.cardPath, each.volumeSerial))
+            Verifications::enter(contents.verifications, *last);
     Verifications::bound(contents.verifications, maxEntries_);
     IO::writeFileDurably(path(verificationsFile), HistoryFile::write(contents.verifications));
 }

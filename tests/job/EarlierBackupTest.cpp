@@ -485,6 +485,26 @@ TEST_F(EarlierBackup, AnAppendBringsDisksInStep) {
     EXPECT_THAT(job->status().error.value_or(""), HasSubstr("5.mov: the card has different content"));
 }
 
+// It takes hours, in which another run may find fault with a folder that was not named.
+TEST_F(EarlierBackup, ARepairAsksTheFoldersBesideItWhenItEnds) {
+    ASSERT_TRUE(copy().safeToFormat);
+    JobConfig ahead = config();
+    ahead.appendInto = std::vector{cards[0]};
+    job = std::make_unique<OffloadJob>(ahead, options);
+    job->compareCard();
+    job->run({});
+    for (const bool meanwhile : {false, true}) {
+        test::FileTree::flipBit(cards[0] + "/DCIM/2.mov", 500);
+        options.crashAfterBlock = [&, done = !meanwhile](std::int64_t, std::int64_t) mutable {
+            if (!std::exchange(done, true))
+                replaceIn(reportOf(1), "\"verified\",", "\"failed\",");
+            return false;
+        };
+        EXPECT_EQ(repair({cards[0]}).safeToFormat, !meanwhile) << job->status().error.value_or("");
+    }
+    EXPECT_THAT(job->status().warning().value_or(""), HasSubstr(cards[1]));
+}
+
 // A record of failure is no proof that the copy is bad now, and a name that no record can hold no reason to mend
 // nothing.
 TEST_F(EarlierBackup, ARepairKeepsGoodCopiesAndPassesOverWhatTheCardNeverGave) {

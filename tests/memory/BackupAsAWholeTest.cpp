@@ -95,6 +95,7 @@ TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {
         // A repair reads every copy: what verifications found is over when all is verified, and only then.
         OffloadReport repair = second;
         repair.kind = "repair";
+        repair.finished = {2, 0};
         const HistoryEntry failed = HistoryRecords::verified(change.entry, {card(), {}, {}, Timestamp{1, 0}, "1"});
         const auto mended = HistoryRecords::finished(&failed, "x", repair, whole.covered, {}, {}, whole, verdict);
         EXPECT_EQ(Remembered({mended.entry}, {}, {}).verificationOf(card(), {}).value().failed.has_value(),

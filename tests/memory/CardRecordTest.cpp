@@ -286,6 +286,13 @@ TEST_F(CardRecords, TheWholeCardIsHeldAgainstAllDisks) {
         const auto away = BackupCheck::of(scan, {records[0]}, {{temp / "gone/2026-03-14/CARD", {}}}, 1, false);
         EXPECT_EQ(away.elsewhere.size(), 1U) << c.what;
     }
+    // The copies were last read when the oldest of them was, whichever folder is named first.
+    SourceScan scan;
+    scan.files = same;
+    put(report(2, {entry("a.mov", "verified", "verified")}), card, 2);
+    for (const auto& [first, second] : {std::pair(card, other), std::pair(other, card)})
+        EXPECT_EQ(BackupCheck::of(scan, {CardRecord::load(first), CardRecord::load(second)}, {}, 2, false).lastRead,
+                  (Timestamp{150, 0}));
     test::FileTree::write(other + "/_REPORT/offload_report.json", "{");
     EXPECT_TRUE(BackupCheck::of({}, {CardRecord::load(other)}, {}, 1, false).error);
 }

@@ -171,9 +171,15 @@ TEST_F(History, KeepsWhatVerificationsFoundBesideTheEntries) {
     EXPECT_FALSE(known(a).failed) << "an older program has read it since";
     markInEntry({a, serial, {}, Timestamp{3000, 0}, "mismatch 1"});
     EXPECT_EQ(known(a).found, "mismatch 1");
-    std::filesystem::remove(folder_ / "verifications.json");
+    store().enter({a, serial, Timestamp{2000, 0}, {}, ""});
     EXPECT_EQ(store().remove("a"), HistoryWrite::written);
     EXPECT_EQ(known(a).found, "mismatch 1") << "to forget the card makes no bad copy good";
+    store().enter({a, serial, Timestamp{2999, 0}, {}, ""});
+    EXPECT_TRUE(known(a).failed) << "a word that waited is older than what was found meanwhile";
+    const Timestamp now = Timestamp::now();
+    store().enter({b, serial, {}, Timestamp{now.seconds + 86400, 0}, "missing 1"});
+    store().enter({b, serial, now, {}, ""});
+    EXPECT_FALSE(known(b).failed) << "the clock was wrong";
     // Of too many the clean ones go first.
     for (int i = 0; i < 3; ++i)
         store(2).enter({folder_ / ("c" + std::to_string(i)), serial, Timestamp{5000 + i, 0}, {}, ""});
