@@ -2,14 +2,13 @@
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
+#include "cli/FoundClips.h"
 #include "cli/Interrupts.h"
 #include "cli/Table.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
 #include "cli/UserSettings.h"
-#include "clips/ClipDetector.h"
 #include "disks/Volumes.h"
-#include "engine/Scanner.h"
 #include "platform/IO.h"
 #include "proxies/ClipAnalyzer.h"
 #include "proxies/LutOption.h"
@@ -36,7 +35,8 @@ public:
         app->footer("  velmora clips /media/me/A012\n"
                     "  velmora clips /media/me/A012 --thumbs ~/thumbs --lut none\n"
                     "\n"
-                    "Exit status: 0 every clip was read; 1 a clip could not be; 4 ffprobe is missing, or the folder\n"
+                    "Exit status: 0 every clip was read; 1 a clip could not be, or its folder; 4 ffprobe is missing, "
+                    "or the folder\n"
                     "could not be read; 130 cancelled.");
         return app;
     }
@@ -55,24 +55,21 @@ public:
         Flag cancelled;
         const Interrupts::Route route(context.interrupts, {[&] { cancelled.set(); }, {}, {}});
         const IsCancelled isCancelled = [&] { return cancelled.isSet(); };
-        const SourceScan scan = Scanner::scan(source, isCancelled);
-        for (const UncopiedItem& item : scan.uncopied)
-            console.log(TerminalText::printable(fmt::format("{}: {}", item.shown, item.error)));
-        const std::vector<Clip> clips = ClipDetector::detect(scan.files);
+        const auto [clips, uncopied, mayLackClips] = FoundClips::of(source, console, isCancelled);
         const ClipProbe probe(ToolSearch::resolved(settings.tools));
         sayMissing(clips, probe, console);
 
         ClipAnalyzer(probe, catalog)
             .analyze(clips, source, wish, [&](AnalyzedClip&& clip) { take(clip, console); }, isCancelled);
-        const ExitStatus status = cannotProbe_  ? ExitStatus::brokeOff
-                                  : unread_ > 0 ? ExitStatus::dataProblem
-                                                : ExitStatus::ok;
+        const ExitStatus status = cannotProbe_                  ? ExitStatus::brokeOff
+                                  : unread_ > 0 || mayLackClips ? ExitStatus::dataProblem
+                                                                : ExitStatus::ok;
         if (json_)
             console.event({{"event", "result"},
                            {"exitStatus", static_cast<int>(status)},
                            {"clips", clips.size()},
                            {"unread", unread_},
-                           {"uncopied", scan.uncopied.size()}});
+                           {"uncopied", uncopied}});
         else if (clips.empty())
             console.print("There is no clip in this folder.");
         else

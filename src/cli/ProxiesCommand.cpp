@@ -3,14 +3,13 @@
 #include "base/Text.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
+#include "cli/FoundClips.h"
 #include "cli/Interrupts.h"
 #include "cli/ProxyWords.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
 #include "cli/UserSettings.h"
-#include "clips/ClipDetector.h"
 #include "engine/Layout.h"
-#include "engine/Scanner.h"
 #include "platform/IO.h"
 #include "proxies/ClipAnalyzer.h"
 #include "proxies/LutOption.h"
@@ -62,8 +61,9 @@ public:
             "What no option says is taken from the settings (velmora settings). A proxy that is there already\n"
             "is not rendered again, so a second run makes only what is missing.\n"
             "\n"
-            "Exit status: 0 every clip that wants a proxy has one; 1 a proxy could not be made, or a clip is\n"
-            "damaged; 2 wrong usage; 3 refused before anything was rendered; 4 the run broke off; 130 cancelled.");
+            "Exit status: 0 every clip that wants a proxy has one; 1 a proxy could not be made, a clip is damaged,\n"
+            "or a name or folder could not be read; 2 wrong usage; 3 refused before anything was rendered; 4 the run "
+            "broke off; 130 cancelled.");
         return app;
     }
 
@@ -83,9 +83,9 @@ public:
         const Log log = [&](std::string_view line) { console.log(TerminalText::printable(line)); };
 
         const ClipProbe probe(findTools(settings.tools, log));
-        const auto clips = ClipDetector::detect(Scanner::scan(wish.source, isCancelled).files);
+        const FoundClips found = FoundClips::of(wish.source, console, isCancelled);
         ProxyRenderer renderer(proxy, probe, log);
-        ProxyBatch batch(probe, renderer, wish, log, analyze(clips, probe, catalog, wish, isCancelled));
+        ProxyBatch batch(probe, renderer, wish, log, analyze(found.clips, probe, catalog, wish, isCancelled));
         batch.plan(isCancelled);
         try {
             render(batch, console, isCancelled);
@@ -93,7 +93,7 @@ public:
             // What is done is told below.
         }
         console.clearProgress();
-        return tell(batch, wish, cancelled.isSet(), console);
+        return tell(batch, wish, found, cancelled.isSet(), console);
     }
 
 private:
@@ -110,6 +110,8 @@ private:
             throw UsageError(*lut.error);
         if (lut.path)
             lut.path = TypedPath::absolute(*lut.path);
+        if (lut.fallback && LutOption::isCubePath(*lut.fallback))
+            lut.fallback = TypedPath::absolute(*lut.fallback);
         lut.applyTo(proxy);
         proxy.enabled = true;
         if (noBurnIn_)
@@ -176,17 +178,21 @@ private:
         work.get();
     }
 
-    ExitStatus tell(const ProxyBatch& batch, const ProxyBatch::Wish& wish, bool cancelled, Console& console) const {
-        const bool complete = std::ranges::none_of(batch.items(), [](const ProxyBatch::Item& item) {
-            return item.outcome == ProxyOutcome::failed || item.outcome == ProxyOutcome::unsupported ||
-                   (item.entry.content && item.entry.content->kind);
-        });
+    ExitStatus tell(const ProxyBatch& batch, const ProxyBatch::Wish& wish, const FoundClips& found, bool cancelled,
+                    Console& console) const {
+        const bool complete =
+            !found.mayLackClips && std::ranges::none_of(batch.items(), [](const ProxyBatch::Item& item) {
+                return item.outcome == ProxyOutcome::failed || item.outcome == ProxyOutcome::unsupported ||
+                       (item.entry.content && item.entry.content->kind);
+            });
         const ExitStatus status = cancelled  ? ExitStatus::cancelled
                                   : complete ? ExitStatus::ok
                                              : ExitStatus::dataProblem;
-        if (json_)
-            console.event(ProxyWords::result(batch.items(), wish.out, static_cast<int>(status)));
-        else
+        if (json_) {
+            auto result = ProxyWords::result(batch.items(), wish.out, static_cast<int>(status));
+            result["uncopied"] = found.uncopied;
+            console.event(result);
+        } else
             for (const std::string& line : ProxyWords::summary(batch.items(), wish.out, cancelled))
                 console.print(TerminalText::printable(line));
         return status;

@@ -17,6 +17,12 @@ constexpr double letterWidth = 0.61; // of a monospaced letter, in font sizes; a
 constexpr double timecodeLetters = 11;
 constexpr const char* rec709 = "setparams=colorspace=bt709";
 
+// ffmpeg counts no timecode that is slower than one frame a second, and fails at it.
+std::string timecodeRate(const std::string& rate) {
+    const double fps = Timecode::fps(rate).value_or(0);
+    return fps >= slowestTimecode ? rate : fps > 0 ? "1" : BurnIn().rate;
+}
+
 std::string number(double value) { return fmt::format("{}", value); }
 
 bool startsLetter(char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }
@@ -98,7 +104,7 @@ std::string burnIn(const BurnIn& burnIn, std::int64_t height) {
         const std::string& tc = *burnIn.timecode;
         add(chain, fmt::format("{}:timecode='{}':rate={}:x=w-tw-{}", line,
                                replaceAll(Timecode::isValid(tc) ? std::string_view(tc) : noTimecode, ":", "\\:"),
-                               burnIn.rate, margin));
+                               timecodeRate(burnIn.rate), margin));
     }
     return chain;
 }

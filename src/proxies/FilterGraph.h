@@ -26,6 +26,9 @@ std::string lut(std::string_view lut, bool needsPreMap);
 // `fullRangeSource`: FrameSource says so.
 bool needsPreMap(const ClipInfo& info, bool fullRangeSource, bool hasLut);
 
+// Frames a second, rounded to 1: at a slower rate there are no timecodes.
+constexpr double slowestTimecode = 0.5;
+
 struct BurnIn {
     std::optional<std::string> font = {};      // file name; without a font no text is drawn
     std::optional<std::string> labelFile = {}; // file name of the clip's name, in UTF-8

@@ -3,15 +3,21 @@
 #include "base/Errors.h"
 #include "base/Text.h"
 #include "platform/IO.h"
+#include "proxies/LutOption.h"
+#include "proxies/LutResolver.h"
 
 #include <fmt/format.h>
 
 namespace velmora::ProxyPreflight {
 
 std::optional<std::string> lutInUse(const ProxySettings& settings, bool analyzeClips) {
-    const bool byPath =
-        settings.lutMode ? *settings.lutMode == LutMode::custom : !settings.lutPath.value_or("").empty();
-    return settings.enabled && analyzeClips && byPath ? settings.lutPath : std::nullopt;
+    if (!settings.enabled || !analyzeClips)
+        return std::nullopt;
+    const LutMode mode = LutResolver::effectiveMode(settings);
+    if (mode == LutMode::custom)
+        return settings.lutPath;
+    const bool fallsBackOnFile = mode == LutMode::automatic && LutOption::isCubePath(settings.lutFallback.value_or(""));
+    return fallsBackOnFile ? settings.lutFallback : std::nullopt;
 }
 
 std::optional<std::string> blocking(const ProxySettings& settings, bool analyzeClips, bool lutExists) {

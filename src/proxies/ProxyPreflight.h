@@ -10,8 +10,8 @@ namespace velmora {
 // What must be right before the first frame of a proxy, as sentences for the user; none when it is.
 namespace ProxyPreflight {
 
-// The LUT that every proxy would get, by path; none where the choice is made for each clip, and where no clip is looked
-// at.
+// The LUT file that the user names for every proxy, or for those of cameras that are not recognised; none where he
+// names no file, and where no clip is looked at.
 std::optional<std::string> lutInUse(const ProxySettings& settings, bool analyzeClips);
 
 std::optional<std::string> blocking(const ProxySettings& settings, bool analyzeClips, bool lutExists);

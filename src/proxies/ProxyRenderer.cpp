@@ -42,7 +42,7 @@ double secondsOf(const ClipInfo& info) {
 
 // The start timecode as ffmpeg takes it: it refuses names that are left out at a rate at which none are.
 std::optional<std::string> timecodeOf(const ClipInfo& info) {
-    if (!info.timecode || !Timecode::isValid(*info.timecode))
+    if (!info.timecode || !Timecode::isValid(*info.timecode) || rateOf(info) < FilterGraph::slowestTimecode)
         return std::nullopt;
     std::string timecode = *info.timecode;
     constexpr std::size_t lastSeparator = 8;

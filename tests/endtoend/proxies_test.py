@@ -147,6 +147,18 @@ class Proxies(Case):
                              (outcome, "C0001_2.mov"))
         self.nothing_left()
 
+    def test_say_which_names_were_passed_over(self):
+        """A name of a clip that no record can hold is a problem; one of anything else is said only."""
+        self.clip("A001.MOV")
+        for name, status in ((b"odd\xff.txt", 0), (b"odd\xff.MOV", 1)):
+            with open(os.fsencode(self.folder + "/card/") + name, "wb") as file:
+                file.write(b"some")
+            result, err = self.run_all(status=status)
+            self.assertEqual((len(result["clips"]), result["uncopied"]), (1, 1 + status))
+            self.assertIn("odd\\xFF." + name[-3:].decode() + ": file name cannot be recorded", err)
+            clips = subprocess.run([BIN + "/velmora", "clips", self.folder + "/card"], capture_output=True, env=self.env)
+            self.assertEqual(clips.returncode, status, clips.stderr)
+
     def test_refuse_before_the_first_frame(self):
         self.clip("A001.MOV")
         with open(self.folder + "/bad.cube", "w", encoding="utf-8") as bad:
@@ -159,6 +171,7 @@ class Proxies(Case):
             (["--lut", self.folder + "/gone.cube"], 2, "LUT not found: "),
             (["--lut", self.folder + "/bad.cube"], 2, "LUT not found: "),
             (["--lut-fallback", "nice"], 2, "Unknown fallback LUT"),
+            (["--lut-fallback", self.folder + "/gone.cube"], 2, "LUT not found: "),
             (["--frame-scale", "7"], 2, "frameScale must be"),
             (["--jobs", "0"], 2, "--jobs"),
             (["--out", self.folder + "/card/x"], 3, "among the clips"),

@@ -75,6 +75,10 @@ TEST(FilterGraph, SizesTheBurnInByTheHeight) {
     EXPECT_THAT(FilterGraph::burnIn(odd, 1080), AllOf(HasSubstr("timecode='00\\:00\\:00\\:00'"),
                                                       HasSubstr("label-1.txt:expansion=none:x=21:alpha='gte(w,1449)'"),
                                                       HasSubstr("label-2.txt:expansion=none:x=21:alpha='lt(w,1449)'")));
+    for (const auto& [rate, counted] : {std::pair{"1/4", ":rate=1:"}, {"1/2", ":rate=1/2:"}, {"0/0", ":rate=25:"}}) {
+        odd.rate = rate;
+        EXPECT_THAT(FilterGraph::burnIn(odd, 1080), HasSubstr(counted));
+    }
     EXPECT_EQ(FilterGraph::safeLetters(1080), 16U);
     const struct {
         std::string name;
@@ -225,6 +229,8 @@ TEST(ProxyPreflight, NamesWhatIsMissing) {
     settings.lutMode = LutMode::automatic;
     settings.extraFolder = "/usr";
     EXPECT_EQ(ProxyPreflight::blocking(settings, true, false), std::nullopt);
+    settings.lutFallback = "/own.CUBE";
+    EXPECT_EQ(ProxyPreflight::lutInUse(settings, true), "/own.CUBE");
     EXPECT_EQ(ProxyPreflight::extraFolderBlocking(settings), std::nullopt);
     EXPECT_EQ(ProxyPreflight::spaceBlocking("/usr", "usr", 0), std::nullopt);
     EXPECT_THAT(*ProxyPreflight::spaceBlocking("/usr", "usr", std::int64_t{1} << 60),
