@@ -120,9 +120,7 @@ std::optional<std::int64_t> search(const std::string& path, bool sound, double a
                   "json", path});
     try {
         return firstDefect(ChildProcess::run(std::move(options), patience, isCancelled), rate);
-    } catch (const ToolError&) {
-        if (isCancelled && isCancelled())
-            throw;
+    } catch (const ToolError&) {   // it stands as it was heard, also when there is no time left for a closer look
     } catch (const FormatError&) { // a file that confuses even ffprobe
     }
     return std::nullopt;

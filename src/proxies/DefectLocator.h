@@ -18,7 +18,7 @@ namespace velmora {
 namespace DefectLocator {
 
 // Puts the frame of the first defect, and its timecode, into `content`; and that it is the sound, where it is. What
-// cannot be found stays as it was heard. Throws ToolError "cancelled" only.
+// cannot be found, or not before a cancel, stays as it was heard.
 void refine(ClipContent& content, const std::string& path, const ClipInfo& info, const ExternalTools& tools,
             const IsCancelled& isCancelled);
 

@@ -40,5 +40,19 @@ TEST(DefectLocator, FindsTheFrameByWhatItsDecoderSaid) {
     EXPECT_FALSE(DefectLocator::firstDefect("{}", 25));
 }
 
+TEST(DefectLocator, LosesNoDefectToACancel) {
+    ClipContent content;
+    content.kind = "decode";
+    content.frame = 7;
+    ClipInfo info;
+    info.frameRate = "25";
+    info.audioChannels = 2;
+    ExternalTools tools;
+    tools.ffprobe = "/bin/false";
+    const ClipContent heard = content;
+    DefectLocator::refine(content, "/a.mov", info, tools, [] { return true; });
+    EXPECT_EQ(content, heard);
+}
+
 } // namespace
 } // namespace velmora
