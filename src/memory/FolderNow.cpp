@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -253,8 +254,11 @@ std::vector<BackupPlace> placesBeside(const std::vector<CardRecord>& records, co
 std::vector<FolderNow> look(const HistoryEntry& entry, const Remembered& history, const Card& card,
                             const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled) {
     std::vector<std::string> cardPaths;
+    // A history that was edited by hand may name a folder twice, and one thread alone may read its records.
+    std::set<std::string> named;
     for (const HistoryDestination& destination : entry.destinations)
-        cardPaths.push_back(destination.cardPath);
+        if (named.insert(RelativePath::withoutTrailingSlash(destination.cardPath)).second)
+            cardPaths.push_back(destination.cardPath);
     std::vector<CardRecord> records(cardPaths.size());
     std::vector<CardRecord> besideRecords;
     std::vector<Look> looks;
