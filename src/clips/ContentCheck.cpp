@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <fmt/format.h>
 
 namespace velmora {
@@ -94,6 +95,16 @@ double rateOf(const ClipInfo& info) {
     return (info.frameRate ? Timecode::fps(*info.frameRate) : std::nullopt).value_or(0);
 }
 
+// The number of frames that the file states. MXF counts the length of its pictures in frames, and ffprobe gives it in
+// seconds only; the seconds of other files may be those of their sound.
+std::optional<std::int64_t> statedFrames(const Clip& clip, const ClipInfo& info) {
+    constexpr double longest = 1e12; // frames
+    const double frames = info.duration.value_or(0) * rateOf(info);
+    if (info.frames || !toLower(clip.path).ends_with(".mxf") || !(frames >= 1 && frames < longest))
+        return info.frames;
+    return std::llround(frames);
+}
+
 // The least number of frames that a sound clip gives. It can be less than the file counts: an edit list hides frames,
 // and then only the duration tells; the frames before the first that can be decoded alone are lost; and a rate that is
 // written with three digits is wrong by some frames in a long clip.
@@ -164,18 +175,19 @@ std::optional<std::string> ContentCheck::timecodeAt(std::int64_t frame, const Cl
     return info.timecode && rate > 0 ? Timecode::add(*info.timecode, frame, rate) : std::nullopt;
 }
 
-ClipContent ContentCheck::verdict(const Clip&, const ClipInfo& info) const {
+ClipContent ContentCheck::verdict(const Clip& clip, const ClipInfo& info) const {
+    const auto expected = statedFrames(clip, info);
     MutexLock lock(mutex_);
     ClipContent content;
     content.framesDecoded = frame_;
-    content.framesExpected = info.frames;
+    content.framesExpected = expected;
     if (kind_) {
         content.kind = kind_;
         content.message = message_;
         content.frame = at_;
-    } else if (info.frames && *info.frames > 0 && frame_ < fewestExpected(*info.frames, info)) {
+    } else if (expected && *expected > 0 && frame_ < fewestExpected(*expected, info)) {
         content.kind = "frames";
-        content.message = fmt::format("decoded {} of {} frames", frame_, *info.frames);
+        content.message = fmt::format("decoded {} of {} frames", frame_, *expected);
         content.frame = frame_;
     }
     content.state = content.kind ? defect : ok;

@@ -96,17 +96,22 @@ TEST(ContentCheck, MissesFramesOnlyWhereASoundClipHasThem) {
         std::optional<std::int64_t> frames;
         std::optional<double> duration;
         bool ok;
+        const char* path = "";
     };
-    for (const Case& c : {Case{100, 200, 8.0, false}, Case{200, 200, 8.0, true}, Case{201, 200, 8.0, true},
-                          Case{193, 200, 8.0, true}, // undecodable frames of an open start
-                          Case{150, 200, 6.0, true}, // hidden by an edit list
-                          Case{100, 200, {}, false}, Case{100, {}, 8.0, true}, Case{0, 1, 0.04, false},
-                          Case{1, 1, 0.04, true}, Case{0, -5, {}, true}, Case{100'000, 100'090, {}, true}}) {
+    for (const Case& c :
+         {Case{100, {}, 8.0, false, "A.MXF"}, Case{193, {}, 8.0, true, "A.MXF"}, Case{0, {}, {}, true, "A.MXF"},
+          Case{100, {}, 8.0, true, "A.mkv"}, Case{100, 200, 8.0, false}, Case{200, 200, 8.0, true},
+          Case{201, 200, 8.0, true}, Case{193, 200, 8.0, true}, // undecodable frames of an open start
+          Case{150, 200, 6.0, true},                            // hidden by an edit list
+          Case{100, 200, {}, false}, Case{0, 1, 0.04, false}, Case{1, 1, 0.04, true}, Case{0, -5, {}, true},
+          Case{100'000, 100'090, {}, true}}) {
         ContentCheck check;
         check.progressLine("frame=" + std::to_string(c.decoded));
         ClipInfo info = clipOf(c.frames);
         info.duration = c.duration;
-        const ClipContent content = check.verdict({}, info);
+        Clip clip;
+        clip.path = c.path;
+        const ClipContent content = check.verdict(clip, info);
         EXPECT_EQ(content.state, c.ok ? "ok" : "warn") << c.decoded << " of " << c.frames.value_or(0);
         EXPECT_EQ(content.kindText(), c.ok ? "content defect" : "clip ends early");
     }
