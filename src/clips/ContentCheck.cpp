@@ -100,9 +100,8 @@ double rateOf(const ClipInfo& info) {
 std::optional<std::int64_t> statedFrames(const Clip& clip, const ClipInfo& info) {
     constexpr double longest = 1e12; // frames
     const double frames = info.duration.value_or(0) * rateOf(info);
-    if (info.frames || !toLower(clip.path).ends_with(".mxf") || !(frames >= 1 && frames < longest))
-        return info.frames;
-    return std::llround(frames);
+    const bool isStated = frames >= 1 && frames < longest;
+    return !info.frames && isStated && toLower(clip.path).ends_with(".mxf") ? std::llround(frames) : info.frames;
 }
 
 // The least number of frames that a sound clip gives. It can be less than the file counts: an edit list hides frames,
