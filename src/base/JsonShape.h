@@ -195,10 +195,11 @@ struct Named {
         const auto text = fields.optionalString(key);
         if (!text)
             return;
-        if (const std::optional value = parse(*text))
-            record.*member = *value;
-        else
-            fields.wrong(key, "a known name");
+        const std::optional value = parse(*text);
+        if (!value)
+            return fields.wrong(key, "a known name");
+        const auto& known = *value; // the member may be optional as well
+        record.*member = known;
     }
     bool streamInto(Record& record, JsonReader& in) const {
         record.*member = Record{}.*member;

@@ -56,7 +56,7 @@ std::optional<std::string> ClipInfo::normalizeRate(const std::optional<std::stri
     const bool thousandths = *rate > highest;
     if (thousandths)
         rate = *rate / 1000;
-    if (!(*rate > 0 && *rate <= highest))
+    if (*rate <= 0 || *rate > highest)
         return std::nullopt;
     const std::string trimmed = trim(*text);
     if (!thousandths && trimmed.ends_with("/1001"))
