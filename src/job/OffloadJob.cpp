@@ -159,11 +159,13 @@ void OffloadJob::begin(Phase phase) {
 void OffloadJob::openHistory(const Log& log) {
     if (!services_.history)
         return;
-    guardHistory([&] {
+    try {
         history_ = std::make_unique<HistoryKeeper>(*services_.history,
                                                    HistoryRecorder::folder(config_, services_.supportFolder),
                                                    config_.recordHistory, config_.source, log);
-    });
+    } catch (const std::exception& error) {
+        loseHistory(error);
+    }
 }
 
 void OffloadJob::addWarning(const std::string& warning) {
@@ -186,9 +188,13 @@ void OffloadJob::askHistory(const std::function<HistoryKeeper::Known()>& questio
     } catch (const Cancelled&) {
         throw;
     } catch (const std::exception& error) {
-        constexpr Timestamp never{std::numeric_limits<std::int64_t>::max(), 0};
-        known_.gaps.push_back({HistoryRecorder::folder(config_, services_.supportFolder), never, error.what()});
+        loseHistory(error);
     }
+}
+
+void OffloadJob::loseHistory(const std::exception& error) {
+    constexpr Timestamp never{std::numeric_limits<std::int64_t>::max(), 0};
+    known_.gaps.push_back({HistoryRecorder::folder(config_, services_.supportFolder), never, error.what()});
 }
 
 // The history only says where to look: nothing that goes wrong with it may cost the backup.

@@ -133,6 +133,7 @@ private:
 
     void openHistory(const Log& log);
     void askHistory(const std::function<HistoryKeeper::Known()>& question);
+    void loseHistory(const std::exception& error);
     void reopenHistory();
     void recordFinish(const OffloadReport& report, const Promises::Evidence& evidence, const Conclusion& conclusion,
                       const Promises::Verdict& verdict);
