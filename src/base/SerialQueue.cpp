@@ -1,7 +1,8 @@
 #include "base/SerialQueue.h"
 
+#include "base/ThreadName.h"
+
 #include <algorithm>
-#include <pthread.h>
 #include <stdexcept>
 
 namespace velmora {
@@ -73,7 +74,7 @@ bool SerialQueue::next(InlineTask& task) {
 }
 
 void SerialQueue::run() {
-    pthread_setname_np(pthread_self(), name_.substr(0, 15).c_str());
+    nameThisThread(name_);
     InlineTask task;
     while (next(task)) {
         try {

@@ -2,6 +2,7 @@
 
 #include "base/Timestamp.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -49,7 +50,8 @@ struct FileFacts {
     bool isLink = false;
 };
 
-// A file read past the page cache. Not thread-safe. Every failure is an IOError ("open", "stat", "read").
+// A file read past the page cache; any number of threads may read. Every failure is an IOError ("open", "stat",
+// "read").
 class UncachedReader {
 public:
     // Follows no symbolic link in the last component; refuses anything but a regular file (EINVAL).
@@ -78,7 +80,7 @@ private:
 
     std::string path_;
     int fd_ = -1;
-    CacheMode mode_ = CacheMode::direct;
+    std::atomic<CacheMode> mode_{CacheMode::direct};
 };
 
 // A file written past the page cache. Not thread-safe. Every failure is an IOError ("open", "write", "fsync", …).

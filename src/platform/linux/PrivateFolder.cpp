@@ -1,12 +1,12 @@
 #include "platform/PrivateFolder.h"
 
+#include "base/Hex.h"
 #include "platform/FileLock.h"
 #include "platform/IO.h"
+#include "platform/RandomBytes.h"
 
 #include <array>
-#include <cstdio>
 #include <filesystem>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,18 +18,12 @@ constexpr std::string_view prefix = "offload-";
 constexpr std::size_t nameLength = prefix.size() + 36;
 
 std::string newName() {
-    std::array<unsigned char, 16> random{};
-    if (::getrandom(random.data(), random.size(), 0) < 0)
-        throw IOError("getrandom", "", errno);
-    std::string name(prefix);
-    for (std::size_t i = 0; i < random.size(); ++i) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, "%02x", random[i]);
-        name += digits;
-        if (i == 3 || i == 5 || i == 7 || i == 9)
-            name += '-';
-    }
-    return name;
+    std::array<std::byte, 16> random{};
+    fillRandom(random);
+    std::string digits = Hex::ofBytes(random);
+    for (const std::size_t at : {20, 16, 12, 8})
+        digits.insert(at, 1, '-');
+    return std::string(prefix) + digits;
 }
 
 std::string temporaryFolder() {

@@ -32,7 +32,7 @@ UncachedReader::~UncachedReader() {
 }
 
 UncachedReader::UncachedReader(UncachedReader&& other) noexcept
-    : path_(std::move(other.path_)), fd_(std::exchange(other.fd_, -1)), mode_(other.mode_) {}
+    : path_(std::move(other.path_)), fd_(std::exchange(other.fd_, -1)), mode_(other.mode()) {}
 
 FileFacts UncachedReader::facts() const {
     struct stat info{};
@@ -45,13 +45,15 @@ void UncachedReader::becomeBuffered() {
     mode_ = CacheMode::dropBehind;
 }
 
-// One pread that got through. Some file systems take the O_DIRECT flag and refuse only the reading (EINVAL).
+// One pread that got through. Some file systems take the O_DIRECT flag and refuse only the reading (EINVAL); another
+// thread may have found that out while this one was asking.
 std::size_t UncachedReader::readOnce(std::byte* to, std::size_t bytes, std::int64_t offset) {
     while (true) {
+        const bool direct = mode() == CacheMode::direct;
         const ssize_t n = retryInterrupted([&] { return ::pread(fd_, to, bytes, offset); });
         if (n >= 0)
             return static_cast<std::size_t>(n);
-        if (errno != EINVAL || mode_ != CacheMode::direct)
+        if (errno != EINVAL || !direct)
             throwErrno("read", path_);
         becomeBuffered();
     }
@@ -62,7 +64,7 @@ std::size_t UncachedReader::readAt(std::span<std::byte> buffer, std::int64_t off
     while (got < buffer.size()) {
         // O_DIRECT cannot go on from an unaligned position. Usually such a position is the end of the file; when the
         // file has grown meanwhile, or a read was merely cut short, the broken unit is read again from its start.
-        const bool direct = mode_ == CacheMode::direct;
+        const bool direct = mode() == CacheMode::direct;
         const std::size_t from = direct ? got / directAlignment * directAlignment : got;
         if (from < got && offset + static_cast<std::int64_t>(got) >= facts().size)
             break;
