@@ -36,7 +36,14 @@ inline constexpr std::string_view repairOtherCard =
 // Sentences about verification that runs in the proxy render and about finishing what was interrupted.
 namespace VIPMsg {
 
+// Why a destination is verified by reading it.
 inline constexpr std::string_view cacheBlind = "macOS cannot show what is in its cache — verified by reading back";
+inline constexpr std::string_view classicSetting = "verification during proxies is off — verified by reading back";
+inline constexpr std::string_view classicSecondary = "another destination — verified by reading in the background";
+// Failures of a file.
+inline constexpr std::string_view verifyDiskHung = "the disk stopped responding during verification";
+inline constexpr std::string_view cardFolderGone =
+    "the card folder on the destination disappeared (disk disconnected?)";
 
 std::string resumeDiverged(std::string_view disk, std::int64_t generation);
 // An append meets a repair that was interrupted after its report was written.

@@ -65,7 +65,7 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
     std::optional<CopyRun> made;
     try {
         if (!held_)
-            held_ = std::make_unique<HeldFolders>(shared->cardPaths(), roots_.get());
+            held_ = std::make_shared<const HeldFolders>(shared->cardPaths(), roots_.get());
         if (afterClaim_)
             afterClaim_(*shared);
         made.emplace(*this, shared, destinations);
@@ -111,7 +111,7 @@ void OffloadEngine::holdCard() {
 }
 
 void OffloadEngine::hold(const std::vector<std::string>& cardPaths) {
-    held_ = std::make_unique<HeldFolders>(cardPaths);
+    held_ = std::make_shared<const HeldFolders>(cardPaths);
 }
 
 void OffloadEngine::cancel() {

@@ -54,8 +54,8 @@ public:
     // Holds the card folders that the run will write into, before they are looked at: a full copy holds its own once
     // they are made, below the roots that `prepare` has checked. Nothing is written into another folder of that path.
     void hold(const std::vector<std::string>& cardPaths);
-    // Null until folders are held.
-    const HeldFolders* held() const noexcept { return held_.get(); }
+    // Null until folders are held. Shared with threads that read a disk which hangs, and so may outlive the engine.
+    const std::shared_ptr<const HeldFolders>& held() const noexcept { return held_; }
 
     // Does what the plan says and returns the report, which stands nowhere yet. Files that failed are data in it; so is
     // a cancel (`isCancelled`, the files that were not copied are "cancelled"). A full copy claims its card folder on
@@ -110,8 +110,8 @@ private:
     std::atomic<bool> cancelled_{false};
     std::atomic<bool> cardChanged_{false};
     Preflight::Space space_;
-    std::unique_ptr<HeldFolders> roots_; // of the thread that runs
-    std::unique_ptr<HeldFolders> held_;  // of the thread that runs; asked by all
+    std::unique_ptr<HeldFolders> roots_;      // of the thread that runs
+    std::shared_ptr<const HeldFolders> held_; // of the thread that runs; asked by all
 
     mutable Mutex mutex_;
     ProgressSnapshot::Phase phase_ GUARDED_BY(mutex_) = ProgressSnapshot::Phase::copy;
