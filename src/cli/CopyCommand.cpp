@@ -1,4 +1,5 @@
 #include "base/Text.h"
+#include "cli/ClipOptions.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/CopyStart.h"
@@ -62,6 +63,7 @@ public:
         app->add_flag("--again", again_, "Copy a card that is already backed up");
         app->add_flag("--no-history", noHistory_, "Neither look the card up in the card history nor record it there");
         app->add_flag("--eject", eject_, "Eject the card when it is safe to");
+        clips_.declare(*app);
         app->add_flag("--json", json_, "Print JSON instead: one object a line");
         app->footer("Examples:\n"
                     "  velmora copy /media/dit/A001 --dest /mnt/raid --dest /mnt/shuttle\n"
@@ -88,6 +90,7 @@ public:
         config.chunkMB = blockMiB_;
         config.buffers = buffers_;
         config.allowSameDevice = sameDevice_;
+        clips_.applyTo(config, settings, config.destRoots.size());
         OffloadOptions options;
         options.allowSourceVolume = sourceVolume_;
         config.recordHistory = !noHistory_;
@@ -127,6 +130,7 @@ private:
     bool noHistory_ = false;
     bool eject_ = false;
     bool json_ = false;
+    ClipOptions clips_;
 };
 
 } // namespace

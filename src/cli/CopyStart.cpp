@@ -9,7 +9,9 @@
 #include "cli/Interrupts.h"
 #include "cli/StatusJson.h"
 #include "cli/TerminalText.h"
+#include "clips/ClipDetector.h"
 #include "disks/CardIdentity.h"
+#include "disks/SpaceEstimator.h"
 #include "engine/Layout.h"
 #include "engine/OffloadOptions.h"
 #include "job/JobProgress.h"
@@ -63,6 +65,17 @@ void askAgain(const CardInsight& insight, const std::string& name, const std::st
         say(console, line);
     if (!choice.again && !asks(console, prompt.question))
         throw OffloadError::preflight(PreflightCode::other, prompt.title + " — add --again to copy it again in full.");
+}
+
+bool mayVerifyInProxy(const JobConfig& config) { return config.verifyInProxy && config.proxy.enabled; }
+
+// Of the clips that get proxies, told from their sizes. To look at the clips alone takes next to nothing.
+double footageSeconds(const JobConfig& config, const SourceScan& card) {
+    double seconds = 0;
+    if (config.proxy.enabled)
+        for (const Clip& clip : ClipDetector::detect(card.files))
+            seconds += clip.isCameraProxy ? 0 : SpaceEstimator::seconds(clip, nullptr);
+    return seconds;
 }
 
 // The first look at the card. A pause that is asked for meanwhile shows at once and is held when the look is done; the
@@ -153,12 +166,14 @@ std::optional<Listing> prepare(JobConfig& config, const OffloadOptions& options,
         say(console, *insight.nameNote);
     config.cardName = name.name;
     const RateMemory rates = RateMemory::load(RateMemory::pathIn(history.folder()));
-    if (const auto seconds = rates.estimate({.bytes = static_cast<double>(insight.totalBytes),
-                                             .readBack = config.verify,
-                                             .analyze = false,
-                                             .proxy = {}}))
+    if (const auto seconds =
+            rates.estimate({.bytes = static_cast<double>(insight.totalBytes),
+                            .footageSeconds = footageSeconds(config, insight.listing),
+                            .readBack = config.verify && !mayVerifyInProxy(config),
+                            .analyze = config.analyzeClips,
+                            .proxy = config.proxy.enabled ? std::optional(config.proxy.codec) : std::nullopt}))
         say(console, countedFiles(insight.fileCount) + ", " + formatBytes(insight.totalBytes) + ":" +
-                         RateMemory::startText(*seconds, false));
+                         RateMemory::startText(*seconds, config.proxy.enabled));
     if (insight.isEmptied())
         say(console, HistoryText::emptied(insight.match->entry));
     else if (BackedUpPrompt::shouldAsk(&insight)) {

@@ -5,10 +5,12 @@
 #include "engine/Layout.h"
 #include "job/JobWords.h"
 #include "platform/IO.h"
+#include "proxies/ProxyDecision.h"
 #include "records/OffloadReport.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <map>
 
 namespace velmora::CopySummary {
 
@@ -28,6 +30,7 @@ public:
     }
     void addAll(const JobStatus& status, const OffloadReport& report);
     void addFailures(const OffloadReport& report);
+    void addClips(const OffloadReport& report);
     void addPromises(const JobStatus& status, const OffloadReport* report);
     void addLastWords(const LastWords& words);
     void addWayOn(const LastWords& words);
@@ -75,6 +78,41 @@ void Page::addAll(const JobStatus& status, const OffloadReport& report) {
         if (std::ranges::find(status.warnings, note) == status.warnings.end()) // the warnings follow further down
             add("  " + note, Tone::warning);
     addFailures(report);
+    addClips(report);
+}
+
+// What a person has to look at: proxies that are missing, and clips whose content is damaged.
+void Page::addClips(const OffloadReport& report) {
+    if (report.clips.empty())
+        return;
+    std::map<ProxyStatus, std::int64_t> count;
+    for (const ClipEntry& clip : report.clips)
+        ++count[clip.proxyStatus];
+    std::vector<std::string> parts{counted(static_cast<std::int64_t>(report.clips.size()), "clip", "clips")};
+    if (report.proxy) {
+        parts.push_back(counted(count[ProxyStatus::done], "proxy", "proxies"));
+        for (const auto& [status, text] : {std::pair{ProxyStatus::skipped, "without"},
+                                           {ProxyStatus::unsupported, "unsupported"},
+                                           {ProxyStatus::failed, "failed"},
+                                           {ProxyStatus::none, "not begun"}})
+            if (count[status] > 0)
+                parts.push_back(fmt::format("{} {}", count[status], text));
+    }
+    add("  " + join(parts, ", "));
+    std::size_t shown = 0;
+    const auto tell = [&](const ClipEntry& clip, const std::string& what, Tone tone) {
+        if (++shown <= failuresShown)
+            add(fmt::format("    {}: {}", clip.clip.path, what), tone);
+    };
+    for (const ClipEntry& clip : report.clips) {
+        if (clip.content && clip.content->kind)
+            tell(clip, ProxyDecision::defectText(*clip.content), Tone::warning);
+        const bool plain = clip.proxyStatus == ProxyStatus::skipped || !clip.proxyNote;
+        if (!plain)
+            tell(clip, *clip.proxyNote, clip.proxyStatus == ProxyStatus::failed ? Tone::bad : Tone::plain);
+    }
+    if (shown > failuresShown)
+        add(fmt::format("    and {} more", shown - failuresShown));
 }
 
 void Page::addFailures(const OffloadReport& report) {

@@ -1,8 +1,10 @@
 #include "cli/CardWords.h"
+#include "cli/ClipOptions.h"
 #include "cli/Commands.h"
 #include "cli/HistorySession.h"
 #include "cli/JobRunner.h"
 #include "cli/TypedPath.h"
+#include "cli/UserSettings.h"
 
 #include <CLI/CLI.hpp>
 
@@ -22,7 +24,7 @@ public:
         config.buffers = buffers_;
         config.verify = !noVerify_;
         config.recordHistory = !noHistory_;
-        configure(config, folders);
+        configure(config, folders, context.console);
         HistorySession history(context.console);
         OffloadJob job(std::move(config), {}, history.services());
         prepare(job, folders);
@@ -47,7 +49,7 @@ protected:
         app->footer(footer);
         return app;
     }
-    virtual void configure(JobConfig& config, const std::vector<std::string>& folders) = 0;
+    virtual void configure(JobConfig& config, const std::vector<std::string>& folders, Console& console) = 0;
     virtual void prepare(OffloadJob& job, const std::vector<std::string>& folders) = 0;
 
     bool noVerify_ = false;
@@ -74,11 +76,15 @@ public:
         app->add_flag("--no-verify", noVerify_, "Do not read the copies back. The card is then never safe to format");
         app->add_flag("--compare", compare_,
                       "Read every file of the card and of its copies, also of earlier runs, and compare them");
+        clips_.declare(*app);
         return app;
     }
 
 private:
-    void configure(JobConfig& config, const std::vector<std::string>& folders) override { config.appendInto = folders; }
+    void configure(JobConfig& config, const std::vector<std::string>& folders, Console& console) override {
+        config.appendInto = folders;
+        clips_.applyTo(config, loadSettings(console), folders.size());
+    }
     void prepare(OffloadJob& job, const std::vector<std::string>& folders) override {
         if (compare_)
             job.compareCard();
@@ -86,6 +92,7 @@ private:
     }
 
     bool compare_ = false;
+    ClipOptions clips_;
 };
 
 class RepairCommand final : public IntoCommand {
@@ -104,7 +111,7 @@ public:
     }
 
 private:
-    void configure(JobConfig&, const std::vector<std::string>&) override {}
+    void configure(JobConfig&, const std::vector<std::string>&, Console&) override {}
     void prepare(OffloadJob& job, const std::vector<std::string>& folders) override { job.repairInto(folders); }
 };
 

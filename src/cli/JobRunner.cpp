@@ -172,7 +172,8 @@ ExitStatus exitStatusOf(const JobStatus& status, bool hasReport, bool verificati
     if (status.phase != Phase::done)
         return hasReport ? ExitStatus::dataProblem : ExitStatus::brokeOff;
     const bool well = verificationWanted ? status.safeToFormat : status.safeToEject;
-    return well && status.copySucceeded.value_or(true) ? ExitStatus::ok : ExitStatus::dataProblem;
+    const bool clipsAreWell = status.contentWarnings == 0 && status.proxiesFailed == 0;
+    return well && clipsAreWell && status.copySucceeded.value_or(true) ? ExitStatus::ok : ExitStatus::dataProblem;
 }
 
 ExitStatus runJob(OffloadJob& job, HistorySession& history, CommandContext& context, bool json,

@@ -54,7 +54,22 @@ std::string rates(const JobStatus& status, const JobProgress& progress, const st
     return parts.empty() ? "" : "  " + join(parts, ", ") + " MB/s";
 }
 
+bool isAtClips(const JobStatus& status) { return status.phase == Phase::analyzing || status.phase == Phase::proxies; }
+
+std::string clipAmount(const JobStatus& status) {
+    std::string text = fmt::format(" {}/{}", status.clipIndex, status.clipCount);
+    if (status.phase == Phase::proxies)
+        text += percent(status.clipFraction);
+    if (status.proxiesFailed > 0)
+        text += fmt::format("  {} failed", status.proxiesFailed);
+    if (status.contentWarnings > 0)
+        text += fmt::format("  {}", counted(status.contentWarnings, "defect", "defects"));
+    return text;
+}
+
 std::string fileName(const JobStatus& status) {
+    if (isAtClips(status))
+        return status.clipName;
     if (!status.copy)
         return "";
     const auto& copy = *status.copy;
@@ -86,10 +101,13 @@ std::string compose(const JobStatus& status, const JobProgress& progress, const 
     std::string line = status.examining && !status.paused ? *status.examining : JobWords::statusText(status);
     const bool works = status.copy && (status.phase == Phase::copying || status.phase == Phase::verifying);
     const bool moving = !status.pauseHeld && (works || status.examining);
-    if (moving || status.paused)
+    if (isAtClips(status))
+        line += clipAmount(status);
+    else if (moving || status.paused)
         line += amount(status, progress);
-    if (moving) {
+    if (moving)
         line += rates(status, progress, roots);
+    if (moving || (isAtClips(status) && !status.pauseHeld)) {
         if (const auto left = progress.eta())
             line += fmt::format("  {} left", JobWords::etaText(*left));
     }

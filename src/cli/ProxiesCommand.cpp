@@ -5,6 +5,7 @@
 #include "cli/Console.h"
 #include "cli/FoundClips.h"
 #include "cli/Interrupts.h"
+#include "cli/ProxyChoice.h"
 #include "cli/ProxyWords.h"
 #include "cli/TerminalText.h"
 #include "cli/TypedPath.h"
@@ -12,12 +13,10 @@
 #include "engine/Layout.h"
 #include "platform/IO.h"
 #include "proxies/ClipAnalyzer.h"
-#include "proxies/LutOption.h"
 #include "proxies/ProxyBatch.h"
 #include "proxies/ProxyPreflight.h"
 #include "proxies/ProxyRenderer.h"
 #include "proxies/ToolSearch.h"
-#include "settings/SettingsKeys.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -41,13 +40,13 @@ public:
         app->add_option("--out", out_, "The folder for the proxies")->required()->type_name("DIR");
         const auto setting = [&](const char* option, const char* key, const char* help) {
             app->add_option_function<std::string>(
-                option, [this, key](const std::string& text) { chosen_.emplace_back(key, text); }, help);
+                option, [this, key](const std::string& text) { choice_.values.emplace_back(key, text); }, help);
         };
         setting("--codec", "codec", "h264, hevc, proresProxy, proresLT, prores422 or prores422HQ");
         setting("--height", "height", "Lines of the proxy");
         setting("--bitrate", "bitrateMbps", "Mbit/s, for h264 and hevc");
-        app->add_option("--lut", lut_, "auto, none, the id of a built-in LUT, or a path to a .cube");
-        app->add_option("--lut-fallback", lutFallback_, "The same, for clips whose camera is not recognised");
+        app->add_option("--lut", choice_.lut, "auto, none, the id of a built-in LUT, or a path to a .cube");
+        app->add_option("--lut-fallback", choice_.lutFallback, "The same, for clips whose camera is not recognised");
         app->add_flag("--no-burn-in", noBurnIn_, "Draw neither name nor timecode into the picture");
         setting("--frame-aspect", "frameAspect", "Crop to the frame lines: width over height");
         setting("--frame-scale", "frameScale", "Part of the picture inside the frame lines");
@@ -98,21 +97,8 @@ public:
 
 private:
     ProxySettings wanted(AppSettings& settings, const LutCatalog& catalog) const {
-        for (const auto& [key, text] : chosen_)
-            try {
-                SettingsKeys::set(settings, "proxy." + key, {text});
-            } catch (const SettingsError& error) {
-                throw UsageError(error.what());
-            }
+        choice_.applyTo(settings, catalog);
         ProxySettings& proxy = settings.proxy;
-        auto lut = LutOption::parse(lut_, lutFallback_, catalog);
-        if (lut.error)
-            throw UsageError(*lut.error);
-        if (lut.path)
-            lut.path = TypedPath::absolute(*lut.path);
-        if (lut.fallback && LutOption::isCubePath(*lut.fallback))
-            lut.fallback = TypedPath::absolute(*lut.fallback);
-        lut.applyTo(proxy);
         proxy.enabled = true;
         if (noBurnIn_)
             proxy.burnFilename = proxy.burnTimecode = false;
@@ -200,9 +186,7 @@ private:
 
     std::string source_;
     std::string out_;
-    std::vector<std::pair<std::string, std::string>> chosen_; // key and value of the settings for proxies
-    std::optional<std::string> lut_;
-    std::optional<std::string> lutFallback_;
+    ProxyChoice choice_;
     bool noBurnIn_ = false;
     bool flat_ = false;
     unsigned jobs_ = 1;

@@ -1,5 +1,6 @@
 #include "cli/StatusJson.h"
 
+#include "base/Text.h"
 #include "job/JobProgress.h"
 #include "records/OffloadReport.h"
 
@@ -50,6 +51,19 @@ nlohmann::json failedFiles(const OffloadReport& report) {
     return list;
 }
 
+nlohmann::json clips(const OffloadReport& report) {
+    auto list = nlohmann::json::array();
+    for (const ClipEntry& clip : report.clips) {
+        nlohmann::json entry = {{"clip", withValidUtf8(clip.clip.path)}, {"proxyStatus", name(clip.proxyStatus)}};
+        putIfSet(entry, "probeError", clip.probeError);
+        putIfSet(entry, "proxyPath", clip.proxyPath);
+        putIfSet(entry, "proxyNote", clip.proxyNote);
+        putIfSet(entry, "content", clip.content);
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
 } // namespace
 
 nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
@@ -75,6 +89,14 @@ nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
                        {"verifyingFiles", copy.verifyingFiles},
                        {"errors", copy.errors}});
     }
+    if (status.clipCount > 0)
+        object.update({{"clipIndex", status.clipIndex},
+                       {"clipCount", status.clipCount},
+                       {"clipName", withValidUtf8(status.clipName)},
+                       {"clipFraction", status.clipFraction},
+                       {"proxiesDone", status.proxiesDone},
+                       {"proxiesFailed", status.proxiesFailed},
+                       {"contentWarnings", status.contentWarnings}});
     putIfSet(object, "examining", status.examining);
     if (!status.verifyDoneByDest.empty())
         object.update({{"verifyDoneByDest", status.verifyDoneByDest}, {"verifyTotalByDest", status.verifyTotalByDest}});
@@ -111,6 +133,8 @@ nlohmann::json result(const JobStatus& status, const OffloadReport* report, cons
                    {"verifySeconds", report->verifySeconds()},
                    {"failedFiles", failedFiles(*report)}});
     putIfSet(object, "verifyNotes", report->verifyNotes);
+    if (!report->clips.empty())
+        object.update({{"clips", clips(*report)}, {"contentWarnings", report->contentWarnings().size()}});
     auto destinations = nlohmann::json::array();
     for (const auto& destination : report->destinations)
         destinations.push_back({{"root", destination.root},

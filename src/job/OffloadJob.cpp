@@ -5,6 +5,7 @@
 #include "disks/SpacePlanner.h"
 #include "engine/FolderLocks.h"
 #include "job/HistoryKeeper.h"
+#include "job/PostStage.h"
 #include "job/RepairWork.h"
 #include "platform/IO.h"
 #include "platform/PowerInhibitor.h"
@@ -103,7 +104,9 @@ OffloadPlan OffloadJob::prepare() {
     if (listing_ && CardIdentity::momentary(config_.source) == listing_->second)
         inputs.listing = std::move(listing_->first);
     listing_.reset();
-    OffloadPlan plan = engine_.prepare(inputs);
+    requireProxySettings();
+    OffloadPlan plan =
+        engine_.prepare(inputs, [this](const SourceScan& scan) { return PostStage::spaceFor(config_, scan); });
     plan.project = config_.project;
     return plan;
 }
@@ -245,7 +248,7 @@ JobStatus OffloadJob::status() const {
     if (status.phase == Phase::copying)
         status.phase = phaseOf(copy.phase);
     if (status.paused && !status.pauseHeld)
-        status.pauseStep = stepBeforePause(copy);
+        status.pauseStep = status.clipName.empty() ? stepBeforePause(copy) : status.clipName;
     for (std::size_t d = 0; d < copy.verifiedBytes.size(); ++d) {
         // A run that finishes another reads back more than it copies; how much is known when the read-back begins.
         const std::int64_t total = status.phase < Phase::verifying ? copy.totalBytes : copy.bytesToVerify[d];

@@ -10,6 +10,7 @@
 #include "memory/AppendPlanner.h"
 #include "memory/FolderState.h"
 #include "memory/RepairPlanner.h"
+#include "records/ClipEntry.h"
 #include "records/JobConfig.h"
 #include "records/SourceFile.h"
 
@@ -124,12 +125,18 @@ private:
 
     Promises::Evidence gather(const Conclusion& conclusion, const OffloadReport* report);
     void conclude(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
+    // The same, and then the clips.
+    void finishRun(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
+    void runPost(OffloadReport report, std::vector<ClipEntry> earlier) EXCLUDES(mutex_);
+    void layReport(const OffloadReport& report) EXCLUDES(mutex_);
+    void endRun() EXCLUDES(mutex_);
     void addLastLook(Promises::Evidence& evidence);
     // `note` says that all is well, and gives way to `otherwise` when the backup is not.
     void concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) EXCLUDES(mutex_);
     std::vector<HistoryVerification> passed(const Conclusion& conclusion, const OffloadReport* report) const;
     void tell(const Promises::Verdict& verdict, Remedy remedy) EXCLUDES(mutex_);
     void learnRates(const OffloadReport& report);
+    void requireProxySettings() const;
 
     void openHistory(const Log& log);
     void askHistory(const std::function<HistoryKeeper::Known()>& question);
@@ -161,6 +168,8 @@ private:
     const FolderStates folders_{[this] { return mustStop(); }};
     // Of the source when the run began (SpacePlanner::volumeKey), if it could be asked.
     std::optional<std::string> sourceVolume_;
+    std::vector<std::string> recorded_; // card folders that have the records of this run
+    std::optional<double> postSeconds_; // that the clips took, without pauses
     bool compareCard_ = false;
     std::string compareCommand_;
     OffloadEngine engine_;

@@ -232,6 +232,13 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
     }
     tell(verdict, remedyOf(evidence, report.get()));
     recordFinish(*report, evidence, conclusion, verdict);
+    recorded_ = std::move(order.cardPaths);
+    for (const auto& failure : outcome.failures)
+        std::erase(recorded_, failure.cardPath);
+}
+
+void OffloadJob::endRun() {
+    const auto report = this->report();
     learnRates(*report);
     if (engine_.isCancelled())
         endAs(Phase::cancelled);
@@ -323,7 +330,8 @@ void OffloadJob::learnRates(const OffloadReport& report) {
     const ProgressSnapshot moved = engine_.snapshot();
     const std::string path = RateMemory::pathIn(services_.supportFolder);
     RateMemory rates = RateMemory::load(path);
-    rates.learn(report, moved, false, {}, {}, false, true);
+    rates.learn(report, moved, config_.analyzeClips,
+                config_.proxy.enabled ? std::optional(config_.proxy.codec) : std::nullopt, postSeconds_, false, true);
     rates.save(path, [this](std::string_view line) { log(line); });
 }
 

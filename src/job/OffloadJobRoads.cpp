@@ -78,7 +78,7 @@ void OffloadJob::runCopy() {
     conclusion.create = true;
     conclusion.card = plan.scan;
     OffloadReport report = engine_.run(std::move(plan));
-    conclude(std::move(report), conclusion);
+    finishRun(std::move(report), conclusion);
 }
 
 AppendPlanner::Ask OffloadJob::ask(const std::vector<std::string>& cardPaths) {
@@ -108,6 +108,7 @@ void OffloadJob::reopenHistory() {
 }
 
 void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
+    requireProxySettings();
     openFolders(cardPaths);
     const AppendPlanner::Ask asked = ask(cardPaths);
     AppendPlan append;
@@ -155,7 +156,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     conclusion.unproved = append.unverifiedEarlier;
     OffloadReport report = engine_.run(append.toPlan());
     listSetAside(report);
-    conclude(std::move(report), conclusion);
+    finishRun(std::move(report), conclusion);
 }
 
 void OffloadJob::runRepair() {
@@ -203,6 +204,7 @@ void OffloadJob::runRepair() {
     OffloadReport report = engine_.run(repair.plan);
     listSetAside(report);
     conclude(std::move(report), conclusion);
+    endRun();
 }
 
 // A report that only one of the disks lost is made anew before the backup is refused for it.

@@ -5,7 +5,8 @@
 
 namespace velmora {
 
-ClipContent renderChecked(ProxyRenderer& renderer, RenderRequest request, const ExternalTools& tools) {
+ClipContent renderChecked(ProxyRenderer& renderer, RenderRequest request, const std::string& file,
+                          const ExternalTools& tools) {
     ContentCheck check;
     request.onErrorLine = [&](std::string_view line) { check.errorLine(line); };
     request.onProgressLine = [&](std::string_view line) { check.progressLine(line); };
@@ -13,7 +14,7 @@ ClipContent renderChecked(ProxyRenderer& renderer, RenderRequest request, const 
     renderer.render(request);
     ClipContent content = check.verdict(request.clip, request.info);
     if (request.clip.format == ClipFormat::video)
-        DefectLocator::refine(content, request.input, request.info, tools, request.isCancelled);
+        DefectLocator::refine(content, file, request.info, tools, request.isCancelled);
     return content;
 }
 

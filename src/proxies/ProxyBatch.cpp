@@ -1,18 +1,15 @@
 #include "proxies/ProxyBatch.h"
 
-#include "base/RelativePath.h"
 #include "base/Text.h"
 #include "disks/SpaceEstimator.h"
 #include "platform/IO.h"
 #include "proxies/CheckedRender.h"
 #include "proxies/ClipProbe.h"
-#include "proxies/LighterSource.h"
 #include "proxies/ProxyOrigin.h"
 #include "proxies/ProxyPreflight.h"
 #include "proxies/ProxyRenderer.h"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fmt/format.h>
 #include <future>
@@ -20,12 +17,6 @@
 namespace velmora {
 
 using Clock = std::chrono::steady_clock;
-
-std::string_view name(ProxyOutcome outcome) noexcept {
-    constexpr std::array<std::string_view, 7> names{"waiting", "done",        "existing", "lighter",
-                                                    "skipped", "unsupported", "failed"};
-    return names[static_cast<std::size_t>(outcome)];
-}
 
 ProxyBatch::ProxyBatch(const ClipProbe& probe, ProxyRenderer& renderer, Wish wish, Log log,
                        std::vector<ClipEntry> clips)
@@ -55,59 +46,39 @@ void ProxyBatch::claimFolder() {
 void ProxyBatch::plan(const IsCancelled& isCancelled) {
     claimFolder();
     std::set<std::string> used;
-    std::vector<const Item*> toRender;
+    std::vector<const ClipEntry*> toRender;
     for (Item& item : items_) {
         if (isCancelled && isCancelled())
             throw Cancelled();
         decide(item, used, isCancelled);
         if (item.outcome == ProxyOutcome::waiting)
-            toRender.push_back(&item);
+            toRender.push_back(&item.entry);
     }
-    if (const auto problem = ProxyPreflight::spaceBlocking(wish_.out, wish_.out, bytesOf(toRender)))
+    if (const auto problem =
+            ProxyPreflight::spaceBlocking(wish_.out, wish_.out, ProxyDecision::bytesOf(toRender, wish_.settings)))
         throw OffloadError::preflight(PreflightCode::noSpace, *problem);
-}
-
-std::int64_t ProxyBatch::bytesOf(const std::vector<const Item*>& items) const {
-    std::vector<Clip> clips;
-    std::map<std::string, const ClipInfo*> infos;
-    for (const Item* item : items) {
-        clips.push_back(item->entry.clip);
-        infos[item->entry.clip.path] = item->entry.info ? &*item->entry.info : nullptr;
-    }
-    ProxySettings settings = wish_.settings;
-    settings.enabled = true;
-    return SpaceEstimator::proxyBytes(clips, settings, {}, [&](const Clip& clip) { return infos[clip.path]; }, {});
 }
 
 void ProxyBatch::decide(Item& item, std::set<std::string>& used, const IsCancelled& isCancelled) {
     const Clip& clip = item.entry.clip;
-    const auto is = [&](ProxyOutcome outcome, std::string note) {
-        item.outcome = outcome;
-        item.note = std::move(note);
-    };
-    if (clip.isCameraProxy && wish_.settings.skipCameraProxies)
-        return is(ProxyOutcome::skipped, "recorded by the camera as a proxy");
-    if (const auto reason = probe_.unsupportedReason(clip.format))
-        return is(ProxyOutcome::unsupported, *reason);
-    if (!item.entry.info)
-        return is(ProxyOutcome::failed, item.entry.probeError.value_or("the clip could not be read"));
-    if (clip.format == ClipFormat::video && !item.entry.info->width)
-        return is(ProxyOutcome::unsupported, item.entry.info->codec ? "codec not supported by ffmpeg (e.g. Sony X-OCN)"
-                                                                    : "there is no picture in the file");
-    if (item.entry.lut)
-        if (const auto note = LighterSource::note(*item.entry.info, wish_.settings, *item.entry.lut))
-            return is(ProxyOutcome::lighter, *note);
-
+    if (auto reason = ProxyDecision::whyNot(item.entry, wish_.settings, probe_)) {
+        item.outcome = reason->outcome;
+        item.note = std::move(reason->note);
+        return;
+    }
     bool own = false;
     const std::string wanted = ProxyPaths::of(clip, wish_.tree);
     item.file = ProxyPaths::pick(wanted, used, [&](const std::string& file) {
         own = IO::exists(wish_.out + "/" + file);
         return !own || (own = isOwn(file, item, isCancelled));
     });
-    if (own)
-        return is(ProxyOutcome::existing, "there already");
+    if (own) {
+        item.outcome = ProxyOutcome::existing;
+        item.note = "there already";
+        return;
+    }
     if (item.file != wanted)
-        item.note = fmt::format("Proxy renamed to {} (name clash) — relink it by hand.", RelativePath::name(item.file));
+        item.note = ProxyDecision::renamedText(item.file);
     // What a run that was killed has left of this proxy. Nobody else renders here.
     std::error_code ignored;
     std::filesystem::remove(wish_.out + "/" + ProxyPaths::part(item.file), ignored);
@@ -115,8 +86,8 @@ void ProxyBatch::decide(Item& item, std::set<std::string>& used, const IsCancell
 
 bool ProxyBatch::isOwn(const std::string& file, const Item& item, const IsCancelled& isCancelled) const {
     const auto& ffprobe = probe_.tools().ffprobe;
-    return ffprobe && ProxyOrigin::read(*ffprobe, wish_.out + "/" + file, isCancelled) ==
-                          ProxyOrigin::text(item.entry.clip, *item.entry.info);
+    return ffprobe &&
+           ProxyOrigin::isOf(*ffprobe, wish_.out + "/" + file, item.entry.clip, *item.entry.info, isCancelled);
 }
 
 void ProxyBatch::render(const IsCancelled& isCancelled) {
@@ -174,22 +145,21 @@ void ProxyBatch::renderOne(Item& item, const IsCancelled& isCancelled) {
     };
     try {
         // The estimate of the whole may have been too low, or the disk fills from elsewhere.
-        if (const auto problem = ProxyPreflight::spaceBlocking(wish_.out, wish_.out, bytesOf({&item})))
+        if (const auto problem = ProxyPreflight::spaceBlocking(wish_.out, wish_.out,
+                                                               ProxyDecision::bytesOf({&item.entry}, wish_.settings)))
             return fail(*problem);
-        RenderRequest request{item.entry.clip, ClipProbe::pathOf(item.entry.clip, wish_.source), *item.entry.info,
-                              item.entry.lut ? *item.entry.lut : none, wish_.out + "/" + item.file};
+        const std::string source = ClipProbe::pathOf(item.entry.clip, wish_.source);
+        RenderRequest request{item.entry.clip, source, *item.entry.info, item.entry.lut ? *item.entry.lut : none,
+                              wish_.out + "/" + item.file};
         request.isCancelled = isCancelled;
         request.progress = [&](double fraction) {
             MutexLock lock(mutex_);
             state_.running[index] = fraction;
         };
-        item.entry.content = renderChecked(renderer_, std::move(request), probe_.tools());
+        item.entry.content = renderChecked(renderer_, std::move(request), source, probe_.tools());
         item.outcome = ProxyOutcome::done;
-        if (const ClipContent& content = *item.entry.content; content.kind) {
-            item.note = content.kindText();
-            if (content.frame)
-                item.note += fmt::format(" at {}", content.timecode.value_or(fmt::format("frame {}", *content.frame)));
-            item.note += ": " + content.message.value_or("");
+        if (std::string defect = ProxyDecision::defectText(*item.entry.content); !defect.empty()) {
+            item.note = std::move(defect);
             log_(fmt::format("proxy {}: {}", clip, item.note));
         }
     } catch (const ToolError& error) {

@@ -3,12 +3,12 @@
 #include "base/Errors.h"
 #include "base/Mutex.h"
 #include "platform/FileLock.h"
+#include "proxies/ProxyDecision.h"
 #include "proxies/ProxyPaths.h"
 #include "records/ClipEntry.h"
 #include "records/ProxySettings.h"
 
 #include <chrono>
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -18,10 +18,6 @@ namespace velmora {
 
 class ClipProbe;
 class ProxyRenderer;
-
-// What became of the proxy of one clip.
-enum class ProxyOutcome { waiting, done, existing, lighter, skipped, unsupported, failed };
-std::string_view name(ProxyOutcome outcome) noexcept;
 
 // Renders the proxies of one folder of clips into another, without a job. A second run makes only what is missing.
 class ProxyBatch {
@@ -73,7 +69,6 @@ private:
     void work(const IsCancelled& isCancelled);
     bool isOwn(const std::string& file, const Item& item, const IsCancelled& isCancelled) const;
     void claimFolder();
-    std::int64_t bytesOf(const std::vector<const Item*>& items) const;
 
     const ClipProbe& probe_;
     ProxyRenderer& renderer_;

@@ -2,6 +2,7 @@
 
 #include "base/JsonFields.h"
 #include "base/Text.h"
+#include "proxies/MovFile.h"
 #include "proxies/ToolProcess.h"
 
 #include <fmt/format.h>
@@ -31,6 +32,11 @@ std::optional<std::string> read(const std::string& ffprobe, const std::string& p
         // It has no comment.
     }
     return std::nullopt;
+}
+
+bool isOf(const std::string& ffprobe, const std::string& path, const Clip& clip, const ClipInfo& info,
+          const IsCancelled& isCancelled) {
+    return read(ffprobe, path, isCancelled) == text(clip, info) && !MovFile::problem(path);
 }
 
 } // namespace velmora::ProxyOrigin

@@ -62,6 +62,11 @@ public:
     // stop), RenderError, IOError. Every failure leaves neither a part nor anything under the final name.
     void render(const RenderRequest& request);
 
+    // Of ffmpeg, for the video of these proxies. Throws ToolError when none works.
+    std::string encoderName(const IsCancelled& isCancelled) {
+        return trial_.encoder(settings_.codec, settings_.height, isCancelled).name;
+    }
+
     double stallTimeout = 60; // seconds without a new frame; to be set before the first render
     void setHardwareDecodeEnabled(bool enabled) { hardwareDecode_ = enabled; }
     bool hardwareDecodeEnabled() const { return hardwareDecode_; }

@@ -26,7 +26,7 @@ int main(int count, char** words) {
             const ClipInfo info =
                 probe.probe({clip.name, clip.name, clip.format, {}, 0, false}, path.substr(0, path.rfind('/')));
             answer = renderChecked(renderer, {clip, path, info, LutUse::off(""), fmt::format("{}/{}.mov", words[1], i)},
-                                   tools);
+                                   path, tools);
         } catch (const std::exception& error) {
             answer = {{"state", "failed"}, {"message", error.what()}};
         }
