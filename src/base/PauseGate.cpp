@@ -145,6 +145,15 @@ void PauseGate::leave(Worker& worker) {
     recount();
 }
 
+void PauseGate::setBusy(Worker& worker, bool busy) {
+    MutexLock lock(mutex_);
+    if (worker.gone_ || worker.busy_ == busy)
+        return;
+    worker.busy_ = busy;
+    busy_ += busy ? 1 : -1;
+    recount();
+}
+
 // Keeps the stand time: it runs exactly while a pause is asked for, a worker waits and none works.
 void PauseGate::recount() {
     const bool stands = paused_ && holding_ > 0 && busy_ == 0;

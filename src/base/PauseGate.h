@@ -41,6 +41,22 @@ public:
         std::atomic<bool> waitingNow_{false};
     };
 
+    // While it lives, the worker (none: nobody) only waits for others and does not count as working.
+    class Resting {
+    public:
+        explicit Resting(Worker* worker) : worker_(worker) { tell(false); }
+        ~Resting() { tell(true); }
+        Resting(const Resting&) = delete;
+        Resting& operator=(const Resting&) = delete;
+
+    private:
+        void tell(bool busy) {
+            if (worker_)
+                worker_->owner_.setBusy(*worker_, busy);
+        }
+        Worker* const worker_;
+    };
+
     PauseGate();
     explicit PauseGate(Clock clock);
 
@@ -65,6 +81,7 @@ private:
     bool waitOnce();
     void exit(Worker* worker) noexcept;
     void leave(Worker& worker);
+    void setBusy(Worker& worker, bool busy);
     void recount() REQUIRES(mutex_);
 
     mutable Mutex mutex_;

@@ -182,6 +182,11 @@ std::optional<std::uint64_t> BlockVerifier::diskHash(std::int64_t block) const {
     return found == diskHashes_.end() ? std::nullopt : std::optional(found->second);
 }
 
+std::map<std::int64_t, std::uint64_t> BlockVerifier::wrongBlocks() const {
+    const MutexLock hold(lock_);
+    return diskHashes_;
+}
+
 BlockVerifier::State BlockVerifier::state(std::int64_t block) const {
     const MutexLock hold(lock_);
     return state_.at(static_cast<std::size_t>(block));

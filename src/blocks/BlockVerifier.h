@@ -44,6 +44,8 @@ public:
     BlockOutcome finish() const EXCLUDES(lock_); // as things stand; changes nothing
     // The hash that the disk gave for a block which does not match; absent for any other block.
     std::optional<std::uint64_t> diskHash(std::int64_t block) const EXCLUDES(lock_);
+    // The same for all blocks that do not match.
+    std::map<std::int64_t, std::uint64_t> wrongBlocks() const EXCLUDES(lock_);
     State state(std::int64_t block) const EXCLUDES(lock_);
 
     std::int64_t verifiedBytes() const EXCLUDES(lock_);

@@ -1,5 +1,7 @@
 #include "blocks/CardVerdict.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -54,6 +56,29 @@ std::string changing(std::string_view file, std::string_view disk, std::span<con
     return fmt::format("Unstable read: {} on {} (block {}) gave different data in two reads — neither matched the "
                        "card.",
                        file, disk, fmt::join(blocks, ", "));
+}
+
+std::string throughCache(std::string_view disk, std::int64_t files) {
+    return fmt::format(
+        "Verified by reading through the macOS cache: {}, {} — the file stayed in memory and could not be "
+        "evicted, so the data may have come from memory instead of the disk.",
+        disk, countedFiles(files));
+}
+
+void FileMismatches::add(std::int64_t block, std::uint64_t recorded, std::uint64_t onDisk, const std::string& disk) {
+    SharedMismatch& mismatch = blocks_[block];
+    mismatch.block = block;
+    mismatch.recorded = recorded;
+    mismatch.diskHashes.insert(onDisk);
+    mismatch.disks.push_back(disk);
+}
+
+std::vector<SharedMismatch> FileMismatches::onSeveralDisks() const {
+    std::vector<SharedMismatch> found;
+    for (const auto& [block, mismatch] : blocks_)
+        if (mismatch.disks.size() > 1)
+            found.push_back(mismatch);
+    return found;
 }
 
 std::vector<std::string> notes(std::string_view file, std::span<const SharedMismatch> mismatches,

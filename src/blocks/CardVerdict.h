@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <span>
@@ -34,12 +35,24 @@ std::string unstable(std::string_view file, std::string_view disk, std::span<con
 // "Unstable read: …" for blocks that were wrong both times, and not in the same way.
 std::string changing(std::string_view file, std::string_view disk, std::span<const std::int64_t> blocks);
 
+// Files of a disk could not be driven out of memory before they were read.
+std::string throughCache(std::string_view disk, std::int64_t files);
+
 // One block that is wrong on two or more disks.
 struct SharedMismatch {
     std::int64_t block = 0;
     std::uint64_t recorded = 0;
     std::set<std::uint64_t> diskHashes;
     std::vector<std::string> disks; // display names
+};
+// The wrong blocks of one file, gathered disk by disk.
+class FileMismatches {
+public:
+    void add(std::int64_t block, std::uint64_t recorded, std::uint64_t onDisk, const std::string& disk);
+    std::vector<SharedMismatch> onSeveralDisks() const; // ascending
+
+private:
+    std::map<std::int64_t, SharedMismatch> blocks_;
 };
 // All notes for one file. `readCard` may be empty: the card is not there.
 std::vector<std::string> notes(std::string_view file, std::span<const SharedMismatch> mismatches,

@@ -1,7 +1,6 @@
 #include "engine/ReportBuilder.h"
 
 #include "base/Product.h"
-#include "base/Text.h"
 #include "blocks/CardVerdict.h"
 #include "disks/VolumeSerial.h"
 #include "platform/IO.h"
@@ -9,7 +8,6 @@
 #include "records/OffloadPlan.h"
 
 #include <algorithm>
-#include <fmt/format.h>
 #include <iterator>
 
 namespace velmora::ReportBuilder {
@@ -48,15 +46,6 @@ std::optional<std::string> secondDigest(const Results& results, std::size_t file
         found = writer->xxh128(file);
     }
     return found;
-}
-
-// The volume's name, or the root that the user gave where it has none.
-std::string diskName(const std::string& root) {
-    const auto mount = VolumeFacts::mount(root);
-    if (!mount || mount->mountPoint == "/")
-        return root;
-    std::string name = VolumeFacts::nameOfVolumeAt(mount->mountPoint);
-    return name.empty() ? root : name;
 }
 
 OffloadReport::Destination destinationOf(const Results& results, std::size_t d) {
@@ -132,29 +121,23 @@ OffloadReport::FileEntry entryOf(const UncopiedItem& item, std::size_t columns) 
 
 // Blocks that are wrong on two or more disks, by file and number: the card is asked where that came from.
 std::vector<std::string> questionsToTheCard(const Results& results) {
-    std::map<std::size_t, std::map<std::int64_t, CardVerdict::SharedMismatch>> found;
+    std::map<std::size_t, CardVerdict::FileMismatches> found;
     for (std::size_t d = 0; d < results.writers.size(); ++d) {
         if (!results.writers[d])
             continue;
         const std::string disk = diskName(results.destinations[d].cardPath);
         for (const DestWriter::Wrong& wrong : results.writers[d]->wrong())
-            for (const ReadBack::WrongBlock& block : wrong.blocks) {
-                CardVerdict::SharedMismatch& shared = found[wrong.file][block.number];
-                shared.block = block.number;
-                shared.recorded = results.hasher.blocksOf(wrong.file).at(static_cast<std::size_t>(block.number));
-                shared.diskHashes.insert(block.hash);
-                shared.disks.push_back(disk);
-            }
+            for (const ReadBack::WrongBlock& block : wrong.blocks)
+                found[wrong.file].add(block.number,
+                                      results.hasher.blocksOf(wrong.file).at(static_cast<std::size_t>(block.number)),
+                                      block.hash, disk);
     }
     std::vector<std::string> notes;
-    for (const auto& [file, blocks] : found) {
-        std::vector<CardVerdict::SharedMismatch> shared;
-        for (const auto& [number, mismatch] : blocks)
-            if (mismatch.disks.size() > 1)
-                shared.push_back(mismatch);
+    for (const auto& [file, mismatches] : found) {
         const auto readCard = [&, f = file](std::int64_t block) { return results.readCard(f, block); };
-        std::ranges::move(CardVerdict::notes(results.plan.scan.files[file].relPath, shared, readCard),
-                          std::back_inserter(notes));
+        std::ranges::move(
+            CardVerdict::notes(results.plan.scan.files[file].relPath, mismatches.onSeveralDisks(), readCard),
+            std::back_inserter(notes));
     }
     return notes;
 }
@@ -181,15 +164,20 @@ std::vector<std::string> notesOf(const Results& results) {
             notes.push_back(
                 CardVerdict::unstable(results.plan.scan.files[unstable.file].relPath, disk, unstable.blocks));
         if (writer->cachedReads() > 0)
-            notes.push_back(fmt::format("Verified by reading through the macOS cache: {}, {} — the file stayed in "
-                                        "memory and could not be evicted, so the data may have come from memory "
-                                        "instead of the disk.",
-                                        disk, countedFiles(writer->cachedReads())));
+            notes.push_back(CardVerdict::throughCache(disk, writer->cachedReads()));
     }
     return notes;
 }
 
 } // namespace
+
+std::string diskName(const std::string& root) {
+    const auto mount = VolumeFacts::mount(root);
+    if (!mount || mount->mountPoint == "/")
+        return root;
+    std::string name = VolumeFacts::nameOfVolumeAt(mount->mountPoint);
+    return name.empty() ? root : name;
+}
 
 OffloadReport build(const Results& results) {
     const OffloadPlan& plan = results.plan;

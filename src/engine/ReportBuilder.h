@@ -40,6 +40,8 @@ struct Results {
 };
 
 OffloadReport build(const Results& results);
+// How sentences call the disk of a card folder: the volume's name, or the folder where it has none.
+std::string diskName(const std::string& cardPath);
 
 } // namespace ReportBuilder
 

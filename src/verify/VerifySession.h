@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -58,25 +59,26 @@ public:
     void startBackground();
 
     // What a renderer holds while it reads one clip. The end of it gives the disk back to the background threads. It
-    // may outlive the session.
+    // may outlive the session. Any thread.
     class Lease {
     public:
-        ~Lease() { end(); }
+        ~Lease();
         Lease(const Lease&) = delete;
         Lease& operator=(const Lease&) = delete;
 
         // Read this instead of the file; none: read the file.
         const std::optional<std::string>& url() const noexcept { return url_; }
-        // A number that grows while what stands at `url` is read; 0 without one. Any thread.
-        std::int64_t activity() const;
+        // A number that grows while what stands at `url` is read; 0 without one.
+        std::int64_t activity() const { return activity_ ? activity_() : 0; }
         void end(); // once; later calls do nothing
 
     private:
         friend class VerifySession;
-        class Hold;
-        explicit Lease(std::shared_ptr<Hold> hold, std::optional<std::string> url);
-        std::shared_ptr<Hold> hold_;
+        Lease() = default;
         std::optional<std::string> url_;
+        std::function<std::int64_t()> activity_;
+        std::function<void()> release_;
+        std::once_flag once_;
     };
     // Called before a clip is rendered from this destination. Null: the render reads the file, and that proves nothing.
     // The files of a RAW clip are verified here, and the call returns when that is done; its lease has no `url`.
@@ -110,7 +112,7 @@ public:
 
 private:
     class Core;
-    const std::shared_ptr<Core> core_; // shared with threads and leases
+    const std::unique_ptr<Core> core_;
 };
 
 } // namespace velmora

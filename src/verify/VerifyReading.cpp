@@ -1,0 +1,84 @@
+#include "verify/VerifyReading.h"
+
+#include "base/Msg.h"
+#include "blocks/BlockReads.h"
+#include "blocks/BlockVerifier.h"
+#include "blocks/CacheProbe.h"
+#include "platform/ThreadPriority.h"
+#include "verify/WatchedThread.h"
+
+#include <fmt/format.h>
+
+namespace velmora {
+
+void VerifyShared::checkFolder(std::size_t destination) const {
+    try {
+        if (check)
+            check(cardPaths[destination]);
+    } catch (const std::exception&) { // why it is gone, the job says at its end
+        throw OffloadError::failed(std::string(VIPMsg::cardFolderGone));
+    }
+}
+
+namespace {
+
+bool stops(const VerifyShared& shared, const WatchedThread& thread) {
+    return shared.traffic.isStopped() || thread.isGivenUp();
+}
+
+void verifyFile(VerifyShared& shared, WatchedThread& thread, VerifyReading::Work work, bool gated) {
+    const auto [destination, file] = work;
+    const auto verifier = shared.files.verifier(destination, file);
+    if (!verifier || !shared.files.isWritten(destination, file))
+        return;
+    const std::string& path = shared.files.files()[file].path;
+    thread.setCurrent(path);
+    BlockReads::Hooks hooks;
+    hooks.isCancelled = [&] { return stops(shared, thread); };
+    hooks.beforeBlock = [&] {
+        thread.moved();
+        return !gated || shared.traffic.letPass(thread);
+    };
+    hooks.progress = [&, d = destination](std::int64_t bytes) {
+        shared.files.addVerified(d, bytes);
+        thread.moved(bytes);
+    };
+    DestFileResult result;
+    bool throughCache = false;
+    try {
+        shared.checkFolder(destination);
+        const auto done = BlockReads::complete(shared.cardPaths[destination], path, *verifier, hooks);
+        result = BlockReads::result(*verifier, done.outcome);
+        throughCache = done.throughCache;
+    } catch (const Cancelled&) {
+        return;
+    } catch (const OffloadError& gone) {
+        result = {FileState::failed, gone.what()};
+    } catch (const std::exception& error) {
+        result = {FileState::failed, fmt::format("verify: {}", error.what())};
+    }
+    shared.files.settle(destination, file, std::move(result), throughCache, [&] { return thread.isGivenUp(); });
+}
+
+} // namespace
+
+void VerifyReading::inBackground(VerifyShared& shared, WatchedThread& thread, const WorkList& work, bool gated) {
+    ThreadPriority::lowerDiskPriority();
+    for (const Work& one : work) {
+        if (!thread.waitWhilePaused([&] { return shared.traffic.isStopped(); }))
+            return;
+        verifyFile(shared, thread, one, gated);
+    }
+}
+
+void VerifyReading::aheadOfRender(VerifyShared& shared, WatchedThread& thread, const WorkList& work) {
+    for (const Work& one : work) {
+        if (stops(shared, thread))
+            return;
+        const std::string& path = shared.files.files()[one.file].path;
+        if (CacheProbe::readsFromDisk(shared.cardPaths[one.destination] + "/" + path))
+            verifyFile(shared, thread, one, false);
+    }
+}
+
+} // namespace velmora
