@@ -8,7 +8,9 @@ ChildProcess::Options options(const std::string& path, std::vector<std::string> 
     all.arguments = std::move(arguments);
     all.workingFolder = folder;
     // Messages in English and UTF-8, without colours, and no report file that the user's shell asks of every ffmpeg.
-    all.environment = {"LC_ALL=C.UTF-8", "LANGUAGE", "AV_LOG_FORCE_NOCOLOR=1", "AV_LOG_FORCE_COLOR", "FFREPORT"};
+    // What ffmpeg reads over HTTP comes from this machine; through the user's proxy it would never arrive.
+    all.environment = {"LC_ALL=C.UTF-8",     "LANGUAGE", "AV_LOG_FORCE_NOCOLOR=1",
+                       "AV_LOG_FORCE_COLOR", "FFREPORT", "http_proxy"};
     return all;
 }
 

@@ -41,12 +41,14 @@ TEST(ToolSearch, NamesTheVersionOfWhatWasFound) {
 }
 
 TEST(ToolProcess, FixesTheLocaleAndMixesTheStreams) {
-    ::setenv("FFREPORT", "file=here", 1);
-    const auto [status, output] =
-        ToolProcess::runCombined("/bin/sh", {"-c", "pwd; echo $LC_ALL ${FFREPORT-none} >&2; exit 4"}, "/usr", {});
-    ::unsetenv("FFREPORT");
+    for (const char* name : {"FFREPORT", "http_proxy"})
+        ::setenv(name, "somewhere", 1);
+    const auto [status, output] = ToolProcess::runCombined(
+        "/bin/sh", {"-c", "pwd; echo $LC_ALL ${FFREPORT-none} ${http_proxy-none} >&2; exit 4"}, "/usr", {});
+    for (const char* name : {"FFREPORT", "http_proxy"})
+        ::unsetenv(name);
     EXPECT_EQ(status, 4);
-    EXPECT_EQ(output, "/usr\nC.UTF-8 none\n");
+    EXPECT_EQ(output, "/usr\nC.UTF-8 none none\n");
     EXPECT_EQ(ToolProcess::run("/bin/sh", {"-c", "echo out; echo err >&2"}), "out\n");
     EXPECT_EQ(test::refusal<ToolError>(
                   [] { ToolProcess::runCombined("/bin/sh", {"-c", "sleep 60"}, "", [] { return true; }); }),
