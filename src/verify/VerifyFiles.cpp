@@ -45,7 +45,7 @@ VerifyFiles::VerifyFiles(const OffloadReport& report, std::size_t destinations,
         indexOf_.emplace(entry.path, file);
         manifests_.push_back(BlockManifest::make(entry.size, blockSize, std::move(blocks[file])));
         for (std::size_t d = 0; d < destinations; ++d) {
-            results_[d].push_back(resultOf(entry, d, hasManifest(file)));
+            results_[d].push_back(resultOf(entry, d, manifests_.back().has_value()));
             toVerify_[d] += results_[d].back().state == FileState::written ? entry.size : 0;
         }
     }

@@ -37,7 +37,6 @@ public:
     std::size_t destinations() const noexcept { return toVerify_.size(); }
     // By the very path of the report: two files may differ in case only.
     std::optional<std::size_t> indexOf(const std::string& path) const;
-    bool hasManifest(std::size_t file) const { return manifests_[file].has_value(); }
 
     bool isWritten(std::size_t destination, std::size_t file) const EXCLUDES(lock_);
     // What compares the file there with the source, made on demand; null without a manifest.

@@ -26,38 +26,44 @@ bool stops(const VerifyShared& shared, const WatchedThread& thread) {
     return shared.traffic.isStopped() || thread.isGivenUp();
 }
 
-void verifyFile(VerifyShared& shared, WatchedThread& thread, VerifyReading::Work work, bool gated) {
-    const auto [destination, file] = work;
-    const auto verifier = shared.files.verifier(destination, file);
-    if (!verifier || !shared.files.isWritten(destination, file))
-        return;
-    const std::string& path = shared.files.files()[file].path;
+// Throws Cancelled, and whatever goes wrong.
+BlockReads::Completed readFile(VerifyShared& shared, WatchedThread& thread, VerifyReading::Work work, bool gated,
+                               BlockVerifier& verifier) {
+    const std::string& path = shared.files.files()[work.file].path;
     thread.setCurrent(path);
+    shared.checkFolder(work.destination);
     BlockReads::Hooks hooks;
     hooks.isCancelled = [&] { return stops(shared, thread); };
     hooks.beforeBlock = [&] {
         thread.moved();
         return !gated || shared.traffic.letPass(thread);
     };
-    hooks.progress = [&, d = destination](std::int64_t bytes) {
-        shared.files.addVerified(d, bytes);
+    hooks.progress = [&](std::int64_t bytes) {
+        shared.files.addVerified(work.destination, bytes);
         thread.moved(bytes);
     };
+    return BlockReads::complete(shared.cardPaths[work.destination], path, verifier, hooks);
+}
+
+void verifyFile(VerifyShared& shared, WatchedThread& thread, VerifyReading::Work work, bool gated) {
+    if (!shared.files.isWritten(work.destination, work.file))
+        return;
     DestFileResult result;
     bool throughCache = false;
     try {
-        shared.checkFolder(destination);
-        const auto done = BlockReads::complete(shared.cardPaths[destination], path, *verifier, hooks);
+        const auto verifier = shared.files.verifier(work.destination, work.file);
+        const auto done = readFile(shared, thread, work, gated, *verifier);
         result = BlockReads::result(*verifier, done.outcome);
         throughCache = done.throughCache;
     } catch (const Cancelled&) {
         return;
     } catch (const OffloadError& gone) {
         result = {FileState::failed, gone.what()};
-    } catch (const std::exception& error) {
+    } catch (const std::exception& error) { // no memory included: a file that nobody could look at has failed
         result = {FileState::failed, fmt::format("verify: {}", error.what())};
     }
-    shared.files.settle(destination, file, std::move(result), throughCache, [&] { return thread.isGivenUp(); });
+    shared.files.settle(work.destination, work.file, std::move(result), throughCache,
+                        [&] { return thread.isGivenUp(); });
 }
 
 } // namespace

@@ -76,6 +76,7 @@ public:
                 why[d] = VIPMsg::classicSecondary;
         if (primary)
             proxyFiles_ = proxyFilesOf(shared->files);
+        std::ranges::transform(shared->cardPaths, std::back_inserter(disks_), ReportBuilder::diskName);
     }
 
     std::optional<std::size_t> primary;
@@ -105,7 +106,8 @@ private:
     PauseGate& gate_;
     const Limits limits_;
     const std::function<std::optional<std::uint64_t>(std::size_t, std::int64_t)> cardBlock_;
-    std::vector<bool> proxyFiles_; // empty without a primary
+    std::vector<bool> proxyFiles_;   // empty without a primary
+    std::vector<std::string> disks_; // their names, asked for while they answer
 
     mutable Mutex lock_;
     bool started_ GUARDED_BY(lock_) = false;
@@ -258,11 +260,8 @@ VerifySession::Outcome VerifySession::Core::finish(PauseGate::Worker* pausing, c
     shared->files.judgeAgain();
     Outcome outcome;
     outcome.verified = !stopped();
-    if (outcome.verified) {
-        std::vector<std::string> disks;
-        std::ranges::transform(shared->cardPaths, std::back_inserter(disks), ReportBuilder::diskName);
-        outcome.notes = verifyNotes(shared->files, disks, cardBlock_);
-    }
+    if (outcome.verified)
+        outcome.notes = verifyNotes(shared->files, disks_, cardBlock_);
     outcome.results = shared->files.results();
     outcome.throughCache = shared->files.cachedReads();
     return outcome;

@@ -59,6 +59,11 @@ TEST_F(PauseGateTest, StandsWhenTheLastWorkingOneLeaves) {
     EXPECT_FALSE(gate_.isHeld()) << "nobody waits yet";
     auto result = arrive(waiting.get());
     EXPECT_FALSE(gate_.isHeld());
+    {
+        const PauseGate::Resting resting(leaving.get()); // it only waits for the other
+        EXPECT_TRUE(gate_.isHeld());
+    }
+    EXPECT_FALSE(gate_.isHeld());
     leaving->leave();
     EXPECT_TRUE(gate_.isHeld());
     leaving.reset(); // leaving twice counts once
