@@ -4,25 +4,11 @@
 #include "cli/Command.h"
 #include "cli/TypedPath.h"
 #include "proxies/LutCatalog.h"
+#include "verify/VerifyOptions.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
 
 namespace velmora {
-
-namespace {
-
-std::string notPositive(std::int64_t n) {
-    return fmt::format("--primary {}: destinations are numbered from 1 (the order of --dest).", n);
-}
-
-std::string tooHigh(std::int64_t n, std::size_t destinations) {
-    const auto count = static_cast<std::int64_t>(destinations);
-    return fmt::format("--primary {}: there {} only {} (numbered from 1 in the order of --dest).", n,
-                       plural(count, "is", "are"), counted(count, "destination", "destinations"));
-}
-
-} // namespace
 
 void ClipOptions::declare(CLI::App& app) {
     constexpr const char* group = "Clips and proxies";
@@ -56,7 +42,7 @@ void ClipOptions::declare(CLI::App& app) {
 void ClipOptions::applyTo(JobConfig& config, AppSettings settings, std::size_t destinations) const {
     ProxyChoice choice = choice_;
     if (codec_) {
-        settings.proxy.enabled = equalIgnoringCase(*codec_, "off") == false;
+        settings.proxy.enabled = !equalIgnoringCase(*codec_, "off");
         if (settings.proxy.enabled)
             choice.values.emplace_back("codec", *codec_);
     }
@@ -66,10 +52,9 @@ void ClipOptions::applyTo(JobConfig& config, AppSettings settings, std::size_t d
     const bool typed = !choice_.values.empty() || folder_ || choice_.lut;
     if (typed && (!settings.proxy.enabled || noClips_))
         throw UsageError("No proxies are made — add --proxy CODEC, or leave the options for proxies out.");
-    if (primary_ && *primary_ < 1)
-        throw UsageError(notPositive(*primary_));
-    if (primary_ && static_cast<std::size_t>(*primary_) > destinations)
-        throw UsageError(tooHigh(*primary_, destinations));
+    if (primary_)
+        if (const auto problem = VerifyOptions::primaryProblem(*primary_, destinations))
+            throw UsageError(*problem);
     config.proxy = settings.proxy;
     config.proxy.enabled = settings.proxy.enabled && !noClips_;
     config.analyzeClips = settings.analyzeClips && !noClips_;

@@ -78,6 +78,12 @@ void Console::log(std::string_view line) {
     write(err_, TerminalText::printable(line).append("\n"));
 }
 
+void Console::bell() {
+    MutexLock lock(mutex_);
+    if (terminal_)
+        write(err_, "\a");
+}
+
 std::size_t Console::columns() const {
     winsize size{};
     if (::ioctl(terminalFd_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)

@@ -32,6 +32,8 @@ public:
     // Redraws the progress line, cut to the width of the terminal; does nothing elsewhere.
     void progress(std::string_view line);
     void clearProgress();
+    // Calls for attention, where there is a terminal.
+    void bell();
 
     // Text in bold or colour where standard output is a terminal that wants it (NO_COLOR is respected).
     enum class Tone { plain, bold, good, warning, bad };

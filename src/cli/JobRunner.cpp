@@ -29,6 +29,11 @@ constexpr auto tick = std::chrono::milliseconds(250);
 constexpr std::string_view recordAwaited =
     "The run has ended — only its record in the card history is still waited for.";
 
+constexpr std::string_view releasedCard =
+    "Safe to eject: the card may go. Do not format it yet, its copies are still being verified.";
+constexpr std::string_view provedCard =
+    "Safe to eject and to format: the copies are verified. Only the clips are still worked on.";
+
 double monotonicSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
@@ -96,11 +101,20 @@ public:
         progress_.update(status, now);
         if (json_)
             console_.event(StatusJson::status(status, progress_));
+        tellThatTheCardMayGo(status);
         if (console_.showsProgress())
             console_.progress(LiveLine::compose(status, progress_, roots(), console_.columns()));
     }
 
 private:
+    // Said while the job goes on, once, with a bell for whoever has turned away.
+    void tellThatTheCardMayGo(const JobStatus& status) {
+        if (!status.safeToEject || status.isFinished() || std::exchange(toldToGo_, true))
+            return;
+        console_.bell();
+        console_.log(status.safeToFormat ? provedCard : releasedCard);
+    }
+
     const std::vector<std::string>& roots() {
         if (const auto plan = job_.plan(); plan && roots_.empty())
             roots_ = plan->destRoots;
@@ -111,6 +125,7 @@ private:
     Console& console_;
     bool json_;
     JobProgress progress_;
+    bool toldToGo_ = false;
     std::vector<std::string> roots_;
 };
 

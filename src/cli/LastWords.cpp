@@ -6,6 +6,8 @@
 #include "cli/ShellText.h"
 #include "records/OffloadReport.h"
 
+#include <fmt/format.h>
+
 namespace velmora {
 
 namespace {
@@ -13,6 +15,8 @@ namespace {
 using Phase = JobStatus::Phase;
 
 std::string happened(const JobStatus& status, const OffloadReport* report) {
+    if (status.phase == Phase::cancelled && report != nullptr && report->verifyPending.value_or(false))
+        return "Cancelled: the card is copied, but its verification did not come to its end.";
     if (status.phase == Phase::cancelled)
         return report != nullptr ? "Cancelled: what was copied whole stays and is recorded."
                                  : "Cancelled before anything was recorded.";
@@ -22,6 +26,8 @@ std::string happened(const JobStatus& status, const OffloadReport* report) {
         return "The run broke off.";
     if (report != nullptr && report->hasFailedFiles())
         return countedFiles(static_cast<std::int64_t>(report->failedFiles().size())) + " failed.";
+    if (report != nullptr && report->verifyPending.value_or(false))
+        return "The card is copied, but its verification did not come to its end.";
     if (report != nullptr && !report->verified)
         return "The card is copied, but the copy was not read back.";
     return "The run ended, and something that a promise needs is not so.";
@@ -73,6 +79,13 @@ std::string afterRefusal(PreflightCode code, const Errand& errand) {
     }
 }
 
+// What is left of the proxies is made by the run that goes on.
+std::string proxyOptions(const OffloadReport& report) {
+    if (!report.verifyPending.value_or(false) || !report.proxy)
+        return "";
+    return fmt::format(" --proxy {} --proxy-height {}", name(report.proxy->codec), report.proxy->height);
+}
+
 std::string next(const JobStatus& status, const OffloadReport* report, const Errand& errand) {
     if (status.safeToFormat && status.safeToEject)
         return "";
@@ -84,7 +97,7 @@ std::string next(const JobStatus& status, const OffloadReport* report, const Err
             folders.push_back(destination.cardPath);
     switch (status.remedy) {
     case Remedy::append:
-        return CardWords::intoCommand("append", errand.source, folders);
+        return CardWords::intoCommand("append", errand.source, folders) + (report ? proxyOptions(*report) : "");
     case Remedy::compare:
         return CardWords::intoCommand("append", errand.source, folders) + " --compare";
     case Remedy::repair:

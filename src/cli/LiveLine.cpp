@@ -67,6 +67,19 @@ std::string clipAmount(const JobStatus& status) {
     return text;
 }
 
+// How much of each disk is proved, while that goes on beside the clips.
+std::string proved(const JobStatus& status, const std::vector<std::string>& roots) {
+    if (!status.verifyInProxy || status.verifyTotal <= 0)
+        return "";
+    const auto names = diskNames(roots);
+    std::vector<std::string> parts;
+    for (std::size_t d = 0; d < status.verifyTotalByDest.size(); ++d)
+        if (const auto total = static_cast<double>(status.verifyTotalByDest[d]); total > 0)
+            parts.push_back((d < names.size() ? names[d] : std::to_string(d + 1)) +
+                            percent(static_cast<double>(status.verifyDoneByDest[d]) / total));
+    return parts.empty() ? "" : "  proved: " + join(parts, ", ");
+}
+
 std::string fileName(const JobStatus& status) {
     if (isAtClips(status))
         return status.clipName;
@@ -103,11 +116,14 @@ std::string compose(const JobStatus& status, const JobProgress& progress, const 
     const bool moving = !status.pauseHeld && (works || status.examining);
     if (isAtClips(status))
         line += clipAmount(status);
-    else if (moving || status.paused)
+    else if (moving || (status.paused && status.phase < Phase::analyzing))
         line += amount(status, progress);
     if (moving)
         line += rates(status, progress, roots);
-    if (moving || (isAtClips(status) && !status.pauseHeld)) {
+    const bool isFinishing = status.phase == Phase::finishingVerification;
+    if (isAtClips(status) || isFinishing)
+        line += proved(status, roots);
+    if (moving || ((isAtClips(status) || isFinishing) && !status.pauseHeld)) {
         if (const auto left = progress.eta())
             line += fmt::format("  {} left", JobWords::etaText(*left));
     }

@@ -89,6 +89,8 @@ nlohmann::json status(const JobStatus& status, const JobProgress& progress) {
                        {"verifyingFiles", copy.verifyingFiles},
                        {"errors", copy.errors}});
     }
+    if (status.verifyInProxy)
+        object["verifyInProxy"] = true;
     if (status.clipCount > 0)
         object.update({{"clipIndex", status.clipIndex},
                        {"clipCount", status.clipCount},

@@ -1,6 +1,7 @@
 #include "engine/OffloadEngine.h"
 
 #include "base/RelativePath.h"
+#include "blocks/BlockReads.h"
 #include "blocks/ManifestFile.h"
 #include "disks/VolumeSerial.h"
 #include "engine/CardFolders.h"
@@ -102,6 +103,19 @@ OffloadReport OffloadEngine::run(OffloadPlan plan) {
 void OffloadEngine::lookForOtherCard() {
     if (card_ && !cardChanged_ && !isCancelled() && !card_->isThere([this] { return isCancelled(); }) && !isCancelled())
         cardChanged_ = true;
+}
+
+bool OffloadEngine::cardIsThere() const {
+    return card_ && card_->isThere([this] { return isCancelled(); });
+}
+
+std::optional<std::uint64_t> OffloadEngine::readCardBlock(std::size_t file, std::int64_t block) {
+    if (isCancelled() || !card_->hold([this] { return isCancelled(); }))
+        return std::nullopt;
+    const auto hash = BlockReads::readCardBlock([&] { return card_->open(plan()->scan.files[file].relPath); }, block,
+                                                options_.chunkSize);
+    card_->letGo();
+    return hash;
 }
 
 // Files are read from now on.

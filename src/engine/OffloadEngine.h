@@ -77,6 +77,10 @@ public:
     void meetCard(const std::string& source) { card_.emplace(source, options_.cardIdentity); }
     // Looks whether that card is still in the reader; nothing is found out once the run is cancelled.
     void lookForOtherCard();
+    // The same, and nothing is kept of the answer: a card that was released may leave. False when cancelled.
+    bool cardIsThere() const;
+    // The hash of one block of the card's file, after `run`; none when it cannot be read, or not of that card.
+    std::optional<std::uint64_t> readCardBlock(std::size_t file, std::int64_t block);
     // It was found swapped or removed.
     bool cardChanged() const noexcept { return cardChanged_.load(); }
     const std::vector<std::string>& spaceWarnings() const noexcept { return space_.warnings; }

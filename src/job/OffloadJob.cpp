@@ -11,8 +11,10 @@
 #include "platform/PowerInhibitor.h"
 #include "records/OffloadPlan.h"
 #include "records/OffloadReport.h"
+#include "verify/VerifySession.h"
 
 #include <limits>
+#include <numeric>
 #include <utility>
 
 // The job as others see it: its beginning, its status, its end. OffloadJobRoads.cpp has the roads of a copy, an append
@@ -63,6 +65,10 @@ Phase phaseOf(ProgressSnapshot::Phase phase) {
         break;
     }
     return Phase::reporting;
+}
+
+std::int64_t sum(const std::vector<std::int64_t>& values) {
+    return std::accumulate(values.begin(), values.end(), std::int64_t{0});
 }
 
 std::string stepBeforePause(const ProgressSnapshot& copy) {
@@ -231,9 +237,11 @@ JobStatus OffloadJob::status() const {
     const ProgressSnapshot copy = engine_.snapshot();
     const PauseGate& gate = engine_.pauses();
     JobStatus status;
+    std::shared_ptr<VerifySession> session;
     {
         MutexLock lock(mutex_);
         status = state_;
+        session = session_;
     }
     status.paused = gate.isPaused();
     status.pauseHeld = gate.isHeld();
@@ -258,6 +266,12 @@ JobStatus OffloadJob::status() const {
         status.verifyTotal += total;
     }
     status.copy = copy;
+    if (session) {
+        status.verifyDoneByDest = session->verifiedBytes();
+        status.verifyTotalByDest = session->bytesToVerify();
+        status.verifyDone = sum(status.verifyDoneByDest);
+        status.verifyTotal = sum(status.verifyTotalByDest);
+    }
     return status;
 }
 

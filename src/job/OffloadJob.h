@@ -27,6 +27,7 @@ class FolderLocks;
 class PowerInhibitor;
 class HistoryRecorder;
 class RepairWork;
+class VerifySession;
 struct OffloadPlan;
 struct OffloadReport;
 
@@ -99,6 +100,15 @@ private:
         std::vector<BackupPlace> elsewhere;
     };
 
+    // The card, looked at when its copy had ended.
+    struct CardLook {
+        bool seen = false;
+        bool swapped = false;
+        std::optional<std::string> error; // it could not be looked at
+        std::optional<SourceScan> now;    // where it was seen
+        bool localTime = false;           // of its files
+    };
+
     void runCopy();
     void runAppend(const std::vector<std::string>& cardPaths);
     void runRepair();
@@ -123,13 +133,23 @@ private:
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
     void addSpaceWarning(const std::string& warning) EXCLUDES(mutex_);
 
+    CardLook lookAtCard();
     Promises::Evidence gather(const Conclusion& conclusion, const OffloadReport* report);
     void conclude(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
     // The same, and then the clips.
     void finishRun(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
-    void runPost(OffloadReport report, std::vector<ClipEntry> earlier) EXCLUDES(mutex_);
-    void layReport(const OffloadReport& report) EXCLUDES(mutex_);
+    void release(OffloadReport& report, const Conclusion& conclusion) EXCLUDES(mutex_);
+    void takeOverProved(OffloadReport& report) const;
+    void startVerification(const OffloadReport& report) EXCLUDES(mutex_);
+    void finishVerification(OffloadReport report, Conclusion& conclusion, PauseGate::Worker& worker) EXCLUDES(mutex_);
+    void leaveUnfinished(OffloadReport& report, const std::vector<std::string>& gone) EXCLUDES(mutex_);
+    void workOnClips(OffloadReport& report, std::vector<ClipEntry> earlier, PauseGate::Worker& worker) EXCLUDES(mutex_);
+    void layReport(OffloadReport& report, bool create = false) EXCLUDES(mutex_);
     void endRun() EXCLUDES(mutex_);
+    std::shared_ptr<VerifySession> session() const EXCLUDES(mutex_);
+    // The copies of this plan are verified by what the renders of its clips read.
+    bool verifiesInProxy(const OffloadPlan& plan) const;
+    void deferVerification(const OffloadPlan& plan) EXCLUDES(mutex_);
     void addLastLook(Promises::Evidence& evidence);
     // `note` says that all is well, and gives way to `otherwise` when the backup is not.
     void concludeNothingNew(std::string_view note, std::string_view otherwise, Conclusion& conclusion) EXCLUDES(mutex_);
@@ -156,6 +176,7 @@ private:
     mutable Mutex mutex_;
     JobStatus state_ GUARDED_BY(mutex_);
     std::shared_ptr<const OffloadReport> report_ GUARDED_BY(mutex_);
+    std::shared_ptr<VerifySession> session_ GUARDED_BY(mutex_);
     Log log_ GUARDED_BY(mutex_);
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
@@ -169,7 +190,10 @@ private:
     // Of the source when the run began (SpacePlanner::volumeKey), if it could be asked.
     std::optional<std::string> sourceVolume_;
     std::vector<std::string> recorded_; // card folders that have the records of this run
-    std::optional<double> postSeconds_; // that the clips took, without pauses
+    CardLook look_;                     // the last one
+    bool released_ = false;             // the card was called safe to eject: it may leave, and `look_` holds
+    std::shared_ptr<const OffloadReport> interrupted_; // of the run that this one finishes
+    std::optional<double> postSeconds_;                // that the clips took, without pauses
     bool compareCard_ = false;
     std::string compareCommand_;
     OffloadEngine engine_;

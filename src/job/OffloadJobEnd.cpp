@@ -74,9 +74,15 @@ HistoryRecords::Verdict forHistory(const Promises::Verdict& verdict) {
     return {verdict.verified, verdict.safeToEject, verdict.safeToFormat};
 }
 
-bool storesLocalTime(const std::string& source, const std::vector<CardRecord>& records) {
-    const auto local = [](const std::string& path) { return FileTimes::storesLocalTime(IO::filesystemType(path)); };
-    return local(source) || std::ranges::any_of(records, [&](const auto& record) { return local(record.cardPath); });
+// A folder that is away is unreadable for whoever looks into it.
+bool storesLocalTime(const std::string& path) try {
+    return FileTimes::storesLocalTime(IO::filesystemType(path));
+} catch (const IOError&) {
+    return false;
+}
+
+bool storesLocalTime(const std::vector<CardRecord>& records) {
+    return std::ranges::any_of(records, [](const auto& record) { return storesLocalTime(record.cardPath); });
 }
 
 // Every file that the records of a folder name was read back by this run and is good there.
@@ -112,7 +118,36 @@ std::vector<HistoryVerification> OffloadJob::passed(const Conclusion& conclusion
 
 // A camera, or a helping hand, may write onto a card while it is copied: it is looked at once more. Not after a cancel,
 // and not when another card is in the reader, whose files nobody has asked for. It is asked for before and after, as
-// cards are changed without a word to this program.
+// cards are changed without a word to this program. A card that was released is looked at again while it is there; when
+// it has left, what it held then counts.
+OffloadJob::CardLook OffloadJob::lookAtCard() {
+    CardLook look;
+    look.localTime = storesLocalTime(config_.source);
+    const auto isThere = [&] {
+        if (released_)
+            return engine_.cardIsThere();
+        engine_.lookForOtherCard();
+        return !engine_.cardChanged();
+    };
+    if (isThere() && !engine_.isCancelled()) {
+        try {
+            SourceScan now = Scanner::scan(config_.source, [this] { return engine_.isCancelled(); });
+            look.seen = isThere();
+            if (look.seen)
+                look.now = std::move(now);
+        } catch (const Cancelled&) {
+            log("the card was not looked at once more: cancelled");
+        } catch (const std::exception& error) {
+            if (isThere())
+                look.error = error.what();
+        }
+    }
+    if (released_ && !look.seen && !look.error)
+        return look_; // it has left, or the look was cancelled
+    look.swapped = !released_ && engine_.cardChanged();
+    return look;
+}
+
 Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const OffloadReport* report) {
     Promises::Evidence evidence;
     evidence.ran = true;
@@ -125,24 +160,11 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
         failedBefore.erase(folder.cardPath);
     for (auto& [cardPath, sentence] : failedBefore)
         evidence.failedVerifications.push_back(std::move(sentence));
-    SourceScan card = conclusion.card;
-    engine_.lookForOtherCard();
-    if (!engine_.isCancelled() && !engine_.cardChanged()) {
-        try {
-            SourceScan now = Scanner::scan(config_.source, [this] { return engine_.isCancelled(); });
-            engine_.lookForOtherCard();
-            evidence.cardSeen = !engine_.cardChanged();
-            if (evidence.cardSeen)
-                card = std::move(now);
-        } catch (const Cancelled&) {
-            log("the card was not looked at once more: cancelled");
-        } catch (const std::exception& error) {
-            engine_.lookForOtherCard();
-            if (!engine_.cardChanged())
-                evidence.cardError = error.what();
-        }
-    }
-    evidence.cardSwapped = engine_.cardChanged();
+    look_ = lookAtCard();
+    evidence.cardSeen = look_.seen;
+    evidence.cardSwapped = look_.swapped;
+    evidence.cardError = look_.error;
+    const SourceScan& card = look_.now ? *look_.now : conclusion.card;
     if (!conclusion.coversPart) {
         evidence.failedVerifications.clear(); // of what lay in these places before
         addNews(conclusion.card, card, evidence);
@@ -152,7 +174,7 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     try {
         // After a cancel the end is judged all the same.
         evidence.whole = BackupCheck::of(card, conclusion.records, conclusion.elsewhere, generation,
-                                         storesLocalTime(config_.source, conclusion.records),
+                                         look_.localTime || storesLocalTime(conclusion.records),
                                          engine_.isCancelled() ? FolderStates() : folders_);
     } catch (const std::exception& error) {
         evidence.whole.emplace().error = error.what();
@@ -291,6 +313,8 @@ void OffloadJob::addLastLook(Promises::Evidence& evidence) {
     for (const std::string& problem : engine_.held()->problems())
         if (std::ranges::none_of(evidence.problems, [&](const auto& each) { return each.find(problem) != each.npos; }))
             evidence.problems.push_back(problem);
+    if (released_)
+        return;
     engine_.lookForOtherCard();
     evidence.cardSwapped = engine_.cardChanged();
 }
@@ -299,7 +323,7 @@ void OffloadJob::tell(const Promises::Verdict& verdict, Remedy remedy) {
     for (const std::string& reason : verdict.reasons)
         addWarning(reason);
     MutexLock lock(mutex_);
-    state_.safeToEject = verdict.safeToEject;
+    state_.safeToEject = state_.safeToEject || verdict.safeToEject; // what was said stays said
     state_.safeToFormat = verdict.safeToFormat;
     state_.remedy = remedy;
 }

@@ -77,6 +77,7 @@ void OffloadJob::runCopy() {
     Conclusion conclusion;
     conclusion.create = true;
     conclusion.card = plan.scan;
+    deferVerification(plan);
     OffloadReport report = engine_.run(std::move(plan));
     finishRun(std::move(report), conclusion);
 }
@@ -154,7 +155,10 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     conclusion.coversPart = true;
     conclusion.comparesAll = append.sameMedium || compareCard_;
     conclusion.unproved = append.unverifiedEarlier;
-    OffloadReport report = engine_.run(append.toPlan());
+    interrupted_ = append.interrupted;
+    OffloadPlan plan = append.toPlan();
+    deferVerification(plan);
+    OffloadReport report = engine_.run(std::move(plan));
     listSetAside(report);
     finishRun(std::move(report), conclusion);
 }

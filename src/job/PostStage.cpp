@@ -16,6 +16,7 @@
 #include "proxies/ProxyRenderer.h"
 #include "proxies/ToolSearch.h"
 #include "records/OffloadPlan.h"
+#include "verify/VerifySession.h"
 
 #include <fmt/format.h>
 
@@ -60,7 +61,7 @@ void addNote(ClipEntry& entry, std::string_view note) {
 
 PostStage::PostStage(World world)
     : world_(std::move(world)), cardPaths_(world_.plan.cardPaths()), probe_(ToolSearch::resolved(world_.config.tools)),
-      luts_(LutCatalog::loadForUser()), tree_(ProxyPaths::detect(world_.earlier)), worker_(world_.gate.work()) {}
+      luts_(LutCatalog::loadForUser()), tree_(ProxyPaths::detect(world_.earlier)) {}
 
 PostStage::~PostStage() = default;
 
@@ -94,8 +95,12 @@ SpaceExtra PostStage::spaceFor(const JobConfig& config, const SourceScan& card) 
 
 void PostStage::run(OffloadReport& report) {
     report.clips.clear();
-    for (Clip& clip : ClipDetector::detect(world_.plan.scan.files))
-        report.clips.emplace_back().clip = std::move(clip);
+    for (Clip& clip : ClipDetector::detect(world_.plan.scan.files)) {
+        ClipEntry& entry = report.clips.emplace_back();
+        entry.clip = std::move(clip);
+        if (const ClipEntry* known = before(entry); known != nullptr && known->info)
+            entry = *known; // read, and rendered perhaps, by the run that is finished here
+    }
     if (world_.config.proxy.enabled)
         report.proxy = world_.config.proxy;
     if (report.clips.empty())
@@ -116,16 +121,17 @@ void PostStage::run(OffloadReport& report) {
     world_.lay(report);
 }
 
-bool PostStage::waitBetweenSteps() { return worker_->waitWhilePaused(world_.isCancelled); }
+bool PostStage::waitBetweenSteps() { return world_.worker.waitWhilePaused(world_.isCancelled); }
 
-void PostStage::layNowAndThen(const OffloadReport& report) {
+void PostStage::layNowAndThen(OffloadReport& report) {
     if (Clock::now() - laid_ < layPeriod)
         return;
     world_.lay(report);
     laid_ = Clock::now();
 }
 
-// The first disk on which every file of the clip was read back, or else written.
+// The disk that is proved by what the renders read; else the first on which every file of the clip was read back, or
+// else written.
 std::optional<std::size_t> PostStage::goodDest(const Clip& clip, const OffloadReport& report) const {
     std::map<std::string_view, const OffloadReport::FileEntry*> files;
     for (const std::string& segment : clip.segments)
@@ -133,13 +139,19 @@ std::optional<std::size_t> PostStage::goodDest(const Clip& clip, const OffloadRe
     for (const auto& file : report.files)
         if (const auto wanted = files.find(file.path); wanted != files.end())
             wanted->second = &file;
+    const auto isGood = [&](std::size_t d, bool proved) {
+        return std::ranges::all_of(files, [&](const auto& named) {
+            const auto* file = named.second;
+            return file != nullptr && !file->sourceError &&
+                   (file->destinations[d] == "verified" || (!proved && file->destinations[d] == "written"));
+        });
+    };
+    const auto primary = world_.session ? world_.session->primary() : std::nullopt;
+    if (primary && isGood(*primary, false))
+        return primary;
     for (const bool proved : {true, false})
         for (std::size_t d = 0; d < cardPaths_.size(); ++d)
-            if (std::ranges::all_of(files, [&](const auto& named) {
-                    const auto* file = named.second;
-                    return file != nullptr && !file->sourceError &&
-                           (file->destinations[d] == "verified" || (!proved && file->destinations[d] == "written"));
-                }))
+            if (isGood(d, proved))
                 return d;
     return std::nullopt;
 }
@@ -147,7 +159,7 @@ std::optional<std::size_t> PostStage::goodDest(const Clip& clip, const OffloadRe
 void PostStage::analyze(OffloadReport& report) {
     std::vector<std::optional<std::size_t>> dests;
     for (const ClipEntry& entry : report.clips)
-        dests.push_back(goodDest(entry.clip, report));
+        dests.push_back(entry.info ? std::nullopt : goodDest(entry.clip, report));
     for (std::size_t first = 0; first < dests.size();) {
         std::size_t end = first + 1;
         while (end < dests.size() && end - first < clipsAtOnce && dests[end] == dests[first])
@@ -245,6 +257,10 @@ void PostStage::makeProxy(ClipEntry& entry, const OffloadReport& report) {
         entry.proxyStatus = status;
         addNote(entry, note);
     };
+    entry.proxyStatus = ProxyStatus::none;
+    entry.proxyPath.reset();
+    entry.proxyNote.reset();
+    entry.proxySeconds.reset();
     const auto dest = goodDest(entry.clip, report);
     if (!dest)
         return end(ProxyStatus::failed, "no verified copy");
@@ -264,7 +280,7 @@ void PostStage::makeProxy(ClipEntry& entry, const OffloadReport& report) {
         else {
             if (file != ProxyPaths::of(entry.clip, tree_))
                 addNote(entry, ProxyDecision::renamedText(file));
-            render(entry, cardPath, path);
+            render(entry, *dest, path);
         }
         entry.proxyStatus = ProxyStatus::done;
         entry.proxyPath = ProxyPaths::relative(file);
@@ -308,17 +324,26 @@ PostStage::Kept PostStage::nameFor(const ClipEntry& entry, const std::string& ca
 
 // What the run that made the proxy has found out of the clip holds on.
 void PostStage::takeOver(ClipEntry& entry) const {
-    for (const ClipEntry& before : world_.earlier)
-        if (before.clip.path == entry.clip.path && before.clip.bytes == entry.clip.bytes && before.content)
-            entry.content = before.content;
+    for (const ClipEntry& known : world_.earlier)
+        if (known.clip.path == entry.clip.path && known.clip.bytes == entry.clip.bytes && !entry.content)
+            entry.content = known.content;
     addNote(entry, world_.plan.resuming ? keptText : thereText);
 }
 
-void PostStage::render(ClipEntry& entry, const std::string& cardPath, const std::string& path) {
+const ClipEntry* PostStage::before(const ClipEntry& entry) const {
+    const auto found = std::ranges::find_if(world_.interrupted, [&](const ClipEntry& known) {
+        return known.clip.path == entry.clip.path && known.clip.bytes == entry.clip.bytes;
+    });
+    return found == world_.interrupted.end() ? nullptr : &*found;
+}
+
+void PostStage::render(ClipEntry& entry, std::size_t dest, const std::string& path) {
     const auto start = Clock::now();
     const LutUse none = LutUse::off("");
-    const std::string source = ClipProbe::pathOf(entry.clip, cardPath);
-    RenderRequest request{entry.clip, source, *entry.info, entry.lut ? *entry.lut : none, path};
+    const std::string source = ClipProbe::pathOf(entry.clip, cardPaths_[dest]);
+    const auto lease = world_.session ? world_.session->prepare(entry.clip, dest) : nullptr;
+    RenderRequest request{entry.clip, lease && lease->url() ? *lease->url() : source, *entry.info,
+                          entry.lut ? *entry.lut : none, path};
     request.isCancelled = world_.isCancelled;
     request.progress = [&](double fraction) {
         world_.tell([&](JobStatus& status) { status.clipFraction = fraction; });

@@ -24,6 +24,7 @@
 namespace velmora {
 
 class ProxyRenderer;
+class VerifySession;
 struct OffloadPlan;
 
 // What follows when a card lies on its disks: its clips are read from a copy, their proxies are made and laid beside
@@ -37,7 +38,8 @@ public:
     struct World {
         const JobConfig& config;
         const OffloadPlan& plan;
-        PauseGate& gate;
+        PauseGate::Worker& worker; // of the thread
+        VerifySession* session;    // that the renders read through; null: none
         IsCancelled isCancelled;
         Log log;
         // Throws when the card folder is not the one that the run began with.
@@ -45,8 +47,9 @@ public:
         // Changes what front ends see. Any thread.
         std::function<void(const std::function<void(JobStatus&)>&)> tell;
         // The report is to be laid down as it stands now.
-        std::function<void(const OffloadReport&)> lay;
-        std::vector<ClipEntry> earlier; // clips of the backup that earlier runs recorded
+        std::function<void(OffloadReport&)> lay;
+        std::vector<ClipEntry> earlier;     // clips of the backup that earlier runs recorded
+        std::vector<ClipEntry> interrupted; // clips as the run that is finished here has left them
     };
 
     static bool isWanted(const JobConfig& config) { return config.analyzeClips || config.proxy.enabled; }
@@ -78,14 +81,15 @@ private:
     void readClips(OffloadReport& report, std::size_t first, std::size_t end, std::size_t dest);
     void makeProxies(OffloadReport& report);
     void makeProxy(ClipEntry& entry, const OffloadReport& report);
-    void render(ClipEntry& entry, const std::string& cardPath, const std::string& path);
+    void render(ClipEntry& entry, std::size_t dest, const std::string& path);
     Kept nameFor(const ClipEntry& entry, const std::string& cardPath);
+    const ClipEntry* before(const ClipEntry& entry) const;
     void takeOver(ClipEntry& entry) const;
     void copyToOthers(ClipEntry& entry, std::size_t dest, const std::string& file, bool wasThere);
     std::optional<std::string> whyNone(const OffloadReport& report) const;
     std::optional<std::size_t> goodDest(const Clip& clip, const OffloadReport& report) const;
     bool waitBetweenSteps();
-    void layNowAndThen(const OffloadReport& report);
+    void layNowAndThen(OffloadReport& report);
     void count(const OffloadReport& report) const;
 
     const World world_;
@@ -93,7 +97,6 @@ private:
     const ClipProbe probe_;
     const LutCatalog luts_;
     const ProxyTree tree_;
-    std::unique_ptr<PauseGate::Worker> worker_;
     std::unique_ptr<ProxyRenderer> renderer_;
     std::set<std::string> names_;          // of proxies of this run
     std::optional<std::string> noProxies_; // why none is made

@@ -59,7 +59,7 @@ void judgeCard(std::int64_t added, const std::vector<std::string>& changed, Judg
     judgement.deny(added > 0, card, added > 0 ? BackupMessage::notInBackup(added) : "");
 }
 
-void judgeWhole(const BackupCheck& whole, Judgement& judgement) {
+void judgeWhole(const BackupCheck& whole, bool pending, Judgement& judgement) {
     if (whole.error) {
         judgement.deny(true, everything, BackupMessage::unreadable(*whole.error));
         return;
@@ -68,7 +68,8 @@ void judgeWhole(const BackupCheck& whole, Judgement& judgement) {
     judgement.deny(failed > 0, everything, failed > 0 ? BackupMessage::failed(failed) : "");
     judgement.deny(!whole.lost.empty(), everything, whole.lost.empty() ? "" : lostText(whole.lost));
     judgeCard(whole.notInBackup, whole.changed, judgement);
-    judgement.deny(unverified > 0, format | verified, unverified > 0 ? BackupMessage::unverified(unverified) : "");
+    judgement.deny(unverified > 0, format | verified,
+                   unverified > 0 && !pending ? BackupMessage::unverified(unverified) : "");
     judgement.denyEach(whole.elsewhere, format | verified);
     // Whatever failed is among these by name. A failure that is not must not pass unsaid.
     const bool said = failed > 0 || !whole.lost.empty() || whole.notInBackup > 0;
@@ -84,13 +85,13 @@ Verdict judge(const Evidence& evidence) {
     judgement.denyEach(evidence.problems, everything);
     judgement.deny(evidence.failedFiles > 0, everything);
     judgement.deny(evidence.cardSwapped, card);
-    judgement.deny(!evidence.readBack, format | verified);
+    judgement.deny(!evidence.readBack || evidence.pending, format | verified);
     judgement.denyEach(evidence.failedVerifications, everything);
     if (evidence.cardError)
         judgement.deny(true, card, BackupMessage::unreadable(*evidence.cardError));
     judgement.deny(!evidence.cardSeen, format);
     if (evidence.whole)
-        judgeWhole(*evidence.whole, judgement);
+        judgeWhole(*evidence.whole, evidence.pending, judgement);
     else
         judgeCard(evidence.filesAdded, evidence.changed, judgement);
     judgement.deny(evidence.forgotten.has_value(), format, evidence.forgotten.value_or(""));

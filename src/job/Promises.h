@@ -20,6 +20,7 @@ struct Evidence {
     bool ran = false;                  // it came to its end, or had nothing to do
     bool cardSwapped = false;          // another card was in the reader, or none
     bool readBack = false;             // every copy of this run was read back, or it made none
+    bool pending = false;              // they are read back while the card may already leave
     std::int64_t failedFiles = 0;      // in the report of this run
     std::vector<std::string> problems; // a record that does not stand, a disk that was not flushed or is not there now
 

@@ -6,6 +6,7 @@
 #include "records/SourceFile.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,7 +36,8 @@ struct AppendPlan {
     std::optional<CardKey> sourceMedium;
     bool sameMedium = false;            // the card is the very medium of the earlier runs, by its serial and size
     std::vector<BackupPlace> elsewhere; // folders of the backup that were not named
-    std::vector<CardRecord> records;    // of the named folders, without the generation that is being finished
+    std::shared_ptr<const OffloadReport> interrupted; // of the run that is finished; null where it left none
+    std::vector<CardRecord> records; // of the named folders, without the generation that is being finished
     // An interrupted run has done all but its last records: they are to be committed as they are, and then the backup
     // is to be planned anew. Nothing else of the plan is filled in.
     std::optional<OffloadReport> settle;

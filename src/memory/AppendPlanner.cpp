@@ -373,6 +373,8 @@ private:
         }
         plan_.fullScan = card_;
         plan_.records = std::move(backup_.records);
+        if (unfinished_)
+            plan_.interrupted = unfinished_->report;
     }
 
     const Ask& ask_;

@@ -4,6 +4,7 @@
 import json
 import os
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -114,6 +115,116 @@ class ReadBackFirst(Case):
                 result, _, log = self.run_all("copy", self.card, *dests, "--allow-same-device", *words, status=status)
                 self.assertIn(text, json.dumps(result, ensure_ascii=False) + log)
                 self.assertEqual([os.listdir(root) for root in self.roots], [[], []])
+
+
+class RideOnTheRender(Case):
+    """The card may leave after the copy; the renders prove one disk, and the others are read beside them."""
+
+    def watch(self, act, *options, command=None, status=0):
+        """Runs a copy; `act` gets each status line and the process. The lines, and what was said at the end."""
+        dests = [word for root in self.roots for word in ("--dest", root)]
+        words = command or ["copy", self.card, *dests, "--name", "A", "--date", DATE, "--allow-same-device",
+                            "--again"]
+        process = subprocess.Popen([BIN + "/velmora", *words, "--proxy", "h264", "--proxy-height", "540", "--lut",
+                                    "none", "--primary", "1", "--json", *options], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True, env=self.env)
+        self.addCleanup(lambda: process.poll() is None and process.kill())
+        lines = []
+        for text in process.stdout:
+            lines.append(json.loads(text))
+            act(lines[-1], process)
+        log = process.stderr.read()
+        process.stderr.close()
+        process.stdout.close()
+        self.assertEqual(process.wait(), status, f"{log}\n{lines[-1]}")
+        return lines[-1], lines[:-1], log
+
+    def states(self, card, column, generation=1):
+        return {file["path"]: file["destinations"][column] for file in self.report(card, generation)["files"]}
+
+    def verify(self):
+        done = subprocess.run([BIN + "/velmora", "verify", *self.cards], capture_output=True, text=True, env=self.env)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+
+    def test_the_card_leaves_after_the_copy_and_is_proved_at_the_end(self):
+        for number in range(3):
+            self.clip(f"C{number}.MOV", 2)
+        with open(self.card + "/SOUND.WAV", "wb") as file:
+            file.write(os.urandom(3_000_000))
+        seen = []
+
+        def act(line, _):
+            if line.get("phase") != "proxies" or seen:
+                return
+            seen.append(line["safeToEject"])
+            for card in self.cards:
+                report = self.report(card)
+                seen.append([report["verifyPending"], report["verified"], os.path.exists(card + "/ascmhl")])
+            os.rename(self.card, self.card + ".gone")
+            self.addCleanup(shutil.rmtree, self.card + ".gone", ignore_errors=True)
+
+        result, stream, log = self.watch(act)
+        self.assertEqual(seen, [True, [True, False, False], [True, False, False]])
+        self.assertFalse(any(line["safeToFormat"] for line in stream))
+        self.assertEqual([result["safeToEject"], result["safeToFormat"], result.get("warnings")], [True, True, None])
+        self.assertIn("Safe to eject: the card may go.", log)
+        for card in self.cards:
+            report = self.report(card)
+            self.assertEqual([report["verified"], "verifyPending" in report], [True, False])
+            self.assertEqual([d["verifyMethod"] for d in report["destinations"]], ["verify-in-proxy", "read-back"])
+            self.assertEqual([clip["proxyStatus"] for clip in report["clips"]], ["done"] * 3)
+        self.verify()
+
+    def test_what_changes_on_a_disk_before_it_is_read_is_found(self):
+        for number in range(3):
+            self.clip(f"C{number}.MOV", 2)
+        flipped = []
+
+        def act(line, _):
+            if line["event"] == "status" and line["safeToEject"] and not flipped:
+                path = self.cards[0] + "/C2.MOV"  # its render comes last
+                flipped.append(path)
+                with open(path, "r+b") as file:
+                    file.seek(os.path.getsize(path) // 2)
+                    file.write(b"\x55" * 64)
+                    os.fsync(file.fileno())
+
+        result, _, _ = self.watch(act, status=1)
+        self.assertEqual([result["safeToEject"], result["safeToFormat"]], [True, False])
+        self.assertEqual([file["path"] for file in result["failedFiles"]], ["C2.MOV"])
+        self.assertEqual(result["failedFiles"][0]["destinations"], ["failed", "verified"])
+        self.assertEqual(self.states(self.cards[1], 0)["C2.MOV"], "failed")
+
+    def test_what_was_broken_off_is_finished_without_doing_anything_twice(self):
+        for number in range(4):
+            self.clip(f"C{number}.MOV", 2)
+        for signal_, status in ((signal.SIGINT, 130), (signal.SIGKILL, -signal.SIGKILL)):
+            with self.subTest(signal_):
+                act = lambda line, process: line.get("proxiesDone", 0) >= 2 and process.send_signal(signal_)
+                self.watch(act, status=status)
+                kept = {}
+                for card in self.cards:
+                    report = self.report(card)
+                    self.assertEqual([report["verifyPending"], report["verified"]], [True, False])
+                    self.assertFalse(os.path.exists(card + "/ascmhl/ascmhl_chain.xml"))
+                    for clip in report["clips"]:
+                        if clip["proxyStatus"] == "done":
+                            path = f"{card}/{clip['proxyPath']}"
+                            kept[path] = os.stat(path).st_ino
+                self.assertGreaterEqual(len(kept), 4)
+                into = [word for card in self.cards for word in ("--into", card)]
+                result, _, _ = self.watch(lambda *_: None, command=["append", self.card, *into])
+                self.assertEqual([result["safeToEject"], result["safeToFormat"]], [True, True])
+                self.assertEqual({path: os.stat(path).st_ino for path in kept}, kept)
+                for card in self.cards:
+                    report = self.report(card)
+                    self.assertEqual([clip["proxyStatus"] for clip in report["clips"]], ["done"] * 4)
+                    self.assertEqual(sum(clip.get("proxyNote", "").startswith("proxy from the interrupted run")
+                                         for clip in report["clips"]), len(kept) // 2)
+                    self.assertEqual(os.listdir(card + "/_REPORT").count("offload_report_0002.json"), 0)
+                self.verify()
+                for root in self.roots:
+                    shutil.rmtree(f"{root}/{DATE}")
 
 
 if __name__ == "__main__":

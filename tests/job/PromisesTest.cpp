@@ -32,6 +32,7 @@ TEST(Promises, EveryoneWhoKnowsBetterDenies) {
              {"broke off", [](auto& e) { e.ran = false; }, "", ""},
              {"swapped", [](auto& e) { e.cardSwapped = true; }, "verified", ""},
              {"not read back", [](auto& e) { e.readBack = false; }, "eject ", ""},
+             {"still being read", [](auto& e) { e.pending = true, e.whole->state.unverified = 9; }, "eject ", ""},
              {"failed files", [](auto& e) { e.failedFiles = 1; }, "", ""},
              {"record missing", [](auto& e) { e.problems = {"no report on B"}; }, "", "no report on B"},
              {"card not seen again", [](auto& e) { e.cardSeen = false; }, "eject verified", ""},
