@@ -144,8 +144,10 @@ std::span<const std::byte> TapFile::Blocks::get(std::int64_t number) {
 }
 
 std::span<const std::byte> TapFile::Blocks::insert(Block block) {
+    // The index of a clip often stands at its end: read first, and together with the last pictures once more. So the
+    // last block stays, and the disk is asked for it once.
     if (cache_.size() >= cachedBlocks)
-        cache_.erase(cache_.begin());
+        cache_.erase(std::ranges::find_if(cache_, [&](const Block& b) { return b.number != blockCount_ - 1; }));
     cache_.push_back(std::move(block));
     return cache_.back().bytes;
 }

@@ -21,8 +21,9 @@ public:
 };
 
 // A copied file that an outside program reads while its blocks are verified: every block that comes off the disk goes
-// through `verifier` once, whoever asked for it and in whatever order. Six blocks stay in memory, so a short way back
-// costs no second read, and the next block is fetched while one is handed out.
+// through `verifier` once, whoever asked for it and in whatever order. Six blocks stay in memory, the last of the file
+// among them once it was read, so a short way back costs no second read; and the next block is fetched while one is
+// handed out.
 //
 // After `dispose` nothing is read any more, and whoever waits here is sent away with Cancelled. Memory and descriptor
 // go when the last reader has left; a disk that hangs keeps them, but nobody waits for it.

@@ -82,6 +82,11 @@ TEST(TapFile, ReadsABlockAgainOnlyWhenSixOthersCameAfterIt) {
     EXPECT_EQ(file.verifier->unstableBlocks(), std::vector<std::int64_t>{2});
     EXPECT_EQ(file.verifier->finish(), BlockOutcome::mismatch(2));
     EXPECT_TRUE(eventually([&] { return tap->fromDisk() == 12 * blockSize; })) << tap->fromDisk();
+
+    EXPECT_EQ(block(0), is(0));
+    EXPECT_TRUE(eventually([&] { return tap->fromDisk() == 14 * blockSize; })) << tap->fromDisk();
+    EXPECT_EQ(block(9), is(9));
+    EXPECT_EQ(tap->fromDisk(), 14 * blockSize) << "the end of the file is not kept";
 }
 
 TEST(TapFile, OpensNothingButAFileBelowTheCardFolderThatComesOffADisk) {
