@@ -344,6 +344,8 @@ void PostStage::render(ClipEntry& entry, std::size_t dest, const std::string& pa
     const auto lease = world_.session ? world_.session->prepare(entry.clip, dest) : nullptr;
     RenderRequest request{entry.clip, lease && lease->url() ? *lease->url() : source, *entry.info,
                           entry.lut ? *entry.lut : none, path};
+    if (lease && lease->url())
+        request.activity = [&lease] { return lease->activity(); };
     request.isCancelled = world_.isCancelled;
     request.progress = [&](double fraction) {
         world_.tell([&](JobStatus& status) { status.clipFraction = fraction; });

@@ -115,6 +115,7 @@ void FFmpegRun::run() const {
     Pair pair(*this, watch);
     std::int64_t written = 0;
     Timestamp changed{};
+    std::int64_t read = 0;
     while (!pair.hasEnded()) {
         if (isCancelled && isCancelled()) {
             pair.stop();
@@ -122,6 +123,11 @@ void FFmpegRun::run() const {
         }
         if (watch.secondsIdle() < stallTimeout / 2)
             continue;
+        // Some clips are read for minutes before they show a frame.
+        if (const std::int64_t now = activity ? activity() : 0; now != read) {
+            read = now;
+            watch.touch();
+        }
         // Moving the index of a long clip to the front writes for minutes and tells of no frame.
         try {
             const FileFacts facts = IO::stat(output);

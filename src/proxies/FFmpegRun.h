@@ -3,6 +3,7 @@
 #include "base/Errors.h"
 #include "platform/ChildProcess.h"
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -30,6 +31,7 @@ struct FFmpegRun {
     std::function<void(double seconds)> progress = {};         // of the clip that are done; on a reader's thread
     std::function<void(std::string_view)> onErrorLine = {};    // on a reader's thread
     std::function<void(std::string_view)> onProgressLine = {}; // on a reader's thread
+    std::function<std::int64_t()> activity = {}; // a number that grows while the input is read; may be empty
     IsCancelled isCancelled = {};
     double stallTimeout = 60;
     double stopPatience = 10; // seconds from the polite request to the kill

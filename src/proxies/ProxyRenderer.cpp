@@ -236,6 +236,7 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
                   secondsOf(request.info)};
     run.onErrorLine = request.onErrorLine;
     run.onProgressLine = request.onProgressLine;
+    run.activity = request.activity;
     run.isCancelled = request.isCancelled;
     run.stallTimeout = stallTimeout;
     run.log = log_;

@@ -42,6 +42,8 @@ struct RenderRequest {
     std::string output; // full path; never replaced
 
     std::function<void(double fraction)> progress = {}; // on another thread
+    // Where `input` is an address: a number that grows while it is read.
+    std::function<std::int64_t()> activity = {};
     IsCancelled isCancelled = {};
     // For a check of the clip's content: what the decoder says, how far it is, and that it starts anew. Where there is
     // someone to hear it, ffmpeg tells of warnings too.

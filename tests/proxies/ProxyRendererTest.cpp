@@ -46,6 +46,7 @@ protected:
     std::vector<std::string> logged;
     int restarts = 0;
     bool hardware = true;
+    std::function<std::int64_t()> activity;
     bool cancel = false;
     std::optional<std::string> lut;
 
@@ -82,6 +83,7 @@ protected:
         RenderRequest request{clip, folder / "A001.MOV", info, use, output};
         request.isCancelled = [&] { return cancel && std::filesystem::exists(folder / "begun"); };
         request.onRestart = [&] { ++restarts; };
+        request.activity = activity;
         const std::string said = test::refusal<std::exception>([&] { renderer.render(request); });
         EXPECT_FALSE(std::filesystem::exists(renderer.tempDir() + "/left"));
         std::string parts;
@@ -136,6 +138,15 @@ TEST_F(ProxyRendererTest, SaysOfBothTriesWhyThereIsNoProxy) {
     EXPECT_THAT(render("cp $good \"$out\"", "seq 1000"), HasSubstr("LUT not found: " + *lut));
     EXPECT_EQ(Feeding::asked, asked); // a back-end may work for an hour before it answers
     EXPECT_EQ(passes(), 0U);
+}
+
+// Some clips are read for minutes before their first frame. Who only opens an address and reads nothing has stalled.
+TEST_F(ProxyRendererTest, HasNotStalledWhileItsInputIsRead) {
+    hardware = false;
+    activity = [] { return std::int64_t{7}; };
+    EXPECT_EQ(render("sleep 60"), "ffmpeg stalled (1 s without a new frame); proxy not created");
+    activity = [bytes = std::int64_t{0}]() mutable { return ++bytes; };
+    EXPECT_EQ(render("sleep 2.5; cp $good \"$out\""), "");
 }
 
 TEST_F(ProxyRendererTest, StopsAtOnceWhenCancelled) {
