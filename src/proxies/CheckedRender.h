@@ -4,10 +4,16 @@
 #include "records/ClipContent.h"
 #include "records/ExternalTools.h"
 
+#include <optional>
+#include <string>
+
 namespace velmora {
 
 // Makes a proxy and judges the clip by what its decoder said meanwhile. `tools` resolved; the source is a file, and its
-// path names it. Throws as ProxyRenderer::render.
+// path names it. A proxy of a clip with a defect tells of it from then on. Throws as ProxyRenderer::render.
 ClipContent renderChecked(ProxyRenderer& renderer, RenderRequest request, const ExternalTools& tools);
+
+// The defect of which a proxy tells; none for that of a sound clip.
+std::optional<ClipContent> defectToldBy(const std::string& proxy);
 
 } // namespace velmora

@@ -27,6 +27,20 @@ std::string_view name(ProxyOutcome outcome) noexcept {
     return names[static_cast<std::size_t>(outcome)];
 }
 
+namespace {
+
+// What is wrong with the clip; empty when nothing is.
+std::string defectNote(const ClipContent& content) {
+    if (!content.kind)
+        return {};
+    std::string note = content.kindText();
+    if (content.frame)
+        note += fmt::format(" at {}", content.timecode.value_or(fmt::format("frame {}", *content.frame)));
+    return note + ": " + content.message.value_or("");
+}
+
+} // namespace
+
 ProxyBatch::ProxyBatch(const ClipProbe& probe, ProxyRenderer& renderer, Wish wish, Log log,
                        std::vector<ClipEntry> clips)
     : probe_(probe), renderer_(renderer), wish_(std::move(wish)), log_(std::move(log)) {
@@ -104,8 +118,11 @@ void ProxyBatch::decide(Item& item, std::set<std::string>& used, const IsCancell
         own = IO::exists(wish_.out + "/" + file);
         return !own || (own = isOwn(file, item, isCancelled));
     });
-    if (own)
-        return is(ProxyOutcome::existing, "there already");
+    if (own) {
+        item.entry.content = defectToldBy(wish_.out + "/" + item.file);
+        const std::string defect = item.entry.content ? defectNote(*item.entry.content) : "";
+        return is(ProxyOutcome::existing, defect.empty() ? "there already" : "there already; " + defect);
+    }
     if (item.file != wanted)
         item.note = fmt::format("Proxy renamed to {} (name clash) — relink it by hand.", RelativePath::name(item.file));
     // What a run that was killed has left of this proxy. Nobody else renders here.
@@ -185,11 +202,8 @@ void ProxyBatch::renderOne(Item& item, const IsCancelled& isCancelled) {
         };
         item.entry.content = renderChecked(renderer_, std::move(request), probe_.tools());
         item.outcome = ProxyOutcome::done;
-        if (const ClipContent& content = *item.entry.content; content.kind) {
-            item.note = content.kindText();
-            if (content.frame)
-                item.note += fmt::format(" at {}", content.timecode.value_or(fmt::format("frame {}", *content.frame)));
-            item.note += ": " + content.message.value_or("");
+        if (const std::string defect = defectNote(*item.entry.content); !defect.empty()) {
+            item.note = defect;
             log_(fmt::format("proxy {}: {}", clip, item.note));
         }
     } catch (const ToolError& error) {

@@ -248,6 +248,8 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
 
     if (const auto problem = MovFile::problem(part))
         throw ToolError("ffmpeg", 0, fmt::format("the proxy is not whole: {}", *problem));
+    if (request.onWhole)
+        request.onWhole(part);
     UncachedWriter(part, UncachedWriter::Open::existing, CacheMode::dropBehind).flush();
     try {
         ProxyCopy::renameNoReplace(part, request.output);

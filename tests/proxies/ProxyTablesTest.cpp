@@ -287,6 +287,13 @@ TEST(MovFile, IsWholeOrSaysWhatIsNot) {
         EXPECT_EQ(MovFile::problem(folder / "f.mov"), c.problem);
     }
     EXPECT_EQ(MovFile::problem(folder / "gone"), "it cannot be read");
+
+    test::FileTree::write(folder / "f.mov", cases[0].bytes + box("uuid", 40));
+    EXPECT_EQ(MovFile::appended(folder / "f.mov"), std::nullopt);
+    MovFile::append(folder / "f.mov", "what is to be kept");
+    EXPECT_EQ(MovFile::appended(folder / "f.mov"), "what is to be kept");
+    EXPECT_EQ(MovFile::problem(folder / "f.mov"), std::nullopt);
+    EXPECT_THROW(MovFile::append(folder / "gone", ""), IOError);
 }
 
 } // namespace
