@@ -144,7 +144,6 @@ FrameSource ARRIRAWBackend::source(const FrameRequest& request) const {
     source.inputArgs = {"-i", "file:" + file};
     source.audioFromInput = true;
     source.alreadyCropped = wanted.cropped;
-    source.fullRange = true; // the file's video range holds the log curve from 0 to 1
     source.cleanup = {intermediate.handOver()};
     return source;
 }

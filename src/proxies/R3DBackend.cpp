@@ -68,7 +68,6 @@ FrameSource R3DBackend::source(const FrameRequest& request) const {
     FrameSource source;
     source.inputArgs = {"-i", "file:" + file};
     source.audioFromInput = true;
-    source.fullRange = true; // the file's video range holds the log curve from 0 to 1
     source.cleanup = {intermediate.handOver()};
     return source;
 }

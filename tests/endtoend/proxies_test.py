@@ -7,6 +7,7 @@ import random
 import re
 import shutil
 import signal
+import struct
 import subprocess
 import tempfile
 import time
@@ -49,12 +50,12 @@ class Case(unittest.TestCase):
                             "-c:v", "prores_ks", "-profile:v", "0", "file:" + path)
         return path
 
-    def command(self, *options, card="card"):
+    def command(self, *options, card="card", height="540", lut="none"):
         source = card if card.startswith("/") else f"{self.folder}/{card}"
-        return [BIN + "/velmora", "proxies", source, "--out", self.out, "--height", "540", "--lut", "none", *options]
+        return [BIN + "/velmora", "proxies", source, "--out", self.out, "--height", height, "--lut", lut, *options]
 
-    def run_all(self, *options, card="card", status=0, env=None):
-        done = subprocess.run(self.command("--json", *options, card=card), capture_output=True, text=True,
+    def run_all(self, *options, status=0, env=None, **more):
+        done = subprocess.run(self.command("--json", *options, **more), capture_output=True, text=True,
                               env={**self.env, **(env or {})})
         self.assertEqual(done.returncode, status, done.stderr + done.stdout)
         return json.loads(done.stdout.splitlines()[-1]), done.stderr
@@ -129,6 +130,47 @@ class Proxies(Case):
         self.run_all("--frame-aspect", "1.0", "--frame-scale", "0.5")
         stream = picture(probe(self.out + "/DCIM/100/A001.mov"))
         self.assertEqual((stream["width"], stream["height"]), (540, 540))
+
+    def chart(self, name, patches, *encoding):
+        """Columns of 80 pixels; each colour as a decoder is to hand it on, from 0 to 1."""
+        row = b"".join(struct.pack(">3H", *(round(65535 * min(1, max(0, part))) for part in patch)) * 80
+                       for patch in patches)
+        with open(self.folder + "/chart.ppm", "wb") as file:
+            file.write(f"P6\n{80 * len(patches)} 720\n65535\n".encode() + row * 720)
+        os.makedirs(self.folder + "/card", exist_ok=True)
+        camera_files.ffmpeg("-i", self.folder + "/chart.ppm", *encoding, f"{self.folder}/card/{name}")
+
+    def shown(self, name, patches):
+        """What the middle of each patch shows in the proxy, from 0 to 255."""
+        words = ["ffmpeg", "-v", "error", "-i", f"{self.out}/{name}", "-vf", "crop=iw:2:0:360,scale=in_color_matrix=bt709,"
+                 "format=gbrp,format=rgb24", "-frames:v", "1", "-f", "rawvideo", "-"]
+        row = subprocess.run(words, capture_output=True, check=True).stdout
+        return [tuple(row[3 * (80 * n + 40):][:3]) for n in range(len(patches))]
+
+    def test_show_log_footage_as_it_was_meant(self):
+        sony = [(c, c, c) for c in (95, 171, 300, 420, 598, 800)] + [(520, 450, 420), (430, 380, 370), (700, 250, 240),
+                (300, 350, 750), (330, 690, 400), (560, 530, 200)]
+        for name, span, low in (("full.mov", "pc", 0), ("video.mov", "tv", 64)):
+            high = 1023 if span == "pc" else 940
+            self.chart(name, [[(code - low) / (high - low) for code in patch] for patch in sony], "-vf",
+                       f"scale=out_color_matrix=bt709:out_range={span},format=yuv444p10le", "-c:v", "libx264", "-qp", "0",
+                       "-color_range", span, "-colorspace", "bt709")
+        # ARRI's cameras write the whole curve into the video range: code 64 is 0, 940 is 1. These are LogC3 of light
+        # 0, 0.18 and 0.9.
+        arri = [(code,) * 3 for code in (0.092809, 0.391007, 0.559432)] * 4
+        self.chart("arri.mov", arri, "-vf", "scale=out_color_matrix=bt709:out_range=tv,format=yuv444p10le",
+                   *camera_files.prores(4, "yuv444p10le"), *camera_files.QT, "-metadata",
+                   "com.apple.quicktime.make=ARRI", "-metadata", "com.apple.quicktime.model=ALEXA Mini")
+        wish = {"height": "720", "status": 0}
+        self.run_all("--codec", "prores422HQ", "--no-burn-in", "--lut-fallback", "sony-slog3-sgamut3cine", lut="auto",
+                     **wish)
+        full, video = self.shown("full.mov", sony), self.shown("video.mov", sony)
+        for one, other, patch in zip(full, video, sony):
+            self.assertLessEqual(max(abs(a - b) for a, b in zip(one, other)), 2, (patch, full, video))
+        self.assertGreater(len(set(full)), 11)
+        self.assertAlmostEqual(full[3][1], 104, delta=2)  # S-Log3's mid grey
+        for patch, wanted in zip(self.shown("arri.mov", arri), (0, 104, 203)):
+            self.assertLessEqual(max(abs(part - wanted) for part in patch), 3, (patch, wanted))
 
     def test_render_only_what_is_missing(self):
         for number in (1, 2, 3):
