@@ -22,6 +22,7 @@ SOAK = os.environ.get("VELMORA_SOAK") == "1"
 SEED = int(os.environ.get("VELMORA_SEED", random.randrange(1 << 30) if SOAK else 1))
 ROUND = os.environ.get("VELMORA_ROUND")
 SECONDS = float(os.environ.get("VELMORA_ROADS_SECONDS", 1200 if SOAK else 20))
+LEAST = 4  # rounds, however slow the machine is
 ALL = os.environ.get("VELMORA_ROADS") == "all"
 FAST = "/dev/shm"  # another volume than the card's, and one that forgets nothing while the computer runs
 
@@ -299,7 +300,7 @@ class Roads(unittest.TestCase):
 
     def test_promises(self):
         promises, met, rounds, end = {}, {}, 0, time.monotonic() + SECONDS
-        while rounds == 0 or (not ROUND and time.monotonic() < end):
+        while rounds < (1 if ROUND else LEAST) or (not ROUND and time.monotonic() < end):
             number = int(ROUND) if ROUND else rounds
             rounds += 1
             world = self.world(f"{SEED}:{number}")
@@ -319,7 +320,6 @@ class Roads(unittest.TestCase):
             print(f"WRONG {len(texts)} × {key}\n{min(texts, key=len)}\n")
         self.assertEqual(sorted(met), [])
         if not ROUND:
-            self.assertGreater(rounds, SECONDS / 10)
             self.assertGreater(promises.get("format", 0), rounds / 4)
 
     def test_narrow_roads(self):
