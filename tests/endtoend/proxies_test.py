@@ -127,7 +127,10 @@ class Proxies(Case):
             self.assertEqual((stream["codec_name"], stream["profile"]), (name, profile))
             self.assertEqual(stream["codec_tag_string"] == "hvc1", codec == "hevc")
             os.remove(self.out + "/A001.mov")
-        self.run_all("--frame-aspect", "1.0", "--frame-scale", "0.5")
+        # A table with words in it that ffmpeg does not know.
+        with open(self.folder + "/own.cube", "w", encoding="utf-8") as file:
+            file.write("LUT_3D_SIZE 2\nLUT_3D_INPUT_RANGE 0.0 1.0\nMAKER us\n" + "# " + "x" * 900 + "\n" + "1 0 0\n" * 8)
+        self.run_all("--frame-aspect", "1.0", "--frame-scale", "0.5", lut=self.folder + "/own.cube")
         stream = picture(probe(self.out + "/DCIM/100/A001.mov"))
         self.assertEqual((stream["width"], stream["height"]), (540, 540))
 
@@ -229,7 +232,7 @@ class Proxies(Case):
             (["--bitrate", "0"], 2, "bitrateMbps must be"),
             (["--lut", "nice"], 2, "Use auto, none, a path to a .cube or one of: arri"),
             (["--lut", self.folder + "/gone.cube"], 2, "LUT not found: "),
-            (["--lut", self.folder + "/bad.cube"], 2, "LUT not found: "),
+            (["--lut", self.folder + "/bad.cube"], 2, "Not a .cube file that can be used: "),
             (["--lut-fallback", "nice"], 2, "Unknown fallback LUT"),
             (["--lut-fallback", self.folder + "/gone.cube"], 2, "LUT not found: "),
             (["--frame-scale", "7"], 2, "frameScale must be"),
