@@ -9,13 +9,11 @@ import random
 import shlex
 import shutil
 import signal
-import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-from disks import BIN, Volumes, possible
+from disks import Volumes, possible
 from roads_model import DATE, MIB, World, Wrong, files
 
 SOAK = os.environ.get("VELMORA_SOAK") == "1"
@@ -42,11 +40,6 @@ def copy(world, disks="ab", strike="", during=None, verify=True):
     return run
 
 
-def compares():
-    """Whether this program can compare a whole card on demand."""
-    return "--compare" in subprocess.run([BIN + "/velmora", "append", "--help"], capture_output=True, text=True).stdout
-
-
 def into(world, kind, disks="ab", strike="", during=None, verify=True, compare=False):
     words = [word for disk in disks for word in ("--into", world.folder(disk))]
     words += ["--compare"] if compare else []
@@ -60,8 +53,6 @@ class Road:
     def __init__(self, world, dice):
         self.world, self.dice = world, dice
         self.first = {n: (c, os.stat(f"{world.card}/{n}").st_mtime_ns) for n, c in files(world.card).items()}
-
-    compares = compares()
 
     def play(self):
         self.run("copy")
@@ -253,7 +244,7 @@ class Road:
         if available and kind == "copy":
             copy(self.world, available, strike, during, verify)
         elif available:
-            compare = kind == "append" and verify and self.compares and self.dice.random() < 0.4
+            compare = kind == "append" and verify and self.dice.random() < 0.4
             into(self.world, kind, available, strike, during, verify, compare)
 
     def copy(self):
