@@ -121,7 +121,7 @@ class Proxies(Case):
     def test_name_folder_and_codec_as_asked(self):
         self.clip("DCIM/100/A001.MOV")
         for codec, name, profile in (("hevc", "hevc", "Main"), ("proresLT", "prores", "LT"),
-                                     ("prores422HQ", "prores", "HQ")):
+                                     ("prores422", "prores", "Standard"), ("prores422HQ", "prores", "HQ")):
             self.run_all("--codec", codec, "--flat")
             stream = picture(probe(self.out + "/A001.mov"))
             self.assertEqual((stream["codec_name"], stream["profile"]), (name, profile))

@@ -142,20 +142,6 @@ TEST(RawBackends, ReadClipsAsTheToolsTellOfThemAndSayHowAToolHasFailed) {
     EXPECT_FALSE(braw.isAvailable(bare.tools));
 }
 
-TEST(RawBackends, NameWhatIsMissingForEachMaker) {
-    std::string hints;
-    for (const auto& backend : RawBackends::all()) {
-        hints += fmt::format("{}: {}\n", name(backend->format()), backend->missingHint());
-        EXPECT_FALSE(backend->isAvailable({}));
-    }
-    EXPECT_EQ(hints, "braw: Blackmagic RAW: braw-decode or the Blackmagic RAW library is missing (SDK, Player or "
-                     "DaVinci Resolve)\n"
-                     "r3d: RED R3D: install REDCINE-X PRO (REDline)\n"
-                     "arriraw: ARRIRAW: install ARRI Reference Tool (art-cmd)\n"
-                     "canonRaw: Canon Cinema RAW Light: there is no command-line decoder for macOS — copied and "
-                     "verified, proxy skipped\n");
-}
-
 ClipInfo clipOf(std::int64_t width, std::int64_t height, std::int64_t frames) {
     ClipInfo info;
     info.width = width;
