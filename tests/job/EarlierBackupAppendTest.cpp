@@ -73,11 +73,17 @@ TEST_F(EarlierBackup, AnAppendBringsDisksInStep) {
         shoot({{name, 1000}});
         ASSERT_EQ(append({cards[0]}).phase, Phase::done);
     }
-    EXPECT_THAT(append(cards).error.value_or(""), HasSubstr("one of the 2 generations that it lacks"));
+    for (const JobStatus& status : {append(cards), repair(cards)})
+        EXPECT_THAT(
+            status.error.value_or(""),
+            testing::AllOf(HasSubstr("--into \"" + cards[1] + "\"). Where nothing is new for it, add --compare."),
+                           HasSubstr("one of the 2 generations that it lacks")));
     for (int run = 0; run < 2; ++run) {
         EXPECT_EQ(append(cards).errorCode, PreflightCode::appendDiverged);
         append({cards[1]}, true);
     }
+    test::FileTree::flipBit(cards[1] + "/6.mov", 500);
+    EXPECT_TRUE(repair(cards).safeToFormat) << job->status().error.value_or("");
     EXPECT_TRUE(append(cards).safeToFormat) << job->status().error.value_or("");
 
     // A card that gives something else than the one good copy came from is not the truth, now or in the repair after

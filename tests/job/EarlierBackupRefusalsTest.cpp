@@ -135,6 +135,12 @@ TEST_F(EarlierBackup, EveryDoubtIsRefusedByNameAndChangesNothing) {
          other,
          {"was not finished — run it again first (velmora repair)"}},
         {"nothing new while files are unfinished", [&] { line(2, "new"); }, other, {"finish it first"}, repairing},
+        {"a folder beside these of which the records cannot be read",
+         [&] { shell("cd b/2026-03-14/CARD/ascmhl && rm ascmhl_chain.xml && mkdir ascmhl_chain.xml"); },
+         other,
+         {"also in " + cards[1] + " on ", "its records cannot be read (", "ascmhl_chain.xml", "disconnect the disk"},
+         repairing,
+         {cards[0]}},
         {"a repair without reading back", none, other, {"cannot run without verification"}, repairing, {"unverified"}},
         {"a card that lost and changed files",
          [&] {
