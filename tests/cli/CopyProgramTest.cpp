@@ -148,6 +148,21 @@ TEST_F(SlowCardTest, APauseDuringTheFirstLookShowsAndHolds) {
     EXPECT_EQ(program.wait(), 0) << program.err();
 }
 
+TEST_F(SlowCardTest, InspectPauses) {
+    Program program({"inspect", card, "--json"});
+    waitUntilItStands(0);
+    program.signal(SIGUSR1);
+    for (int i = 0; i < 500 && program.err().find("Paused") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_THAT(program.err(), testing::HasSubstr("Paused. SIGUSR2 goes on."));
+    disk->clear();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(program.events().empty());
+    program.signal(SIGUSR2);
+    EXPECT_EQ(program.wait(), 0) << program.err();
+    EXPECT_EQ(program.events().size(), 1U);
+}
+
 // Once before, though nothing but its folder tells it from another card, and once at the end.
 TEST_F(SlowCardTest, ACardIsListedTwice) {
     disk->clear();

@@ -61,6 +61,10 @@ TEST_P(Verified, AReadingOfAllCopiesEndsWhatAVerificationFound) {
         VerificationTrace::enter(store, {cards[d], serial, Timestamp{4'000'000'000, 0}, {}, {}}, {});
         EXPECT_EQ(append(cards).note.value_or("").find("last read on 2096-") != std::string::npos, d == 1);
     }
+    test::FileTree::write(temp / "settings/verifications.json", R"({"version": 2})");
+    EXPECT_THAT(repair(cards).warning().value_or(""),
+                testing::AllOf(HasSubstr("could not be told that every copy in " + cards[0] + ", " + cards[1]),
+                               HasSubstr("a newer version of Velmora has written it")));
 }
 
 // A history that was lost may have known worse of any copy that nobody has read since.

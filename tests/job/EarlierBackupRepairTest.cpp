@@ -1,6 +1,8 @@
 #include "job/EarlierBackup.h"
 
 #include "base/RelativePath.h"
+#include "base/Text.h"
+#include "job/SetAside.h"
 #include "memory/CardRecord.h"
 #include "mhl/MHLReader.h"
 #include "records/OffloadReport.h"
@@ -153,6 +155,20 @@ TEST_F(EarlierBackup, ARepairKeepsGoodCopiesAndPassesOverWhatTheCardNeverGave) {
     EXPECT_EQ(test::FileTree::read(cards[0] + "/DCIM/2.mov"), test::FileTree::read(temp / "card/DCIM/2.mov"));
     EXPECT_EQ(CardRecord::load(cards[0]).find("3.txt", true)->file->destinations,
               (std::vector<std::string>{"verified", "verified"}));
+}
+
+// What lies aside in great numbers must not hold a cancelled run for long; the few of an ordinary run are listed.
+TEST_F(EarlierBackup, ACancelledRunListsTheFirstThousandThatLieAside) {
+    OffloadReport report;
+    report.destinations.resize(1);
+    report.destinations[0].cardPath = cards[0];
+    for (const std::size_t count : {999U, 1001U}) {
+        for (std::size_t n = 0; n < count; ++n)
+            test::FileTree::write(cards[0] + "/_REPORT/set-aside/0001/" + std::to_string(n), "");
+        const auto problems = SetAside::list(report, [] { return true; });
+        EXPECT_EQ(report.setAside->size(), 999U);
+        EXPECT_EQ(join(problems, "").find("in full (cancelled)") != std::string::npos, count > 999);
+    }
 }
 
 TEST_F(EarlierBackup, ARepairMakesABrokenReportAnewFromAnotherDisk) {
