@@ -69,8 +69,8 @@ void unmountTheDead() {
             umount2(path.c_str(), MNT_DETACH);
 }
 
-// A test that was killed leaves its file systems on loop devices behind. One whose blocks lie here must go while they are
-// still served: its last flush waits for us, and if we were gone already, for ever.
+// A test that was killed leaves its file systems on loop devices behind. One whose blocks lie here must go while they
+// are still served: its last flush waits for us, and if we were gone already, for ever.
 void unmountWhatLiesHere(const std::string& mountPoint) {
     std::ifstream table("/proc/self/mounts");
     for (std::string device, path, rest; table >> device >> path && std::getline(table, rest);) {
