@@ -179,19 +179,20 @@ void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::
     std::vector<std::string> paths;
     for (const HistoryVerification& folder : folders)
         paths.push_back(folder.cardPath);
-    // A record that waits may be written long after this job is gone: then the log alone can be told.
-    bool waits = false;
+    struct Outcome {
+        bool waits = false; // for a busy history: it may end long after this job is gone, and only the log can be told
+        std::string sentence;
+    };
+    const auto outcome = std::make_shared<Outcome>();
     const auto nowWaits = [&] {
-        waits = true;
+        outcome->waits = true;
         delayed();
     };
-    const auto sentence = std::make_shared<std::string>();
-    const auto done = [log = log_, sentence, paths](const std::optional<std::string>& lost) {
-        if (!lost)
-            return;
-        *sentence = notKeptText(paths, *lost);
-        if (log)
-            log(*sentence);
+    const auto done = [log = log_, outcome, paths](const std::optional<std::string>& lost) {
+        if (lost && !outcome->waits)
+            outcome->sentence = notKeptText(paths, *lost);
+        else if (lost && log)
+            log(notKeptText(paths, *lost));
     };
     const auto write = [folders = std::move(folders), log = log_](HistoryStore& store) {
         HistoryWrite worst = HistoryWrite::written;
@@ -202,8 +203,8 @@ void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::
         return worst;
     };
     recorder_.record("verify", folder_, log_, nowWaits, done, write);
-    if (!waits && !sentence->empty())
-        notKept(*sentence);
+    if (!outcome->waits && !outcome->sentence.empty())
+        notKept(outcome->sentence);
 }
 
 void HistoryKeeper::failed() {
