@@ -183,7 +183,7 @@ def main():
     parser = argparse.ArgumentParser(description="Velmora against ordinary tools.")
     parser.add_argument("--quick", action="store_true", help="small amounts, one round: shows that it works, proves nothing")
     parser.add_argument("--rounds", type=int, default=0, help="rounds of each comparison (5)")
-    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, readback, inspect, verify, plan, proxies")
+    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, readback, inspect, verify, plan, clips, proxies")
     parser.add_argument("--work", default=os.path.join(ROOT, "build"), help="folder on the disk to measure")
     options = parser.parse_args()
     options.long_rounds = 1 if options.quick else 2
@@ -198,7 +198,7 @@ def main():
         parts = {"large": bench.large_files, "small": bench.small_files, "many": bench.many_files,
                  "allocations": bench.allocations, "readback": bench.read_back, "inspect": lambda: backups.inspect(bench),
                  "verify": lambda: backups.verify(bench), "plan": lambda: backups.plan(bench),
-                 "proxies": lambda: pictures.proxies(bench)}
+                 "clips": lambda: pictures.clips(bench), "proxies": lambda: pictures.proxies(bench)}
         for name in options.only.split(",") if options.only else parts:
             bench.progress(f"{name} …")
             parts[name]()

@@ -278,6 +278,24 @@ class Proxies(Case):
             subprocess.run(["umount", self.out], check=True)
         self.nothing_left()
 
+    @unittest.skipIf(os.geteuid() != 0, "mounts a small file system")
+    def test_say_so_on_a_disk_that_cannot_be_written(self):
+        self.clip("A001.MOV")
+        os.mkdir(self.out)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=60m", "none", self.out], check=True)
+        try:
+            # From when the render begins, and then from the first.
+            self.ffmpeg_that(f"mount -o remount,ro '{self.out}'")
+            result, _ = self.run_all(status=1)
+            self.assertRegex(result["clips"][0]["note"], f"{self.out}.*Read-only file system")
+            _, err = self.run_all(status=3)
+            self.assertIn("refused: destinationNotWritable: The folder for the proxies cannot be", err)
+            self.assertIn(self.out, err)
+            self.assertEqual(self.found(), [])
+        finally:
+            subprocess.run(["umount", self.out], check=True)
+        self.nothing_left()
+
     def test_never_replace_a_name_that_appears_meanwhile(self):
         self.clip("A001.MOV")
         self.ffmpeg_that(f"mkdir -p '{self.out}'; echo mine > '{self.out}/A001.mov'")
