@@ -6,6 +6,7 @@ import random
 import shutil
 import subprocess
 import tempfile
+import time
 
 BIN = os.environ["VELMORA_BIN"]  # the folder of the built programs
 
@@ -131,7 +132,13 @@ class Volumes:
 
     @staticmethod
     def unmount(at, lazy=False):
-        subprocess.run(["umount", *(["-l"] if lazy else []), at], check=True)
+        """As a person does it: a volume that is busy for a moment is tried again."""
+        command = ["umount", *(["-l"] if lazy else []), at]
+        for _ in range(100):
+            if subprocess.run(command, stderr=subprocess.DEVNULL).returncode == 0:
+                return
+            time.sleep(0.05)
+        subprocess.run(command, check=True)
 
     @staticmethod
     def unmount_all():
