@@ -18,8 +18,8 @@ class Cost:
         return Cost(self.wall + other.wall, self.cpu + other.cpu, max(self.peak, other.peak))
 
 
-def run(command, env=None, output=None):
-    """Runs a program to its end and returns its cost; any other status than 0 ends the benchmark."""
+def run(command, env=None, output=None, statuses=(0,)):
+    """Runs a program to its end and returns its cost; any other status ends the benchmark."""
     begin = time.monotonic()
     process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, stdout=output or subprocess.DEVNULL,
                                stderr=subprocess.PIPE)
@@ -28,7 +28,7 @@ def run(command, env=None, output=None):
     wall = time.monotonic() - begin
     process.returncode = os.waitstatus_to_exitcode(status)
     process.stderr.close()
-    if process.returncode != 0:
+    if process.returncode not in statuses:
         sys.exit(f"bench: {' '.join(command[:6])} … ended with {process.returncode}:\n{errors.decode(errors='replace')}")
     return Cost(wall, usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024)
 

@@ -12,6 +12,38 @@ VELMORA = os.environ.get("VELMORA", os.path.join(os.path.dirname(os.path.dirname
                                                  "release", "bin", "velmora"))
 
 
+def clips(bench):
+    """`velmora clips --thumbs` against one ffprobe and three single frames a clip, as many at a time."""
+    count = 20 if bench.options.quick else 200
+    source, out = os.path.join(bench.work, "short clips"), os.path.join(bench.work, "thumbs")
+    os.mkdir(source)
+    one = os.path.join(bench.work, "one.mov")
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "testsrc2=s=1920x1080:r=25:d=2", "-c:v",
+                    "libx264", "-preset", "veryfast", "-g", "12", "-timecode", "10:00:00:00", one], check=True)
+    for number in range(count):
+        shutil.copy(one, f"{source}/A001C{number:03}.mov")
+
+    def velmora():
+        shutil.rmtree(out, ignore_errors=True)
+        env = dict(bench.env, VELMORA_SETTINGS_DIR=os.path.join(bench.work, "clip settings"))
+        return run([VELMORA, "clips", source, "--thumbs", out, "--lut", "none"], env)
+
+    def bare():
+        shutil.rmtree(out, ignore_errors=True)
+        os.mkdir(out)
+        grab = ('n=$(basename "$1"); ffprobe -v error -print_format json -show_streams -show_format "$1" > /dev/null; '
+                'for t in 0.2 1 1.4; do ffmpeg -v error -nostdin -threads 1 -ss $t -i "$1" -vf scale=-2:180 -frames:v 1 '
+                '"$2/$n-$t.jpg"; done')
+        return run(["bash", "-ec", 'find "$1" -name "*.mov" -print0 | xargs -0 -n 1 -P "$3" -I {} bash -ec "$4" grab {} "$2"',
+                    "bare", source, out, str(os.cpu_count()), grab], bench.env)
+
+    ours, theirs = bench.alternate("clips", bench.options.rounds, velmora=velmora, bare=bare)
+    bench.row(f"metadata and three small pictures of {count} clips, against ffprobe and three frames by hand", ours.wall,
+              theirs.wall, 1.1)
+    shutil.rmtree(source)
+    shutil.rmtree(out)
+
+
 def proxies(bench):
     count, seconds = (2, 2) if bench.options.quick else (8, 10)
     source, out = os.path.join(bench.work, "clips"), os.path.join(bench.work, "proxies")

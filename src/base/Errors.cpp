@@ -64,6 +64,17 @@ IOError::IOError(std::string op, std::string path, int code)
 
 namespace {
 
+// ffmpeg says "[mov @ 0x55d4…]", with an address that is another one in each run. The same failure reads the same.
+std::string withoutAddresses(std::string line) {
+    constexpr std::string_view mark = " @ 0x";
+    for (std::size_t at = line.find(mark); at != std::string::npos; at = line.find(mark, at + 1)) {
+        const std::size_t end = line.find_first_not_of("0123456789abcdef", at + mark.size());
+        if (end != std::string::npos && line[end] == ']')
+            line.erase(at, end - at);
+    }
+    return line;
+}
+
 // Tools talk at length; what counts stands at the end.
 std::string toolFailure(const std::string& tool, int status, const std::string& message) {
     std::vector<std::string_view> lines = split(message, '\n', false);
@@ -72,7 +83,7 @@ std::string toolFailure(const std::string& tool, int status, const std::string& 
         lines.erase(lines.begin(), lines.end() - kept);
     std::string text = tool + " failed (exit " + std::to_string(status) + ")";
     for (std::size_t i = 0; i < lines.size(); ++i)
-        text.append(i == 0 ? ": " : " | ").append(lines[i]);
+        text.append(i == 0 ? ": " : " | ").append(withoutAddresses(std::string(lines[i])));
     return text;
 }
 

@@ -110,7 +110,9 @@ std::vector<std::string> diskNames(const std::vector<std::string>& roots) {
 std::string compose(const JobStatus& status, const JobProgress& progress, const std::vector<std::string>& roots,
                     std::size_t columns) {
     if (status.phase == Phase::waiting)
-        return TerminalText::fit(JobWords::pauseText(status).value_or("Checking the card and the disks"), columns);
+        return TerminalText::fit(
+            JobWords::pauseText(status).value_or(status.examining.value_or("Checking the card and the disks")),
+            columns);
     std::string line = status.examining && !status.paused ? *status.examining : JobWords::statusText(status);
     const bool works = status.copy && (status.phase == Phase::copying || status.phase == Phase::verifying);
     const bool moving = !status.pauseHeld && (works || status.examining);

@@ -103,8 +103,10 @@ private:
         if (noBurnIn_)
             proxy.burnFilename = proxy.burnTimecode = false;
         const auto path = ProxyPreflight::lutInUse(proxy, true);
-        if (const auto problem = ProxyPreflight::blocking(proxy, true, path && LutCatalog::isValidCube(*path)))
+        if (const auto problem = ProxyPreflight::blocking(proxy, true, path && IO::exists(*path)))
             throw UsageError(*problem);
+        if (path && !LutCatalog::isValidCube(*path))
+            throw UsageError("Not a .cube file that can be used: " + *path);
         return proxy;
     }
 

@@ -77,7 +77,8 @@ std::vector<std::string> summary(const std::vector<ProxyBatch::Item>& items, con
         lines.push_back(fmt::format("{}Proxies in {}: {}", cancelled ? "Cancelled. " : "", out, join(counts, ", ")));
     for (const auto& [outcome, text] : words)
         for (const ProxyBatch::Item& item : items)
-            if (item.outcome == outcome && outcome != ProxyOutcome::existing && !item.note.empty())
+            if (item.outcome == outcome && !item.note.empty() &&
+                (outcome != ProxyOutcome::existing || (item.entry.content && item.entry.content->kind)))
                 lines.push_back(fmt::format("  {}: {}: {}", text, item.entry.clip.path, item.note));
     return lines;
 }

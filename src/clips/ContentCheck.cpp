@@ -36,6 +36,8 @@ constexpr std::array decodeWords = std::to_array<std::string_view>({
     "cabac_max_bin",
     "is outside the valid range",
     "in violation of frame header",
+    // Matroska says neither how many frames it holds, nor, cut between two of them, that one is broken.
+    "file ended prematurely",
 });
 constexpr std::array timestampWords = std::to_array<std::string_view>({
     "non-monotonic",

@@ -47,6 +47,15 @@ std::optional<Number> numberOf(const json& object, const char* key) {
     return value;
 }
 
+// Above 100 frames a second ffprobe writes three digits. What two can say is said as everywhere else.
+std::optional<std::string> timecodeIn(const json& tags) {
+    constexpr std::size_t frames = 9; // where they begin
+    auto text = textOf(tags, "timecode");
+    if (text && text->size() == frames + 3 && (*text)[frames] == '0')
+        text->erase(frames, 1);
+    return text;
+}
+
 std::optional<double> secondsOf(const json& object) {
     const auto seconds = numberOf<double>(object, "duration");
     return seconds && std::isfinite(*seconds) ? seconds : std::nullopt;
@@ -80,7 +89,7 @@ void takePicture(const json& stream, ClipInfo& info) {
     if (!info.frameRate || info.frameRate == "0/0")
         info.frameRate = textOf(stream, "r_frame_rate");
     info.frames = numberOf<std::int64_t>(stream, "nb_frames");
-    info.timecode = textOf(tagsOf(stream), "timecode");
+    info.timecode = timecodeIn(tagsOf(stream));
     info.colorRange = textOf(stream, "color_range");
     info.colorMatrix = textOf(stream, "color_space");
     info.duration = secondsOf(stream);
@@ -130,10 +139,10 @@ ClipInfo parse(std::string_view output, Timestamp now) {
         info.videoBitrate = restOfBitrate(format, streams);
     for (const json& stream : streams) // a track of its own may carry the timecode
         if (!info.timecode)
-            info.timecode = textOf(tagsOf(stream), "timecode");
+            info.timecode = timecodeIn(tagsOf(stream));
     const json& tags = tagsOf(format);
     if (!info.timecode)
-        info.timecode = textOf(tags, "timecode");
+        info.timecode = timecodeIn(tags);
 
     info.camera = camera(textOf(tags, "com.apple.quicktime.make"), textOf(tags, "com.apple.quicktime.model"));
     for (const char* key : {"product_name", "company_name"})

@@ -108,13 +108,6 @@ std::vector<SpacePlace> SpacePlanner::places(const SpaceExtra& extra, std::int64
     return result;
 }
 
-std::vector<std::string> SpacePlanner::orderedKeys(const std::vector<SpacePlace>& places, const Disks& disks) {
-    std::vector<std::string> keys;
-    for (const VolumeDemand& demand : demands(places, disks))
-        keys.push_back(demand.volume);
-    return keys;
-}
-
 std::vector<VolumeDemand> SpacePlanner::demands(const std::vector<SpacePlace>& places, const Disks& disks) {
     std::vector<VolumeDemand> result;
     for (const SpacePlace& place : places) {

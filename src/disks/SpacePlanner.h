@@ -43,9 +43,7 @@ std::vector<SpaceTarget> targets(const std::vector<std::string>& cardPaths, cons
 std::vector<SpacePlace> places(const SpaceExtra& extra, std::int64_t card, const std::vector<SpaceTarget>& targets,
                                const Disks& disks = {});
 
-// The volumes of the places, each once, in the order in which they first appear.
-std::vector<std::string> orderedKeys(const std::vector<SpacePlace>& places, const Disks& disks = {});
-// What each volume must hold, in that order. A volume bears the label of its first place.
+// What each volume must hold, in the order in which the places name them. A volume bears the label of its first place.
 std::vector<VolumeDemand> demands(const std::vector<SpacePlace>& places, const Disks& disks = {});
 
 // The shortages and the disks that get too full, in the order of the demands. `capacity` is keyed by volume.

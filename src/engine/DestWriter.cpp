@@ -328,7 +328,7 @@ void DestWriter::say(const std::string& text) const noexcept {
     try {
         if (set_.log)
             set_.log(text);
-    } catch (...) { // a log that fails has nobody to tell
+    } catch (...) { // the failure of a log cannot be logged
     }
 }
 

@@ -59,7 +59,7 @@ void lockFolders(const std::vector<std::string>& cardPaths, std::vector<FileLock
     std::map<std::pair<std::uint64_t, std::uint64_t>, std::string> wanted; // a folder given twice is locked once
     for (const std::string& path : cardPaths) {
         if (IO::isGone(path))
-            continue; // whoever needs it says that it is not there
+            continue; // the caller that needs it will say that it is missing
         try {
             const FileFacts facts = IO::stat(path);
             if (facts.isFolder)

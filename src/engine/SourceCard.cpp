@@ -56,7 +56,7 @@ bool SourceCard::isWhereHeld() const {
     }
 }
 
-// Held first and asked then: what answers is what is held.
+// The folder is opened before its identity is asked, so that the answer is about the open folder.
 bool SourceCard::holdNow() {
     held_.reset();
     try {

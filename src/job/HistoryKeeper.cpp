@@ -11,6 +11,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <memory>
+#include <stdexcept>
+#include <utility>
 
 namespace velmora {
 
@@ -39,6 +42,13 @@ std::string forgottenText(const HistoryGap& gap, const std::string& folders) {
                        gap.error.empty() ? ", or delete that file" : "");
 }
 
+std::string notKeptText(const std::vector<std::string>& cardPaths, const std::string& why) {
+    return fmt::format("The card history could not be told that every copy in {} was read and found good ({}) — what "
+                       "it knew before against these folders still stands in it, and denies the next promise. Verify "
+                       "them ({} verify) when it can be written again.",
+                       join(cardPaths, ", "), why, Product::cli);
+}
+
 HistoryKeeper::Known knownOf(const Remembered& history, const std::vector<std::string>& cardPaths) {
     HistoryKeeper::Known known;
     for (const std::string& cardPath : cardPaths) {
@@ -63,11 +73,8 @@ HistoryKeeper::HistoryKeeper(HistoryRecorder& recorder, std::string folder, bool
 
 void HistoryKeeper::record(const std::string& what, const std::function<void()>& delayed,
                            HistoryRecorder::Write write) {
-    if (records_)
-        keep(what, delayed, std::move(write));
-}
-
-void HistoryKeeper::keep(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write) {
+    if (!records_)
+        return;
     // May run long after this job is gone: it holds on to the log alone.
     const auto done = [log = log_](const std::optional<std::string>& lost) {
         if (lost && log)
@@ -165,14 +172,39 @@ void HistoryKeeper::finish(const OffloadReport& report, std::vector<SourceFile> 
            });
 }
 
-void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed) {
-    if (!folders.empty())
-        keep("verify", delayed, [folders = std::move(folders), log = log_](HistoryStore& store) {
-            HistoryWrite worst = HistoryWrite::written;
-            for (const HistoryVerification& folder : folders)
-                worst = std::max(worst, VerificationTrace::enter(store, folder, log));
-            return worst;
-        });
+void HistoryKeeper::passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed,
+                           const std::function<void(const std::string&)>& notKept) {
+    if (folders.empty())
+        return;
+    std::vector<std::string> paths;
+    for (const HistoryVerification& folder : folders)
+        paths.push_back(folder.cardPath);
+    struct Outcome {
+        bool waits = false; // for a busy history: it may end long after this job is gone, and only the log can be told
+        std::string sentence;
+    };
+    const auto outcome = std::make_shared<Outcome>();
+    const auto nowWaits = [&] {
+        outcome->waits = true;
+        delayed();
+    };
+    const auto done = [log = log_, outcome, paths](const std::optional<std::string>& lost) {
+        if (lost && !outcome->waits)
+            outcome->sentence = notKeptText(paths, *lost);
+        else if (lost && log)
+            log(notKeptText(paths, *lost));
+    };
+    const auto write = [folders = std::move(folders), log = log_](HistoryStore& store) {
+        HistoryWrite worst = HistoryWrite::written;
+        for (const HistoryVerification& folder : folders)
+            worst = std::max(worst, VerificationTrace::enter(store, folder, log));
+        if (worst == HistoryWrite::newer)
+            throw std::runtime_error("a newer version of Velmora has written it");
+        return worst;
+    };
+    recorder_.record("verify", folder_, log_, nowWaits, done, write);
+    if (!outcome->waits && !outcome->sentence.empty())
+        notKept(outcome->sentence);
 }
 
 void HistoryKeeper::failed() {

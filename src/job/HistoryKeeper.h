@@ -59,8 +59,9 @@ public:
     void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
                 const HistoryRecords::Verdict& verdict, const std::function<void()>& delayed);
     // Folders in which this run has read every file and found it good: what verifications found there is over. This is
-    // no record of the run, and kept for every job.
-    void passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed);
+    // no record of the run, and kept for every job. `notKept` gets a sentence where it cannot be written.
+    void passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed,
+                const std::function<void(const std::string&)>& notKept);
     // The job did nothing: the entry goes, or goes back to what it was.
     void forget();
     // The same after an error; but the entry of a copy stays, as one of which every file has failed.
@@ -68,7 +69,6 @@ public:
 
 private:
     void record(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write);
-    void keep(const std::string& what, const std::function<void()>& delayed, HistoryRecorder::Write write);
 
     HistoryRecorder& recorder_;
     const std::string folder_;

@@ -116,8 +116,6 @@ std::string JobWords::statusText(const JobStatus& status) {
     return std::string(phaseText(status.phase));
 }
 
-std::string_view JobWords::pauseLabel(const JobStatus& status) noexcept { return status.paused ? "Resume" : "Pause"; }
-
 std::optional<std::string> JobWords::pauseText(const JobStatus& status) {
     if (status.pauseHeld)
         return isPostStage(status.phase) ? "Paused — Resume continues with the next clip."

@@ -30,8 +30,6 @@ bool isRunning(const JobStatus& status);
 
 std::string_view phaseText(JobStatus::Phase phase) noexcept; // "Copying"
 std::string statusText(const JobStatus& status);
-// What the pause button does now.
-std::string_view pauseLabel(const JobStatus& status) noexcept;
 // None while no pause is asked for.
 std::optional<std::string> pauseText(const JobStatus& status);
 std::string_view cancellingText(JobStatus::Phase phase) noexcept;

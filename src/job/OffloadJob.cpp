@@ -188,7 +188,7 @@ void OffloadJob::takeBackStart() {
         guardHistory([&] { engine_.isCancelled() ? history_->forget() : history_->failed(); });
 }
 
-// What cannot be asked may know better.
+// A history that cannot be read may hold a failure of this backup: that denies.
 void OffloadJob::askHistory(const std::function<HistoryKeeper::Known()>& question) {
     if (!history_)
         return;
@@ -217,10 +217,17 @@ void OffloadJob::guardHistory(const std::function<void()>& call) const {
     }
 }
 
+// A step of the job's own that has no numbers to show.
+void OffloadJob::examine(std::optional<std::string> what) {
+    MutexLock lock(mutex_);
+    state_.examining = std::move(what);
+}
+
 void OffloadJob::endAs(Phase phase, std::optional<std::string> error, std::optional<PreflightCode> code) {
     engine_.pauses().end();
     MutexLock lock(mutex_);
     state_.phase = phase;
+    state_.examining.reset();
     state_.error = std::move(error);
     state_.errorCode = code;
 }

@@ -129,6 +129,7 @@ private:
     void openFolders(const std::vector<std::string>& cardPaths);
     void lockFolders(const std::vector<std::string>& cardPaths);
     void begin(JobStatus::Phase phase) EXCLUDES(mutex_);
+    void examine(std::optional<std::string> what) EXCLUDES(mutex_);
     void listSetAside(OffloadReport& report) EXCLUDES(mutex_);
     void checkSpace(const OffloadPlan& plan) EXCLUDES(mutex_);
     void addSpaceWarning(const std::string& warning) EXCLUDES(mutex_);
@@ -164,6 +165,7 @@ private:
     void reopenHistory();
     void recordFinish(const OffloadReport& report, const Promises::Evidence& evidence, const Conclusion& conclusion,
                       const Promises::Verdict& verdict);
+    void tellPassed(const Conclusion& conclusion, const OffloadReport* report) EXCLUDES(mutex_);
     void takeBackStart();
     void guardHistory(const std::function<void()>& call) const;
 

@@ -185,7 +185,7 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
         if (history_)
             std::ranges::move(history_->against(conclusion.elsewhere, evidence.whole->alsoRead),
                               std::back_inserter(evidence.whole->elsewhere));
-    } catch (const std::exception& error) { // what cannot be asked may know better
+    } catch (const std::exception& error) { // what cannot be read may hold a failure
         evidence.whole->elsewhere.push_back(BackupMessage::unreadable(error.what()));
     }
     for (const std::string& cardPath : evidence.whole->alsoIn)
@@ -283,7 +283,7 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
                              [this] { addWarning(std::string(Msg::historyBusy)); });
         });
     if (history_ && evidence.problems.empty())
-        guardHistory([&] { history_->passed(passed(conclusion, nullptr), {}); });
+        guardHistory([&] { tellPassed(conclusion, nullptr); });
     const bool whole = !check.error && check.failedFiles == 0 && check.state.failed == 0 && check.notInBackup == 0 &&
                        evidence.failedVerifications.empty();
     {
@@ -328,6 +328,13 @@ void OffloadJob::tell(const Promises::Verdict& verdict, Remedy remedy) {
     state_.remedy = remedy;
 }
 
+// Without it the history goes on accusing copies that are good now.
+void OffloadJob::tellPassed(const Conclusion& conclusion, const OffloadReport* report) {
+    history_->passed(
+        passed(conclusion, report), [this] { addWarning(std::string(Msg::historyBusy)); },
+        [this](const std::string& sentence) { addWarning(sentence); });
+}
+
 void OffloadJob::recordFinish(const OffloadReport& report, const Promises::Evidence& evidence,
                               const Conclusion& conclusion, const Promises::Verdict& verdict) {
     if (!history_)
@@ -344,7 +351,7 @@ void OffloadJob::recordFinish(const OffloadReport& report, const Promises::Evide
             history_->finish(report, wholeCard ? wholeCard->covered : conclusion.card.files, wholeCard,
                              forHistory(verdict), [this] { addWarning(std::string(Msg::historyBusy)); });
         if (evidence.problems.empty())
-            history_->passed(passed(conclusion, &report), {});
+            tellPassed(conclusion, &report);
     });
 }
 

@@ -305,12 +305,14 @@ void OffloadJob::settleRecords(const OffloadReport& report, const std::vector<st
 void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
     const AppendPlan& plan = nothing.plan();
     // A run that was killed between the chain and the lists left the lists short. They are completed here.
+    examine("Completing the checksum lists");
     sideBySide(plan.cardPaths.size(), [&](std::size_t d) {
         const std::string& path = plan.cardPaths[d];
         engine_.held()->check(path);
         return HashLists::heal(path, std::string(RelativePath::name(path)), *folders_.of(path).history(),
                                folders_.isCancelled());
     });
+    examine({});
     Conclusion conclusion;
     conclusion.card = plan.fullScan;
     conclusion.records = plan.records;
@@ -322,7 +324,7 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
 }
 
 void OffloadJob::listSetAside(OffloadReport& report) {
-    for (const std::string& problem : SetAside::list(report))
+    for (const std::string& problem : SetAside::list(report, [this] { return mustStop(); }))
         addWarning(problem);
 }
 

@@ -71,7 +71,7 @@ void judgeWhole(const BackupCheck& whole, bool pending, Judgement& judgement) {
     judgement.deny(unverified > 0, format | verified,
                    unverified > 0 && !pending ? BackupMessage::unverified(unverified) : "");
     judgement.denyEach(whole.elsewhere, format | verified);
-    // Whatever failed is among these by name. A failure that is not must not pass unsaid.
+    // The sentences above tell of every failed file. If none of them was said, this one must be.
     const bool said = failed > 0 || !whole.lost.empty() || whole.notInBackup > 0;
     judgement.deny(whole.failedFiles > 0, everything,
                    whole.failedFiles > 0 && !said ? BackupMessage::failed(whole.failedFiles) : "");

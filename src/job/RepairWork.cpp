@@ -57,7 +57,7 @@ private:
 
 std::vector<RepairPlanner::Findings> RepairWork::examine(PauseGate& gate, const IsCancelled& isCancelled) {
     Step step(*this, "Checking the backup", cardPaths_.size());
-    // All sign on before one begins: the gate must not stand while some have not even started.
+    // All workers register before the first one starts: else a pause would count as held while some still start.
     std::vector<std::unique_ptr<PauseGate::Worker>> workers;
     for (std::size_t d = 0; d < cardPaths_.size(); ++d)
         workers.push_back(gate.work());

@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "base/RelativePath.h"
+#include "base/StopIf.h"
 #include "base/Text.h"
 #include "engine/Layout.h"
 #include "memory/ReportFile.h"
@@ -20,6 +21,8 @@ namespace {
 
 constexpr int mostOfOneName = 100;
 constexpr std::int64_t largestPage = 1LL << 30;
+// The few files of an ordinary run are listed also when it was cancelled.
+constexpr int namesBetweenStops = 1000;
 
 // Relative to the card folder.
 std::string folderOf(std::int64_t generation) {
@@ -69,12 +72,13 @@ void place(const std::string& cardPath, std::int64_t generation, const std::stri
 // All that lies below `folder`, by its path there: files and links, and folders that hold nothing or that stood in the
 // place of a file.
 void collect(const std::string& folder, const std::string& below, const std::unordered_set<std::string>& files,
-             std::vector<std::string>& found) {
+             std::vector<std::string>& found, const std::function<void()>& stopNowAndThen) {
     for (const IOEntry& entry : IO::list(folder)) {
+        stopNowAndThen();
         const std::string path = below.empty() ? entry.name : below + "/" + entry.name;
         const std::size_t before = found.size();
         if (entry.isFolder() && !files.contains(nameBefore(path, files)))
-            collect(folder + "/" + entry.name, path, files, found);
+            collect(folder + "/" + entry.name, path, files, found, stopNowAndThen);
         if (!entry.isFolder() || found.size() == before)
             found.push_back(path);
     }
@@ -128,27 +132,31 @@ void makeWay(const std::string& cardPath, std::int64_t generation, const std::st
         move(cardPath, generation, relPath);
 }
 
-std::vector<std::string> list(OffloadReport& report) {
+std::vector<std::string> list(OffloadReport& report, const IsCancelled& isCancelled) {
     std::vector<std::string> problems;
     std::unordered_set<std::string> files;
     for (const auto& file : report.files)
         files.insert(file.path);
     std::vector<SetAsideCopy> copies;
+    auto stopNowAndThen = [&isCancelled, seen = 0]() mutable {
+        if (++seen % namesBetweenStops == 0)
+            stopIf(isCancelled);
+    };
     for (std::size_t d = 0; d < report.destinations.size(); ++d) {
         const std::string folder = folderOf(report.generationNumber());
         const std::string path = RelativePath::join(report.destinations[d].cardPath, folder);
+        std::vector<std::string> found;
         try {
             if (!IO::exists(path) || !IO::lstat(path).isFolder)
                 continue;
-            std::vector<std::string> found;
-            collect(path, "", files, found);
-            for (const std::string& each : found)
-                copies.push_back({static_cast<std::int64_t>(d), escapeForDisplay(nameBefore(each, files)),
-                                  escapeForDisplay(RelativePath::join(folder, each))});
+            collect(path, "", files, found, [&] { stopNowAndThen(); });
         } catch (const std::exception& error) {
             problems.push_back(
                 fmt::format("What was set aside in {} cannot be listed in full ({}).", path, error.what()));
         }
+        for (const std::string& each : found)
+            copies.push_back({static_cast<std::int64_t>(d), escapeForDisplay(nameBefore(each, files)),
+                              escapeForDisplay(RelativePath::join(folder, each))});
     }
     std::ranges::sort(copies, {}, [](const SetAsideCopy& copy) { return std::pair(copy.path, copy.destination); });
     if (!copies.empty())

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Errors.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
 
@@ -32,9 +33,9 @@ void makeWay(const std::string& cardPath, std::int64_t generation, const std::st
              const std::function<bool(const FileFacts&)>& isOwnWork = {});
 
 // Lists in the report all that lies aside for its generation in its card folders, links and folders too: what the run
-// moved itself, and what runs had moved that died before they could write a report. A sentence for each folder that
-// could not be read.
-std::vector<std::string> list(OffloadReport& report);
+// moved itself, and what runs had moved that died before they could write a report. `isCancelled` is asked at every
+// 1000th name. A sentence for each folder that could not be read to its end.
+std::vector<std::string> list(OffloadReport& report, const IsCancelled& isCancelled = {});
 
 } // namespace SetAside
 

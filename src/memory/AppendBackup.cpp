@@ -83,7 +83,7 @@ std::int64_t lastMhlGeneration(FolderState& folder, std::optional<std::int64_t> 
         throw damaged();
     }
     const MHLHistory& history = *read;
-    // Generation 1 itself may have died before its chain.
+    // A run that dies in generation 1 may leave no chain.
     const bool firstIsOpen = unfinished == 1;
     if (!history.chainRead && !firstIsOpen && !history.exists)
         throw refuse(

@@ -54,7 +54,6 @@ public:
 
     AppendPlan run() {
         refuseOpenRepair();
-        collectNames();
         std::size_t seen = 0;
         for (const SourceFile& file : card_.files) {
             if (++seen % 1000 == 0)
@@ -83,14 +82,18 @@ private:
             throw refuse(PreflightCode::other, VIPMsg::repairOpen(backup_.paths.front()));
     }
 
-    // Names that a new file, or its temporary name, must not collide with.
-    void collectNames() {
-        for (const SourceFile& file : card_.files)
-            cardNames_.insert(pathKey(file.relPath));
-        names_ = cardNames_;
-        for (const CardRecord& record : backup_.records)
-            for (const auto& [key, recorded] : record.files)
-                names_.insert(key);
+    // Of all files of the card; gathered for the first that asks, for most runs have nothing new.
+    bool isOnCard(const std::string& key) {
+        if (cardNames_.empty())
+            for (const SourceFile& file : card_.files)
+                cardNames_.insert(pathKey(file.relPath));
+        return cardNames_.contains(key);
+    }
+
+    // A name that a new file, or its temporary name, must not collide with.
+    bool isTaken(const std::string& key) {
+        return isOnCard(key) ||
+               std::ranges::any_of(backup_.records, [&](const auto& record) { return record.files.contains(key); });
     }
 
     bool hasRecords() const {
@@ -199,7 +202,7 @@ private:
             }
         }
         const std::string part = DestWriter::partName(file.relPath);
-        if (names_.contains(pathKey(part)))
+        if (isTaken(pathKey(part)))
             conflicts_.push_back(fmt::format(
                 "{} (the temporary copy name {} is another file of the backup or the card)", file.relPath, part));
         newParts_.insert(pathKey(part));
@@ -216,7 +219,7 @@ private:
         std::map<std::string, UncopiedItem> gone;
         const auto isWanted = [&](const std::string& path, std::size_t d) {
             const std::string key = pathKey(path);
-            return !cardNames_.contains(key) && !backup_.records[d].files.contains(key);
+            return !isOnCard(key) && !backup_.records[d].files.contains(key);
         };
         for (std::size_t d = 0; d < folders_.size(); ++d) {
             for (const auto& [key, record] : unfinished_->files[d])
@@ -341,7 +344,7 @@ private:
             decideResume();
         if (!partly_.empty())
             decidePartly();
-        plan_.flushFileTaken = names_.contains(std::string(DeviceFlush::flushFileName));
+        plan_.flushFileTaken = !nothingToDo && isTaken(std::string(DeviceFlush::flushFileName));
         describe();
         if (!nothingToDo)
             return std::move(plan_);
@@ -386,7 +389,6 @@ private:
     const CaseTwins twins_;
     std::vector<BackupFolder> folders_;
     std::unordered_set<std::string> cardNames_;
-    std::unordered_set<std::string> names_;     // of the card and of the records
     std::unordered_set<std::string> newParts_;  // of files that this run copies
     std::unordered_set<std::string> leftParts_; // of files that the dead run had begun and the card has no more
     std::vector<std::string> conflicts_;

@@ -15,16 +15,6 @@ bool shouldAsk(const CardInsight* insight) {
            !insight->match->entry.unfinished && !HistoryRecords::holdsNothing(insight->match->entry);
 }
 
-std::vector<std::string> cardsToAsk(const std::vector<std::string>& paths,
-                                    const std::function<const CardInsight*(const std::string&)>& insight,
-                                    const std::function<bool(const std::string&)>& appendChosen) {
-    std::vector<std::string> ask;
-    for (const std::string& path : paths)
-        if (shouldAsk(insight(path)) && !appendChosen(path))
-            ask.push_back(path);
-    return ask;
-}
-
 std::string newFolder(const HistoryEntry& entry, const std::string& date, const std::string& plannedName) {
     if (entry.date == date && equalIgnoringCase(plannedName, entry.cardName))
         return plannedName + "_2";

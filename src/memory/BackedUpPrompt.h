@@ -2,8 +2,6 @@
 
 #include "memory/CardInspector.h"
 
-#include <functional>
-#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,11 +26,6 @@ namespace BackedUpPrompt {
 
 // True when the card has a finished backup and nothing on it was changed since.
 bool shouldAsk(const CardInsight* insight);
-
-// Those of `paths`, in order, that need the question. Cards that will be appended to are left out.
-std::vector<std::string> cardsToAsk(const std::vector<std::string>& paths,
-                                    const std::function<const CardInsight*(const std::string&)>& insight,
-                                    const std::function<bool(const std::string&)>& appendChosen);
 
 // For each card its match and the name planned for its folder; `date` is that of the job.
 BackedUpPromptModel build(const std::vector<std::pair<HistoryMatch, std::string>>& matches, const std::string& date);

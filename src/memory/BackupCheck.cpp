@@ -21,16 +21,26 @@ bool isAsRecorded(const SourceFile& file, const RecordedFile& found, bool localT
     return found.file->size == file.size && FileTimes::close(found.file->modified, file.mtime, localTime);
 }
 
+using OnDisks = std::vector<const RecordedFile*>; // of one file of the card, per folder; null where no record names it
+
+OnDisks findOn(const std::vector<CardRecord>& records, const SourceFile& file, bool exactly) {
+    OnDisks found;
+    found.reserve(records.size());
+    for (const CardRecord& record : records)
+        found.push_back(record.find(file.relPath, exactly));
+    return found;
+}
+
 // One file of the card on every disk: its status words; none when a disk does not have it as it is on the card.
 std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, const std::vector<CardRecord>& records,
-                                                        bool exactly, bool localTime) {
+                                                        const OnDisks& onDisks, bool localTime) {
     std::vector<std::string_view> words;
+    words.reserve(records.size());
     for (std::size_t d = 0; d < records.size(); ++d) {
-        const CardRecord& record = records[d];
-        const RecordedFile* found = record.find(file.relPath, exactly);
+        const RecordedFile* found = onDisks[d];
         if (!found || !isAsRecorded(file, *found, localTime))
             return std::nullopt;
-        words.push_back(found->file->sourceError ? std::string_view("failed") : record.statusOf(*found));
+        words.push_back(found->file->sourceError ? std::string_view("failed") : records[d].statusOf(*found));
         // A run into some of the disks must not vouch for a card whose copy on another one failed.
         const auto& statuses = found->file->destinations;
         if (std::ranges::find(statuses, "failed") != statuses.end())
@@ -45,9 +55,8 @@ std::optional<std::vector<std::string_view>> statusesOf(const SourceFile& file, 
 }
 
 // Some disk holds an earlier state of the file, which no append and no repair replaces.
-bool changedSince(const SourceFile& file, const std::vector<CardRecord>& records, bool exactly, bool localTime) {
-    return std::ranges::any_of(records, [&](const CardRecord& record) {
-        const RecordedFile* found = record.find(file.relPath, exactly);
+bool changedSince(const SourceFile& file, const OnDisks& onDisks, bool localTime) {
+    return std::ranges::any_of(onDisks, [&](const RecordedFile* found) {
         return found && (found->file->xxh64 || !found->file->sourceError) && !isAsRecorded(file, *found, localTime);
     });
 }
@@ -70,11 +79,12 @@ Lack lackOf(const BackupPlace& place, const SourceScan& card, bool localTime, Fo
     std::optional<Timestamp> lastRead;
     for (const SourceFile& file : card.files) {
         const bool exactly = twins.contains(file.relPath);
-        const auto words = statusesOf(file, record, exactly, localTime);
+        const auto onDisks = findOn(record, file, exactly);
+        const auto words = statusesOf(file, record, onDisks, localTime);
         const SourceFile* copy = folder.file(file.relPath, exactly);
         const bool stands = copy && copy->size == file.size && FileTimes::close(copy->mtime, file.mtime, localTime);
         lacking += !words || words->front() != "verified" || !stands ? 1 : 0;
-        if (const RecordedFile* found = record.front().find(file.relPath, exactly))
+        if (const RecordedFile* found = onDisks.front())
             lastRead = std::min(lastRead.value_or(found->report->finished), found->report->finished);
     }
     if (record.front().error || !record.front().problems.empty())
@@ -102,19 +112,20 @@ std::optional<std::string> problemOf(const CardRecord& record) {
 }
 
 // Nobody has these: the run that recorded them failed, and the card does not show them any more.
-std::vector<std::string> lostFiles(const std::vector<CardRecord>& records, const SourceScan& card,
+std::vector<std::string> lostFiles(const std::set<std::string>& failed, const SourceScan& card,
                                    const CaseTwins& twins) {
+    std::vector<std::string> lost;
+    if (failed.empty())
+        return lost;
     std::unordered_set<std::string> onCard;
     for (const SourceFile& file : card.files)
         onCard.insert(twins.nameOf(file.relPath));
     for (const UncopiedItem& item : card.uncopied)
         onCard.insert(twins.nameOf(item.shown));
-    std::set<std::string> lost;
-    for (const CardRecord& record : records)
-        for (std::string& path : record.failedFiles())
-            if (!onCard.contains(twins.nameOf(path)))
-                lost.insert(std::move(path));
-    return {lost.begin(), lost.end()};
+    for (const std::string& path : failed)
+        if (!onCard.contains(twins.nameOf(path)))
+            lost.push_back(path);
+    return lost;
 }
 
 } // namespace
@@ -123,23 +134,27 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
                             const std::vector<BackupPlace>& places, std::optional<std::int64_t> generation,
                             bool localTime, const FolderStates& folders) {
     BackupCheck check;
+    std::set<std::string> failed;
     for (const CardRecord& record : records) {
         check.error = problemOf(record);
         if (check.error)
             return check;
-        check.failedFiles = std::max(check.failedFiles, static_cast<std::int64_t>(record.failedFiles().size()));
+        const auto ofRecord = record.failedFiles();
+        check.failedFiles = std::max(check.failedFiles, static_cast<std::int64_t>(ofRecord.size()));
+        failed.insert(ofRecord.begin(), ofRecord.end());
     }
     if (!records.empty() && !records.front().generations.empty()) {
         check.generations = generationsOf(records.front());
         check.newest = records.front().generations.back().report;
     }
     const CaseTwins twins(card.files, records);
-    check.lost = lostFiles(records, card, twins);
+    check.lost = lostFiles(failed, card, twins);
     for (const SourceFile& file : card.files) {
         const bool exactly = twins.contains(file.relPath);
-        const auto words = statusesOf(file, records, exactly, localTime);
+        const auto onDisks = findOn(records, file, exactly);
+        const auto words = statusesOf(file, records, onDisks, localTime);
         if (!words) {
-            if (changedSince(file, records, exactly, localTime))
+            if (changedSince(file, onDisks, localTime))
                 check.changed.push_back(file.relPath);
             else
                 ++check.notInBackup;
@@ -150,12 +165,12 @@ BackupCheck BackupCheck::of(const SourceScan& card, const std::vector<CardRecord
         check.state.failed += state.failed > 0 ? 1 : 0;
         check.state.unverified += state.failed == 0 && state.unverified > 0 ? 1 : 0;
         // A disk that was brought in step has copies that were read later than those of the others.
-        for (const CardRecord& record : records) {
-            const Timestamp read = record.find(file.relPath, exactly)->report->finished;
+        for (const RecordedFile* found : onDisks) {
+            const Timestamp read = found->report->finished;
             check.lastRead = std::min(check.lastRead.value_or(read), read);
         }
         if (!records.empty())
-            check.ofEarlierRuns += records.front().find(file.relPath, exactly)->generation != generation ? 1 : 0;
+            check.ofEarlierRuns += onDisks.front()->generation != generation ? 1 : 0;
     }
     const auto lacks = sideBySide(places.size(), [&](std::size_t p) {
         return lackOf(places[p], card, localTime, folders.of(places[p].cardPath));

@@ -59,7 +59,7 @@ void matchHistory(CardInsight& insight, const SourceScan& scan, HistoryStore* st
             match.entry, history, {scan.files, match.newFiles, insight.filesystem}, world.awaitsVolume, isCancelled);
 }
 
-// Both leave it to the scan, or to the look at the folders of the backup, to say why something cannot be asked.
+// An error counts as a no in both. The scan, or the look at the folders of the backup, will say what is wrong.
 bool isFolder(const std::string& path) try { return IO::isFolder(path); } catch (const IOError&) {
     return false;
 }

@@ -42,6 +42,8 @@ std::vector<std::int64_t> reportNumbers(const std::string& cardPath) {
 }
 
 void mergeFiles(CardRecord& record, const CardRecord::Generation& generation) {
+    if (record.files.empty())
+        record.files.reserve(generation.report->files.size());
     for (const auto& file : generation.report->files) {
         RecordedFile recorded{&file, generation.generation, generation.report};
         const auto [slot, isNew] = record.files.try_emplace(pathKey(file.path), recorded);

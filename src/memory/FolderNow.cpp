@@ -19,7 +19,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -168,7 +167,7 @@ bool diedInRepair(const CardRecord& record, FolderState& folder, const FolderSta
     try {
         const std::optional<Unfinished> open = ResumePlanner::find({cardPath}, folders);
         return open && AppendPlanner::isOpenRepair(*open, {record});
-    } catch (const OffloadError&) { // the run that finishes it says what hinders
+    } catch (const OffloadError&) { // the run that finishes it will say what is wrong
         return false;
     } catch (const IOError&) {
         return false;
@@ -254,11 +253,8 @@ std::vector<BackupPlace> placesBeside(const std::vector<CardRecord>& records, co
 std::vector<FolderNow> look(const HistoryEntry& entry, const Remembered& history, const Card& card,
                             const std::function<bool(const std::string&)>& isAway, const IsCancelled& isCancelled) {
     std::vector<std::string> cardPaths;
-    // A history that was edited by hand may name a folder twice, and one thread alone may read its records.
-    std::set<std::string> named;
     for (const HistoryDestination& destination : entry.destinations)
-        if (named.insert(RelativePath::withoutTrailingSlash(destination.cardPath)).second)
-            cardPaths.push_back(destination.cardPath);
+        cardPaths.push_back(destination.cardPath);
     std::vector<CardRecord> records(cardPaths.size());
     std::vector<CardRecord> besideRecords;
     std::vector<Look> looks;

@@ -30,7 +30,7 @@ struct Part {
     explicit Part(std::string_view text) {
         try {
             read(text);
-        } catch (const FormatError&) { // what the rest of the document says counts all the same
+        } catch (const FormatError&) { // one entry is damaged; the rest of the document counts
             const auto again = [this] {
                 restart();
                 once = false;

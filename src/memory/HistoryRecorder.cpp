@@ -28,7 +28,7 @@ std::string HistoryRecorder::folder(const JobConfig& config, const std::string& 
 
 HistoryWrite HistoryRecorder::attempt(const Pending& pending, std::string& why) const {
     constexpr std::string_view prefix = "history: ";
-    // The last word of a store that fails says why.
+    // The last line that a failing store logs says why it failed.
     const Log log = [&](std::string_view line) {
         why = line.substr(line.starts_with(prefix) ? prefix.size() : 0);
         if (pending.log)

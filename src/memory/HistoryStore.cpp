@@ -43,7 +43,7 @@ auto withId(std::vector<HistoryEntry>& entries, const std::string& id) {
     return std::find_if(entries.begin(), entries.end(), [&](const HistoryEntry& e) { return e.id == id; });
 }
 
-// The end of time where the file cannot even be asked.
+// When the file was last written. The end of time if the file system does not tell.
 Timestamp lastWritten(const std::string& path) {
     try {
         return IO::stat(path).modified;
@@ -162,7 +162,7 @@ HistoryWrite HistoryStore::save(std::vector<HistoryEntry> entries) const {
     return HistoryWrite::written;
 }
 
-// An older program knows of the entry alone.
+// An older version of the program keeps what a verification found in the entry alone. It must outlive the entry.
 void HistoryStore::keepVerifications(const HistoryEntry& leaving) const {
     if (leaving.verifications.empty())
         return;
@@ -171,7 +171,7 @@ void HistoryStore::keepVerifications(const HistoryEntry& leaving) const {
         throw std::runtime_error(path(verificationsFile) + " cannot be written: it is damaged, or a newer version of " +
                                  "Velmora has written it");
     const Remembered known{{leaving}, contents.verifications, {}};
-    // Where the last word could not be kept in both files, the entry may have the newer one.
+    // The newest mark may stand in one of the two files only: in the entry, or in the other.
     for (const HistoryVerification& each : leaving.verifications)
         if (const auto last = known.verificationOf(each.cardPath, each.volumeSerial))
             Verifications::enter(contents.verifications, *last);

@@ -82,7 +82,7 @@ Line sentence(const HistoryMatch& match) {
     default:
         break;
     }
-    // What the run itself did not promise, the memory of it does not either.
+    // The history promises nothing that the run itself did not promise.
     if (!maySay(entry.safeToFormat, match))
         return {begin + " — verified, but its last run did not call the card safe to format — do not format",
                 HistoryTone::warning};

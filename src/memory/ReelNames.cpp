@@ -54,7 +54,7 @@ std::optional<Numbered> numbered(const std::string& name) {
 FromClips fromClips(const std::vector<Clip>& clips) {
     std::map<std::string, std::string> exampleOf; // reel to the first clip that names it
     for (const Clip& clip : clips) {
-        // A reel is the first four characters of the name: what begins as a reel does that is known adds none.
+        // A reel is the first four characters of the name. A name that begins with a known reel adds none.
         if (clip.isCameraProxy || exampleOf.contains(clip.name.substr(0, 4)))
             continue;
         if (const auto found = ReelNames::match(clip.name))

@@ -66,8 +66,8 @@ void enter(std::vector<HistoryVerification>& records, const HistoryVerification&
         return;
     }
     const auto clean = mark.clean ? mark.clean : present->clean;
-    // A word that waited for a busy history ends no failure that was found meanwhile. One of the future is of a clock
-    // that was wrong, and would never end.
+    // A clean result that had to wait for the history ends no failure that was found in the meantime. But a failure
+    // with a date in the future comes from a wrong clock. It ends here, because no later reading would ever end it.
     const bool waited = !mark.failed && present->failed > mark.clean && present->failed <= Timestamp::now();
     if (!waited)
         *present = mark;

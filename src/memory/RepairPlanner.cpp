@@ -359,25 +359,32 @@ private:
 
 // What a run into all of them would take in: the same folder on another disk that is there, at the same generation,
 // with nothing open.
-bool isInStep(const BackupPlace& place, const AppendPlanner::Backup& backup, const FolderStates& folders) try {
+bool isInStep(const BackupPlace& place, const AppendPlanner::Backup& backup, const FolderStates& folders) {
     const std::string_view dated = RelativePath::folder(place.cardPath);
     return RelativePath::name(place.cardPath) == backup.cardName && RelativePath::name(dated) == backup.date &&
            IO::isFolder(place.cardPath) &&
            (!place.volumeSerial || VolumeFacts::volumeSerialText(place.cardPath) == place.volumeSerial) &&
            folders.of(place.cardPath).committed() + 1 == backup.nextGeneration &&
            !ResumePlanner::find({place.cardPath}, folders);
-} catch (const Cancelled&) {
-    throw;
-} catch (const std::exception&) {
-    return false;
 }
 
 // A repair of some disks takes them a generation ahead of the rest, and no append to all of them goes on from there.
 void refuseLeftOut(const Checked& checked, const FolderStates& folders) {
     std::vector<std::string> leftOut;
     for (const BackupPlace& place : AppendPlanner::elsewhere(checked.backup.records, checked.found, {}, folders))
-        if (isInStep(place, checked.backup, folders))
-            leftOut.push_back(place.cardPath);
+        try {
+            if (isInStep(place, checked.backup, folders))
+                leftOut.push_back(place.cardPath);
+        } catch (const Cancelled&) {
+            throw;
+        } catch (const std::exception& error) {
+            throw refuse(PreflightCode::other,
+                         fmt::format("The backup is also in {} on {}, which was not named, and its records cannot be "
+                                     "read ({}): nobody can tell whether it would still be in step. Check it with {}, "
+                                     "or disconnect the disk to leave it out.",
+                                     place.cardPath, AppendPlanner::disk(place.cardPath), error.what(),
+                                     AppendPlanner::verifyHint));
+        }
     if (leftOut.empty())
         return;
     std::string words;

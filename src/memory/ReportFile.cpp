@@ -26,7 +26,7 @@ OffloadReport read(const std::string& path, const IsCancelled& isCancelled) {
         report = readReport(bytes, isCancelled);
     } catch (const Cancelled&) {
         throw;
-    } catch (const std::exception&) { // the text of the parser is for nobody at a cart
+    } catch (const std::exception&) { // the parser's own words would help no user
         throw OffloadError::failed(bytes.empty() ? "it is empty" : "it is damaged");
     }
     for (const auto& file : report.files)

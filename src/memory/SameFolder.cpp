@@ -29,7 +29,7 @@ bool isSameFolder(const BackupPlace& recorded, const std::string& cardPath, cons
     const std::string below = standardised(VolumeFacts::underRoot(cardPath));
     if (!IO::isGone(recorded.cardPath))
         return standardised(VolumeFacts::underRoot(recorded.cardPath)) == below;
-    // Nobody can say any more where the disk began in the recorded path; but what lies below that point is its end.
+    // The recorded path does not tell where the disk was mounted. But it ends with the path on the disk.
     return standardised(recorded.cardPath).ends_with(below);
 }
 

@@ -29,12 +29,6 @@ const PartCheckpoint* Unfinished::partOf(std::size_t dest, const SourceFile& fil
     return agreeing(parts[dest], file, localTime);
 }
 
-bool Unfinished::owns(std::size_t dest, const SourceFile& file, std::int64_t sizeOnDisk, bool localTime) const {
-    if (fileOf(dest, file, localTime))
-        return sizeOnDisk == file.size;
-    return partOf(dest, file, localTime) && sizeOnDisk <= file.size;
-}
-
 bool Unfinished::mentions(const std::string& relPath) const {
     const std::string key = pathKey(relPath);
     const auto in = [&](const auto& maps) {

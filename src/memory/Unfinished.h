@@ -30,9 +30,6 @@ struct Unfinished {
     // What the manifest of a disk says of a file, if size and time are those of the card's file.
     const ManifestRecord* fileOf(std::size_t dest, const SourceFile& file, bool localTime) const;
     const PartCheckpoint* partOf(std::size_t dest, const SourceFile& file, bool localTime) const;
-    // The copy on the disk was put there by this generation: a line of its manifest agrees with the card's file, and
-    // the size on the disk is one that such a copy has.
-    bool owns(std::size_t dest, const SourceFile& file, std::int64_t sizeOnDisk, bool localTime) const;
     // A manifest or the report of this generation names the path.
     bool mentions(const std::string& relPath) const;
     // The run had copied and read back all it could; only its records are not final everywhere. Null when it had not,

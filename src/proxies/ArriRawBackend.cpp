@@ -10,7 +10,6 @@
 #include "proxies/FrameCount.h"
 #include "proxies/FrameLines.h"
 #include "proxies/Intermediate.h"
-#include "proxies/RawDecoderError.h"
 #include "records/Timecode.h"
 
 #include <algorithm>
@@ -49,12 +48,13 @@ std::optional<std::int64_t> framesOf(const std::string& clipPath, const ClipInfo
 
 } // namespace
 
+ARRIRAWBackend::ARRIRAWBackend(Patience patience) : IntermediateBackend(toolName, patience) {}
+
 std::string ARRIRAWBackend::missingHint() const { return "ARRIRAW: install ARRI Reference Tool (art-cmd)"; }
 
 ClipInfo ARRIRAWBackend::probe(const std::string& clipPath, const ExternalTools& tools,
                                const IsCancelled& isCancelled) const try {
-    if (!isAvailable(tools))
-        throw ToolError(toolName, -1, missingHint());
+    expectTool(tools);
     const PrivateFolder temporary;
     const Intermediate place(temporary.path());
     // The folder's name is "offload-" and a number that nobody else has.
@@ -66,7 +66,7 @@ ClipInfo ARRIRAWBackend::probe(const std::string& clipPath, const ExternalTools&
     job.arguments = {"export", "--input", clipPath, "--output", file, "--skip-audio", "--skip-look", "--duration", "1"};
     job.mostBytes = most;
     job.isCancelled = isCancelled;
-    job.patience = patience_.probe;
+    job.patience = patience().probe;
     expectFile(place.run(job), file);
     ClipInfo info = ArriMeta::parse(IO::readFile(file, most));
     if (!info.frames)
@@ -110,10 +110,7 @@ ARRIRAWBackend::Picture ARRIRAWBackend::picture(const ClipInfo& info, const Prox
 }
 
 FrameSource ARRIRAWBackend::source(const FrameRequest& request) const {
-    if (!isAvailable(request.tools))
-        throw ToolError(toolName, -1, missingHint());
-    if (request.singleFrameAt)
-        throw RawDecoderError(RawDecoderError::thumbnailFromProxy, ToolError(toolName, 0, ""));
+    expectRender(request);
     Intermediate intermediate(request.tempDir);
     const Picture wanted = picture(request.info, request.settings);
     const std::string parameters = intermediate.folder() + "/parameters.json";
@@ -137,14 +134,13 @@ FrameSource ARRIRAWBackend::source(const FrameRequest& request) const {
     job.expectedBytes = Intermediate::proresBytes(wanted.width, wanted.height, request.info.frames.value_or(0));
     job.isCancelled = request.isCancelled;
     job.progress = request.progress;
-    job.patience = patience_.render;
+    job.patience = patience().render;
     expectFile(intermediate.run(job), file);
     FrameCount::check(request.tools, file, request.info, toolName, request.isCancelled);
     FrameSource source;
     source.inputArgs = {"-i", "file:" + file};
     source.audioFromInput = true;
     source.alreadyCropped = wanted.cropped;
-    source.fullRange = true; // the file's video range holds the log curve from 0 to 1
     source.cleanup = {intermediate.handOver()};
     return source;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "proxies/RawBackend.h"
+#include "proxies/IntermediateBackend.h"
 
 #include <cstdint>
 #include <optional>
@@ -11,14 +11,10 @@ namespace velmora {
 
 // ARRIRAW, a folder of .ari frames or an MXF file, read with art-cmd of the ARRI Reference Tool. It writes a ProRes
 // file of the log picture first, already upright, with square pixels, cut to the frame lines and of the proxy's size.
-class ARRIRAWBackend : public RawBackend {
+class ARRIRAWBackend : public IntermediateBackend {
 public:
-    struct Patience {
-        double probe = 60;   // seconds
-        double render = 300; // seconds in which the intermediate does not grow
-    };
-    ARRIRAWBackend() = default;
-    explicit ARRIRAWBackend(Patience patience) : patience_(patience) {}
+    ARRIRAWBackend() : ARRIRAWBackend(Patience{}) {}
+    explicit ARRIRAWBackend(Patience patience);
 
     ClipFormat format() const override { return ClipFormat::arriraw; }
     std::string missingHint() const override;
@@ -37,9 +33,6 @@ public:
     static Picture picture(const ClipInfo& info, const ProxySettings& settings);
     // What art-cmd says of a failure: its lines of errors without time and level; all of them where none is so marked.
     static std::string logTail(std::string_view output);
-
-private:
-    Patience patience_;
 };
 
 } // namespace velmora

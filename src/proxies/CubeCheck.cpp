@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <tuple>
 
 namespace velmora {
 
@@ -39,9 +40,29 @@ bool isData(std::string_view text) {
     return withoutBlanks(text).empty();
 }
 
+bool isNear(double number, double wanted) { return std::abs(number - wanted) < 1e-6; }
+
+// Whether a line says that the table is for more or less than what stands between 0 and 1.
+bool changesInput(std::string_view text) {
+    if (text.starts_with("LUT_1D_"))
+        return true;
+    for (const auto& [key, low, high] :
+         {std::tuple{"DOMAIN_MIN", 0.0, 0.0}, {"DOMAIN_MAX", 1.0, 1.0}, {"LUT_3D_INPUT_RANGE", 0.0, 1.0}}) {
+        if (!text.starts_with(key))
+            continue;
+        text.remove_prefix(std::string_view(key).size());
+        double number = 0;
+        for (bool first = true; take(text, number); first = false)
+            if (!isNear(number, first ? low : high))
+                return true;
+    }
+    return false;
+}
+
 } // namespace
 
-void CubeCheck::line(std::string_view text) {
+void CubeCheck::line(const std::string_view whole) {
+    std::string_view text = whole;
     if (missing_ < 0 && text.starts_with(sizeKey)) {
         std::int64_t size = 0;
         text.remove_prefix(sizeKey.size());
@@ -49,10 +70,14 @@ void CubeCheck::line(std::string_view text) {
             answer_ = Answer::invalid;
         else
             missing_ = size * size * size;
+        if (keep_ && missing_ > 0)
+            keep_(whole);
     } else if (missing_ > 0 && isData(text)) {
+        if (keep_)
+            keep_(whole);
         if (--missing_ == 0)
             answer_ = Answer::valid;
-    } else if (++otherLines_ > mostOtherLines) {
+    } else if (changesInput(text) || ++otherLines_ > mostOtherLines) {
         answer_ = Answer::invalid;
     }
 }

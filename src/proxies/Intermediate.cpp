@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "platform/IO.h"
+#include "proxies/IntermediateRoom.h"
 
 #include <algorithm>
 #include <atomic>
@@ -66,10 +67,13 @@ std::string Intermediate::handOver() { return std::exchange(folder_, {}); }
 
 ToolProcess::Combined Intermediate::run(const Job& job) const {
     const std::string name = job.program.substr(job.program.find_last_of('/') + 1);
-    if (const std::int64_t free = IO::capacity(folder_).free; free < job.expectedBytes)
+    if (!IntermediateRoom::claim(folder_, job.expectedBytes, job.isCancelled)) {
+        if (job.isCancelled && job.isCancelled())
+            throw ToolError(name, -1, "cancelled");
         throw ToolError(name, -1,
                         fmt::format("no room to decode the clip in {}: about {} are needed, {} are free", folder_,
-                                    formatBytes(job.expectedBytes), formatBytes(free)));
+                                    formatBytes(job.expectedBytes), formatBytes(IO::capacity(folder_).free)));
+    }
     Tail tail; // the reader's thread's, until the child has ended
     auto options = ToolProcess::options(job.program, job.arguments, folder_);
     options.errorToOutput = true;
@@ -93,6 +97,7 @@ ToolProcess::Combined Intermediate::run(const Job& job) const {
         if (const std::int64_t now = written(); now != bytes) {
             bytes = now;
             grown = looked;
+            IntermediateRoom::stillNeeds(folder_, std::max<std::int64_t>(0, job.expectedBytes - bytes));
             if (job.progress)
                 job.progress(progressOf(bytes, job.expectedBytes));
         }
@@ -101,6 +106,7 @@ ToolProcess::Combined Intermediate::run(const Job& job) const {
         if (secondsSince(grown) > job.patience)
             giveUp(fmt::format("no response within {:.0f} s — stopped", job.patience));
     }
+    IntermediateRoom::stillNeeds(folder_, 0);
     return {child.status(), tail.text()};
 }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 
@@ -115,11 +116,12 @@ LutCatalog LutCatalog::withUserOverrides(const std::vector<std::string>& folders
     return changed;
 }
 
-bool LutCatalog::isValidCube(const std::string& path) {
+namespace {
+
+bool isValid(const std::string& path, CubeCheck check) {
     if (!isFile(path)) // a pipe or a device would never end
         return false;
     std::ifstream file(path, std::ios::binary);
-    CubeCheck check;
     std::array<char, 1 << 16> piece{};
     while (file.read(piece.data(), piece.size()) || file.gcount() > 0) {
         const auto answer = check.feed({piece.data(), static_cast<std::size_t>(file.gcount())});
@@ -127,6 +129,20 @@ bool LutCatalog::isValidCube(const std::string& path) {
             return answer == CubeCheck::Answer::valid;
     }
     return !file.bad() && check.end() == CubeCheck::Answer::valid;
+}
+
+} // namespace
+
+bool LutCatalog::isValidCube(const std::string& path) { return isValid(path, CubeCheck()); }
+
+bool LutCatalog::copyCube(const std::string& path, const std::string& to) {
+    std::ofstream file(to, std::ios::binary);
+    if (!isValid(path, CubeCheck([&](std::string_view line) { file << line << '\n'; })))
+        return false;
+    file.close();
+    if (!file)
+        throw IOError("write", to, errno);
+    return true;
 }
 
 const BuiltinLut* LutCatalog::find(std::string_view id) const {

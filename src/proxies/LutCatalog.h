@@ -44,6 +44,9 @@ struct LutCatalog {
 
     // Never throws. The file is read only as far as the answer needs.
     static bool isValidCube(const std::string& path);
+    // A new file with nothing in it but what ffmpeg needs of that table. False when the table is not valid; throws
+    // IOError when the file cannot be written.
+    static bool copyCube(const std::string& path, const std::string& to);
 
     const BuiltinLut* find(std::string_view id) const; // null: there is none
     std::vector<std::string> ids() const;

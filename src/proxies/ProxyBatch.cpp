@@ -73,8 +73,12 @@ void ProxyBatch::decide(Item& item, std::set<std::string>& used, const IsCancell
         return !own || (own = isOwn(file, item, isCancelled));
     });
     if (own) {
+        item.entry.content = defectToldBy(wish_.out + "/" + item.file);
         item.outcome = ProxyOutcome::existing;
         item.note = "there already";
+        if (item.entry.content)
+            if (const std::string defect = ProxyDecision::defectText(*item.entry.content); !defect.empty())
+                item.note += "; " + defect;
         return;
     }
     if (item.file != wanted)

@@ -7,6 +7,7 @@
 #include "proxies/ClipProbe.h"
 #include "proxies/FFmpegRun.h"
 #include "proxies/FilterGraph.h"
+#include "proxies/LutCatalog.h"
 #include "proxies/MovFile.h"
 #include "proxies/ProxyCopy.h"
 #include "proxies/ProxyOrigin.h"
@@ -249,6 +250,8 @@ void ProxyRenderer::renderOnce(const RenderRequest& request, const std::optional
 
     if (const auto problem = MovFile::problem(part))
         throw ToolError("ffmpeg", 0, fmt::format("the proxy is not whole: {}", *problem));
+    if (request.onWhole)
+        request.onWhole(part);
     UncachedWriter(part, UncachedWriter::Open::existing, CacheMode::dropBehind).flush();
     try {
         ProxyCopy::renameNoReplace(part, request.output);
@@ -270,10 +273,9 @@ std::string ProxyRenderer::prepareLut(const LutUse& lut, bool baked) {
         path = look;
     else
         path += newName("look-", ".cube");
-    std::error_code failure;
-    std::filesystem::copy_file(*lut.file, path, failure);
-    if (failure)
-        throw RenderError(fmt::format("LUT not found: {} ({})", *lut.file, failure.message()));
+    if (!LutCatalog::copyCube(*lut.file, path))
+        throw RenderError(IO::exists(*lut.file) ? "Not a .cube file that can be used: " + *lut.file
+                                                : "LUT not found: " + *lut.file);
     return luts_.emplace(key, path).first->second;
 }
 

@@ -50,6 +50,8 @@ struct RenderRequest {
     std::function<void(std::string_view)> onErrorLine = {};
     std::function<void(std::string_view)> onProgressLine = {};
     std::function<void()> onRestart = {};
+    // The film is whole and gets its name next. What this adds to it, or does before, stands when the name does.
+    std::function<void(const std::string& film)> onWhole = {};
 };
 
 // Makes one proxy a clip with ffmpeg. One renderer serves a whole job; render() may run on several threads at once and

@@ -2,7 +2,6 @@
 
 #include "proxies/FrameCount.h"
 #include "proxies/Intermediate.h"
-#include "proxies/RawDecoderError.h"
 #include "proxies/RawPicture.h"
 #include "proxies/RedMeta.h"
 #include "proxies/ToolProcess.h"
@@ -15,15 +14,16 @@ namespace {
 constexpr const char* toolName = "REDline";
 }
 
+R3DBackend::R3DBackend(Patience patience) : IntermediateBackend(toolName, patience) {}
+
 std::string R3DBackend::missingHint() const { return "RED R3D: install REDCINE-X PRO (REDline)"; }
 
 ClipInfo R3DBackend::probe(const std::string& clipPath, const ExternalTools& tools,
                            const IsCancelled& isCancelled) const {
-    if (!isAvailable(tools))
-        throw ToolError(toolName, -1, missingHint());
+    expectTool(tools);
     auto options = ToolProcess::options(*tools.redline, {"--printMeta", "1", "--i", clipPath});
     options.outputLimit = std::size_t{4} << 20; // some pages; a damaged clip may claim any number
-    return RedMeta::parse(ChildProcess::run(std::move(options), patience_.probe, isCancelled));
+    return RedMeta::parse(ChildProcess::run(std::move(options), patience().probe, isCancelled));
 }
 
 int R3DBackend::resolution(std::int64_t sourceHeight, double wantedHeight) {
@@ -35,10 +35,7 @@ int R3DBackend::resolution(std::int64_t sourceHeight, double wantedHeight) {
 }
 
 FrameSource R3DBackend::source(const FrameRequest& request) const {
-    if (!isAvailable(request.tools))
-        throw ToolError(toolName, -1, missingHint());
-    if (request.singleFrameAt)
-        throw RawDecoderError(RawDecoderError::thumbnailFromProxy, ToolError(toolName, 0, ""));
+    expectRender(request);
     Intermediate intermediate(request.tempDir);
     const std::int64_t width = request.info.width.value_or(0), height = request.info.height.value_or(0);
     const int part = height > 0 ? resolution(height, RawPicture::linesWanted(request.info, request.settings)) : 1;
@@ -57,7 +54,7 @@ FrameSource R3DBackend::source(const FrameRequest& request) const {
     job.expectedBytes = Intermediate::proresBytes(width / part, height / part, request.info.frames.value_or(0));
     job.isCancelled = request.isCancelled;
     job.progress = request.progress;
-    job.patience = patience_.render;
+    job.patience = patience().render;
     const auto [status, output] = intermediate.run(job);
     if (status != 0)
         throw ToolError(toolName, status, output);
@@ -68,7 +65,6 @@ FrameSource R3DBackend::source(const FrameRequest& request) const {
     FrameSource source;
     source.inputArgs = {"-i", "file:" + file};
     source.audioFromInput = true;
-    source.fullRange = true; // the file's video range holds the log curve from 0 to 1
     source.cleanup = {intermediate.handOver()};
     return source;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "proxies/RawBackend.h"
+#include "proxies/IntermediateBackend.h"
 
 #include <cstdint>
 
@@ -8,14 +8,10 @@ namespace velmora {
 
 // RED R3D, read with REDline of REDCINE-X PRO. REDline cannot pipe: it writes a ProRes file of the camera's log picture
 // first, in Log3G10 and REDWideGamutRGB, which is what the LUT for RED expects.
-class R3DBackend : public RawBackend {
+class R3DBackend : public IntermediateBackend {
 public:
-    struct Patience {
-        double probe = 60;   // seconds
-        double render = 300; // seconds in which the intermediate does not grow
-    };
-    R3DBackend() = default;
-    explicit R3DBackend(Patience patience) : patience_(patience) {}
+    R3DBackend() : R3DBackend(Patience{}) {}
+    explicit R3DBackend(Patience patience);
 
     ClipFormat format() const override { return ClipFormat::r3d; }
     std::string missingHint() const override;
@@ -27,9 +23,6 @@ public:
     // REDline's number for the smallest decode that has the lines which are wanted: 1, 2, 4, 8 or 16, a part of the
     // whole size.
     static int resolution(std::int64_t sourceHeight, double wantedHeight);
-
-private:
-    Patience patience_;
 };
 
 } // namespace velmora

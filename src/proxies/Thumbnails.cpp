@@ -7,6 +7,7 @@
 #include "proxies/ClipProbe.h"
 #include "proxies/FFmpegRun.h"
 #include "proxies/FilterGraph.h"
+#include "proxies/LutCatalog.h"
 #include "proxies/ToolProcess.h"
 
 #include <algorithm>
@@ -127,7 +128,7 @@ std::optional<std::string> Thumbnails::lutName(const LutUse& lut) {
     MutexLock lock(mutex_);
     const auto [known, isNew] = luts_.try_emplace(*lut.file, fmt::format("lut-{}.cube", luts_.size() + 1));
     if (isNew)
-        std::filesystem::copy_file(*lut.file, folder_.path() + "/" + known->second);
+        LutCatalog::copyCube(*lut.file, folder_.path() + "/" + known->second);
     return known->second;
 }
 

@@ -1,9 +1,12 @@
 #include "records/HistoryEntry.h"
 
 #include "base/JsonShape.h"
+#include "base/RelativePath.h"
 #include "records/RecordReaders.h"
 
 #include <algorithm>
+#include <set>
+#include <string>
 #include <string_view>
 
 namespace velmora {
@@ -73,6 +76,14 @@ std::string otherKeys(const json& entry) {
     return other.is_null() ? std::string() : Json::compact(other);
 }
 
+// A history that was edited by hand may name a folder twice.
+void nameOnce(std::vector<HistoryDestination>& destinations) {
+    std::set<std::string> named;
+    std::erase_if(destinations, [&](const HistoryDestination& destination) {
+        return !named.insert(RelativePath::withoutTrailingSlash(destination.cardPath)).second;
+    });
+}
+
 } // namespace
 
 HistoryGeneration HistoryGeneration::of(const OffloadReport& report, std::int64_t seq) {
@@ -119,6 +130,7 @@ void fromReader(JsonReader& in, HistoryEntry& value) {
         std::string name(key);
         other[name] = in.value();
     });
+    nameOnce(value.destinations);
     value.otherKeys = other.is_null() ? std::string() : Json::compact(other);
 }
 
@@ -129,6 +141,7 @@ void to_json(json& j, const HistoryEntry& value) {
 }
 void from_json(const json& j, HistoryEntry& value) {
     value = JsonShape::decoded<HistoryEntry>(j, entryShape);
+    nameOnce(value.destinations);
     value.otherKeys = otherKeys(j);
 }
 

@@ -85,16 +85,6 @@ constexpr std::tuple shape{
 
 } // namespace
 
-void from_json(const nlohmann::json& j, ManifestRecord& value) {
-    const JsonFields fields(j);
-    value = {};
-    JsonShape::readInto(value, fields, shape);
-    const auto blocks = fields.optionalStrings("blocks").value_or(std::vector<std::string>{});
-    value.blocks.reserve(blocks.size());
-    for (const std::string& block : blocks)
-        value.blocks.emplace_back(block);
-}
-
 // The blocks are put into the finished text: as JSON values each of them would cost two allocations, on every disk.
 // "blocks" is the first list of the line, since only the number "blockSize" sorts before it.
 std::string ManifestRecord::line() const {

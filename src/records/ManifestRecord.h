@@ -90,6 +90,4 @@ struct ManifestRecord {
     bool operator==(const ManifestRecord&) const = default;
 };
 
-void from_json(const nlohmann::json& j, ManifestRecord& value);
-
 } // namespace velmora

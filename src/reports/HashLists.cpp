@@ -25,6 +25,8 @@ constexpr std::array<std::string_view, 2> listed = {"xxh64", "md5"};
 // Longer than any list of a card, short enough to be held: a hostile disk must not fill the memory.
 constexpr std::int64_t longestList = 1 << 30;
 
+constexpr int linesBetweenStops = 10'000;
+
 std::string line(std::string_view digest, std::string_view path) {
     return std::string(digest).append("  ").append(path).append("\n");
 }
@@ -64,30 +66,43 @@ std::string of(const OffloadReport& report) {
 std::vector<std::string_view> listLines(std::string_view list) { return split(list, '\n', false); }
 
 Standing listAndMissed(const std::string& path, const std::string& cardPath, const MHLHistory& history,
-                       std::span<const std::string> alsoListed, std::string_view algorithm) {
+                       std::span<const std::string> alsoListed, std::string_view algorithm,
+                       const IsCancelled& isCancelled) {
     Standing standing;
+    auto stopNowAndThen = [&isCancelled, seen = 0]() mutable {
+        if (++seen % linesBetweenStops == 0)
+            stopIf(isCancelled);
+    };
     if (IO::exists(path))
         standing.list = IO::readFileBeneath(cardPath, path.substr(cardPath.size() + 1), longestList);
     if (!standing.list.empty() && standing.list.back() != '\n')
         standing.list += '\n';
 
     std::unordered_set<std::string_view> exact(alsoListed.begin(), alsoListed.end());
-    for (const auto one : listLines(standing.list))
+    for (const auto one : listLines(standing.list)) {
+        stopNowAndThen();
         if (const auto blanks = one.find("  "); blanks != std::string_view::npos)
             exact.emplace(one.substr(blanks + 2));
+    }
+    stopIf(isCancelled);
     const auto stands = [&](const auto& entry) {
         return exact.contains(entry.first) || entry.second->hash(algorithm) == nullptr;
     };
     if (std::ranges::all_of(history.files, stands)) // as nearly always
         return standing;
     std::unordered_set<std::string> named;
-    for (const auto one : exact)
+    for (const auto one : exact) {
+        stopNowAndThen();
         named.insert(pathKey(one));
+    }
     std::unordered_map<std::string, int>
         names; // of the history, by key: two that differ in case only are two files of the card
-    for (const auto& [file, record] : history.files)
-        ++names[pathKey(file)];
     for (const auto& [file, record] : history.files) {
+        stopNowAndThen();
+        ++names[pathKey(file)];
+    }
+    for (const auto& [file, record] : history.files) {
+        stopNowAndThen();
         const MHLHash* digest = record->hash(algorithm);
         const std::string key = pathKey(file);
         if (digest != nullptr && !(names[key] > 1 ? exact.contains(file) : named.contains(key)))
@@ -127,7 +142,7 @@ bool heal(const std::string& cardPath, const std::string& cardName, const MHLHis
     for (const auto algorithm : listed) {
         stopIf(isCancelled);
         const std::string path = pathOf(cardPath, cardName, algorithm);
-        const auto standing = listAndMissed(path, cardPath, history, {}, algorithm);
+        const auto standing = listAndMissed(path, cardPath, history, {}, algorithm, isCancelled);
         if (standing.missed.empty())
             continue;
         IO::writeFileDurably(path, standing.list + standing.missed);

@@ -34,14 +34,15 @@ struct Standing {
 };
 // `path` is the list's file; paths are compared without case, unless two files of the history differ only in case.
 Standing listAndMissed(const std::string& path, const std::string& cardPath, const MHLHistory& history,
-                       std::span<const std::string> alsoListed, std::string_view algorithm);
+                       std::span<const std::string> alsoListed, std::string_view algorithm,
+                       const IsCancelled& isCancelled = {});
 
 // Brings the lists of a card folder up to a report. The first generation writes them whole, unless `merge` is set and
 // a list exists; every other call adds what is missing and writes nothing when nothing is.
 void write(const OffloadReport& report, const std::string& cardPath, bool merge);
 
-// Puts back what the lists have lost, from the ASC MHL history of the folder; a cancelled one throws Cancelled, before
-// or between two lists. True when anything was written.
+// Puts back what the lists have lost, from the ASC MHL history of the folder. Throws Cancelled before anything of a
+// list is written. True when anything was written.
 bool heal(const std::string& cardPath, const std::string& cardName, const MHLHistory& history,
           const IsCancelled& isCancelled = {});
 

@@ -182,7 +182,7 @@ bool hasRecords(const std::string& path) {
                    });
         });
     } catch (const IOError& error) {
-        // Records that cannot be asked for are not left out of a day in silence: the check of the folder says so.
+        // A folder of which the records cannot be listed still counts as a card. Its check says what is wrong.
         return error.code() != ENOENT && error.code() != ENOTDIR;
     }
 }

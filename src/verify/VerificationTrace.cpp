@@ -16,7 +16,7 @@ std::string foundIn(const VerifyResult& result) {
                        result.missing.size(), result.unreadable.size(), result.failedAtCopy.size());
 }
 
-// An entry names paths as they were. A mark bears its own serial, so that one too many does no harm.
+// Paths in an entry may be old, so it may get a mark too many. That does no harm: a mark names its own disk.
 bool holds(const HistoryEntry& entry, const HistoryVerification& mark) {
     return std::ranges::any_of(entry.destinations, [&](const HistoryDestination& destination) {
         return HistoryRecords::samePlace(destination.cardPath, mark.cardPath) ||

@@ -5,24 +5,6 @@
 #include <numeric>
 #include <pthread.h>
 
-// Counts the allocations of this program, so that a test can say that a path makes none.
-namespace {
-std::atomic<std::int64_t> allocations{0};
-}
-// Not inlined, so that the compiler does not match them with its idea of the pairs.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size ? size : 1))
-        return memory;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    ++allocations;
-    return std::malloc(size ? size : 1);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-
 namespace velmora {
 namespace {
 
@@ -75,26 +57,6 @@ TEST(SerialQueue, KeepsTheFirstExceptionForDrainAndGoesOn) {
         queue.async([] { throw std::runtime_error("nobody looked"); });
     }
     EXPECT_EQ(logged, "test.errors: nobody looked");
-}
-
-TEST(SerialQueue, AllocatesNothingOnceItKnowsItsDepth) {
-    SerialQueue queue("test.memory");
-    std::promise<void> gate;
-    std::int64_t sum = 0;
-    const auto burst = [&](std::int64_t n) {
-        for (std::int64_t i = 0; i < n; ++i)
-            queue.async([&sum, i, payload = std::array<std::int64_t, 8>{}] { sum += i + payload[0]; });
-    };
-    queue.async([&gate] { gate.get_future().wait(); });
-    burst(500); // the ring grows behind a blocked task, and nothing gets lost
-    gate.set_value();
-    queue.drain();
-    EXPECT_EQ(sum, 500 * 499 / 2);
-    const std::int64_t before = allocations;
-    for (int round = 0; round < 200; ++round)
-        burst(2);
-    queue.sync([] {});
-    EXPECT_EQ(allocations - before, 0);
 }
 
 TEST(SerialQueue, LetsGoOfWhatATaskHoldsAsSoonAsItIsDone) {

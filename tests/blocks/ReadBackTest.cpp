@@ -152,21 +152,6 @@ protected:
     void SetUp() override { VELMORA_NEEDS(FaultDisk::unavailable()); }
 };
 
-TEST_F(ReadBackOnFaultyDisk, FailsAFileWhoseBlockIsRightTheSecondTimeAndNamesTheBlock) {
-    FaultDisk disk;
-    const Copied file(disk.root(), 5 * blockSize);
-    disk.flip({.ops = "read", .skip = 2, .times = 1, .pattern = "*A.mov"});
-    const auto outcome = readBack(disk.root(), file.expected());
-    ASSERT_EQ(disk.hits(), 1);
-    EXPECT_EQ(outcome.result.state, FileState::failed);
-    EXPECT_TRUE(outcome.result.error->starts_with("HASH MISMATCH: dest ")) << *outcome.result.error;
-    EXPECT_TRUE(outcome.wrong.empty());
-    ASSERT_EQ(outcome.unstable.size(), 1U);
-    EXPECT_EQ(CardVerdict::unstable("A.mov", "DISK", outcome.unstable),
-              "Unstable read: A.mov on DISK (block " + std::to_string(outcome.unstable[0]) +
-                  ") gave different data in one read — the next read matched the card.");
-}
-
 TEST_F(ReadBackOnFaultyDisk, NamesTheBlocksAlsoWhenTheSecondReadFailsOrGivesAThirdAnswer) {
     FaultDisk disk;
     const Copied file(disk.root(), 5 * blockSize);

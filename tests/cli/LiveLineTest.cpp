@@ -60,6 +60,8 @@ TEST(LiveLine, ShowsPhaseFilesSpeedsAndTimeLeft) {
 
     JobStatus waiting;
     EXPECT_EQ(LiveLine::compose(waiting, running.progress, {}, 80), "Checking the card and the disks");
+    waiting.examining = "Completing the checksum lists";
+    EXPECT_EQ(LiveLine::compose(waiting, running.progress, {}, 80), "Completing the checksum lists");
     waiting.paused = true;
     waiting.pauseStep = "the check";
     EXPECT_EQ(LiveLine::compose(waiting, running.progress, {}, 80), "Pausing (finishing the check)");

@@ -87,12 +87,6 @@ TEST_F(BackupProgramTest, VerifySaysWhatIsWrongAndEndsWithIt) {
     EXPECT_EQ(run({"verify", folder}), 1);
     const auto at = out.find("ascmhl_chain.xml is missing");
     EXPECT_TRUE(at != std::string::npos && out.find("ascmhl_chain.xml is missing", at + 1) == std::string::npos) << out;
-
-    EXPECT_EQ(run({"verify", temp / "nowhere"}), 4);
-    EXPECT_TRUE(logged("Folder not found: " + temp / "nowhere")) << err;
-    EXPECT_EQ(run({"verify", card}), 3);
-    EXPECT_TRUE(logged("refused: noHashRecord: " + card + " has no ASC MHL and no checksum list")) << err;
-    EXPECT_EQ(run({"verify"}), 2);
 }
 
 TEST_F(BackupProgramTest, VerifyPausesBetweenFiles) {
@@ -253,8 +247,6 @@ TEST_F(BackupProgramTest, InspectFollowsACardThroughItsLife) {
     says("The card is empty — backed up earlier on ");
     test::FileTree::write(disk / "other.mov", "o");
     says("cannot append, only a full copy");
-
-    EXPECT_EQ(run({"inspect", temp / "nowhere"}), 4);
 }
 
 TEST_F(BackupProgramTest, VolumesAreListedAndOnlyCardsAreEjected) {

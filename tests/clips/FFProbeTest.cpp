@@ -60,6 +60,8 @@ TEST(FFProbe, TakesEachFieldOnlyForWhatItIs) {
              {R"("duration":"nan")", R"("duration":"2.5")", "duration", "2.5"},
              {R"("duration":"1e999")", R"("duration":"-inf")", "duration", "null"},
              {"", R"("tags":{"timecode":"01:00:00;00"})", "timecode", R"("01:00:00;00")"},
+             {R"("tags":{"timecode":"01:00:00:099"})", "", "timecode", R"("01:00:00:99")"},
+             {"", R"("tags":{"timecode":"01:00:00:110"})", "timecode", R"("01:00:00:110")"},
              {"", R"("tags":{"product_name":"FX9","company_name":"Sony"})", "camera", R"("FX9")"},
              {"", R"("tags":{"company_name":"Sony"})", "camera", R"("Sony")"},
              {R"("tags":{"TAPE_NAME":"T1","reel":"R1"})", R"("tags":{"REEL":"R2"})", "reel", R"("R2")"},

@@ -7,10 +7,7 @@ namespace {
 
 using test::TempFolder;
 
-void touch(const std::string& path) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path) << "x";
-}
+void touch(const std::string& path) { test::FileTree::write(path, "x"); }
 
 // The folder that a disk which is away was mounted on.
 struct BareMountPoint {

@@ -74,7 +74,7 @@ SOURCES = [
     Source("DCIM/dropframe.MOV", x264("yuv420p", 15), "30000/1001", 30, "00:08:59;20"),
     Source("DCIM/hevc.MP4", ["-c:v", "libx265", "-preset", "ultrafast", "-x265-params", "log-level=none",
                              "-pix_fmt", "yuv420p10le", "-tag:v", "hvc1"], "24000/1001", 24, audio=AAC),
-    Source("DCIM/fast.MP4", x264("yuv420p", 30), "120000/1001", 60, audio=AAC,
+    Source("DCIM/fast.MOV", x264("yuv420p", 30), "120000/1001", 60, "01:00:00:99", audio=AAC,
            extra=["-vf", "fps=120000/1001"]),
     Source("DCIM/mute.MP4", x264("yuv420p", 12), "50", 50, channels=[]),
     Source("DCIM/jpeg_full_range.MOV", ["-c:v", "mjpeg", "-q:v", "3", "-pix_fmt", "yuvj420p"], "25", 12),

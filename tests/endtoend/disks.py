@@ -2,15 +2,40 @@
 
 import ctypes
 import os
+import random
 import shutil
 import subprocess
 import tempfile
+import time
 
 BIN = os.environ["VELMORA_BIN"]  # the folder of the built programs
 
 
 def possible():
     return os.geteuid() == 0 and os.access("/dev/fuse", os.W_OK) and os.access("/dev/loop-control", os.W_OK)
+
+
+def write(path, size, seed=0):
+    """A file whose content and time its name, size and seed decide."""
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    generator = random.Random(f"{os.path.basename(path)}{size}{seed}")
+    with open(path, "wb") as file:
+        while size > 0:
+            size -= file.write(generator.randbytes(min(size, 1 << 20)))
+    moment = 1_700_000_000_000_000_000 + generator.randrange(10**16)
+    os.utime(path, ns=(moment, moment))
+
+
+def flip(path, at):
+    """Turns one bit over, which nobody sees who does not read."""
+    times = os.stat(path)
+    with open(path, "r+b") as file:
+        file.seek(at)
+        byte = file.read(1)[0]
+        file.seek(at)
+        file.write(bytes([byte ^ 1]))
+        os.fsync(file.fileno())
+    os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
 
 
 class FaultDisk:
@@ -107,7 +132,13 @@ class Volumes:
 
     @staticmethod
     def unmount(at, lazy=False):
-        subprocess.run(["umount", *(["-l"] if lazy else []), at], check=True)
+        """As a person does it: a volume that is busy for a moment is tried again."""
+        command = ["umount", *(["-l"] if lazy else []), at]
+        for _ in range(100):
+            if subprocess.run(command, stderr=subprocess.DEVNULL).returncode == 0:
+                return
+            time.sleep(0.05)
+        subprocess.run(command, check=True)
 
     @staticmethod
     def unmount_all():

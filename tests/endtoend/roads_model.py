@@ -12,7 +12,7 @@ import signal
 import subprocess
 
 import xxhash
-from disks import BIN
+from disks import BIN, flip
 
 MIB = 1 << 20
 DATE = "2026-03-14"
@@ -318,13 +318,7 @@ class World:
             self.silent.pop(key, None)
         elif size := os.path.getsize(whole):
             self.silent[key] = self.claims(*key)
-            times = os.stat(whole)
-            with open(whole, "r+b") as file:
-                file.seek(size // 2)
-                byte = file.read(1)[0]
-                file.seek(size // 2)
-                file.write(bytes([byte ^ 1]))
-            os.utime(whole, ns=(times.st_atime_ns, times.st_mtime_ns))
+            flip(whole, size // 2)
 
     def forget(self):
         for name in os.listdir(self.support) if os.path.isdir(self.support) else []:

@@ -1,6 +1,6 @@
 #include "engine/FolderLocks.h"
 
-#include "base/Errors.h"
+#include "support/CodedRefusal.h"
 
 namespace velmora {
 namespace {
@@ -23,16 +23,10 @@ TEST_F(FolderLocksTest, HoldsAllFoldersOrNone) {
     for (const auto& [taken, other] : {std::pair(a, b), std::pair(b, a)}) {
         const auto foreign = FileLock::tryLock(Locks::cardFolder(taken, locks));
         ASSERT_TRUE(foreign);
-        try {
-            FolderLocks::acquire({a, b}, locks);
-            ADD_FAILURE();
-        } catch (const OffloadError& e) {
-            EXPECT_EQ(e.code(), PreflightCode::appendBusy);
-            EXPECT_EQ(std::string(e.what()),
-                      "Another job is working with this backup right now — an append, a repair or a verify with "
-                      "proxies (" +
-                          taken + ") — wait until it finishes.");
-        }
+        EXPECT_EQ(test::codedRefusal([&] { FolderLocks::acquire({a, b}, locks); }),
+                  "appendBusy: Another job is working with this backup right now — an append, a repair or a verify "
+                  "with proxies (" +
+                      taken + ") — wait until it finishes.");
         EXPECT_TRUE(isFree(other));
     }
 }
@@ -41,25 +35,20 @@ TEST_F(FolderLocksTest, MeetsTheLocksOfOtherUsersAndReadsWithoutLockFiles) {
     std::filesystem::create_directories(a);
     std::filesystem::create_directories(b);
     const std::string others = folder / "other user/locks";
-    const auto refusal = [&](const std::string& in) -> std::string {
-        try {
-            FolderLocks::acquire({a, b}, in);
-        } catch (const OffloadError& e) {
-            return std::string(name(*e.code())) + " " + e.what();
-        }
-        return "";
+    const auto refusal = [&](const std::string& in) {
+        return test::codedRefusal([&] { FolderLocks::acquire({a, b}, in); });
     };
     {
         const FolderLocks held = FolderLocks::acquire({b, b + "/"}, locks);
-        EXPECT_THAT(refusal(others), testing::StartsWith("appendBusy "));
+        EXPECT_THAT(refusal(others), testing::StartsWith("appendBusy: "));
         EXPECT_THROW(FolderLocks::forReading(b, others), OffloadError);
     }
-    EXPECT_EQ(refusal(others), "");
+    EXPECT_EQ(refusal(others), "passed");
     std::ofstream(folder / "file") << "no folder";
     const std::string none = folder / "file/locks";
     EXPECT_THAT(refusal(none), testing::EndsWith("A001: mkdir " + none + ": Not a directory (errno 20)"));
     const FolderLocks reading = FolderLocks::forReading(a, none);
-    EXPECT_THAT(refusal(others), testing::StartsWith("appendBusy "));
+    EXPECT_THAT(refusal(others), testing::StartsWith("appendBusy: "));
 }
 
 TEST_F(FolderLocksTest, KnowsAFolderHoweverItIsWritten) {

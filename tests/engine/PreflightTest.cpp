@@ -5,6 +5,7 @@
 #include "engine/Scanner.h"
 #include "platform/VolumeFacts.h"
 #include "support/AsNobody.h"
+#include "support/CodedRefusal.h"
 
 namespace velmora {
 namespace {
@@ -36,12 +37,7 @@ protected:
             return look ? test::FileTree::contents(folder.path()) : std::map<std::string, std::string>{};
         };
         const auto before = contents();
-        std::string text = "passed";
-        try {
-            prepare();
-        } catch (const OffloadError& e) {
-            text = (e.code() ? std::string(name(*e.code())) : "no code") + ": " + e.what();
-        }
+        const std::string text = test::codedRefusal([this] { prepare(); });
         EXPECT_EQ(contents(), before) << text;
         return text;
     }
@@ -104,13 +100,8 @@ TEST_F(PreflightTest, RefusesDisksThatAreAwayAndBackupsThatHoldTheirSource) {
     const std::string bare = "/mnt/velmora-preflight-" + std::to_string(::getpid());
     const std::string link = folder / "link";
     fs::create_symlink(bare, link);
-    const auto into = [&](const std::string& source, const std::string& cardPath) -> std::string {
-        try {
-            Preflight::checkInto(source, {cardPath}, options);
-        } catch (const OffloadError& e) {
-            return std::string(name(*e.code())) + ": " + e.what();
-        }
-        return "passed";
+    const auto into = [&](const std::string& source, const std::string& cardPath) {
+        return test::codedRefusal([&] { Preflight::checkInto(source, {cardPath}, options); });
     };
     EXPECT_EQ(into(card, card + "/DCIM"), "sameVolumeAsSource: The card folder " + card +
                                               "/DCIM lies inside the source " + card +

@@ -196,16 +196,16 @@ protected:
     InspectionWithDisks() {
         world_.directoryExists = [](const std::string& path) { return IO::isFolder(path); };
         world_.awaitsVolume = [this](const std::string& path) { return path.starts_with(away_); };
-        entry_ = backedUp();
         files_ = inspect({}).listing.files;
+        build();
+    }
+    void build() {
+        away_ = "nowhere";
+        verifications_.clear();
+        gaps_.clear();
+        entry_ = backedUp();
         entry_.destinations = {{root("A"), folder("A")}, {root("B"), folder("B")}};
-        for (const char* disk : {"A", "B"}) {
-            IO::mkdirs(folder(disk) + "/_REPORT");
-            for (const SourceFile& file : files_)
-                std::filesystem::copy_file(card_.path() + "/" + file.relPath, folder(disk) + "/" + file.relPath);
-            touch(disk, files_[0].relPath, files_[0].mtime);
-            touch(disk, files_[1].relPath, files_[1].mtime);
-        }
+        report_ = {};
         report_.verified = true;
         for (const HistoryDestination& destination : entry_.destinations)
             report_.destinations.emplace_back().cardPath = destination.cardPath;
@@ -217,6 +217,14 @@ protected:
             recorded.xxh64 = "0";
             recorded.destinations = {"verified", "verified"};
             recorded.errors.resize(2);
+        }
+        for (const char* disk : {"A", "B"}) {
+            std::filesystem::remove_all(root(disk));
+            IO::mkdirs(folder(disk) + "/_REPORT");
+            for (const SourceFile& file : files_) {
+                std::filesystem::copy_file(card_.path() + "/" + file.relPath, folder(disk) + "/" + file.relPath);
+                touch(disk, file.relPath, file.mtime);
+            }
         }
         stand();
         for (const char* disk : {"A", "B"})
@@ -230,12 +238,16 @@ protected:
     }
     void stand() {
         for (const char* disk : {"A", "B"})
-            if (IO::isFolder(folder(disk) + "/_REPORT"))
-                IO::writeFileDurably(folder(disk) + "/_REPORT/offload_report.json", report_.jsonData());
+            IO::writeFileDurably(folder(disk) + "/_REPORT/offload_report.json", report_.jsonData());
+    }
+    // The report says so of the first file on disk B.
+    void state(const std::string& status) {
+        report_.files[0].destinations[1] = status;
+        stand();
     }
 
     test::TempFolder disks_;
-    std::string away_ = "nowhere";
+    std::string away_;
     HistoryEntry entry_;
     OffloadReport report_;
     std::vector<SourceFile> files_;
@@ -286,29 +298,15 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
          false},
         {"a copy gone", [&] { IO::unlink(folder("B") + "/" + first); }, first + " in $B is missing", Kind::repair,
          false},
-        {"a copy that was never verified",
-         [&] {
-             report_.files[0].destinations[1] = "written";
-             stand();
-         },
-         "NOT VERIFIED", Kind::append, false},
-        {"a file that a cancelled run left out",
-         [&] {
-             report_.files[0].destinations[1] = "pending";
-             stand();
-         },
-         first + " was not copied to $B", Kind::append, false},
-        {"a copy that failed",
-         [&] {
-             report_.files[0].destinations[1] = "failed";
-             stand();
-         },
-         first + " was not copied correctly to $B", Kind::repair, false},
+        {"a copy that was never verified", [&] { state("written"); }, "NOT VERIFIED", Kind::append, false},
+        {"a file that a cancelled run left out", [&] { state("pending"); }, first + " was not copied to $B",
+         Kind::append, false},
+        {"a copy that failed", [&] { state("failed"); }, first + " was not copied correctly to $B", Kind::repair,
+         false},
         {"failed, and gone from the card",
          [&] {
              report_.files[0].path = "LOST.mov";
-             report_.files[0].destinations[1] = "failed";
-             stand();
+             state("failed");
          },
          "LOST.mov was not copied to $B and is no longer on the card", Kind::copyAgain, false},
         {"a file that no report names",
@@ -344,13 +342,12 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         {"a folder gone", [&] { std::filesystem::remove_all(folder("B")); }, "$B is not there any more",
          Kind::copyAgain, false},
     };
-    const OffloadReport good = report_;
     // The second time the entry is of a run into folder A alone, whose report names B as well.
     for (std::size_t i = 0; i < 2 * cases.size(); ++i) {
         const Case& c = cases[i % cases.size()];
-        if (i == cases.size())
+        build();
+        if (i >= cases.size())
             entry_.destinations.pop_back();
-        const HistoryEntry remembered = entry_;
         c.strike();
         const CardInsight insight = inspect({entry_});
         ASSERT_TRUE(insight.match) << c.what;
@@ -371,32 +368,14 @@ TEST_F(InspectionWithDisks, HoldsTheHistoryAgainstTheFoldersThatItNames) {
         // With errors on record too, nothing is called identical.
         entry_.success = false;
         EXPECT_FALSE(HistoryText::holdsWholeCard(*inspect({entry_}).match)) << c.what;
-        away_ = "nowhere";
-        verifications_.clear();
-        gaps_.clear();
-        entry_ = remembered;
-        report_ = good;
-        IO::mkdirs(folder("B") + "/_REPORT");
-        for (const SourceFile& file : files_) {
-            std::filesystem::copy_file(card_.path() + "/" + file.relPath, folder("B") + "/" + file.relPath,
-                                       std::filesystem::copy_options::overwrite_existing);
-            touch("B", file.relPath, file.mtime);
-        }
-        stand();
-        std::filesystem::remove(folder("B") + "/_REPORT/offload-manifest.jsonl");
-        if (!IO::isFolder(folder("B") + "/ascmhl") || IO::isFolder(folder("B") + "/ascmhl/ascmhl_chain.xml")) {
-            std::filesystem::remove_all(folder("B") + "/ascmhl");
-            MHL::write(report_, folder("B"), {5, 0}, "cart");
-        }
     }
+    build();
+    entry_.destinations.pop_back();
     // A disk that is behind is brought on by itself, whatever it lacks.
     report_.generation = 2;
     MHL::write(report_, folder("A"), {5, 0}, "cart");
     const CardStep alone = CardStep::of(inspect({entry_}));
     EXPECT_TRUE(alone.kind == Kind::append && alone.compare && alone.into == std::vector{folder("B")});
-    entry_.destinations.push_back({root("A"), folder("A") + "/"});
-    EXPECT_EQ(inspect({entry_}).match->folders.size(), 2U) << "a folder that is named twice is one";
-    entry_.destinations.pop_back();
     std::filesystem::remove_all(folder("B"));
     entry_.destinations.push_back({root("B"), folder("B")});
     // A full copy goes to both disks: the one that is away is to be connected.

@@ -101,13 +101,10 @@ TEST(ResumePlanner, GoesOnFromTheLastBlockThatAllWhoNeedTheFileHave) {
     }
 }
 
-TEST(Unfinished, OwnsOnlyWhatItsLinesAgreeWith) {
+TEST(Unfinished, KnowsOnlyWhatItsLinesAgreeWith) {
     const Unfinished open = openOn({record(1), {}}, {{}, part({1, 2})});
-    EXPECT_TRUE(open.owns(0, source(), 6 * block, false));
-    EXPECT_FALSE(open.owns(0, source(), block, false)); // the line says complete
-    EXPECT_TRUE(open.owns(1, source(), block, false));
-    EXPECT_FALSE(open.owns(1, source(), 7 * block, false));
-    EXPECT_FALSE(open.owns(0, source("b.mov"), 6 * block, false));
+    EXPECT_NE(open.partOf(1, source(), false), nullptr);
+    EXPECT_EQ(open.fileOf(0, source("b.mov"), false), nullptr);
     EXPECT_TRUE(open.mentions("A.MOV"));
     SourceFile later = source();
     later.mtime.seconds += 7200;

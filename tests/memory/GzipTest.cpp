@@ -9,25 +9,18 @@ using test::TempFolder;
 
 constexpr std::size_t limit = 1 << 20;
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void put(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
-
 TEST(Gzip, AgreesWithTheGzipProgramInBothDirections) {
     TempFolder folder;
     const std::string text = "DCIM/A001.MOV\t12345\t638000000000000000\n" + std::string(5000, 'x');
     const std::string ours = folder.path() + "/ours.gz";
-    put(ours, Gzip::compress(text));
+    test::FileTree::write(ours, Gzip::compress(text));
     EXPECT_EQ(std::system(("gzip -t " + ours).c_str()), 0);
     EXPECT_EQ(std::system(("test \"$(gzip -dc " + ours + " | wc -c)\" = " + std::to_string(text.size())).c_str()), 0);
     // gzip writes the file's name into the header.
     const std::string theirs = folder.path() + "/named file";
-    put(theirs, text);
+    test::FileTree::write(theirs, text);
     ASSERT_EQ(std::system(("gzip -N '" + theirs + "'").c_str()), 0);
-    EXPECT_EQ(Gzip::decompress(slurp(theirs + ".gz"), limit), text);
+    EXPECT_EQ(Gzip::decompress(test::FileTree::read(theirs + ".gz"), limit), text);
     EXPECT_EQ(Gzip::compress(""), std::string("\x1f\x8b\x08\0\0\0\0\0\0\xff\x03\0\0\0\0\0\0\0\0\0", 20));
     EXPECT_EQ(Gzip::decompress(Gzip::compress(""), limit), "");
 }
@@ -58,7 +51,7 @@ TEST(FileListStore, KeepsEveryNameAndRefusesDamage) {
     FileListStore::write(path, {});
     EXPECT_EQ(FileListStore::read(path), std::vector<SourceFile>());
     for (const char* text : {"a\t1\n", "a\t1\t2\t3\n", "a\tx\t2\n", "a\t1\t\n", "a\t99999999999999999999\t2\n"}) {
-        put(path, Gzip::compress(text));
+        test::FileTree::write(path, Gzip::compress(text));
         EXPECT_FALSE(FileListStore::read(path)) << text;
     }
     EXPECT_FALSE(FileListStore::read(folder.path() + "/none"));

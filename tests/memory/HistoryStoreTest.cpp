@@ -120,7 +120,8 @@ TEST(HistoryFile, ReadsAnyLayoutAlike) {
 TEST_F(History, KeepsWhatVerificationsFoundAndWhatItDoesNotKnow) {
     std::ofstream(path()) << R"({"version":1,"entries":[{"id":"a","source":"","cardName":"","date":"","success":true,
         "finished":"2026-03-14T07:00:00Z","verified":true,"files":0,"bytes":0,"fingerprint":"","shape":"","destinations":
-        [],"generations":[],"later":{"x":[1]}}]})";
+        [{"root":"/a","cardPath":"/a/A"},{"root":"/a","cardPath":"/a/A/"}],"generations":[],"later":{"x":[1]}}]})";
+    EXPECT_EQ(store().load().front().destinations.size(), 1U) << "a folder that is named twice is one";
     const auto mark = [&](const HistoryVerification& one) {
         EXPECT_EQ(store().update("a",
                                  [&](const HistoryEntry* present) {

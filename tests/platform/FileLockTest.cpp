@@ -56,30 +56,6 @@ TEST(FileLock, ExcludesOtherProcessesAndDiesWithItsHolder) {
     ::close(ready[1]);
 }
 
-// Sets variables for a scope and puts back what was there.
-class Environment {
-public:
-    explicit Environment(const std::map<std::string, std::string>& values) {
-        for (const char* name :
-             {"VELMORA_SETTINGS_DIR", "TARNWICK_SETTINGS_DIR", "OFFLOAD_SETTINGS_DIR", "XDG_DATA_HOME", "HOME"}) {
-            const char* old = std::getenv(name);
-            old_[name] = old == nullptr ? std::nullopt : std::optional<std::string>(old);
-            const auto given = values.find(name);
-            set(name, given == values.end() ? std::nullopt : std::optional(given->second));
-        }
-    }
-    ~Environment() {
-        for (const auto& [name, value] : old_)
-            set(name, value);
-    }
-
-private:
-    static void set(const std::string& name, const std::optional<std::string>& value) {
-        value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
-    }
-    std::map<std::string, std::optional<std::string>> old_;
-};
-
 TEST(AppSupportFolder, FollowsTheEnvironmentInOrder) {
     const struct {
         std::map<std::string, std::string> environment;
@@ -98,11 +74,17 @@ TEST(AppSupportFolder, FollowsTheEnvironmentInOrder) {
         {{{"XDG_DATA_HOME", "/d"}, {"VELMORA_SETTINGS_DIR", "/v"}, {"TARNWICK_SETTINGS_DIR", "/t"}},
          {"/v", "/d/Tarnwick", "/d/Offload"}},
     };
+    const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "/";
     for (const auto& c : cases) {
-        const Environment environment(c.environment);
+        for (const char* name :
+             {"VELMORA_SETTINGS_DIR", "TARNWICK_SETTINGS_DIR", "OFFLOAD_SETTINGS_DIR", "XDG_DATA_HOME", "HOME"})
+            ::unsetenv(name);
+        for (const auto& [name, value] : c.environment)
+            ::setenv(name.c_str(), value.c_str(), 1);
         EXPECT_EQ(AppSupportFolder::searchFolders(), c.folders);
         EXPECT_EQ(AppSupportFolder::path(), c.folders.front());
     }
+    ::setenv("HOME", home.c_str(), 1);
 }
 
 } // namespace

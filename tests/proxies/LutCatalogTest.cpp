@@ -29,6 +29,11 @@ TEST(LutCatalog, TakesATableOnlyWhenItIsWhole) {
              {cube(2, 8, "0.5 0.5 0.5 0.5\n"), false},
              {cube(2, 8, "0.5 nan inf\n"), false},
              {cube(2, 8, "0.5 0.5 1e999\n"), true}, // as far as a float goes; a renderer clips it
+             {"DOMAIN_MAX 1 1 1.0000001\nLUT_3D_INPUT_RANGE 0.0 1.0\n" + cube(2, 8), true},
+             {"DOMAIN_MAX 1 2 1\n" + cube(2, 8), false},
+             {"DOMAIN_MIN -0.1 0 0\n" + cube(2, 8), false},
+             {"LUT_3D_INPUT_RANGE 0.0 4.0\n" + cube(2, 8), false},
+             {"LUT_1D_SIZE 2\n" + cube(2, 8), false},
              {cube(1, 8), false},
              {cube(257, 8), false},
              {"LUT_3D_SIZE 99999999999999999999\n", false},

@@ -116,12 +116,7 @@ TEST(EncoderArgs, KeepWhatEditorsNeed) {
             tags);
     EXPECT_THAT(text(ProxyCodec::hevc, 59.94),
                 AllOf(HasSubstr("-tag:v hvc1"), HasSubstr("-g 60"), HasSubstr("open-gop=0")));
-    const std::pair<ProxyCodec, int> profiles[] = {{ProxyCodec::proresProxy, 0},
-                                                   {ProxyCodec::proresLT, 1},
-                                                   {ProxyCodec::prores422, 2},
-                                                   {ProxyCodec::prores422HQ, 3}};
-    for (const auto& [codec, profile] : profiles)
-        EXPECT_EQ(text(codec, 25), fmt::format("-c:v prores_ks -profile:v {} -vendor apl0", profile) + tags);
+    EXPECT_EQ(text(ProxyCodec::proresProxy, 25), "-c:v prores_ks -profile:v 0 -vendor apl0" + tags);
     EXPECT_THAT(EncoderArgs::audio({2, 1, 16, 12, 0}),
                 ElementsAre("-c:a", "aac", "-b:a:0", "128k", "-b:a:1", "128k", "-b:a:2", "512k", "-c:a:3", "pcm_s16le",
                             "-b:a:4", "128k"));
@@ -287,6 +282,13 @@ TEST(MovFile, IsWholeOrSaysWhatIsNot) {
         EXPECT_EQ(MovFile::problem(folder / "f.mov"), c.problem);
     }
     EXPECT_EQ(MovFile::problem(folder / "gone"), "it cannot be read");
+
+    test::FileTree::write(folder / "f.mov", cases[0].bytes + box("uuid", 40));
+    EXPECT_EQ(MovFile::appended(folder / "f.mov"), std::nullopt);
+    MovFile::append(folder / "f.mov", "what is to be kept");
+    EXPECT_EQ(MovFile::appended(folder / "f.mov"), "what is to be kept");
+    EXPECT_EQ(MovFile::problem(folder / "f.mov"), std::nullopt);
+    EXPECT_THROW(MovFile::append(folder / "gone", ""), IOError);
 }
 
 } // namespace

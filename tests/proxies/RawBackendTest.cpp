@@ -1,3 +1,4 @@
+#include "platform/IO.h"
 #include "proxies/ArriMeta.h"
 #include "proxies/ArriRawBackend.h"
 #include "proxies/BrawBackend.h"
@@ -8,8 +9,10 @@
 #include "proxies/RawDecoderError.h"
 #include "proxies/RedMeta.h"
 
+#include <atomic>
 #include <chrono>
 #include <fmt/format.h>
+#include <future>
 #include <nlohmann/json.hpp>
 
 namespace velmora {
@@ -142,20 +145,6 @@ TEST(RawBackends, ReadClipsAsTheToolsTellOfThemAndSayHowAToolHasFailed) {
     EXPECT_FALSE(braw.isAvailable(bare.tools));
 }
 
-TEST(RawBackends, NameWhatIsMissingForEachMaker) {
-    std::string hints;
-    for (const auto& backend : RawBackends::all()) {
-        hints += fmt::format("{}: {}\n", name(backend->format()), backend->missingHint());
-        EXPECT_FALSE(backend->isAvailable({}));
-    }
-    EXPECT_EQ(hints, "braw: Blackmagic RAW: braw-decode or the Blackmagic RAW library is missing (SDK, Player or "
-                     "DaVinci Resolve)\n"
-                     "r3d: RED R3D: install REDCINE-X PRO (REDline)\n"
-                     "arriraw: ARRIRAW: install ARRI Reference Tool (art-cmd)\n"
-                     "canonRaw: Canon Cinema RAW Light: there is no command-line decoder for macOS — copied and "
-                     "verified, proxy skipped\n");
-}
-
 ClipInfo clipOf(std::int64_t width, std::int64_t height, std::int64_t frames) {
     ClipInfo info;
     info.width = width;
@@ -213,6 +202,32 @@ TEST(R3DBackend, WritesTheLogPictureOfTheSmallestSizeAndHandsItOver) {
     EXPECT_EQ(Intermediate::progressOf(50, 100), 0.4);
     EXPECT_EQ(Intermediate::progressOf(1000, 100), 1);
     EXPECT_EQ(Intermediate::progressOf(1, 0), 0);
+}
+
+TEST(Intermediate, WaitsForRoomThatAnotherClipHasSetAside) {
+    const test::TempFolder folder;
+    const std::string ended = folder / "ended";
+    std::optional<Intermediate> first(std::in_place, folder.path());
+    const auto run = [&](const Intermediate& place, const std::string& script, double share, const IsCancelled& stop) {
+        Intermediate::Job job{"/bin/sh", {"-c", script}};
+        job.expectedBytes = static_cast<std::int64_t>(share * static_cast<double>(IO::capacity(folder.path()).free));
+        job.isCancelled = stop;
+        return place.run(job).status;
+    };
+    std::atomic<bool> begun{false};
+    auto other = std::async(std::launch::async, [&] {
+        return run(*first, "sleep 0.4; echo > " + ended, 0.6, [&] { return (begun = true) && false; });
+    });
+    while (!std::filesystem::exists(ended) && !begun)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const Intermediate second(folder.path());
+    EXPECT_EQ(run(second, "test -e " + ended, 0.2, {}), 1) << "there is room for that beside the other";
+    EXPECT_EQ(test::refusal<ToolError>([&] { run(second, "", 1.2, [&] { return std::filesystem::exists(ended); }); }),
+              "sh failed (exit -1): cancelled");
+    EXPECT_EQ(other.get(), 0);
+    first.reset();
+    EXPECT_THAT(test::refusal<ToolError>([&] { run(second, "", 1.2, {}); }), HasSubstr("no room to decode the clip"));
+    EXPECT_EQ(run(second, "exit 0", 0.6, {}), 0);
 }
 
 TEST(ARRIRAWBackend, TellsTheToolTheCutAndTheSizeOfThePictureAsItIsSeen) {

@@ -25,29 +25,35 @@ double toCode(double video) { return (video * 876 + 64) / 1023; }
 
 const std::vector<Recipe>& all() {
     static const std::vector<Recipe> recipes{
-        {"arri-logc4-awg4", "ARRI LogC4 to Rec. 709", "ARRI", "LogC4", "ARRI Wide Gamut 4", logC4, wide4},
-        {"arri-logc3-awg3", "ARRI LogC3 to Rec. 709", "ARRI", "LogC3 EI 800", "ARRI Wide Gamut 3", logC3, wide3},
-        {"red-log3g10-rwg", "RED Log3G10 to Rec. 709", "RED", "Log3G10", "REDWideGamutRGB", log3G10, redWide},
+        {"arri-logc4-awg4", "ARRI LogC4 to Rec. 709", "ARRI", "LogC4", "ARRI Wide Gamut 4", logC4, wide4,
+         Levels::video},
+        {"arri-logc3-awg3", "ARRI LogC3 to Rec. 709", "ARRI", "LogC3 EI 800", "ARRI Wide Gamut 3", logC3, wide3,
+         Levels::video},
+        {"red-log3g10-rwg", "RED Log3G10 to Rec. 709", "RED", "Log3G10", "REDWideGamutRGB", log3G10, redWide,
+         Levels::video},
         {"bmd-film-gen5", "Blackmagic Film Gen 5 to Rec. 709", "Blackmagic Design", "Film Generation 5",
-         "Blackmagic Wide Gamut Gen 5", filmGen5, bmdWide5},
-        {"sony-slog3-sgamut3", "Sony S-Log3 S-Gamut3 to Rec. 709", "Sony", "S-Log3", "S-Gamut3", sLog3, sGamut3},
+         "Blackmagic Wide Gamut Gen 5", filmGen5, bmdWide5, Levels::code},
+        {"sony-slog3-sgamut3", "Sony S-Log3 S-Gamut3 to Rec. 709", "Sony", "S-Log3", "S-Gamut3", sLog3, sGamut3,
+         Levels::code},
         {"sony-slog3-sgamut3cine", "Sony S-Log3 S-Gamut3.Cine to Rec. 709", "Sony", "S-Log3", "S-Gamut3.Cine", sLog3,
-         sGamut3Cine},
+         sGamut3Cine, Levels::code},
     };
     return recipes;
 }
 
+double Recipe::codeOfCurve(double place) const { return levels == Levels::video ? place : fromCode(place); }
+
 Vec3 Recipe::codeOf(const Vec3& light) const {
     Vec3 code = conversion(rec709, gamut) * light;
     for (double& part : code)
-        part = fromCode(curve.toCode(part));
+        part = codeOfCurve(curve.toCode(part));
     return code;
 }
 
 Vec3 Recipe::render(const Vec3& code) const {
     Vec3 light{};
     for (int i = 0; i < 3; ++i)
-        light[i] = curve.toLight(toCode(code[i]));
+        light[i] = curve.toLight(levels == Levels::video ? code[i] : toCode(code[i]));
     return Picture::render(conversion(gamut, rec709) * light);
 }
 

@@ -8,6 +8,12 @@
 
 namespace velmora::luts {
 
+// How the light's place on the curve, from 0 to 1, stands in a file of video range.
+enum class Levels {
+    code,  // as a share of all 1023 code values, whatever the file's range
+    video, // as a share of its range: 0 is code 64, 1 is code 940
+};
+
 // One look-up table of the catalogue: from a camera's log code to a picture.
 struct Recipe {
     std::string id;
@@ -17,10 +23,12 @@ struct Recipe {
     std::string gamutName;
     LogCurve curve;
     Gamut gamut;
+    Levels levels;
 
     std::string file() const { return id + ".cube"; }
     // What the table is asked with when the scene holds this linear Rec. 709 light.
     Vec3 codeOf(const Vec3& light) const;
+    double codeOfCurve(double place) const;
     Vec3 render(const Vec3& code) const;
     std::string cube() const; // the whole file
 };

@@ -69,6 +69,19 @@ void unmountTheDead() {
             umount2(path.c_str(), MNT_DETACH);
 }
 
+// A test that was killed leaves its file systems on loop devices behind. One whose blocks lie here must go while they
+// are still served: its last flush waits for us, and if we were gone already, for ever.
+void unmountWhatLiesHere(const std::string& mountPoint) {
+    std::ifstream table("/proc/self/mounts");
+    for (std::string device, path, rest; table >> device >> path && std::getline(table, rest);) {
+        std::string below;
+        if (device.starts_with("/dev/loop"))
+            std::getline(std::ifstream("/sys/block/" + device.substr(5) + "/loop/backing_file"), below);
+        if (below.starts_with(mountPoint + "/"))
+            umount2(path.c_str(), 0);
+    }
+}
+
 void serve(fuse_session* session, Disk& disk) {
     fuse_buf buffer = {};
     while (!fuse_session_exited(session)) {
@@ -169,6 +182,7 @@ int main(int argc, char** argv) {
         std::cout << reply << std::endl;
     }
     disk.rules.clear();
+    unmountWhatLiesHere(mountPoint);
     umount2(mountPoint.c_str(), MNT_DETACH);
     _exit(0);
 }
