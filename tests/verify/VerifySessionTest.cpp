@@ -1,10 +1,12 @@
 #include "verify/VerifySession.h"
 
 #include "base/Flag.h"
+#include "blocks/BlockVerifier.h"
 #include "blocks/HashStreams.h"
 #include "platform/IO.h"
 #include "records/OffloadReport.h"
 #include "support/FaultDisk.h"
+#include "verify/VerifyFiles.h"
 #include "verify/VerifyOptions.h"
 
 namespace velmora::test {
@@ -166,6 +168,22 @@ TEST_F(VerifySessionTest, OnlyWhatTheCopyHasWrittenWholeIsRead) {
     session->record(outcome, report);
     EXPECT_EQ(report.files[4].destinations[0], "written"); // the copy's own word
     EXPECT_EQ(report.destinations[0].filesOK, 2);
+}
+
+// A connection may still wait for a block when its clip is long done.
+TEST_F(VerifySessionTest, AReadThatComesLateOverturnsWhatWasVerified) {
+    copyTo({temp / "a"}, {{"A.mov", 2}});
+    VerifyFiles files(report, 1, inputs.blocks, block);
+    const auto verifier = files.verifier(0, 0);
+    std::string bytes = content["A.mov"];
+    verifier->feed(0, std::as_bytes(std::span(bytes)));
+    files.settle(0, 0, {FileState::verified, {}}, false, [] { return false; });
+    files.judgeAgain();
+    EXPECT_EQ(files.results()[0][0].state, FileState::verified);
+    bytes[block] ^= 1;
+    verifier->feed(0, std::as_bytes(std::span(bytes)));
+    files.judgeAgain();
+    EXPECT_THAT(files.results()[0][0].error.value_or(""), ::testing::StartsWith("HASH MISMATCH: block 1 dest "));
 }
 
 // Whoever reads what: a render whole or in part, the reading ahead of a RAW decoder, the background, the last reading.
