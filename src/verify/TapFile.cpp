@@ -241,7 +241,8 @@ void TapFile::Blocks::releaseIfDone() {
     file.swap(file_);
 }
 
-TapFile::TapFile(const std::string& cardPath, const std::string& relative, std::shared_ptr<BlockVerifier> verifier) {
+TapFile::TapFile(const std::string& cardPath, const std::string& relative,
+                 const std::shared_ptr<BlockVerifier>& verifier) {
     const std::string path = cardPath + "/" + relative;
     // Opened first: this is what refuses a link and a path that leads away.
     UncachedReader file = UncachedReader::beneath(cardPath, relative);

@@ -33,7 +33,7 @@ public:
 
     // Opens `cardPath`/`relative` past the page cache, following no link below `cardPath`, and tells the verifier its
     // length. Throws TapRefused and IOError.
-    TapFile(const std::string& cardPath, const std::string& relative, std::shared_ptr<BlockVerifier> verifier);
+    TapFile(const std::string& cardPath, const std::string& relative, const std::shared_ptr<BlockVerifier>& verifier);
     ~TapFile() override; // disposes; does not wait for the disk
     TapFile(const TapFile&) = delete;
     TapFile& operator=(const TapFile&) = delete;

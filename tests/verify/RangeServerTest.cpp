@@ -149,10 +149,13 @@ TEST_F(RangeServerTest, EndsTheConnectionWhereATapEnds) {
 }
 
 TEST_F(RangeServerTest, ClosesItsPortAndEveryConnectionAndGivesNoneToAChild) {
-    const Client idle(server.port()), busy(server.port());
-    busy.send(request("GET"));
+    RangeServer patient; // for half a minute
+    const Client idle(server.port()), busy(server.port()), waiting(patient.port());
+    const Tapped large(card / "large", std::size_t{8} << 20, 1 << 20);
+    url = server.registerSource(large.open(), "");
+    busy.send(request("GET")); // more than anybody takes
     EXPECT_THAT(busy.receive(15), "HTTP/1.1 200 OK");
-    EXPECT_TRUE(eventually([&] { return server.clients() == 2; }));
+    EXPECT_TRUE(eventually([&] { return server.clients() == 2 && patient.clients() == 1; }));
     int sockets = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
         if (const int fd = std::stoi(entry.path().filename()); std::filesystem::is_socket(entry.path())) {
@@ -160,6 +163,8 @@ TEST_F(RangeServerTest, ClosesItsPortAndEveryConnectionAndGivesNoneToAChild) {
             ++sockets;
         }
     EXPECT_GE(sockets, 5);
+    patient.close();
+    EXPECT_EQ(waiting.receive(), "");
     server.close();
     server.close();
     EXPECT_EQ(idle.receive(), "");
