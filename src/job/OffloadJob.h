@@ -141,6 +141,7 @@ private:
     void finishRun(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
     void release(OffloadReport& report, const Conclusion& conclusion) EXCLUDES(mutex_);
     void takeOverProved(OffloadReport& report) const;
+    void withdrawProofs(const OffloadPlan& plan);
     void startVerification(const OffloadReport& report) EXCLUDES(mutex_);
     void finishVerification(OffloadReport report, Conclusion& conclusion, PauseGate::Worker& worker) EXCLUDES(mutex_);
     void leaveUnfinished(OffloadReport& report, const std::vector<std::string>& gone) EXCLUDES(mutex_);

@@ -213,7 +213,11 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
     }
     order.stamp = ReportWriter::Stamp::present();
     order.create = conclusion.create;
-    order.beforeWrite = [this](const std::string& cardPath) { engine_.held()->check(cardPath); };
+    order.beforeWrite = [this, wasLaid = session() != nullptr, laid = recorded_](const std::string& cardPath) {
+        engine_.held()->check(cardPath);
+        if (wasLaid && std::ranges::find(laid, cardPath) == laid.end()) // there may be the records of another run
+            throw OffloadError::failed("the report of the copy does not stand there");
+    };
     const auto addProblems = [&](const std::vector<Verification::Failure>& failures) {
         for (const auto& failure : failures)
             if (const std::string text = Msg::reportNotWritten(failure.error);

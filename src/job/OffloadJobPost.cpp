@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fmt/format.h>
 #include <unordered_map>
 #include <utility>
 
@@ -30,6 +31,16 @@ namespace {
 using Phase = JobStatus::Phase;
 
 constexpr std::string_view readBackFirst = "verification during proxies is off — verified by reading back";
+
+// The card folders on disks that the session has given up.
+std::vector<std::string> hung(const VerifySession::Outcome& outcome, const OffloadReport& report) {
+    const auto isHung = [](const DestFileResult& result) { return result.error == VIPMsg::verifyDiskHung; };
+    std::vector<std::string> folders;
+    for (std::size_t d = 0; d < outcome.results.size(); ++d)
+        if (std::ranges::any_of(outcome.results[d], isHung))
+            folders.push_back(report.destinations[d].cardPath);
+    return folders;
+}
 
 std::vector<ClipEntry> clipsOf(const std::vector<CardRecord>& records) {
     return records.empty() ? std::vector<ClipEntry>() : records.front().clips();
@@ -143,6 +154,44 @@ void OffloadJob::takeOverProved(OffloadReport& report) const {
     report.countFiles();
 }
 
+// A copy that is written anew is not the one that was read back. Should this run die as well, no report may say so: it
+// is taken back on every disk before the first byte.
+void OffloadJob::withdrawProofs(const OffloadPlan& plan) {
+    if (!interrupted_ || plan.tasks.empty())
+        return;
+    OffloadReport report = *interrupted_;
+    std::unordered_map<std::string_view, OffloadReport::FileEntry*> entries;
+    for (auto& file : report.files)
+        entries.emplace(file.path, &file);
+    bool withdrawn = false;
+    for (std::size_t i = 0; i < plan.scan.files.size(); ++i) {
+        const auto found = entries.find(plan.scan.files[i].relPath);
+        if (found == entries.end())
+            continue;
+        const std::size_t disks = plan.cardPaths().size();
+        bool writes = false;
+        for (std::size_t d = 0; d < disks; ++d)
+            writes = writes || plan.task(i).writesTo(d);
+        for (std::string& state : found->second->destinations)
+            if (writes && state == "verified") {
+                state = "written";
+                withdrawn = true;
+            }
+    }
+    if (!withdrawn)
+        return;
+    report.finished = Timestamp::now(); // it is the newest now, whatever disk is asked
+    report.verifyPending = true;
+    report.verified = false;
+    report.countFiles();
+    const ReportWriter::Pages pages(report);
+    for (const std::string& cardPath : plan.cardPaths()) {
+        engine_.held()->check(cardPath);
+        pages.write(cardPath, false);
+    }
+    interrupted_ = std::make_shared<const OffloadReport>(std::move(report));
+}
+
 void OffloadJob::startVerification(const OffloadReport& report) {
     VerifySession::Inputs inputs;
     for (const auto& destination : report.destinations) {
@@ -170,7 +219,7 @@ void OffloadJob::startVerification(const OffloadReport& report) {
     session->startBackground();
 }
 
-// Nothing here changes a promise.
+// Nothing here changes a promise, and nothing that goes wrong here may keep the copies from being verified.
 void OffloadJob::workOnClips(OffloadReport& report, std::vector<ClipEntry> earlier, PauseGate::Worker& worker) {
     if (!PostStage::isWanted(config_) || engine_.isCancelled() || engine_.cardChanged())
         return;
@@ -178,16 +227,27 @@ void OffloadJob::workOnClips(OffloadReport& report, std::vector<ClipEntry> earli
     const double paused = engine_.pauses().pausedTotal();
     const auto plan = engine_.plan();
     const auto session = this->session();
-    PostStage stage({config_, *plan, worker, session.get(), [this] { return engine_.isCancelled(); },
-                     [this](std::string_view line) { log(line); },
-                     [this](const std::string& cardPath) { engine_.held()->check(cardPath); },
-                     [this](const std::function<void(JobStatus&)>& change) {
-                         MutexLock lock(mutex_);
-                         change(state_);
-                     },
-                     [this](OffloadReport& now) { layReport(now); }, std::move(earlier),
-                     interrupted_ ? interrupted_->clips : std::vector<ClipEntry>()});
-    stage.run(report);
+    PostStage::World world{config_,
+                           *plan,
+                           worker,
+                           session.get(),
+                           [this] { return engine_.isCancelled(); },
+                           [this](std::string_view line) { log(line); },
+                           [this](const std::string& cardPath) { engine_.held()->check(cardPath); },
+                           [this](const std::function<void(JobStatus&)>& change) {
+                               MutexLock lock(mutex_);
+                               change(state_);
+                           },
+                           [this](OffloadReport& now) { layReport(now); },
+                           std::move(earlier),
+                           interrupted_ ? interrupted_->clips : std::vector<ClipEntry>()};
+    try {
+        PostStage(std::move(world)).run(report);
+    } catch (const SimulatedCrash&) {
+        throw;
+    } catch (const std::exception& error) {
+        addWarning(std::string("The clips were not worked on to their end: ") + error.what());
+    }
     if (!engine_.isCancelled())
         postSeconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() -
                        (engine_.pauses().pausedTotal() - paused);
@@ -209,7 +269,13 @@ void OffloadJob::finishVerification(OffloadReport report, Conclusion& conclusion
     VerifySession::Outcome outcome = session->finish(&worker, [this] { return engine_.isCancelled(); });
     session->close();
     // On every disk or on none: a disk that is away now has what it holds proved by the run that finds it again.
-    const std::vector<std::string> gone = engine_.held()->problems();
+    std::vector<std::string> gone;
+    for (const std::string& cardPath : hung(outcome, report)) { // nothing more is asked of it: that would wait as well
+        std::erase(recorded_, cardPath);
+        gone.push_back(fmt::format("{}: {}", cardPath, VIPMsg::verifyDiskHung));
+    }
+    if (gone.empty())
+        gone = engine_.held()->problems();
     outcome.verified = outcome.verified && gone.empty();
     session->record(outcome, report);
     report.countFiles();

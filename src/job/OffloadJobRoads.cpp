@@ -158,6 +158,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
     interrupted_ = append.interrupted;
     OffloadPlan plan = append.toPlan();
     deferVerification(plan);
+    withdrawProofs(plan);
     OffloadReport report = engine_.run(std::move(plan));
     listSetAside(report);
     finishRun(std::move(report), conclusion);

@@ -18,6 +18,7 @@ import tempfile
 import time
 import unittest
 
+import camera_files
 from disks import BIN, FaultDisk, flip, possible, write
 
 MIB = 1 << 20
@@ -187,6 +188,7 @@ class Crashes(Backup):
             for was, now in zip(earlier, left):
                 for path, digest in was.items():
                     self.assertEqual(now.get(path), digest, f"{path} of an earlier generation changed in the crash")
+            self.honest(left)
             status = recover()
             outcome = self.judge(status, left, earlier, ended)
         finally:
@@ -196,6 +198,19 @@ class Crashes(Backup):
         again = max([event.get("readBytes", 0) for event in self.events] + [0]) if status == 0 else 0
         self.outcomes[outcome] += 1
         print(f"  {moment:62} {outcome:20} {again:>9}", flush=True)
+
+    def honest(self, left):
+        """No report calls a copy verified that is not the card's."""
+        source = tree(self.source)
+        for root, found in zip(self.roots, left):
+            for name in (name for name in found if re.search(r"_REPORT/offload_report[_0-9]*.json$", name)):
+                with open(f"{root}/{name}", encoding="utf-8") as file:
+                    report = json.load(file)
+                for entry in report["files"]:
+                    for d, state in enumerate(entry["destinations"]):
+                        if state == "verified":
+                            there = left[d].get(f"{DATE}/{CARD}/{entry['path']}")
+                            self.assertEqual(there, source[entry["path"]], f"{name} lies about {entry['path']}")
 
     def judge(self, status, left, earlier, ended):
         said = self.output
@@ -228,6 +243,29 @@ class Crashes(Backup):
 
     def test_copy(self):
         self.matrix("copy", self.made(), self.copy, self.append)
+
+    def test_proxies(self):
+        """The card may leave and the renders prove its copies; what is there by then is neither read nor rendered anew."""
+        shutil.rmtree(self.source)
+        for number in range(3):
+            path = f"{self.source}/CLIP/C{number}.MOV"
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            camera_files.ffmpeg("-f", "lavfi", "-i", f"testsrc2=s=640x360:r=25:d={number + 1}", "-c:v", "prores_ks",
+                                "-profile:v", "1", "-timecode", f"0{number}:00:00:00", "file:" + path)
+        write(self.source + "/SOUND.WAV", 3 * MIB + 5, 7)
+        film = ["--proxy", "h264", "--proxy-height", "540", "--lut", "none", "--primary", "1"]
+
+        def recover():
+            status = self.append("--compare", *film)
+            for name in (f"CLIP/C{number}.mov" for number in range(3)) if status == 0 else ():
+                found = [subprocess.run(["ffprobe", "-v", "error", "-count_frames", "-show_entries", "stream=nb_read_frames",
+                                         "-select_streams", "v", "-of", "csv=p=0", f"{card}/_PROXY/{name}"],
+                                        capture_output=True, text=True) for card in self.cards]
+                frames = 25 * (int(name[6]) + 1)
+                self.assertEqual([(one.stdout.strip(), one.stderr) for one in found], [(str(frames), "")] * 2, self.output)
+            return status
+
+        self.matrix("proxies", self.made(), lambda: self.copy(*film), recover)
 
     def test_append(self):
         before = self.made(self.copy)
