@@ -69,17 +69,31 @@ void place(const std::string& cardPath, std::int64_t generation, const std::stri
     throw IOError("rename", RelativePath::join(cardPath, wanted), EEXIST);
 }
 
+// The files of a report, and the folders that lead to them.
+struct Known {
+    std::unordered_set<std::string> files;
+    std::unordered_set<std::string> folders;
+
+    void add(const std::string& path) {
+        files.insert(path);
+        for (std::string_view folder = RelativePath::folder(path); !folder.empty();
+             folder = RelativePath::folder(folder))
+            if (!folders.emplace(folder).second)
+                break;
+    }
+};
+
 // All that lies below `folder`, by its path there: files and links, and folders that hold nothing or that stood in the
-// place of a file.
-void collect(const std::string& folder, const std::string& below, const std::unordered_set<std::string>& files,
+// place of a file. An empty folder that leads to a file was made for one whose move a power cut took back.
+void collect(const std::string& folder, const std::string& below, const Known& known,
              std::vector<std::string>& found, const std::function<void()>& stopNowAndThen) {
     for (const IOEntry& entry : IO::list(folder)) {
         stopNowAndThen();
         const std::string path = below.empty() ? entry.name : below + "/" + entry.name;
         const std::size_t before = found.size();
-        if (entry.isFolder() && !files.contains(nameBefore(path, files)))
-            collect(folder + "/" + entry.name, path, files, found, stopNowAndThen);
-        if (!entry.isFolder() || found.size() == before)
+        if (entry.isFolder() && !known.files.contains(nameBefore(path, known.files)))
+            collect(folder + "/" + entry.name, path, known, found, stopNowAndThen);
+        if (!entry.isFolder() || (found.size() == before && !known.folders.contains(path)))
             found.push_back(path);
     }
 }
@@ -134,9 +148,9 @@ void makeWay(const std::string& cardPath, std::int64_t generation, const std::st
 
 std::vector<std::string> list(OffloadReport& report, const IsCancelled& isCancelled) {
     std::vector<std::string> problems;
-    std::unordered_set<std::string> files;
+    Known known;
     for (const auto& file : report.files)
-        files.insert(file.path);
+        known.add(file.path);
     std::vector<SetAsideCopy> copies;
     auto stopNowAndThen = [&isCancelled, seen = 0]() mutable {
         if (++seen % namesBetweenStops == 0)
@@ -149,13 +163,13 @@ std::vector<std::string> list(OffloadReport& report, const IsCancelled& isCancel
         try {
             if (!IO::exists(path) || !IO::lstat(path).isFolder)
                 continue;
-            collect(path, "", files, found, [&] { stopNowAndThen(); });
+            collect(path, "", known, found, [&] { stopNowAndThen(); });
         } catch (const std::exception& error) {
             problems.push_back(
                 fmt::format("What was set aside in {} cannot be listed in full ({}).", path, error.what()));
         }
         for (const std::string& each : found)
-            copies.push_back({static_cast<std::int64_t>(d), escapeForDisplay(nameBefore(each, files)),
+            copies.push_back({static_cast<std::int64_t>(d), escapeForDisplay(nameBefore(each, known.files)),
                               escapeForDisplay(RelativePath::join(folder, each))});
     }
     std::ranges::sort(copies, {}, [](const SetAsideCopy& copy) { return std::pair(copy.path, copy.destination); });

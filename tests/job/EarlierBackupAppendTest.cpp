@@ -137,6 +137,8 @@ TEST_F(EarlierBackup, AResumedRunMovesAsideWhatItDidNotWrite) {
     test::FileTree::write(cards[1] + "/_REPORT/offload_report_0002.txt", "mine");
     test::FileTree::write(cards[1] + "/DCIM/4.mov", "notes");
     test::FileTree::write(cards[0] + "/_REPORT/set-aside/0002/DCIM/4.mov.2", "of a run that died");
+    fs::create_directories(cards[0] + "/_REPORT/set-aside/0002/SUB"); // made for a move that a power cut took back
+    shoot({{"SUB/6.mov", 10}});
     EXPECT_TRUE(append(cards).safeToFormat);
     ASSERT_TRUE(job->report()->setAside);
     EXPECT_THAT(*job->report()->setAside,
