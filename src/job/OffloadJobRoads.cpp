@@ -8,6 +8,7 @@
 #include "disks/VolumeSerial.h"
 #include "engine/FolderLocks.h"
 #include "engine/HeldFolders.h"
+#include "job/ClipRecords.h"
 #include "job/HistoryKeeper.h"
 #include "job/RepairWork.h"
 #include "job/ReportRebuild.h"
@@ -139,6 +140,7 @@ void OffloadJob::runAppend(const std::vector<std::string>& cardPaths) {
             addWarning(record.cardPath + " is not a folder that this backup was written to; it was copied or moved "
                                          "there. This run compares its files with the card.");
     reopenHistory();
+    ClipRecords::bringInStep(append.records, [this](const std::string& path) { engine_.held()->check(path); });
     moveStrangePages(append.cardPaths, append.generation);
     for (std::size_t d = 0; d < append.leftParts.size(); ++d)
         for (const std::string& part : append.leftParts[d]) {
@@ -314,6 +316,7 @@ void OffloadJob::nothingNew(const AppendPlanner::NothingNew& nothing) {
                                folders_.isCancelled());
     });
     examine({});
+    ClipRecords::bringInStep(plan.records, [this](const std::string& path) { engine_.held()->check(path); });
     Conclusion conclusion;
     conclusion.card = plan.fullScan;
     conclusion.records = plan.records;

@@ -276,7 +276,7 @@ void PostStage::makeProxy(ClipEntry& entry, const OffloadReport& report) {
         const auto [file, own] = nameFor(entry, cardPath);
         const std::string path = ProxyPaths::folder(cardPath) + "/" + file;
         if (own)
-            takeOver(entry);
+            takeOver(entry, path);
         else {
             if (file != ProxyPaths::of(entry.clip, tree_))
                 addNote(entry, ProxyDecision::renamedText(file));
@@ -323,10 +323,12 @@ PostStage::Kept PostStage::nameFor(const ClipEntry& entry, const std::string& ca
 }
 
 // What the run that made the proxy has found out of the clip holds on.
-void PostStage::takeOver(ClipEntry& entry) const {
+void PostStage::takeOver(ClipEntry& entry, const std::string& proxy) const {
     for (const ClipEntry& known : world_.earlier)
         if (known.clip.path == entry.clip.path && known.clip.bytes == entry.clip.bytes && !entry.content)
             entry.content = known.content;
+    if (!entry.content)
+        entry.content = defectToldBy(proxy); // no report of it came to stand
     addNote(entry, world_.plan.resuming ? keptText : thereText);
 }
 

@@ -84,7 +84,7 @@ private:
     void render(ClipEntry& entry, std::size_t dest, const std::string& path);
     Kept nameFor(const ClipEntry& entry, const std::string& cardPath);
     const ClipEntry* before(const ClipEntry& entry) const;
-    void takeOver(ClipEntry& entry) const;
+    void takeOver(ClipEntry& entry, const std::string& proxy) const;
     void copyToOthers(ClipEntry& entry, std::size_t dest, const std::string& file, bool wasThere);
     std::optional<std::string> whyNone(const OffloadReport& report) const;
     std::optional<std::size_t> goodDest(const Clip& clip, const OffloadReport& report) const;

@@ -39,15 +39,20 @@ std::string temporaryName(const std::string& folder) {
 bool isTemporaryName(std::string_view name) {
     constexpr std::string_view prefix = ".velmora-";
     constexpr std::string_view suffix = ".tmp";
-    if (name.size() < prefix.size() + suffix.size() || !name.starts_with(prefix) || !name.ends_with(suffix))
-        return false;
-    name.remove_prefix(prefix.size());
-    name.remove_suffix(suffix.size());
+    constexpr std::string_view probe = ".offload-cachecheck-"; // written to see whether a disk answers past the cache
     const auto take = [&](std::string_view digits) {
         const std::size_t count = std::min(name.find_first_not_of(digits), name.size());
         name.remove_prefix(count);
         return count;
     };
+    if (name.starts_with(probe)) {
+        name.remove_prefix(probe.size());
+        return take("0123456789") > 0 && take("-") == 1 && take("0123456789abcdef") > 0 && name.empty();
+    }
+    if (name.size() < prefix.size() + suffix.size() || !name.starts_with(prefix) || !name.ends_with(suffix))
+        return false;
+    name.remove_prefix(prefix.size());
+    name.remove_suffix(suffix.size());
     return take("0123456789") > 0 && take("-") == 1 && take("0123456789") > 0 && take("-") == 1 &&
            take("0123456789abcdef") == 16 && name.empty();
 }
