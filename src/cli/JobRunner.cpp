@@ -31,6 +31,8 @@ constexpr std::string_view recordAwaited =
 
 constexpr std::string_view releasedCard =
     "Safe to eject: the card may go. Do not format it yet, its copies are still being verified.";
+constexpr std::string_view copiedCard = "Safe to eject: the card may go. Do not format it: its copies are not "
+                                        "verified. Only the clips are still worked on.";
 constexpr std::string_view provedCard =
     "Safe to eject and to format: the copies are verified. Only the clips are still worked on.";
 
@@ -112,7 +114,7 @@ private:
         if (!status.safeToEject || status.isFinished() || std::exchange(toldToGo_, true))
             return;
         console_.bell();
-        console_.log(status.safeToFormat ? provedCard : releasedCard);
+        console_.log(status.safeToFormat ? provedCard : status.verifyInProxy ? releasedCard : copiedCard);
     }
 
     const std::vector<std::string>& roots() {

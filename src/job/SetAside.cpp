@@ -85,8 +85,8 @@ struct Known {
 
 // All that lies below `folder`, by its path there: files and links, and folders that hold nothing or that stood in the
 // place of a file. An empty folder that leads to a file was made for one whose move a power cut took back.
-void collect(const std::string& folder, const std::string& below, const Known& known,
-             std::vector<std::string>& found, const std::function<void()>& stopNowAndThen) {
+void collect(const std::string& folder, const std::string& below, const Known& known, std::vector<std::string>& found,
+             const std::function<void()>& stopNowAndThen) {
     for (const IOEntry& entry : IO::list(folder)) {
         stopNowAndThen();
         const std::string path = below.empty() ? entry.name : below + "/" + entry.name;

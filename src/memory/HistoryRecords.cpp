@@ -152,7 +152,7 @@ HistoryStore::Change finished(const HistoryEntry* present, const std::string& id
     entry.verified = entry.success && verdict.verified;
     entry.safeToEject = verdict.safeToEject;
     entry.safeToFormat = verdict.safeToFormat;
-    entry.unfinished = false;
+    entry.unfinished = report.verifyPending.value_or(false); // whoever breaks off now is asked to finish it
     if (report.isRepair() && entry.verified)
         for (const auto& destination : report.destinations)
             entry = verified(entry, {destination.cardPath, destination.volumeSerial, report.finished, {}, {}});

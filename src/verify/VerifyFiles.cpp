@@ -36,7 +36,7 @@ DestFileResult resultOf(const OffloadReport::FileEntry& entry, std::size_t desti
 
 VerifyFiles::VerifyFiles(const OffloadReport& report, std::size_t destinations,
                          std::vector<std::vector<std::uint64_t>> blocks, std::int64_t blockSize)
-    : toVerify_(destinations), results_(destinations), verifiers_(destinations), cachedReads_(destinations),
+    : toVerify_(destinations), results_(destinations), verifiers_(destinations), throughCache_(destinations),
       verified_(destinations) {
     blocks.resize(report.files.size());
     for (std::size_t file = 0; file < report.files.size(); ++file) {
@@ -50,6 +50,8 @@ VerifyFiles::VerifyFiles(const OffloadReport& report, std::size_t destinations,
         }
     }
     for (auto& column : verifiers_)
+        column.resize(files_.size());
+    for (auto& column : throughCache_)
         column.resize(files_.size());
 }
 
@@ -81,7 +83,7 @@ void VerifyFiles::settle(std::size_t destination, std::size_t file, DestFileResu
     const MutexLock hold(lock_);
     if (isVoid())
         return;
-    cachedReads_[destination] += result.state == FileState::verified && throughCache ? 1 : 0;
+    throughCache_[destination][file] = result.state == FileState::verified && throughCache;
     results_[destination][file] = std::move(result);
 }
 
@@ -111,16 +113,23 @@ VerifyFiles::Results VerifyFiles::resultsSoFar() const {
     for (std::size_t d = 0; d < results.size(); ++d)
         for (std::size_t file = 0; file < files_.size(); ++file) {
             const auto& verifier = verifiers_[d][file];
-            if (results[d][file].state == FileState::written && verifier && verifier->lengthObserved() &&
-                verifier->finish() == BlockOutcome::verified())
-                results[d][file].state = FileState::verified;
+            FileState& state = results[d][file].state;
+            if (throughCache_[d][file] || (verifier && !verifier->unstableBlocks().empty())) {
+                if (state == FileState::verified)
+                    state = FileState::written;
+            } else if (state == FileState::written && verifier && verifier->lengthObserved() &&
+                       verifier->finish() == BlockOutcome::verified())
+                state = FileState::verified;
         }
     return results;
 }
 
 std::vector<std::int64_t> VerifyFiles::cachedReads() const {
     const MutexLock hold(lock_);
-    return cachedReads_;
+    std::vector<std::int64_t> counts;
+    for (const auto& column : throughCache_)
+        counts.push_back(std::ranges::count(column, true));
+    return counts;
 }
 
 void VerifyFiles::addVerified(std::size_t destination, std::int64_t bytes) {

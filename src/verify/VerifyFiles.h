@@ -52,7 +52,8 @@ public:
     void judgeAgain() EXCLUDES(lock_);
 
     Results results() const EXCLUDES(lock_);
-    // The same, with the files that are read to the last block but not settled yet.
+    // The same, with the files that are read to the last block but not settled yet, and without those of which the end
+    // has a doubt to tell, of the disk or of the way they were read: a run that goes on from here reads them again.
     Results resultsSoFar() const EXCLUDES(lock_);
     std::vector<std::int64_t> cachedReads() const EXCLUDES(lock_);
 
@@ -79,7 +80,7 @@ private:
     mutable Mutex lock_;
     Results results_ GUARDED_BY(lock_);
     std::vector<std::vector<std::shared_ptr<BlockVerifier>>> verifiers_ GUARDED_BY(lock_); // as the results
-    std::vector<std::int64_t> cachedReads_ GUARDED_BY(lock_);
+    std::vector<std::vector<bool>> throughCache_ GUARDED_BY(lock_);                        // as the results
     std::vector<std::int64_t> verified_ GUARDED_BY(lock_);
     std::vector<Tap> taps_ GUARDED_BY(lock_);
 };

@@ -212,6 +212,9 @@ class RideOnTheRender(Case):
                             path = f"{card}/{clip['proxyPath']}"
                             kept[path] = os.stat(path).st_ino
                 self.assertGreaterEqual(len(kept), 4)
+                told = subprocess.run([BIN + "/velmora", "inspect", self.card], capture_output=True, text=True,
+                                      env=self.env).stdout
+                self.assertIn("it can be finished", told)
                 into = [word for card in self.cards for word in ("--into", card)]
                 result, _, _ = self.watch(lambda *_: None, command=["append", self.card, *into])
                 self.assertEqual([result["safeToEject"], result["safeToFormat"]], [True, True])

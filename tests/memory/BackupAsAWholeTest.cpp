@@ -89,9 +89,13 @@ TEST_F(WholeBackup, TheHistoryKeepsTheVerdictAndWhatFailed) {
         EXPECT_EQ(change.entry.success, earlier != "failed") << earlier;
         EXPECT_EQ(change.entry.safeToEject, true);
         EXPECT_EQ(change.entry.safeToFormat, false);
+        EXPECT_FALSE(change.entry.unfinished);
         EXPECT_EQ(change.entry.generations.size(), 2U);
         EXPECT_EQ(change.entry.files, 2);
         ASSERT_TRUE(change.files);
+        OffloadReport pending = second;
+        pending.verifyPending = true;
+        EXPECT_TRUE(HistoryRecords::finished({}, "x", pending, whole.covered, {}, {}, whole, {}).entry.unfinished);
         // A repair reads every copy: what verifications found is over when all is verified, and only then.
         OffloadReport repair = second;
         repair.kind = "repair";

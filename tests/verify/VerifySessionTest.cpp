@@ -186,6 +186,26 @@ TEST_F(VerifySessionTest, AReadThatComesLateOverturnsWhatWasVerified) {
     EXPECT_THAT(files.results()[0][0].error.value_or(""), ::testing::StartsWith("HASH MISMATCH: block 1 dest "));
 }
 
+// A report that is written meanwhile may be all that is left of this run, and it has no notes.
+TEST_F(VerifySessionTest, WhatANoteWouldTellOfIsNotKeptAsProved) {
+    copyTo({temp / "a"}, {{"A.mov", 2}});
+    std::string bytes = content["A.mov"];
+    for (const auto& [throughCache, unstable] : {std::pair{false, false}, {true, false}, {false, true}}) {
+        VerifyFiles files(report, 1, inputs.blocks, block);
+        const auto verifier = files.verifier(0, 0);
+        verifier->observeLength(static_cast<std::int64_t>(bytes.size()));
+        bytes[0] ^= unstable ? 1 : 0;
+        verifier->feed(0, std::as_bytes(std::span(bytes)));
+        bytes = content["A.mov"];
+        verifier->feed(0, std::as_bytes(std::span(bytes)));
+        const FileState kept = throughCache || unstable ? FileState::written : FileState::verified;
+        EXPECT_EQ(files.resultsSoFar()[0][0].state, throughCache ? FileState::verified : kept);
+        files.settle(0, 0, {FileState::verified, {}}, throughCache, [] { return false; });
+        EXPECT_EQ(files.resultsSoFar()[0][0].state, kept);
+        EXPECT_EQ(files.results()[0][0].state, FileState::verified);
+    }
+}
+
 // Whoever reads what: a render whole or in part, the reading ahead of a RAW decoder, the background, the last reading.
 TEST_F(VerifySessionOnFaultyDisks, EachBlockIsReadFromItsDiskOnce) {
     FaultDisk first;
