@@ -149,6 +149,8 @@ void OffloadJob::run(const Log& log) {
         takeBackStart();
         endAs(Phase::failed, error.what());
     }
+    if (const auto session = this->session()) // a run that broke off has left it open
+        session->close();
     locks_.reset();
     awake_.reset();
 }

@@ -146,7 +146,7 @@ private:
     void finishVerification(OffloadReport report, Conclusion& conclusion, PauseGate::Worker& worker) EXCLUDES(mutex_);
     void leaveUnfinished(OffloadReport& report, const std::vector<std::string>& gone) EXCLUDES(mutex_);
     void workOnClips(OffloadReport& report, std::vector<ClipEntry> earlier, PauseGate::Worker& worker) EXCLUDES(mutex_);
-    void layReport(OffloadReport& report, bool create = false) EXCLUDES(mutex_);
+    bool layReport(OffloadReport& report, bool create = false) EXCLUDES(mutex_);
     void endRun() EXCLUDES(mutex_);
     std::shared_ptr<VerifySession> session() const EXCLUDES(mutex_);
     // The copies of this plan are verified by what the renders of its clips read.
@@ -179,7 +179,6 @@ private:
     mutable Mutex mutex_;
     JobStatus state_ GUARDED_BY(mutex_);
     std::shared_ptr<const OffloadReport> report_ GUARDED_BY(mutex_);
-    std::shared_ptr<VerifySession> session_ GUARDED_BY(mutex_);
     Log log_ GUARDED_BY(mutex_);
     const JobServices services_;
     std::unique_ptr<RepairWork> repair_;
@@ -200,6 +199,7 @@ private:
     bool compareCard_ = false;
     std::string compareCommand_;
     OffloadEngine engine_;
+    std::shared_ptr<VerifySession> session_ GUARDED_BY(mutex_); // goes before the engine, whose pauses it asks for
     std::optional<std::pair<SourceScan, std::string>> listing_; // and the identity of its card
 };
 

@@ -97,16 +97,14 @@ void OffloadJob::release(OffloadReport& report, const Conclusion& conclusion) {
     takeOverProved(report);
     for (const auto& destination : report.destinations)
         recorded_.push_back(destination.cardPath);
-    const std::size_t folders = recorded_.size();
-    std::vector<std::string> problems;
-    layReport(report, conclusion.create);
+    const bool stands = layReport(report, conclusion.create);
     Conclusion sofar = conclusion;
     const auto here = this->report();
     for (CardRecord& record : sofar.records)
         record.add(here);
     Promises::Evidence evidence = gather(sofar, here.get());
     evidence.pending = true;
-    if (recorded_.size() < folders)
+    if (!stands)
         evidence.problems.emplace_back("The report could not be written on every disk.");
     addLastLook(evidence);
     const Promises::Verdict verdict = Promises::judge(evidence);
@@ -302,13 +300,14 @@ void OffloadJob::leaveUnfinished(OffloadReport& report, const std::vector<std::s
     state_.addWarning(*outcome.warning());
 }
 
-// A folder without the records of this run may have those of another one.
-void OffloadJob::layReport(OffloadReport& report, bool create) {
+// A folder without the records of this run may have those of another one. Whether the report stands on every disk.
+bool OffloadJob::layReport(OffloadReport& report, bool create) {
     if (const auto session = this->session(); session && report.verifyPending.value_or(false)) {
         session->record(session->soFar(), report);
         report.countFiles();
     }
     const ReportWriter::Pages pages(report);
+    bool stands = true;
     std::erase_if(recorded_, [&](const std::string& cardPath) {
         try {
             engine_.held()->check(cardPath);
@@ -317,11 +316,13 @@ void OffloadJob::layReport(OffloadReport& report, bool create) {
         } catch (const std::exception& error) {
             log(cardPath + ": " + error.what());
             addWarning(Msg::reportNotWritten(error.what()));
+            stands = false;
             return create;
         }
     });
     MutexLock lock(mutex_);
     report_ = std::make_shared<const OffloadReport>(report);
+    return stands;
 }
 
 } // namespace velmora

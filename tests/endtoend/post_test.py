@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """`velmora copy` with proxies, over real clips: what lies on the disks, what the reports tell, what is promised."""
 
+import errno
 import json
 import os
 import shutil
@@ -10,7 +11,7 @@ import tempfile
 import unittest
 
 import camera_files
-from disks import BIN
+from disks import BIN, FaultDisk, possible
 
 DATE = "2026-03-14"
 DEFECT = "1 clip has a content defect — check it before formatting (the copy matches the card)."
@@ -228,6 +229,21 @@ class RideOnTheRender(Case):
                 self.verify()
                 for root in self.roots:
                     shutil.rmtree(f"{root}/{DATE}")
+
+    @unittest.skipUnless(possible(), "needs root, /dev/fuse and loop devices")
+    def test_the_card_may_not_leave_before_the_report_stands_on_every_disk(self):
+        for number in range(3):
+            self.clip(f"C{number}.MOV", 2)
+        with FaultDisk() as disk:
+            self.roots[1] = disk.root
+            self.cards[1] = f"{disk.root}/{DATE}/A"
+            self.watch(lambda line, process: line.get("proxiesDone", 0) >= 1 and process.kill(), status=-signal.SIGKILL)
+            disk.strike("fail", errno.EIO, "rename", pattern="*/_REPORT/.velmora-*")
+            into = [word for card in self.cards for word in ("--into", card)]
+            result, stream, _ = self.watch(lambda *_: None, command=["append", self.card, *into])
+            self.assertEqual(disk.ask("hits"), "1")
+            self.assertFalse(any(line["safeToEject"] for line in stream if line["phase"] == "proxies"))
+            self.assertTrue(result["safeToFormat"])
 
 
 if __name__ == "__main__":
