@@ -129,7 +129,7 @@ void JobProgress::updateVerifyRates(const JobStatus& status, double now) {
 
 void JobProgress::followStage2(double now) {
     if (!stage2Began_ && isPostStage(status_.phase))
-        stage2Began_ = Stage2{now, status_.pausedTotal};
+        stage2Began_ = Stage2{now, status_.pausedTotal, status_.verifyDoneByDest};
     if (stage2Began_ && status_.isFinished() && !stage2Elapsed_)
         stage2Elapsed_ = now - stage2Began_->began - (status_.pausedTotal - stage2Began_->pausedBefore);
 }
@@ -199,21 +199,27 @@ std::vector<std::optional<double>> JobProgress::destEtas() const {
     return etas;
 }
 
+// By what the stage has brought since it began: a disk is proved in bursts, as the renderer asks for its blocks, so its
+// present rate says little.
 std::optional<double> JobProgress::postEta(double now) const {
-    std::optional<double> verifying;
-    const std::size_t disks = std::min(status_.verifyTotalByDest.size(), verifyRates_.size());
-    for (std::size_t i = 0; i < disks && i < status_.verifyDoneByDest.size(); ++i)
-        verifying = later(
-            verifying, Work{status_.verifyDoneByDest[i], status_.verifyTotalByDest[i], verifyRates_[i]}.secondsLeft());
-    if (status_.phase == Phase::finishingVerification || status_.clipCount < 1 || !stage2Began_)
-        return verifying;
-    // Clips differ in length, so their number is a rough measure; it gets better as the stage goes on.
+    if (!stage2Began_)
+        return std::nullopt;
     const double elapsed = now - stage2Began_->began - (status_.pausedTotal - stage2Began_->pausedBefore);
+    const std::vector<std::int64_t>& before = stage2Began_->verified;
+    const std::vector<std::int64_t>& done = status_.verifyDoneByDest;
+    const std::vector<std::int64_t>& total = status_.verifyTotalByDest;
+    std::optional<double> left;
+    for (std::size_t i = 0; i < std::min({before.size(), done.size(), total.size()}) && elapsed > 0; ++i)
+        left = later(left, Work{done[i], total[i], static_cast<double>(done[i] - before[i]) / elapsed}.secondsLeft());
+    // Clips differ in length, so their number is a rough measure; it gets better as the stage goes on.
     const double clips = static_cast<double>(std::max<std::int64_t>(0, status_.clipIndex - 1)) + status_.clipFraction;
-    const double share = std::clamp(clips / static_cast<double>(status_.clipCount), 0.0, 1.0);
-    if (share <= 0 || elapsed <= 0)
-        return verifying;
-    return std::max(verifying.value_or(0), elapsed * (1 - share) / share);
+    const double share = clips / static_cast<double>(std::max<std::int64_t>(1, status_.clipCount));
+    // An analysis that renders follow tells nothing of their time.
+    const bool showsClips =
+        status_.phase == Phase::proxies || (status_.phase == Phase::analyzing && !status_.verifyInProxy);
+    if (showsClips && share > 0 && elapsed > 0)
+        left = later(left, elapsed * (1 - std::min(share, 1.0)) / share);
+    return left;
 }
 
 std::string JobProgress::detailText() const {

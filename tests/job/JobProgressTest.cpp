@@ -115,6 +115,8 @@ TEST(JobProgress, CountsThePostStageWithoutItsPauses) {
     status.pausedTotal = 7;
     status.clipIndex = 1;
     status.clipCount = 4;
+    status.verifyTotalByDest = {0, 1000 * MB};
+    status.verifyDoneByDest = {0, 200 * MB};
     progress.update(status, 100);
     EXPECT_EQ(progress.eta(), std::nullopt);
     status.phase = Phase::proxies;
@@ -123,16 +125,14 @@ TEST(JobProgress, CountsThePostStageWithoutItsPauses) {
     progress.update(status, 150); // 30 s of work for one clip of four
     EXPECT_NEAR(progress.eta().value(), 90, 1e-6);
     EXPECT_EQ(progress.detailText(), "Proxy 2/4 · 1:30 left");
-    status.verifyTotalByDest = {0, 1000 * MB};
-    status.verifyDoneByDest = {0, 0};
     progress.updateVerifyRates(status, 150);
-    status.verifyDoneByDest = {0, 10 * MB};
+    status.verifyDoneByDest = {0, 210 * MB};
     progress.updateVerifyRates(status, 150.1);
     EXPECT_EQ(progress.verifyRates()[1], 0) << "too soon to tell";
     progress.updateVerifyRates(status, 152);
     EXPECT_NEAR(progress.verifyRates()[1], 2e6, 1);
-    progress.update(status, 152);
-    EXPECT_NEAR(progress.eta().value(), 495, 1e-6) << "the verification beside the render takes longer";
+    progress.update(status, 152); // 10 MB in 32 s
+    EXPECT_NEAR(progress.eta().value(), 790 * 3.2, 1e-6) << "the verification beside the render takes longer";
     EXPECT_EQ(progress.stage2Elapsed(), std::nullopt);
     status.phase = Phase::done;
     progress.update(status, 200);
