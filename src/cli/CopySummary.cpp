@@ -67,7 +67,10 @@ void Page::addAll(const JobStatus& status, const OffloadReport& report) {
             bad ? Tone::bad : Tone::plain);
     }
     std::string times = "  " + speed("copied in", report.copySeconds(), report.totalBytes);
-    if (report.verified)
+    const auto rode = [](const auto& destination) { return destination.verifyMethod == "verify-in-proxy"; };
+    if (report.verified && std::ranges::any_of(report.destinations, rode))
+        times += fmt::format(", verified while the proxies were made, in {:.1f} s", report.verifySeconds());
+    else if (report.verified)
         times += ", " + speed("read back in", report.verifySeconds(), report.totalBytes);
     else
         times += ", not verified";
