@@ -117,8 +117,8 @@ void OffloadJob::release(OffloadReport& report, const Conclusion& conclusion) {
     tell(verdict.safeToEject ? Promises::Verdict{true, false, false, {}} : verdict, remedyOf(evidence, here.get()));
 }
 
-// What the run that this one finishes has read back is not read again, where the copy looks as it did then. Not where
-// somebody has found a copy of these folders bad since.
+// What the run that this one finishes has read back is not read again, where the copy looks as it did then, and nobody
+// has written to it since. Not where somebody has found a copy of these folders bad since.
 void OffloadJob::takeOverProved(OffloadReport& report) const {
     if (!interrupted_ || !known_.failedVerifications.empty() || !known_.gaps.empty())
         return;
@@ -142,7 +142,9 @@ void OffloadJob::takeOverProved(OffloadReport& report) const {
                 continue;
             try {
                 const FileFacts there = IO::stat(destination.cardPath + "/" + file.path);
-                if (there.isFile && there.size == file.size && FileTimes::close(there.modified, file.modified, local))
+                const bool isUntouched = there.changed <= interrupted_->copyFinished;
+                if (isUntouched && there.isFile && there.size == file.size &&
+                    FileTimes::close(there.modified, file.modified, local))
                     file.destinations[d] = "verified";
             } catch (const IOError&) {
                 // The verification will tell.

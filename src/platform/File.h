@@ -43,6 +43,7 @@ enum class CacheMode {
 struct FileFacts {
     std::int64_t size = 0;
     Timestamp modified;
+    Timestamp changed; // by the system, at any change of the file; nobody can set it
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
     bool isFile = false;

@@ -11,7 +11,7 @@ import tempfile
 import unittest
 
 import camera_files
-from disks import BIN, FaultDisk, possible
+from disks import BIN, FaultDisk, flip, possible
 
 DATE = "2026-03-14"
 DEFECT = "1 clip has a content defect — check it before formatting (the copy matches the card)."
@@ -229,6 +229,16 @@ class RideOnTheRender(Case):
                 self.verify()
                 for root in self.roots:
                     shutil.rmtree(f"{root}/{DATE}")
+
+    def test_what_was_written_to_since_it_was_proved_is_read_again(self):
+        for number in range(3):
+            self.clip(f"C{number}.MOV", 2)
+        self.watch(lambda line, process: line.get("proxiesDone", 0) >= 1 and process.kill(), status=-signal.SIGKILL)
+        self.assertEqual(self.states(self.cards[0], 0)["C0.MOV"], "verified")
+        flip(self.cards[0] + "/C0.MOV", 100_000)  # its size and time stay
+        into = [word for card in self.cards for word in ("--into", card)]
+        result, _, _ = self.watch(lambda *_: None, command=["append", self.card, *into], status=1)
+        self.assertEqual([result["safeToFormat"], result["failedFiles"][0]["path"]], [False, "C0.MOV"])
 
     @unittest.skipUnless(possible(), "needs root, /dev/fuse and loop devices")
     def test_the_card_may_not_leave_before_the_report_stands_on_every_disk(self):

@@ -57,6 +57,7 @@ FileFacts factsOf(const struct stat& info) noexcept {
     FileFacts facts;
     facts.size = info.st_size;
     facts.modified = {info.st_mtim.tv_sec, static_cast<std::int32_t>(info.st_mtim.tv_nsec)};
+    facts.changed = {info.st_ctim.tv_sec, static_cast<std::int32_t>(info.st_ctim.tv_nsec)};
     facts.device = info.st_dev;
     facts.inode = info.st_ino;
     facts.isFile = S_ISREG(info.st_mode);
