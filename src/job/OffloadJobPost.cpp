@@ -142,7 +142,8 @@ void OffloadJob::takeOverProved(OffloadReport& report) const {
                 continue;
             try {
                 const FileFacts there = IO::stat(destination.cardPath + "/" + file.path);
-                const bool isUntouched = there.changed <= interrupted_->copyFinished;
+                const bool isUntouched =
+                    there.changed.seconds <= interrupted_->copyFinished.seconds; // all that is kept
                 if (isUntouched && there.isFile && there.size == file.size &&
                     FileTimes::close(there.modified, file.modified, local))
                     file.destinations[d] = "verified";

@@ -217,8 +217,10 @@ class RideOnTheRender(Case):
                                       env=self.env).stdout
                 self.assertIn("it can be finished", told)
                 into = [word for card in self.cards for word in ("--into", card)]
-                result, _, _ = self.watch(lambda *_: None, command=["append", self.card, *into])
+                result, stream, _ = self.watch(lambda *_: None, command=["append", self.card, *into])
                 self.assertEqual([result["safeToEject"], result["safeToFormat"]], [True, True])
+                whole = sum(os.path.getsize(f"{self.card}/C{number}.MOV") for number in range(4))
+                self.assertLess(stream[-1]["verifyTotalByDest"][0], whole)
                 self.assertEqual({path: os.stat(path).st_ino for path in kept}, kept)
                 for card in self.cards:
                     report = self.report(card)
