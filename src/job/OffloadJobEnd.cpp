@@ -327,7 +327,8 @@ void OffloadJob::tell(const Promises::Verdict& verdict, Remedy remedy) {
     for (const std::string& reason : verdict.reasons)
         addWarning(reason);
     MutexLock lock(mutex_);
-    state_.safeToEject = state_.safeToEject || verdict.safeToEject; // what was said stays said
+    // What was said stays said, unless the copies turned out bad since: then the card is the only good one.
+    state_.safeToEject = verdict.safeToEject || (state_.safeToEject && !needsCard(remedy));
     state_.safeToFormat = verdict.safeToFormat;
     state_.remedy = remedy;
 }

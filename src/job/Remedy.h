@@ -11,4 +11,9 @@ struct OffloadReport;
 // it made none. Only of use where a promise is denied.
 Remedy remedyOf(const Promises::Evidence& evidence, const OffloadReport* report);
 
+// Copies turned out bad: whatever was said of the card before, its files are needed again.
+constexpr bool needsCard(Remedy remedy) noexcept {
+    return remedy == Remedy::repair || remedy == Remedy::copyAgain || remedy == Remedy::otherDisk;
+}
+
 } // namespace velmora

@@ -27,6 +27,7 @@ SOAK = os.environ.get("VELMORA_SOAK") == "1"
 SEED = int(os.environ.get("VELMORA_SEED", random.randrange(1 << 30) if SOAK else 1))
 ROUNDS = int(os.environ.get("VELMORA_ROUNDS", 250 if SOAK else 9))
 SECONDS = float(os.environ.get("VELMORA_CRASH_SECONDS", 1200 if SOAK else 15))  # for the renames of records
+LEAST = 12  # of them, however slow the machine is
 DATE, CARD = "2026-03-14", "A001"
 # The refusals after a death at the very beginning: a folder was never made, or all are empty and none names the others.
 # The card is copied anew.
@@ -384,7 +385,7 @@ class Records(Backup):
         self.random.shuffle(rows)
         end, played = time.monotonic() + SECONDS, 0
         for kind, verdict, at, peace in rows:
-            if time.monotonic() > end:
+            if time.monotonic() > end and played >= LEAST:
                 break
             played += 1
             with self.subTest(kind=kind, verdict=verdict, rename=at):
@@ -396,7 +397,6 @@ class Records(Backup):
                 self.assertEqual(self.told(self.cards[0]), self.told(self.cards[1]))
                 self.assertEqual(self.run_velmora("verify", *self.cards), 0, self.output)
         print(f"{played} of {len(rows)} renames")
-        self.assertGreater(played, 10)
 
 
 if __name__ == "__main__":

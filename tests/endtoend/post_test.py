@@ -191,7 +191,7 @@ class RideOnTheRender(Case):
                     os.fsync(file.fileno())
 
         result, _, _ = self.watch(act, status=1)
-        self.assertEqual([result["safeToEject"], result["safeToFormat"]], [True, False])
+        self.assertEqual([result["safeToEject"], result["safeToFormat"]], [False, False], "the card is needed again")
         self.assertEqual([file["path"] for file in result["failedFiles"]], ["C2.MOV"])
         self.assertEqual(result["failedFiles"][0]["destinations"], ["failed", "verified"])
         self.assertEqual(self.states(self.cards[1], 0)["C2.MOV"], "failed")
