@@ -77,9 +77,9 @@ std::string probed(const RawBackend& backend, const Maker& maker, const IsCancel
 }
 
 TEST(RawBackends, ReadClipsAsTheToolsTellOfThemAndSayHowAToolHasFailed) {
-    const BRAWBackend braw(0.5);
-    const R3DBackend red({0.5, 0.5});
-    const ARRIRAWBackend arri({0.5, 0.5});
+    const BRAWBackend braw(30), hastyBraw(0.5);
+    const R3DBackend red({30, 30}), hastyRed({0.5, 0.5});
+    const ARRIRAWBackend arri({30, 30}), hastyArri({0.5, 0.5});
     const auto replaced = [](std::string text, const std::string& what, const std::string& with) {
         return text.replace(text.find(what), what.size(), with);
     };
@@ -99,7 +99,7 @@ TEST(RawBackends, ReadClipsAsTheToolsTellOfThemAndSayHowAToolHasFailed) {
         {braw, answer(replaced(brawJson, "4096", "1e99")), "unreadable metadata: the value of \"sourceWidth\""},
         {braw, answer(replaced(brawJson, "23.976", "0")), "unreadable metadata: the value of \"fps\""},
         {braw, answer(std::string(40, '[')), "unreadable metadata"},
-        {braw, "sleep 9", "no response within 0 s — stopped"},
+        {hastyBraw, "sleep 9", "no response within 0 s — stopped"},
         {braw, flood, "more output than expected — stopped"},
         {braw, "echo 'library /x/api.so: wrong version' >&2; exit 3", "Blackmagic RAW: cannot use the library /"},
         {braw, "echo 'cannot open /my library/A.braw' >&2; exit 1",
@@ -113,7 +113,7 @@ TEST(RawBackends, ReadClipsAsTheToolsTellOfThemAndSayHowAToolHasFailed) {
          " 25 10 0.40s - A cap - - 0ch"},
         {red, "echo hello", "unreadable metadata"},
         {red, "echo no licence >&2; exit 2", "no licence\n"},
-        {red, "sleep 9", "no response within 0 s — stopped"},
+        {hastyRed, "sleep 9", "no response within 0 s — stopped"},
         {red, flood, "more output than expected — stopped"},
         {arri, into(arriJson), "4608×3164 24000/1001 20 0.83s 09:08:07:06 ALEXA 35 cap 48 LogC4 6ch"},
         {arri, into(R"({"displayRect":{"width":"100","height":50},"clipDuration":1e40,"squeeze":1e9,"cameraModel":7})"),
@@ -125,7 +125,7 @@ TEST(RawBackends, ReadClipsAsTheToolsTellOfThemAndSayHowAToolHasFailed) {
         {arri, "yes > \"$out\"", "more output than expected — stopped"},
         {arri, "echo '[12:00] [info] hello'; echo '[12:01] [error] no such clip' >&2; exit 5", "no such clip"},
         {arri, "echo usage; exit 64", "usage\n"},
-        {arri, flood, "no response within 0 s — stopped"},
+        {hastyArri, flood, "no response within 0 s — stopped"},
     };
     for (const auto& [backend, script, expected] : cases) {
         const Maker maker(script);
