@@ -23,6 +23,7 @@ import tempfile
 
 import backups
 import pictures
+import render_proof
 from measure import MIB, Cost, forget, make_files, run, settle
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -60,7 +61,7 @@ class Bench:
 
     def require_good(self, result):
         """A run counts when all of its files are good, and nothing but the one disk took the promise from it."""
-        told = [text for text in result["warnings"] if not text.startswith("Every copy is on the card's own volume")]
+        told = [text for text in result.get("warnings", []) if not text.startswith("Every copy is on the card's own volume")]
         if told or result["failedFiles"] or not result["verified"]:
             sys.exit(f"bench: a copy is not good: {told} {result['failedFiles']}")
 
@@ -183,7 +184,7 @@ def main():
     parser = argparse.ArgumentParser(description="Velmora against ordinary tools.")
     parser.add_argument("--quick", action="store_true", help="small amounts, one round: shows that it works, proves nothing")
     parser.add_argument("--rounds", type=int, default=0, help="rounds of each comparison (5)")
-    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, readback, inspect, verify, plan, clips, proxies")
+    parser.add_argument("--only", default="", help="names of benchmarks, with commas: large, small, many, allocations, readback, inspect, verify, plan, clips, proxies, proof")
     parser.add_argument("--work", default=os.path.join(ROOT, "build"), help="folder on the disk to measure")
     options = parser.parse_args()
     options.long_rounds = 1 if options.quick else 2
@@ -198,7 +199,8 @@ def main():
         parts = {"large": bench.large_files, "small": bench.small_files, "many": bench.many_files,
                  "allocations": bench.allocations, "readback": bench.read_back, "inspect": lambda: backups.inspect(bench),
                  "verify": lambda: backups.verify(bench), "plan": lambda: backups.plan(bench),
-                 "clips": lambda: pictures.clips(bench), "proxies": lambda: pictures.proxies(bench)}
+                 "clips": lambda: pictures.clips(bench), "proxies": lambda: pictures.proxies(bench),
+                 "proof": lambda: render_proof.proof(bench, VELMORA)}
         for name in options.only.split(",") if options.only else parts:
             bench.progress(f"{name} …")
             parts[name]()
