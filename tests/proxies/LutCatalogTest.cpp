@@ -68,7 +68,6 @@ TEST(LutCatalog, ReadsWhatIsThereAndDropsTheRest) {
     TempFolder temp;
     const std::string rest = R"("name":"N","maker":"M","curve":"C","gamut":"G"})";
     FileTree::write(temp / "a.cube", cube(2, 8));
-    FileTree::write(temp.path() + "-outside.cube", cube(2, 8));
     FileTree::write(temp / "luts.json",
                     R"([{"id":"a","file":"a.cube",)" + rest + R"(,{"id":"gone","file":"gone.cube",)" + rest +
                         R"(,{"id":"a","file":"b.cube",)" + rest + R"(,{"id":"../up","file":"a.cube",)" + rest +
