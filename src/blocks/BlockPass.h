@@ -18,7 +18,7 @@ struct BlockManifest;
 // whole pages around it.
 namespace BlockPass {
 
-// What one block needs, window included. Throws IOError("read", path, EFBIG) for a block that nobody writes.
+// Buffer size for one block and its window. Throws IOError("read", path, EFBIG) above `BlockReads::maxBlock`.
 std::size_t bufferBytes(std::int64_t blockSize, std::int64_t fileSize, const std::string& path);
 
 // Reads up to `length` bytes at `offset`; fewer at the end of the file.

@@ -12,11 +12,11 @@
 
 namespace velmora {
 
-// A defect shows on several disks: did it arise on the card, in its reader or while writing? The card is read again,
-// and these are the words for the answer. There are also words for a block that was read twice with two results.
+// The words about a defect that shows on several disks. Did it arise on the card, in its reader or while writing? The
+// card is read again to find out. There are also words for a block that gave two results in two reads.
 namespace CardVerdict {
 
-// At most so many blocks of a file are described, and at most so often is the card read for it.
+// Limits the blocks of one file that are described, and so the reads of the card for it.
 inline constexpr std::size_t maxBlocksPerFile = 3;
 
 // `card` is what the card gives now, absent when it could not be read; `disks` are the hashes that the disks gave.

@@ -14,7 +14,7 @@
 namespace velmora {
 
 // The durable memory of a card folder: `_REPORT/offload-manifest.jsonl`, one JSON object a line, only ever appended to.
-// What is promised on disk stands beside the code.
+// ManifestFile.cpp begins with what is on the disk after `append`, after its failure and after a power cut.
 namespace ManifestFile {
 
 inline constexpr std::string_view fileName = "offload-manifest.jsonl";

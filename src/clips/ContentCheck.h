@@ -15,7 +15,7 @@ namespace velmora {
 // Listens while ffmpeg decodes a clip, and judges the clip by what was heard. Only the first defect counts: what comes
 // after it is mostly its echo. Lines arrive from reader threads; every function may be called on any thread.
 //
-// docs/content-check.md shows what it finds of clips that were damaged on purpose, and that it accuses no sound ones.
+// docs/content-check.md shows which damage it finds in clips, and that it reports none in sound clips.
 class ContentCheck {
 public:
     void errorLine(std::string_view line);    // a line of ffmpeg's error output

@@ -15,7 +15,7 @@ namespace velmora {
 // cannot be read stays empty. Pure functions, any thread.
 namespace FFProbe {
 
-// For the whole of a file whose path is absolute: one that begins with "-" or "concat:" is then nothing but a name.
+// The arguments to read all about one file. Its path is absolute, so that a name like "-x" or "concat:" is only a name.
 std::vector<std::string> arguments(const std::string& path);
 
 // Throws ToolError when the document is no object, FormatError when it is no JSON. `now` bounds the date of recording.
@@ -23,7 +23,7 @@ ClipInfo parse(std::string_view output, Timestamp now);
 
 // "ARRI ALEXA Mini" of "ARRI" and "ALEXA Mini", and of "ARRI" and "ARRI ALEXA Mini" as well.
 std::optional<std::string> camera(const std::optional<std::string>& make, const std::optional<std::string>& model);
-// The first tag of a tape's name that holds one; the case of the tags does not count.
+// The first tag that holds the name of a tape; the case of the tags does not count.
 std::optional<std::string> reel(const nlohmann::json& tags);
 // A time as cameras write it, UTC where no zone is stated.
 std::optional<Timestamp> recordedDate(std::string_view text);

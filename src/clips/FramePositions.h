@@ -15,16 +15,16 @@ struct FramePosition {
     bool operator==(const FramePosition&) const = default;
 };
 
-// A clip's three pictures tell it from the others of its card: one near the start, behind the slate and the hand on the
-// camera; the middle; and one near the end, in front of what is filmed while the button is searched. A tenth of the
-// clip each. The last one is counted from the end, and half a second earlier: there a file's own count of its frames is
-// least to be trusted, and a seek behind the last frame gives none. Fewer where there are fewer frames; only the first
-// frame where the length is not known.
+// Three pictures tell a clip from the others of its card. One near the start, after the slate and the hand on the
+// camera; one in the middle; one near the end, before what is filmed while somebody searches the button. Near means a
+// tenth of the clip. The last one is counted from the end, and half a second earlier: there a file's own count of its
+// frames is least to be trusted, and a seek behind the last frame gives none. Fewer where there are fewer frames; only
+// the first frame where the length is not known.
 namespace FramePositions {
 
 std::vector<FramePosition> of(const ClipInfo& info);
 
-// Where to seek to so that the next frame is the one of that position. Within the clip.
+// Where to seek so that the next frame is the wanted one. Always within the clip.
 double seekSeconds(const FramePosition& position, const ClipInfo& info);
 
 } // namespace FramePositions

@@ -7,7 +7,7 @@
 namespace velmora {
 
 // The sidecar that Sony cameras write beside a clip: XM01.XML beside X.MXF or X.MP4. A sidecar that is missing, too
-// long or no XML says nothing; what stood in front of a fault in it counts. Nothing here throws.
+// long or no XML tells nothing; if its XML is broken, what stands before the fault counts. Nothing here throws.
 namespace SonyXML {
 
 struct Picture {

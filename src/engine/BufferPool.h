@@ -24,15 +24,15 @@ public:
     std::span<const std::byte> bytes() const noexcept { return memory_.first(length_); }
     std::int64_t offset() const noexcept { return offset_; } // in the file
 
-    // The reader: what was read, and how many consumers it goes to.
+    // Both are for the reader: `set` says what it has read, `share` how many consumers get it.
     void set(std::int64_t offset, std::size_t length) noexcept {
         offset_ = offset;
         length_ = length;
     }
     void share(int consumers) noexcept { pending_.store(consumers, std::memory_order_release); }
-    // One consumer is done with it; any thread.
+    // One consumer needs the chunk no longer. Any thread may call this.
     void release() noexcept;
-    // A consumer's hold, given up on every way out: a buffer that never comes back would stop the reader for good.
+    // Gives a consumer's chunk back on every way out: one that never came back would stop the reader for good.
     class Hold {
     public:
         explicit Hold(Chunk* chunk) noexcept : chunk_(chunk) {}
@@ -59,10 +59,10 @@ private:
 };
 
 // Page-aligned buffers, all allocated at the start; nothing is allocated while data moves. `take` blocks while all are
-// in use: the copy's only back-pressure, so that a slow disk slows the reader instead of growing memory.
+// in use. Nothing else slows the reader down: a slow disk makes it wait instead of making memory grow.
 //
-// Small files share a buffer: a thousand of them can be under way to the disks where one buffer for each would let
-// the reader run ahead by sixteen. One thread takes, any thread releases.
+// Small files share a buffer: if each had one of its own, the reader could be only sixteen files ahead of the disks;
+// this way it can be a thousand ahead. One thread takes, any thread releases.
 class BufferPool {
 public:
     BufferPool(std::size_t bufferBytes, std::size_t count);
@@ -91,7 +91,7 @@ private:
 
     const std::size_t bufferBytes_;
     std::vector<std::unique_ptr<Buffer>> all_;
-    Buffer* open_ = nullptr; // the taker's: being filled with slices
+    Buffer* open_ = nullptr; // is being filled with slices; used by the thread that takes
 
     Mutex mutex_;
     Condition available_;

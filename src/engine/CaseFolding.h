@@ -16,9 +16,9 @@ struct SourceFile;
 // and every later one is failed, with `error`, so that the card is not safe to format. The disk itself decides, by the
 // rename that never replaces: no list of keys can know every rule of every file system.
 //
-// Records make no difference of case when they look a path up (manifest lines, merged reports, the MHL history):
-// whoever looks up one of these files must compare the record's path byte by byte, and without an exact match take the
-// file for unrecorded. Copying it once too often is harmless, taking another file's record for it is not.
+// Records are looked up without regard to case (manifest lines, merged reports, the MHL history). Whoever looks up one
+// of these files must compare the record's path byte by byte, and treat the file as unrecorded unless it is the same.
+// Copying a file once too often is harmless; taking another file's record for it is not.
 namespace CaseFolding {
 
 struct Collision {
@@ -26,10 +26,10 @@ struct Collision {
     std::size_t first; // the earlier file whose name it shares
 };
 
-// In ascending order of `file`. Holds no copy of the keys, so that 100,000 files cost a few MB for a moment.
+// In ascending order of `file`. Keeps hashes of the keys, not the keys: 100,000 files cost a few MB for a moment.
 std::vector<Collision> collisions(const std::vector<SourceFile>& files);
 
-// What is said of the later file where the disk took both names for one.
+// The error of the later file, where the disk takes both names for one.
 std::string error(std::string_view firstPath);
 
 } // namespace CaseFolding

@@ -33,7 +33,7 @@ public:
     ~CopyRun();
 
     OffloadReport run();
-    // Any thread; adds what only the run knows.
+    // Adds to the snapshot what only the run knows. Any thread may call this.
     void describe(ProgressSnapshot& snapshot) const;
 
 private:
@@ -41,7 +41,7 @@ private:
     struct Task {
         std::size_t file = 0;
         std::vector<DestWriter*> targets; // write it
-        std::vector<DestWriter*> holders; // have it already, says the plan
+        std::vector<DestWriter*> holders; // have it already, according to the plan
         const ManifestRecord* known = nullptr;
     };
 
@@ -85,25 +85,25 @@ private:
 
     Task task_; // reused, so that a file costs no allocation
     std::map<std::size_t, std::string> sourceErrors_;
-    std::size_t endedAt_; // from this file on none was copied, for this reason
+    std::size_t endedAt_; // no file from this one on was copied; `endReason_` says why
     std::string endReason_;
     std::int64_t blocksRead_ = 0;
-    std::int64_t waitedNanos_ = 0;  // for buffers
-    std::int64_t readingNanos_ = 0; // the source
+    std::int64_t waitedNanos_ = 0;  // that the reader waited for buffers
+    std::int64_t readingNanos_ = 0; // that the reader spent on the source
     Timestamp started_;
     Timestamp copyFinished_;
-    double pausedBefore_ = 0; // while a repair looked at the copies, for example
+    double pausedBefore_ = 0; // pauses before this run, while a repair read the copies for example
     double copyPaused_ = 0;
     double verifyPaused_ = 0;
 
     std::int64_t totalBytes_;
-    Counter settledBytes_;         // need no reading: known, taken over from part files, or not to be had
+    Counter settledBytes_;         // to be read no more: known, taken over from part files, or unreadable
     std::vector<Counter> toWrite_; // per destination
-    std::int64_t readOfFile_ = 0;  // of the file in work; what was taken over counts as read and handed on
+    std::int64_t readOfFile_ = 0;  // of the current file; what part files gave counts as read and handed on
     std::int64_t handedOn_ = 0;
     Counter readBytes_;
     Counter checkedBytes_;
-    Counter uncheckedBytes_;          // part files that did not fit
+    Counter uncheckedBytes_;          // of part files that turned out not to match
     const std::int64_t bytesToCheck_; // of part files
     Counter sourceFailures_;
     std::atomic<std::size_t> fileIndex_{0};

@@ -12,8 +12,8 @@ struct CopyTimes {
         double writing = 0;       // in calls that write
         std::int64_t written = 0; // bytes
         double idle = 0;          // its queue had nothing to do …
-        // … although the source could have been read: it was waiting for a buffer, for the hasher or for a processor,
-        // not for the card. This is what a better engine could win.
+        // … while the reader could have read the source, but waited for a buffer, the hasher or a processor instead of
+        // the card. A better engine could win this time back.
         double idleNeedlessly = 0;
     };
 
@@ -23,7 +23,7 @@ struct CopyTimes {
     double waitingForBuffers = 0;
     std::vector<Destination> destinations;
 
-    // The destination that was written to for the longest time; everything else should wait for it or for the card.
+    // The destination that took the most time in writing. All others should wait for it, or for the card.
     std::size_t slowest() const noexcept {
         std::size_t at = 0;
         for (std::size_t d = 1; d < destinations.size(); ++d)
@@ -31,7 +31,7 @@ struct CopyTimes {
                 at = d;
         return at;
     }
-    // Share of the wall time in which the slowest destination stood idle needlessly.
+    // Share of the wall time in which the slowest destination was needlessly idle.
     double idleShare() const noexcept {
         return destinations.empty() || wall <= 0 ? 0 : destinations[slowest()].idleNeedlessly / wall;
     }

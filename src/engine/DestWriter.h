@@ -37,8 +37,8 @@ struct NameClashes {
     bool flushFile = false; // the card, or the backup, has a file ".offload-flush" at its top
 };
 
-// Writes one destination. The reader's calls queue their work on "offload.dest{n}" and return at once; everything else
-// happens there, one thing after another, so a slow disk holds up nobody until the buffers run out.
+// Writes one destination. The reader's calls queue their work on "offload.dest{n}" and return at once. That queue does
+// everything else, one step after another. So a slow disk holds up nobody until the buffers run out.
 //
 // A file is written under its part name and gets its final name when it is complete. What a power cut leaves:
 //   - before the rename: the part file, and "part" lines for the blocks that a checkpoint has flushed;
@@ -49,14 +49,14 @@ struct NameClashes {
 // `waitingBytes`), so that a crash in the last minute does not cost a whole long card. Files whose flush failed stay
 // written and get no line. The read-back tells what of them is on the disk.
 //
-// After an error the file is lost on this destination and the next one starts afresh.
+// After an error this destination does without the file, and the next file starts afresh.
 class DestWriter {
 public:
     struct Settings {
         std::size_t index = 0;
         std::string cardPath;
         std::string topFolder;             // see DeviceFlush
-        const HeldFolders* held = nullptr; // with the card folder among them; none: nobody watches over it
+        const HeldFolders* held = nullptr; // the card folder is one of them; null: it is not checked
         const OffloadOptions* options = nullptr;
         const std::vector<SourceFile>* files = nullptr;
         const NameClashes* clashes = nullptr;
@@ -88,12 +88,12 @@ public:
     void write(Chunk& chunk);
     void finish(std::size_t file);
     void abort(std::size_t file, std::string reason);
-    void abortQuietly(std::size_t file, std::string reason); // no part file is open for it
+    void abortQuietly(std::size_t file, std::string reason); // the same for a file without an open part file
     // A file of one chunk, or an empty one (nullptr), from beginning to end.
     void whole(std::size_t file, Chunk* chunk);
-    // The file lies there already; with `record` it gets a line in this generation.
+    // The file is on the disk already; with `record` it gets a line in this generation.
     void adopt(std::size_t file, bool record);
-    // At a pause: what is complete gets its flush and its lines.
+    // Called at a pause: flushes the complete files, then writes their lines.
     void flushComplete();
     void flushDevice();
     // Reads back every written file through the memory of `chunk`, which it releases. Ends early when cancelled.
@@ -185,7 +185,7 @@ private:
     Counter toVerify_;
     std::atomic<std::int64_t> verifyingNow_{-1};
 
-    // The queue's own.
+    // Used on the queue only.
     std::optional<UncachedWriter> part_;
     std::string partPath_;
     std::optional<std::size_t> current_;
@@ -197,8 +197,8 @@ private:
     std::vector<std::string> xxh128_; // by file; from the read-back
     std::vector<Waiting> waiting_;    // for the device flush
     std::int64_t waitingSize_ = 0;
-    bool deviceFlushed_ = false; // by the last flush
-    bool flushFailed_ = false;   // one of them
+    bool deviceFlushed_ = false; // the last flush of the device succeeded
+    bool flushFailed_ = false;   // at least one flush failed
     std::optional<bool> unbuffered_;
     std::int64_t cachedReads_ = 0;
     std::vector<Unstable> unstable_;
@@ -208,7 +208,7 @@ private:
     std::int64_t needlessNanos_ = 0;
     std::int64_t turnEnded_ = 0;
     std::int64_t sourceAtEnd_ = 0;
-    bool copying_ = true; // idle time counts
+    bool copying_ = true; // idle time counts only while this is true
 
     SerialQueue queue_; // last: its tasks use what stands above
 };

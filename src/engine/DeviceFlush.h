@@ -26,8 +26,8 @@ public:
     void touched(const std::string& folder);
     // Names in this folder, and of the folder itself, are on the medium when this returns.
     void makeNamesDurable(const std::string& folder);
-    // Everything before it is on the medium when this returns. `plainNameFree` is false when the backup has a file that
-    // is called `flushFileName` itself.
+    // All that was written before the call is on the medium when it returns. `plainNameFree` is false when the backup
+    // has a file that is called `flushFileName` itself.
     void flush(bool plainNameFree);
 
     static constexpr std::string_view flushFileName = ".offload-flush";

@@ -14,22 +14,22 @@ namespace velmora {
 namespace Locks {
 
 std::string folder(); // "<application support>/locks"
-// The lock files; `in` is `folder()` but in tests.
+// Paths of the lock files. `in` is `folder()`, except in tests.
 std::string cardFolder(const std::string& path, const std::string& in = folder());
 std::string day(const std::string& path, const std::string& in = folder());
 std::string history(const std::string& historyFolder, const std::string& in = folder());
 
 } // namespace Locks
 
-// Locks on all card folders of one job: all of them or none. Keeps jobs, of this process and of others, from working
-// on one backup at once. Each folder is locked by its file among the lock files, and where it stands by itself: another
-// user has other lock files. Released by the destructor. `release` may be called from any thread.
+// Locks on all card folders of one job: all of them or none. Keeps jobs, of this process and of others, from working on
+// one backup at once. Each folder has a lock file, and the folder itself is locked too, since another user has other
+// lock files. Released by the destructor. `release` may be called from any thread.
 class FolderLocks {
 public:
     // Throws OffloadError when one of the folders is locked (`appendBusy`, naming the folder) or cannot be; none is
     // held then.
     static FolderLocks acquire(const std::vector<std::string>& cardPaths, const std::string& in = Locks::folder());
-    // For a run that writes nothing into the folder: its own lock is enough where there can be no lock files.
+    // For a run that writes nothing into the folder. Where no lock files can be made, the lock on the folder is enough.
     static FolderLocks forReading(const std::string& cardPath, const std::string& in = Locks::folder());
     FolderLocks(FolderLocks&& other) noexcept;
     FolderLocks& operator=(FolderLocks&&) = delete;

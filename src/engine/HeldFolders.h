@@ -8,13 +8,13 @@
 
 namespace velmora {
 
-// Folders of one run, held from the moment they are looked at until the run's last word. Whatever is written or judged
-// goes to the disks that the run began with, or fails.
+// The folders of one run, held open from the first look at them to the end of the run. So all writing and all judging
+// reaches the disks that the run began with, or fails.
 //
-// Each step of a run asks ahead of what it does below a folder: a file's beginning and its rename, a line of the
-// manifest, a flush, a read-back, a record. Between the question and the call of the system a disk may still go: then
-// the call finds no such folder, or one of another disk that has come there. The question at the end never passes over
-// that, because a mount that has gone does not come back as the same.
+// Each step of a run calls `check` before it works below a folder: before a file is begun or renamed, before a manifest
+// line, a flush, a read-back, a record. A disk may still go between the check and the system call. Then the call finds
+// no such folder, or that of another disk at the same path. The check at the end of the run notices it, because a mount
+// that has gone never comes back as the same mount.
 class HeldFolders {
 public:
     // A folder that cannot be opened is not held, and every check of it fails. Folders at or below one of `roots` are
@@ -25,7 +25,7 @@ public:
     void check(const std::string& path) const;
     // A sentence for each folder for which `check` throws.
     std::vector<std::string> problems() const;
-    // One of the folders lies on another volume than this one (SpacePlanner::volumeKey).
+    // True when one of the folders lies on another volume than this one (SpacePlanner::volumeKey).
     bool anyOffVolume(const std::string& volumeKey) const;
 
 private:

@@ -38,12 +38,12 @@ public:
 
     // Before `run` only.
     OffloadOptions& options() noexcept { return options_; }
-    // Called when the card folders are the run's own and their names are final, and nothing stands in them yet. What it
-    // throws ends the run; folders that the run has made go again.
+    // Called when the card folders are claimed, their names are final, and nothing stands in them yet. If it throws,
+    // the run ends and the folders that it has made are removed.
     using Claimed = std::function<void(const OffloadPlan& plan)>;
     void setAfterClaim(Claimed hook) { afterClaim_ = std::move(hook); }
-    // Called ahead of the rename that makes a file final: destination and file by index, the final path. A repair moves
-    // the defective copy aside here. What it throws fails the file on that destination.
+    // Called before the rename that makes a file final, with the indexes of destination and file and the final path. A
+    // repair moves the defective copy aside here. If it throws, the file has failed on that destination.
     using BeforeRename = std::function<void(std::size_t destination, std::size_t file, const std::string& finalPath)>;
     void setBeforeRename(BeforeRename hook) { beforeRename_ = std::move(hook); }
 
@@ -51,17 +51,17 @@ public:
     OffloadPlan prepare(const Preflight::Inputs& inputs, const Preflight::ExtraOf& extra = {},
                         const Preflight::FreeSpace& freeSpace = {});
 
-    // Holds the card folders that the run will write into, before they are looked at: a full copy holds its own once
-    // they are made, below the roots that `prepare` has checked. Nothing is written into another folder of that path.
+    // Holds the card folders that the run will write into, before anybody looks at them. A full copy needs no call: it
+    // holds its folders once they are made, below the roots that `prepare` has checked.
     void hold(const std::vector<std::string>& cardPaths);
-    // Null until folders are held. Shared with threads that read a disk which hangs, and so may outlive the engine.
+    // Null until folders are held. Shared with threads that may hang on a disk, and so it may outlive the engine.
     const std::shared_ptr<const HeldFolders>& held() const noexcept { return held_; }
 
-    // Does what the plan says and returns the report, which stands nowhere yet. Files that failed are data in it; so is
-    // a cancel (`isCancelled`, the files that were not copied are "cancelled"). A full copy claims its card folder on
-    // all destinations at once; when another run was faster it takes the next free name, and `plan()` and the report
-    // say which. Throws when nothing could be done at all (no destination can be written), SimulatedCrash, and what the
-    // hooks below throw.
+    // Does what the plan says and returns the report, which is not written anywhere yet. Files that failed are data in
+    // it; so is a cancel (`isCancelled`, the files that were not copied are "cancelled"). A full copy claims its card
+    // folder on all destinations at once; when another run was faster it takes the next free name, and `plan()` and the
+    // report say which. Throws when nothing could be done at all (no destination can be written), SimulatedCrash, and
+    // what the hook of `setAfterClaim` throws.
     OffloadReport run(OffloadPlan plan);
 
     void cancel();
@@ -71,17 +71,17 @@ public:
     // `totalBytes` counts what this run has to read: what an interrupted run has already settled is left out.
     ProgressSnapshot snapshot() const EXCLUDES(mutex_);
 
-    // The plan as it runs; null until the card folders are claimed and everything that the run needs is had.
+    // The plan of the run; null until the card folders are claimed and the run has its buffers and writers.
     std::shared_ptr<const OffloadPlan> plan() const EXCLUDES(mutex_);
-    // Takes what is in the reader for the card of the run; `run` does it where nobody has.
+    // Remembers the card that is in the reader as that of the run. `run` does so itself if nobody has.
     void meetCard(const std::string& source) { card_.emplace(source, options_.cardIdentity); }
-    // Looks whether that card is still in the reader; nothing is found out once the run is cancelled.
+    // Checks whether that card is still there, and keeps the answer for `cardChanged`. Does nothing after a cancel.
     void lookForOtherCard();
-    // The same, and nothing is kept of the answer: a card that was released may leave. False when cancelled.
+    // Only answers whether it is there, for a card that was released and may leave. False when cancelled.
     bool cardIsThere() const;
-    // The hash of one block of the card's file, after `run`; none when it cannot be read, or not of that card.
+    // The hash of one block of a file on the card, after `run`. None when unreadable or on another card.
     std::optional<std::uint64_t> readCardBlock(std::size_t file, std::int64_t block);
-    // It was found swapped or removed.
+    // The card was found swapped or removed.
     bool cardChanged() const noexcept { return cardChanged_.load(); }
     const std::vector<std::string>& spaceWarnings() const noexcept { return space_.warnings; }
     const std::vector<SpaceLine>& spaceLines() const noexcept { return space_.lines; }
@@ -97,8 +97,8 @@ public:
     // Card folders on disks that were never flushed successfully. Nothing is promised for them. `reportProblems` has a
     // sentence for each.
     const std::vector<std::string>& unflushed() const noexcept { return unflushed_; }
-    // One sentence for each card folder whose record could not be written ("Could not write the report: …") or may not
-    // be durable. The report that `run` returned then has `verifyIncomplete` set, and the card is not safe to format.
+    // One sentence for each card folder on a disk that was never flushed successfully. The report that `run` returned
+    // then has `verifyIncomplete` set, and the card is not safe to format.
     const std::vector<std::string>& reportProblems() const noexcept { return reportProblems_; }
 
 private:

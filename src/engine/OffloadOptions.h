@@ -25,7 +25,7 @@ struct OffloadOptions {
     std::int64_t fullSyncThreshold = 268435456; // a file of at least this size gets a full device flush of its own
     bool allowSameDevice = false;               // two destinations on one drive
     bool allowSourceVolume = false;             // a destination on the source's drive
-    // Called with the file's index ahead of each file.
+    // Called with the index of each file before it is copied.
     std::function<void(std::int64_t)> beforeFileCopy;
     // The present identity of the card at this path; without it the volume itself is asked.
     std::function<std::optional<std::string>(const std::string&)> cardIdentity;
@@ -33,7 +33,7 @@ struct OffloadOptions {
     std::function<void(std::int64_t)> afterChunkRead;
     // Called after each piece of the classic read-back.
     std::function<void()> afterVerifyChunk;
-    // The medium of the source, in place of what its volume tells (tests).
+    // Tests give the medium of the source here, instead of asking its volume.
     std::function<std::optional<CardKey>(const std::string&)> cardMedium;
     // Asked with the file's and the block's index; true raises SimulatedCrash.
     std::function<bool(std::int64_t, std::int64_t)> crashAfterBlock;

@@ -18,11 +18,11 @@ class SourceHasher;
 // Continuing a half-written file.
 namespace PartResume {
 
-// Compares every block that the checkpoint names with the part files of all destinations that need the file. The blocks
-// of one of them go through the hasher as well, which must have begun: its digest is then that of a card that was read
-// from the start. Returns the offset to go on from. None when anything does not fit: then the hasher has been aborted,
-// and the file is copied from its first byte.
-// Throws Cancelled.
+// What `verify` does: it compares every block of the checkpoint with the part files of all destinations that
+// need the file. It also hashes the blocks of one of them with `hasher`, which must have begun: so the digest is
+// that of a file that was read from the start. It returns the offset to go on from. It returns none when
+// anything does not match: then it has aborted the hasher, and the file is copied from its first byte. It throws
+// Cancelled.
 struct Hooks {
     IsCancelled isCancelled;                          // asked before every read; may hold a pause
     std::function<void(std::int64_t bytes)> progress; // after every read

@@ -45,14 +45,14 @@ struct Result {
 // What `prepare` checks before it lists the card: cheap, and worth knowing before anything that takes time.
 void checkInputs(const Inputs& inputs, const OffloadOptions& options);
 
-// Refuses a copy whose folder would lie on the card, or on a disk that is away: the folder of the date may be a link.
+// Refuses a copy whose folder would lie on the card or on a disk that is away: the date folder may be a link to there.
 void checkCopyAt(const std::string& cardPath, const std::string& source);
 
 Result prepare(const Inputs& inputs, const OffloadOptions& options, const ExtraOf& extra = {},
                const FreeSpace& freeSpace = {}, const IsCancelled& isCancelled = {});
 
-// The same for a run into card folders that exist already: its options, its source, no folder given twice, and none
-// that takes no writing or whose records lie behind a link. What the folders hold is for the planner to judge.
+// The checks for a run into card folders that exist already: its options and source, no folder named twice, each one
+// writable, and no records behind a link. What the folders hold is for the planner to judge.
 void checkInto(const std::string& source, const std::vector<std::string>& cardPaths, const OffloadOptions& options);
 
 // The space that one run needs on each destination: the bytes that it writes there, without those that part files hold

@@ -27,15 +27,15 @@ struct Results {
     std::span<const std::unique_ptr<DestWriter>> writers; // null where a destination took no part
     const SourceHasher& hasher;
     const std::map<std::size_t, std::string>& sourceErrors;
-    std::size_t endedAt = 0; // from this file on none was copied …
+    std::size_t endedAt = 0; // no file from this one on was copied …
     std::string endReason;   // … and why
     Timestamp started;
     Timestamp copyFinished;
     double copyPaused = 0;
     double verifyPaused = 0;
     bool verified = false; // every file was read back
-    bool pending = false;  // and will be later
-    // The card once more: the hash of one block of one file, absent when it cannot be read.
+    bool pending = false;  // the copies will be read back later
+    // Reads the card again: the hash of one block of one file, absent when it cannot be read.
     std::function<std::optional<std::uint64_t>(std::size_t file, std::int64_t block)> readCard = {};
 };
 

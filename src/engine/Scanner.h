@@ -8,8 +8,8 @@ namespace velmora {
 
 struct SourceScan;
 
-// Lists a card. Links are never followed, the card's own file system is not left through one, nothing is opened but
-// folders.
+// Lists a card. Follows no link, so that nothing outside the card's own file system is reached through one. Opens
+// nothing but folders.
 //
 // Files and folders that cannot be copied are not passed over in silence: they stand in `SourceScan::uncopied`, become
 // failed files with a source error, and the card is then not safe to format. These are

@@ -12,11 +12,11 @@
 
 namespace velmora {
 
-// The card in the reader, as it was when a run began. Another one is told by what its volume says of itself; a volume
-// that says nothing, by the file system that the path leads to.
+// The card that was in the reader when a run began. Another card is recognised by the identity that its volume gives,
+// or, where the volume gives none, by the number of the file system at the path.
 //
-// While its files are read, its top folder is held open: what is mounted at its path meanwhile, or moved there, is
-// never read in its place. A card that is held cannot be unmounted, so a pause lets it go. Not thread-safe.
+// While its files are read, its top folder is held open: whatever is mounted at its path or moved there meanwhile is
+// never read in its place. A held card cannot be unmounted, so a pause lets it go. Not thread-safe.
 class SourceCard {
 public:
     // The source error of every file that another card, or none, left unread.
@@ -28,14 +28,14 @@ public:
     SourceCard(std::string source, Identify identify);
 
     const std::optional<std::string>& identity() const noexcept { return identity_; }
-    // It is in the reader now. A volume that was just mounted again may need a moment before it tells its name. False
-    // as well when cancelled while waiting for that.
+    // True when the card is in the reader now. A volume that was just mounted again may need a moment before it tells
+    // its name: this waits for that. False when cancelled meanwhile.
     bool isThere(const IsCancelled& isCancelled) const;
 
-    // Holds it from now on. Returns as `isThere` does; false holds nothing.
+    // Holds the card from now on. Returns what `isThere` would; after false nothing is held.
     bool hold(const IsCancelled& isCancelled);
     void letGo() noexcept { held_.reset(); }
-    // Its path still leads to the folder that is held.
+    // True when the card's path still leads to the folder that is held.
     bool isWhereHeld() const;
     // A file of the card that is held, as UncachedReader::beneath opens it. Throws IOError.
     UncachedReader open(const std::string& relative) const;

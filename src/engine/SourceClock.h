@@ -18,7 +18,7 @@ class SourceClock {
 public:
     class Visit {
     public:
-        // One within another counts once.
+        // A visit inside another one is not counted twice.
         explicit Visit(SourceClock& clock) noexcept : clock_(clock), outermost_(clock.since_.load() == 0) {
             if (outermost_)
                 clock_.since_.store(monotonicNanos());

@@ -13,8 +13,8 @@
 
 namespace velmora {
 
-// Digests of what was read from the source: one file after another on the queue "offload.hash". The reader tells it
-// what comes; every chunk that it is given is released by it.
+// Computes the digests of what was read from the source, one file after another, on the queue "offload.hash". The
+// reader hands over chunks; the hasher releases each of them.
 class SourceHasher {
 public:
     SourceHasher(std::int64_t blockSize, std::size_t files, Log log);
@@ -26,7 +26,7 @@ public:
     void abort();
     // A file of one chunk, or an empty one (nullptr), from beginning to end.
     void whole(std::size_t file, Chunk* chunk);
-    // Whatever is known of the file does not hold.
+    // Forgets the digests of the file: they do not hold.
     void forget(std::size_t file);
     // What an earlier run has recorded of a file that is not read again.
     void setKnown(std::size_t file, std::uint64_t hash, std::vector<std::uint64_t> blocks);
@@ -54,7 +54,7 @@ private:
     std::optional<MultiHasher> stream_;
     std::vector<std::optional<std::uint64_t>> hashes_;
     std::vector<std::vector<std::uint64_t>> blocks_;
-    std::atomic<std::size_t> passed_{0}; // every file below it that was finished is hashed
+    std::atomic<std::size_t> passed_{0}; // of the files below this number, all finished ones are hashed
     SerialQueue queue_;                  // last: its tasks use what stands above
 };
 

@@ -15,7 +15,7 @@ class SourceCard;
 struct OffloadOptions;
 
 // Reads one file of a card that is held, past the cache, following no link. A block that cannot be read is tried again
-// after a quarter of a second: contacts and readers have moments. Every failure is thrown as OffloadError with the
+// after a quarter of a second, since a bad contact often recovers. Every failure is thrown as OffloadError with the
 // sentence that stands as the file's source error in the report.
 class SourceReader {
 public:
@@ -23,7 +23,7 @@ public:
 
     // Fills `to` from `offset`; 0 at the end of the file.
     std::size_t read(std::span<std::byte> to, std::int64_t offset);
-    // The file is still what the scan saw, and `read` bytes are all of it.
+    // Throws unless the file is still what the scan saw and `read` bytes are all of it.
     void checkUnchanged(std::int64_t read) const;
 
 private:

@@ -10,15 +10,15 @@
 
 namespace velmora {
 
-// Holds a card that nothing tells from another one against the records of a backup, before anything is written there: a
-// card of the same names, sizes and times must not leave its failures in a backup that is good.
+// Compares a card with the records of a backup before anything is written there. Another card may have the same names,
+// sizes and times, and must not bring its failures into a good backup.
 class CardComparison {
 public:
-    // Reads every file of the plan of which a digest is recorded. Throws `appendOtherCard` at the first that differs,
-    // and Cancelled. One that cannot be read is left to the run, which records it as failed; with `all` it throws
-    // another OffloadError. A pause takes effect between two pieces of a file.
+    // Reads every file of the plan whose digest is recorded. Throws Cancelled, and `appendOtherCard` at the first file
+    // that differs. A file that cannot be read is left to the run, which records it as failed; with `all` it throws
+    // another OffloadError instead. A pause takes effect between two pieces of a file.
     void run(const AppendPlan& plan, bool all, PauseGate& gate, const IsCancelled& isCancelled);
-    // What is being read, and how far. False when nothing is. Any thread.
+    // Puts into `status` what is being read and how far. False when nothing is. Any thread.
     bool describe(JobStatus& status) const;
 
 private:

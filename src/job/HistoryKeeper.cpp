@@ -18,7 +18,7 @@
 namespace velmora {
 
 namespace {
-// Finding the entry of an append is worth a short wait, not a long one: without it the record makes a new entry.
+// Seconds to wait for the history before an append looks for its entry. Without the entry it only makes a new one.
 constexpr double lookupSeconds = 2.0;
 
 std::optional<std::string> failedVerification(const Remembered& history, const BackupPlace& place) {
@@ -75,7 +75,7 @@ void HistoryKeeper::record(const std::string& what, const std::function<void()>&
                            HistoryRecorder::Write write) {
     if (!records_)
         return;
-    // May run long after this job is gone: it holds on to the log alone.
+    // This may run long after the job is gone, so it captures nothing but the log.
     const auto done = [log = log_](const std::optional<std::string>& lost) {
         if (lost && log)
             log(Msg::historyLost(*lost));
@@ -148,7 +148,7 @@ std::vector<std::string> HistoryKeeper::Known::losses() const {
 
 void HistoryKeeper::reopen(const std::function<void()>& delayed) {
     if (id_.empty() || isNew_)
-        return; // nothing to mark; the finished record makes the entry
+        return; // nothing to mark; `finish` will make the entry
     record("start", delayed, [id = id_](HistoryStore& store) {
         return store.update(id, [](const HistoryEntry* present) -> std::optional<HistoryStore::Change> {
             if (!present || present->unfinished)

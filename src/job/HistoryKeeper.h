@@ -18,11 +18,11 @@
 namespace velmora {
 
 // The history records of one job: "start" before the first byte is copied, so that a crash leaves a trace, and
-// "finished" at the end. A history that is busy or cannot be written never holds the job up or fails it. What it
-// remembers is asked also by a job that is not recorded.
+// "finished" at the end. A history that is busy or cannot be written never holds the job up or fails it. A job that is
+// not recorded still asks what the history remembers.
 class HistoryKeeper {
 public:
-    // Without `records` the job leaves no record, but for what its reading of copies says of earlier verifications.
+    // Without `records` the job records nothing, except what its reading of copies says of earlier verifications.
     HistoryKeeper(HistoryRecorder& recorder, std::string folder, bool records, const std::string& source, Log log);
 
     // What the history knows of a backup before a run into its folders.
@@ -34,16 +34,16 @@ public:
         std::optional<Timestamp> lastClean; // since when every folder has passed a verification
         std::vector<HistoryGap> gaps;       // what the history may have forgotten
 
-        // The sentence that denies where it may have forgotten something of these folders, whose copies were last read
-        // then.
+        // The sentence that denies a promise when the history may have forgotten something about these folders, whose
+        // copies were last read at `lastRead`.
         std::optional<std::string> forgotten(const std::vector<CardRecord>& folders,
                                              const std::optional<Timestamp>& lastRead) const;
-        // The same for a full copy, to which it does not matter.
+        // A sentence for each gap, for a full copy: its promises do not depend on them.
         std::vector<std::string> losses() const;
     };
-    // Looks once; the entry of these folders, or a new one, is the one that this job will finish.
+    // Reads the history once. The job will finish the entry of these folders, or a new one.
     Known look(const std::vector<std::string>& cardPaths, const IsCancelled& isCancelled);
-    // The same without waiting, for the folders of a full copy.
+    // Reads it without waiting for its lock, for the folders of a full copy. Chooses no entry.
     Known glance(const std::vector<std::string>& cardPaths) const;
     // What the history has against folders that this job did not lock, as it knows them now: a sentence each.
     // `lastRead` is when their copies were last read according to their records.
@@ -58,13 +58,13 @@ public:
     // covered a part of it.
     void finish(const OffloadReport& report, std::vector<SourceFile> card, const std::optional<BackupCheck>& wholeCard,
                 const HistoryRecords::Verdict& verdict, const std::function<void()>& delayed);
-    // Folders in which this run has read every file and found it good: what verifications found there is over. This is
-    // no record of the run, and kept for every job. `notKept` gets a sentence where it cannot be written.
+    // Records that this run has read every file in these folders and found it good: that ends earlier findings there.
+    // It is written for every job, as no record of the run. `notKept` gets a sentence when it cannot be.
     void passed(std::vector<HistoryVerification> folders, const std::function<void()>& delayed,
                 const std::function<void(const std::string&)>& notKept);
-    // The job did nothing: the entry goes, or goes back to what it was.
+    // The job did nothing: its new entry is removed, an existing one becomes what it was.
     void forget();
-    // The same after an error; but the entry of a copy stays, as one of which every file has failed.
+    // The same after an error, except that the new entry of a copy stays, with all its files as failed.
     void failed();
 
 private:

@@ -18,7 +18,7 @@ bool isPostStage(Phase phase) { return phase > Phase::reporting && phase < Phase
 
 std::int64_t readBytes(const JobStatus& status) { return status.copy ? status.copy->readBytes : 0; }
 
-// Of the card, and of the part files that are checked before it goes on.
+// Bytes read from the card, and from the part files that are checked before a copy goes on.
 std::int64_t readerBytes(const JobStatus& status) {
     return status.copy ? status.copy->readBytes + status.copy->checkedBytes : 0;
 }
@@ -164,7 +164,7 @@ std::vector<JobProgress::Work> JobProgress::destWork() const {
     return work;
 }
 
-// Nothing while the card is not what is read.
+// Empty while something other than the card is read.
 JobProgress::Work JobProgress::readerWork() const {
     if (!status_.copy || readsCopies(status_) || isPostStage(status_.phase))
         return {};
@@ -199,7 +199,7 @@ std::vector<std::optional<double>> JobProgress::destEtas() const {
     return etas;
 }
 
-// By what the stage has brought since it began: a disk is proved in bursts, as the renderer asks for its blocks, so its
+// Uses the average since the stage began. A disk is proved in bursts, as the renderer asks for its blocks, so its
 // present rate says little.
 std::optional<double> JobProgress::postEta(double now) const {
     if (!stage2Began_)
@@ -214,7 +214,7 @@ std::optional<double> JobProgress::postEta(double now) const {
     // Clips differ in length, so their number is a rough measure; it gets better as the stage goes on.
     const double clips = static_cast<double>(std::max<std::int64_t>(0, status_.clipIndex - 1)) + status_.clipFraction;
     const double share = clips / static_cast<double>(std::max<std::int64_t>(1, status_.clipCount));
-    // An analysis that renders follow tells nothing of their time.
+    // Renders take longer than an analysis, so an analysis before them tells nothing of their time.
     const bool showsClips =
         status_.phase == Phase::proxies || (status_.phase == Phase::analyzing && !status_.verifyInProxy);
     if (showsClips && share > 0 && elapsed > 0)

@@ -46,7 +46,7 @@ private:
     struct Stage2 {
         double began;
         double pausedBefore;
-        std::vector<std::int64_t> verified; // by then, by destination
+        std::vector<std::int64_t> verified; // bytes verified at that time, by destination
     };
     // What one part has to do in the phase, and how fast it comes on.
     struct Work {

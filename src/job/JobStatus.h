@@ -11,7 +11,7 @@
 
 namespace velmora {
 
-// What brings a card on whose run could not give both promises.
+// What helps with a card whose run could not give both promises.
 enum class Remedy {
     none,      // nobody knows: nothing was judged
     append,    // brings what is missing, and reads back what was not

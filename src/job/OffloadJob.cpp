@@ -25,7 +25,7 @@ namespace {
 
 using Phase = JobStatus::Phase;
 
-// A number too large for a block stays too large, so that the preflight refuses it instead of an overflow.
+// A number that is too large is cut to one that is still too large: the preflight refuses it, and nothing overflows.
 std::int64_t blockBytes(std::int64_t mebibytes) {
     constexpr std::int64_t mebibyte = 1 << 20;
     return mebibytes > std::numeric_limits<std::int64_t>::max() / mebibyte || mebibytes < 0
@@ -149,7 +149,7 @@ void OffloadJob::run(const Log& log) {
         takeBackStart();
         endAs(Phase::failed, error.what());
     }
-    if (const auto session = this->session()) // a run that broke off has left it open
+    if (const auto session = this->session()) // it is still open after a run that broke off
         session->close();
     locks_.reset();
     awake_.reset();
@@ -208,7 +208,7 @@ void OffloadJob::loseHistory(const std::exception& error) {
     known_.gaps.push_back({HistoryRecorder::folder(config_, services_.supportFolder), never, error.what()});
 }
 
-// The history only says where to look: nothing that goes wrong with it may cost the backup.
+// The history is only an aid: an error in it must not cost the backup.
 void OffloadJob::guardHistory(const std::function<void()>& call) const {
     try {
         call();

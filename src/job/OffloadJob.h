@@ -58,7 +58,7 @@ public:
 
     // An append that reads every file of the card and holds it against its copies. Before `run` only.
     void compareCard() { compareCard_ = true; }
-    // The command that does so, for the sentence that asks for it. Before `run` only.
+    // The command line that would compare the card, for the sentence that asks for it. Before `run` only.
     void setCompareCommand(std::string command) { compareCommand_ = std::move(command); }
 
     // What is on the card, listed a moment ago, while `identity` was the card's (CardIdentity::momentary). The run
@@ -90,12 +90,12 @@ public:
 private:
     // What the end of a run has to know of its beginning.
     struct Conclusion {
-        bool create = false;       // the report of the generation is a new one
-        SourceScan card;           // as it was planned for
-        bool coversPart = false;   // the promises hold for the whole card, of which the run did a part
-        bool comparesAll = true;   // no file of the card is accepted by its name, size and time alone
-        std::int64_t unproved = 0; // files with a copy that was touched or never verified, and not read in this run
-        bool readAll = false;      // every copy in the folders has been read and held against its records
+        bool create = false;             // the report of the generation is a new one
+        SourceScan card;                 // the scan that the plan was made from
+        bool coversPart = false;         // the promises hold for the whole card, of which the run did a part
+        bool comparesAll = true;         // no file of the card is accepted by its name, size and time alone
+        std::int64_t unproved = 0;       // files with a changed or unverified copy that this run did not read
+        bool readAll = false;            // every copy in the folders has been read and held against its records
         std::vector<CardRecord> records; // of the folders, before the run
         std::vector<BackupPlace> elsewhere;
     };
@@ -105,15 +105,15 @@ private:
         bool seen = false;
         bool swapped = false;
         std::optional<std::string> error; // it could not be looked at
-        std::optional<SourceScan> now;    // where it was seen
-        bool localTime = false;           // of its files
+        std::optional<SourceScan> now;    // its files, if it was seen
+        bool localTime = false;           // its file times are local time
     };
 
     void runCopy();
     void runAppend(const std::vector<std::string>& cardPaths);
     void runRepair();
     AppendPlanner::Ask ask(const std::vector<std::string>& cardPaths);
-    // Asked by every loop that reads before the engine runs, and after it. Waits while the job is paused.
+    // Every loop that reads before or after the engine's run asks this. It waits while the job is paused.
     bool mustStop();
     RepairPlanner::Checked checkRepair(const std::vector<std::string>& cardPaths);
     void moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation);
@@ -137,7 +137,7 @@ private:
     CardLook lookAtCard();
     Promises::Evidence gather(const Conclusion& conclusion, const OffloadReport* report);
     void conclude(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
-    // The same, and then the clips.
+    // Concludes the run, and then works on the clips.
     void finishRun(OffloadReport built, Conclusion& conclusion) EXCLUDES(mutex_);
     void release(OffloadReport& report, const Conclusion& conclusion) EXCLUDES(mutex_);
     void takeOverProved(OffloadReport& report) const;
@@ -193,13 +193,13 @@ private:
     std::optional<std::string> sourceVolume_;
     std::vector<std::string> recorded_; // card folders that have the records of this run
     CardLook look_;                     // the last one
-    bool released_ = false;             // the card was called safe to eject: it may leave, and `look_` holds
+    bool released_ = false;             // the card was called safe to eject; once it has left, `look_` stands
     std::shared_ptr<const OffloadReport> interrupted_; // of the run that this one finishes
-    std::optional<double> postSeconds_;                // that the clips took, without pauses
+    std::optional<double> postSeconds_;                // seconds that the clips took, without pauses
     bool compareCard_ = false;
     std::string compareCommand_;
     OffloadEngine engine_;
-    std::shared_ptr<VerifySession> session_ GUARDED_BY(mutex_); // goes before the engine, whose pauses it asks for
+    std::shared_ptr<VerifySession> session_ GUARDED_BY(mutex_); // destroyed before the engine, whose pauses it uses
     std::optional<std::pair<SourceScan, std::string>> listing_; // and the identity of its card
 };
 

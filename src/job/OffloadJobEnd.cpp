@@ -36,14 +36,14 @@ constexpr std::string_view swappedUnpaused =
     "The card in the reader was swapped or removed — the remaining files were not copied. Insert the original card and "
     "append to the backup.";
 
-// Everything had been read when the other card came, or nothing had to be.
+// For a card that was swapped after everything was read, or when nothing had to be read.
 std::string swappedAfterwards(const std::string& done, const std::string& cardName) {
     return fmt::format("{}, but another card is in the reader now, or none. Insert {} again and append to the backup: "
                        "that tells whether it can be formatted.",
                        done, cardName);
 }
 
-// A card that is swapped between files leaves the rest unread; later, only the promise.
+// A swap between files leaves the other files unread. A swap later takes only the promise.
 std::string swappedText(const OffloadReport& report, bool wasPaused) {
     if (std::ranges::any_of(report.files, [](const auto& file) { return file.sourceError == SourceCard::changed; }))
         return std::string(wasPaused ? swappedCard : swappedUnpaused);
@@ -116,10 +116,10 @@ std::vector<HistoryVerification> OffloadJob::passed(const Conclusion& conclusion
     return folders;
 }
 
-// A camera, or a helping hand, may write onto a card while it is copied: it is looked at once more. Not after a cancel,
-// and not when another card is in the reader, whose files nobody has asked for. It is asked for before and after, as
-// cards are changed without a word to this program. A card that was released is looked at again while it is there; when
-// it has left, what it held then counts.
+// The card is scanned once more, since a camera or a person may write onto it during the copy. Not after a cancel, and
+// not when another card is in the reader, whose files nobody has asked for. The card's identity is checked before and
+// after the scan, because nothing tells this program of a swap. A card that was released is scanned again if it is
+// still there; when it has left, the earlier scan counts.
 OffloadJob::CardLook OffloadJob::lookAtCard() {
     CardLook look;
     look.localTime = storesLocalTime(config_.source);
@@ -166,13 +166,13 @@ Promises::Evidence OffloadJob::gather(const Conclusion& conclusion, const Offloa
     evidence.cardError = look_.error;
     const SourceScan& card = look_.now ? *look_.now : conclusion.card;
     if (!conclusion.coversPart) {
-        evidence.failedVerifications.clear(); // of what lay in these places before
+        evidence.failedVerifications.clear(); // they are about what lay in these folders before
         addNews(conclusion.card, card, evidence);
         return evidence;
     }
     const auto generation = report == nullptr ? std::nullopt : std::optional(report->generationNumber());
     try {
-        // After a cancel the end is judged all the same.
+        // After a cancel the backup is judged all the same, so fresh states without the cancel are used.
         evidence.whole = BackupCheck::of(card, conclusion.records, conclusion.elsewhere, generation,
                                          look_.localTime || storesLocalTime(conclusion.records),
                                          engine_.isCancelled() ? FolderStates() : folders_);
@@ -251,7 +251,7 @@ void OffloadJob::conclude(OffloadReport built, Conclusion& conclusion) {
         state_.copySucceeded = report->success();
         report_ = report;
     }
-    // The one sentence for a result that does not stand everywhere says the cause; it is not told twice.
+    // The warning about the failed commit names the cause already, so that reason is not told twice.
     if (!outcome.complete() && report->verified) {
         std::erase(verdict.reasons, Msg::reportNotWritten(outcome.failures.front().error));
         addWarning(*outcome.warning());
@@ -312,7 +312,7 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
         endAs(Phase::done);
 }
 
-// Disks and card once more, when everything is written: the verdict speaks of what is there when it is read.
+// Checks disks and card once more after everything is written, so that the verdict fits what is there now.
 void OffloadJob::addLastLook(Promises::Evidence& evidence) {
     for (const std::string& problem : engine_.held()->problems())
         if (std::ranges::none_of(evidence.problems, [&](const auto& each) { return each.find(problem) != each.npos; }))
@@ -333,7 +333,7 @@ void OffloadJob::tell(const Promises::Verdict& verdict, Remedy remedy) {
     state_.remedy = remedy;
 }
 
-// Without it the history goes on accusing copies that are good now.
+// Without this the history would go on denying promises for copies that are good now.
 void OffloadJob::tellPassed(const Conclusion& conclusion, const OffloadReport* report) {
     history_->passed(
         passed(conclusion, report), [this] { addWarning(std::string(Msg::historyBusy)); },

@@ -91,8 +91,8 @@ void OffloadJob::finishRun(OffloadReport report, Conclusion& conclusion) {
     endRun();
 }
 
-// The report of the copy, as one whose verification is still to come. When it stands on every disk, and nothing else
-// denies it, the card may leave. Of formatting it nothing is said yet.
+// Writes the report of the copy, marked as not verified yet. When it stands on every disk and nothing else denies it,
+// the card may leave. Nothing is said yet about formatting.
 void OffloadJob::release(OffloadReport& report, const Conclusion& conclusion) {
     takeOverProved(report);
     for (const auto& destination : report.destinations)
@@ -117,8 +117,8 @@ void OffloadJob::release(OffloadReport& report, const Conclusion& conclusion) {
     tell(verdict.safeToEject ? Promises::Verdict{true, false, false, {}} : verdict, remedyOf(evidence, here.get()));
 }
 
-// What the run that this one finishes has read back is not read again, where the copy looks as it did then, and nobody
-// has written to it since. Not where somebody has found a copy of these folders bad since.
+// Takes over what the interrupted run had read back, if the copy looks as it did then and nobody has written to it
+// since. Not if somebody has since found a copy in these folders bad, or the history has gaps.
 void OffloadJob::takeOverProved(OffloadReport& report) const {
     if (!interrupted_ || !known_.failedVerifications.empty() || !known_.gaps.empty())
         return;
@@ -143,20 +143,20 @@ void OffloadJob::takeOverProved(OffloadReport& report) const {
             try {
                 const FileFacts there = IO::stat(destination.cardPath + "/" + file.path);
                 const bool isUntouched =
-                    there.changed.seconds <= interrupted_->copyFinished.seconds; // all that is kept
+                    there.changed.seconds <= interrupted_->copyFinished.seconds; // reports keep whole seconds
                 if (isUntouched && there.isFile && there.size == file.size &&
                     FileTimes::close(there.modified, file.modified, local))
                     file.destinations[d] = "verified";
             } catch (const IOError&) {
-                // The verification will tell.
+                // The verification will find it.
             }
         }
     }
     report.countFiles();
 }
 
-// A copy that is written anew is not the one that was read back. Should this run die as well, no report may say so: it
-// is taken back on every disk before the first byte.
+// A copy that is written anew is not the one that was read back. In case this run dies as well, the reports on all
+// disks stop calling it verified before the first byte is written.
 void OffloadJob::withdrawProofs(const OffloadPlan& plan) {
     if (!interrupted_ || plan.tasks.empty())
         return;
@@ -269,9 +269,9 @@ void OffloadJob::finishVerification(OffloadReport report, Conclusion& conclusion
     const double pausedBefore = engine_.pauses().pausedTotal();
     VerifySession::Outcome outcome = session->finish(&worker, [this] { return engine_.isCancelled(); });
     session->close();
-    // On every disk or on none: a disk that is away now has what it holds proved by the run that finds it again.
+    // The result goes to every disk or to none. A later run that finds a missing disk again proves its copies.
     std::vector<std::string> gone;
-    for (const std::string& cardPath : hung(outcome, report)) { // nothing more is asked of it: that would wait as well
+    for (const std::string& cardPath : hung(outcome, report)) { // not asked again: it would hang again
         std::erase(recorded_, cardPath);
         gone.push_back(fmt::format("{}: {}", cardPath, VIPMsg::verifyDiskHung));
     }
@@ -291,7 +291,7 @@ void OffloadJob::finishVerification(OffloadReport report, Conclusion& conclusion
     conclude(std::move(report), conclusion);
 }
 
-// The reports stay what they are: provisional. What is proved by now stands in them, for the run that goes on here.
+// The reports stay provisional. They say what is proved by now, for a later run that goes on from here.
 void OffloadJob::leaveUnfinished(OffloadReport& report, const std::vector<std::string>& gone) {
     layReport(report);
     MutexLock lock(mutex_);
@@ -303,7 +303,7 @@ void OffloadJob::leaveUnfinished(OffloadReport& report, const std::vector<std::s
     state_.addWarning(*outcome.warning());
 }
 
-// A folder without the records of this run may have those of another one. Whether the report stands on every disk.
+// Writes the report where this run has records; other folders may hold another run's. False when a write failed.
 bool OffloadJob::layReport(OffloadReport& report, bool create) {
     if (const auto session = this->session(); session && report.verifyPending.value_or(false)) {
         session->record(session->soFar(), report);

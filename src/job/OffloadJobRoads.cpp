@@ -186,7 +186,7 @@ void OffloadJob::runRepair() {
     const AppendPlanner::Ask asked = ask(checked.backup.paths);
     RepairPlan repair = compareWithCard(asked, checked, findings);
     requireSameCard();
-    folders_.forget(); // the reading takes hours, and nobody holds the folders beside these
+    folders_.forget(); // outdated: the reading took hours, and the backup's other folders are not locked
     Conclusion conclusion;
     conclusion.create = !repair.finishes;
     conclusion.card = std::move(repair.card);
@@ -237,7 +237,7 @@ RepairPlanner::Checked OffloadJob::checkRepair(const std::vector<std::string>& c
     return RepairPlanner::check(cardPaths, folders_);
 }
 
-// The reports of the run get their names, whatever a person put there.
+// Frees the names of the run's reports, whatever a person put there.
 void OffloadJob::moveStrangePages(const std::vector<std::string>& cardPaths, std::int64_t generation) {
     for (const std::string& cardPath : cardPaths) {
         engine_.held()->check(cardPath);
@@ -245,7 +245,7 @@ void OffloadJob::moveStrangePages(const std::vector<std::string>& cardPaths, std
     }
 }
 
-// Every pause of the comparison may bring another card, of which nothing is read.
+// In every pause of the comparison the card may be swapped. Nothing is read of another card.
 void OffloadJob::readBeforehand(const std::function<void(const IsCancelled&)>& read) {
     PauseGate& gate = engine_.pauses();
     const auto mustStop = [this, &gate, held = gate.holdCount()]() mutable {
@@ -283,7 +283,7 @@ void OffloadJob::requireSameContent(const AppendPlan& append) {
     requireSameCard();
 }
 
-// What is planned for one card is not begun with another.
+// A plan made for one card must not be begun with another.
 void OffloadJob::requireSameCard() {
     engine_.lookForOtherCard();
     if (engine_.cardChanged())
@@ -359,7 +359,7 @@ void OffloadJob::lockFolders(const std::vector<std::string>& cardPaths) {
     locks_ = std::make_unique<FolderLocks>(FolderLocks::acquire(cardPaths));
 }
 
-// The folders of an earlier backup are held before they are looked at: what is found there is what is written to.
+// Holds the folders of an earlier backup before looking at them, so that writing goes to the folders that were read.
 void OffloadJob::openFolders(const std::vector<std::string>& cardPaths) {
     std::vector<std::string> paths;
     for (const std::string& cardPath : cardPaths)

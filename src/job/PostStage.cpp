@@ -99,7 +99,7 @@ void PostStage::run(OffloadReport& report) {
         ClipEntry& entry = report.clips.emplace_back();
         entry.clip = std::move(clip);
         if (const ClipEntry* known = before(entry); known != nullptr && known->info)
-            entry = *known; // read, and rendered perhaps, by the run that is finished here
+            entry = *known; // the interrupted run has read it, and perhaps rendered it
     }
     if (world_.config.proxy.enabled)
         report.proxy = world_.config.proxy;
@@ -130,8 +130,8 @@ void PostStage::layNowAndThen(OffloadReport& report) {
     laid_ = Clock::now();
 }
 
-// The disk that is proved by what the renders read; else the first on which every file of the clip was read back, or
-// else written.
+// The disk whose copies the renders prove; else the first on which every file of the clip was read back, or else
+// written.
 std::optional<std::size_t> PostStage::goodDest(const Clip& clip, const OffloadReport& report) const {
     std::map<std::string_view, const OffloadReport::FileEntry*> files;
     for (const std::string& segment : clip.segments)
@@ -322,13 +322,13 @@ PostStage::Kept PostStage::nameFor(const ClipEntry& entry, const std::string& ca
     return kept;
 }
 
-// What the run that made the proxy has found out of the clip holds on.
+// Takes over what the run that made the proxy has found about the clip.
 void PostStage::takeOver(ClipEntry& entry, const std::string& proxy) const {
     for (const ClipEntry& known : world_.earlier)
         if (known.clip.path == entry.clip.path && known.clip.bytes == entry.clip.bytes && !entry.content)
             entry.content = known.content;
     if (!entry.content)
-        entry.content = defectToldBy(proxy); // no report of it came to stand
+        entry.content = defectToldBy(proxy); // no report tells of it
     addNote(entry, world_.plan.resuming ? keptText : thereText);
 }
 
@@ -373,7 +373,7 @@ void PostStage::copyToOthers(ClipEntry& entry, std::size_t dest, const std::stri
             continue;
         try {
             world_.check(cardPaths_[d]);
-            if (!IO::exists(to)) // one that is there is this clip's
+            if (!IO::exists(to)) // `nameFor` has checked that an existing one is this clip's
                 ProxyCopy::copyFile(from, to, false, world_.isCancelled);
         } catch (const Cancelled&) {
             throw;

@@ -34,11 +34,11 @@ struct OffloadPlan;
 // Works on the thread of the job.
 class PostStage {
 public:
-    // What the job lends it. The references live as long as the object.
+    // What the job lends this stage. The references live as long as the object.
     struct World {
         const JobConfig& config;
         const OffloadPlan& plan;
-        PauseGate::Worker& worker; // of the thread
+        PauseGate::Worker& worker; // of the job's thread
         VerifySession* session;    // that the renders read through; null: none
         IsCancelled isCancelled;
         Log log;
@@ -46,7 +46,7 @@ public:
         std::function<void(const std::string& cardPath)> check;
         // Changes what front ends see. Any thread.
         std::function<void(const std::function<void(JobStatus&)>&)> tell;
-        // The report is to be laid down as it stands now.
+        // Writes the report, as it stands now, to every disk.
         std::function<void(OffloadReport&)> lay;
         std::vector<ClipEntry> earlier;     // clips of the backup that earlier runs recorded
         std::vector<ClipEntry> interrupted; // clips as the run that is finished here has left them
@@ -56,7 +56,7 @@ public:
 
     // What is wrong with the settings, before anything is copied: a sentence.
     static std::optional<std::string> problem(const JobConfig& config);
-    // What the proxies of a card will need, about.
+    // About how much space the proxies of a card will need.
     static SpaceExtra spaceFor(const JobConfig& config, const SourceScan& card);
 
     explicit PostStage(World world);
@@ -74,7 +74,7 @@ public:
 private:
     struct Kept {
         std::string file; // of the proxy, below its folder
-        bool own = false; // it is there already
+        bool own = false; // this clip's proxy has that name already
     };
 
     void analyze(OffloadReport& report);

@@ -53,7 +53,7 @@ std::string notComparedText(const Evidence& evidence) {
         countedFiles(evidence.notCompared), plural(evidence.notCompared, "was", "were"), evidence.compareCommand);
 }
 
-// What the card holds beside, or otherwise than, the backup.
+// Denies for files that the card holds beyond the backup, or that differ from it.
 void judgeCard(std::int64_t added, const std::vector<std::string>& changed, Judgement& judgement) {
     judgement.deny(!changed.empty(), card, changed.empty() ? "" : BackupMessage::changed(changed));
     judgement.deny(added > 0, card, added > 0 ? BackupMessage::notInBackup(added) : "");

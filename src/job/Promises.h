@@ -20,7 +20,7 @@ struct Evidence {
     bool ran = false;                  // it came to its end, or had nothing to do
     bool cardSwapped = false;          // another card was in the reader, or none
     bool readBack = false;             // every copy of this run was read back, or it made none
-    bool pending = false;              // they are read back while the card may already leave
+    bool pending = false;              // they are read back later, when the card may already leave
     std::int64_t failedFiles = 0;      // in the report of this run
     std::vector<std::string> problems; // a record that does not stand, a disk that was not flushed or is not there now
 
@@ -28,7 +28,7 @@ struct Evidence {
     bool cardSeen = false;
     std::optional<std::string> cardError; // it could not be looked at
     std::int64_t filesAdded = 0;          // it holds more than the run took in; counted without `whole`
-    std::vector<std::string> changed;     // it holds these otherwise than the run took them in; likewise
+    std::vector<std::string> changed;     // files that differ now from what the run took in; likewise
 
     // The backup as a whole; none after a first copy, which its report tells everything of.
     std::optional<BackupCheck> whole;
@@ -37,7 +37,7 @@ struct Evidence {
     std::string compareCommand;   // the command that compares them
     std::vector<std::string>
         failedVerifications;              // of one of the folders, later than its last good one: a sentence each
-    std::optional<std::string> forgotten; // what the history may have known of copies that nobody has read since
+    std::optional<std::string> forgotten; // a sentence: the history may have lost findings about copies not read since
     bool onOtherVolume = false;           // some destination that took part lies on another volume than the card
 };
 

@@ -37,7 +37,7 @@ void RateMemory::learn(const OffloadReport& report, const ProgressSnapshot& move
                        std::optional<ProxyCodec> proxy, std::optional<double> stage2, bool cancelled, bool done) {
     if (report.isRepair() || report.hasFailedFiles())
         return;
-    // A card that is only compared is read as fast as it can be; a copy waits for its disks.
+    // A run that only compares reads at the card's full speed, while a copy waits for its disks. So only a copy counts.
     const bool wrote = std::ranges::any_of(moved.writtenBytes, [](std::int64_t bytes) { return bytes > 0; });
     if (const auto read = static_cast<double>(moved.readBytes); wrote && read >= tellingBytes)
         keepIfPositive(copyRate, read, report.copySeconds());

@@ -8,7 +8,7 @@ namespace velmora {
 
 namespace {
 
-// A copy that is bad. A file that never came off the card has none: an append brings it.
+// True when a copy is bad. A file that never came off the card has no copy: an append brings it.
 bool hasBadCopies(const OffloadReport& report) {
     return std::ranges::any_of(report.files, [](const OffloadReport::FileEntry& file) {
         const bool never = file.sourceError && !file.xxh64;

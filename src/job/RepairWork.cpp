@@ -68,7 +68,7 @@ std::vector<RepairPlanner::Findings> RepairWork::examine(PauseGate& gate, const 
         workers[d]->leave();
         if (result.cancelled)
             throw Cancelled();
-        if (result.folderGone) // what was not read is not known to be good
+        if (result.folderGone) // files that were not read are not known to be good
             throw OffloadError::failed(VerifyReport::summary(result).text);
         return findingsOf(result);
     });

@@ -30,11 +30,11 @@ public:
     // Checks every folder against its records, all at once, a thread a folder. Throws the first failure, and Cancelled.
     // A pause takes effect between two pieces of a file.
     std::vector<RepairPlanner::Findings> examine(PauseGate& gate, const IsCancelled& isCancelled);
-    // Holds what is bad against the card, and plans. Pauses and throws likewise, and what RepairPlanner::plan throws.
+    // Compares bad files with the card, and plans. Pauses as above. Throws Cancelled, and as RepairPlanner::plan.
     RepairPlan plan(const AppendPlanner::Ask& ask, const RepairPlanner::Checked& checked,
                     const std::vector<RepairPlanner::Findings>& findings, const FolderStates& folders, PauseGate& gate,
                     const IsCancelled& isCancelled);
-    // What of it is being read, and how far. False when nothing is. Any thread.
+    // Puts into `status` what is being read and how far. False when nothing is. Any thread.
     bool describe(JobStatus& status) const;
 
     // The hook of the engine that moves a defective copy aside. `plan` must outlive the run.

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int mostOfOneName = 100;
 constexpr std::int64_t largestPage = 1LL << 30;
-// The few files of an ordinary run are listed also when it was cancelled.
+// So many names pass between two looks at a cancel: the few files of an ordinary run are always listed.
 constexpr int namesBetweenStops = 1000;
 
 // Relative to the card folder.

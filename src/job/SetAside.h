@@ -19,16 +19,16 @@ namespace SetAside {
 // link below the card folder. Throws IOError.
 void move(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
 
-// Puts a copy of the file aside, and leaves it where it is; one that cannot be read is moved.
+// Puts a copy of the file aside; the file stays in its place. A file that cannot be read is moved instead.
 void keep(const std::string& cardPath, std::int64_t generation, const std::string& relPath);
 
-// Moves aside what stands under the names of the reports of `generation` and is none of them: somebody put it there. A
-// text without its report is nobody's: the report is written first.
+// Moves aside what stands under the report names of `generation` but is no such report: somebody else put it there. A
+// text without its JSON report is moved too, since a run writes the JSON first.
 void strangePages(const std::string& cardPath, std::int64_t generation);
 
-// Frees the name `relPath` of the card folder for a new copy. What stands there moves aside, unless `isOwnWork` says of
-// it that a run which died has left it: that is deleted. Where another file of the card differs from it in case only
-// (`isTwin`), a disk that folds case may give that one under this name: it stays where it is.
+// Frees the name `relPath` of the card folder for a new copy. What stands there moves aside, unless `isOwnWork` says
+// that a dead run has left it: then it is deleted. With `isTwin` another file of the card differs from this one in case
+// only. A disk that folds case may then show the other file under this name, so that one stays where it is.
 void makeWay(const std::string& cardPath, std::int64_t generation, const std::string& relPath, bool isTwin,
              const std::function<bool(const FileFacts&)>& isOwnWork = {});
 

@@ -29,17 +29,17 @@ struct AppendPlan {
     std::optional<std::string> project;
     bool resuming = false;
     bool flushFileTaken = false;
-    std::int64_t later = 0; // files that the interrupted generation cannot take in any more: left for the next append
+    std::int64_t later = 0;      // files too late for the interrupted generation: the next append takes them
     std::vector<FileTask> tasks; // parallel to newFiles, or empty
     // Per folder: part files of a dead run whose files are no longer on the card. They move aside.
     std::vector<std::vector<std::string>> leftParts;
     std::optional<CardKey> sourceMedium;
     bool sameMedium = false;            // the card is the very medium of the earlier runs, by its serial and size
     std::vector<BackupPlace> elsewhere; // folders of the backup that were not named
-    std::shared_ptr<const OffloadReport> interrupted; // of the run that is finished; null where it left none
+    std::shared_ptr<const OffloadReport> interrupted; // report of the run that is finished; null: it left none
     std::vector<CardRecord> records; // of the named folders, without the generation that is being finished
-    // An interrupted run has done all but its last records: they are to be committed as they are, and then the backup
-    // is to be planned anew. Nothing else of the plan is filled in.
+    // Set when an interrupted run has done all but its last records: they are to be committed as they are, and then the
+    // backup is planned anew. Nothing else of the plan is filled in.
     std::optional<OffloadReport> settle;
 
     std::int64_t newBytes() const;

@@ -38,7 +38,7 @@ struct PastRun {
     Timestamp finished;
     std::vector<BackupPlace> places; // its card folders
 };
-// Those into folders of these names, on these disks or others.
+// The runs that went into folders of these names, on these disks or others.
 std::vector<PastRun> pastRuns(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths);
 
 // What the job knows before it plans.
@@ -58,7 +58,7 @@ struct Ask {
 // Throws OffloadError with a code, Cancelled, and the scan's IOError. With nothing to do it throws NothingNew.
 AppendPlan plan(const Ask& ask, const FolderStates& folders);
 
-// The refusal `nothingNew`, with the plan of what stands there: its files are none.
+// The refusal `nothingNew`. Its plan describes the backup and has no files to copy.
 class NothingNew : public OffloadError {
 public:
     explicit NothingNew(AppendPlan plan);
@@ -75,8 +75,8 @@ ResumePlanner::Findings lookAt(const std::vector<std::string>& paths, const Fold
 std::vector<BackupPlace> elsewhere(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,
                                    const std::vector<PastRun>& pastRuns, const FolderStates& folders);
 
-// The medium of the card that the backup was made from, by the newest record that names one. Throws `appendOtherCard`
-// when it is known, that of the card in the reader too, and they differ. True when both are known.
+// True when the card in the reader is the medium that the newest record names, or else the history; false when either
+// is unknown. Throws `appendOtherCard` when both are known and differ.
 bool sameMedium(const std::vector<CardRecord>& records, const ResumePlanner::Findings& found,
                 const std::optional<CardKey>& now, const std::optional<CardKey>& inHistory);
 
@@ -91,7 +91,7 @@ OffloadReport settleLagging(const ResumePlanner::Findings::Lagging& lagging);
 // An interrupted generation that is nothing but a repair: each disk has lines only for files that its reports know.
 bool isOpenRepair(const Unfinished& unfinished, const std::vector<CardRecord>& records);
 
-// With `unfinishedGeneration` that generation does not count, on any disk.
+// Leaves out `unfinishedGeneration`, on every disk.
 Backup checkBackup(const std::vector<std::string>& paths, std::optional<std::int64_t> unfinishedGeneration,
                    const FolderStates& folders);
 

@@ -15,10 +15,10 @@ namespace velmora {
 namespace BackupPlaces {
 
 // The folders that are not among `records`, which are those that a run was given. `known` adds what no report in
-// `records` says; a place without a serial counts only if no other source knows its path. Each of `groups` are places
-// that belong together, and to this backup if one of them does. Whatever a folder that is found so and can be read says
-// of further ones counts as well, and so on until nobody knows of more: a disk that is away may be named by one alone
-// that nobody named for this run. A hundred folders are read at most; those found beyond them are listed all the same.
+// `records` says; a place without a serial counts only if no other source knows its path. The places of one of `groups`
+// belong together, and to this backup if one of them does. A folder that is found so is read too, and the folders that
+// its records name count as well, and so on until no new one appears: a disk that is away may be named only by a folder
+// that was not given to this run. At most a hundred folders are read; those found beyond them are listed all the same.
 // Throws Cancelled.
 std::vector<BackupPlace> beside(const std::vector<CardRecord>& records, std::vector<BackupPlace> known,
                                 std::vector<std::vector<BackupPlace>> groups, const FolderStates& folders);

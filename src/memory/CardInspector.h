@@ -54,8 +54,8 @@ struct World {
 
 bool isVolumeRoot(const std::string& path);
 
-// `history` is what was recalled already; without it `store` is asked; with neither nothing is matched.
-// `store` also gives the file lists. Throws Cancelled; every other problem stands in `error`.
+// `history` is what was already recalled. Without it `store` is asked; without either nothing is matched. `store` also
+// gives the file lists. Throws Cancelled; every other problem stands in `error`.
 CardInsight inspect(const std::string& source, HistoryStore* store, const Remembered* history,
                     const IsCancelled& isCancelled, const World& world);
 

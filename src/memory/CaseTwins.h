@@ -12,8 +12,8 @@
 namespace velmora {
 
 // The names of a card and its backup that differ only in case. Records are looked up without regard to case, since a
-// card or a disk may fold it; two files that share such a key would then stand in for each other, so theirs is compared
-// byte for byte. The records have a say: a card that lost one of two such files shows the other alone.
+// card or a disk may fold it. Two files that share such a key would stand in for each other, so their paths are
+// compared byte for byte. The records are asked too: a card that lost one of two such files shows only the other.
 class CaseTwins {
 public:
     CaseTwins() = default;

@@ -48,7 +48,7 @@ public:
 
     FolderState& of(const std::string& cardPath) const;
     const IsCancelled& isCancelled() const;
-    // What was read is old: something was written there, or the memory is needed. Nobody works on a folder now.
+    // Drops all that was read: it is outdated, or the memory is needed. No thread may use a folder now.
     void forget() const;
 
 private:

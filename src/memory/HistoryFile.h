@@ -25,13 +25,13 @@ struct Contents {
     std::vector<HistoryVerification> verifications;
 };
 
-// Hostile text. An entry that cannot be read makes the whole damaged: it would be lost at the next write.
+// `text` is not trusted. An entry that cannot be read makes the whole damaged: it would be lost at the next write.
 Contents read(std::string_view text);
 std::string write(const std::vector<HistoryEntry>& entries);
 Contents readVerifications(std::string_view text);
 std::string write(const std::vector<HistoryVerification>& verifications);
 
-// What an id may be: the name of a file is made of it.
+// True for a valid id. Ids are checked because file names are made of them.
 bool isId(std::string_view id);
 
 } // namespace HistoryFile

@@ -18,7 +18,7 @@ namespace HistoryRecords {
 // The entry whose destinations are exactly these card folders; null when there is none.
 const HistoryEntry* entryOf(const std::vector<HistoryEntry>& entries, const std::vector<std::string>& cardPaths);
 
-// The entries that name a folder of the same day and card name as one of these: those of one backup are among them.
+// The entries that name a folder of the same day and card name as one of these; the backup's own are among them.
 std::vector<const HistoryEntry*> entriesOfName(const std::vector<HistoryEntry>& entries,
                                                const std::vector<std::string>& cardPaths);
 
@@ -32,7 +32,7 @@ HistoryEntry reopened(const HistoryEntry& entry);
 // The entry of a copy that broke off before its first file.
 HistoryEntry failed(const HistoryEntry& entry, Timestamp now);
 
-// Such an entry: nothing stands in the folders that it names, and another backup may have them since.
+// True for such an entry: the folders that it names hold nothing, or another backup by now.
 bool holdsNothing(const HistoryEntry& entry);
 
 // The verdict at the end of a job.
@@ -42,10 +42,10 @@ struct Verdict {
     bool safeToFormat = false;
 };
 
-// The entry after a job. `present` is the entry as it stands, null when it is not there any more; `card` are the files
-// of the card that the backup has, `storedFiles` is the list of the entry before this job. `wholeCard` is the state of
-// the backup after a run that covered a part of it: the entry may be new, or may have missed a generation.
-// A repair reads every copy: one after which all is verified clears what verifications found in its folders.
+// The entry after a job. `present` is the entry as it stands, null when it is gone; `card` are the files of the card
+// that the backup has, `storedFiles` is the list of the entry before this job. `wholeCard` is the state of the backup
+// after a run that covered a part of it: the entry may be new, or may have missed a generation. A repair reads every
+// copy: if all is verified after it, earlier findings about its folders are cleared.
 HistoryStore::Change finished(const HistoryEntry* present, const std::string& id, const OffloadReport& report,
                               const std::vector<SourceFile>& card, const std::optional<CardVolume>& volume,
                               const std::optional<std::vector<SourceFile>>& storedFiles,

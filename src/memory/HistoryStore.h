@@ -47,8 +47,8 @@ public:
 
     const std::string& folder() const noexcept { return folder_; }
 
-    // Reads without the lock when it cannot be had in time. What cannot be read, now or ever since it was set aside, is
-    // a gap. Throws Cancelled while it waits, and nothing else.
+    // Reads without the lock when it cannot get it in time. A file that cannot be read becomes a gap, and so does one
+    // that was set aside earlier. Throws only Cancelled, while it waits for the lock.
     Remembered recall(const IsCancelled& isCancelled = {});
     // The entries alone.
     std::vector<HistoryEntry> load(const IsCancelled& isCancelled = {}) { return recall(isCancelled).entries; }
@@ -57,10 +57,10 @@ public:
         HistoryEntry entry;
         std::optional<std::vector<SourceFile>> files; // a new file list, if there is one
     };
-    // Is given the present entry or null; answers nothing for "no change".
+    // Gets the present entry, or null. Returns none to change nothing.
     using Changer = std::function<std::optional<Change>(const HistoryEntry* present)>;
 
-    // `unchanged` also where a newer version of the program has written the history.
+    // Also returns `unchanged` where a newer version of the program has written the history.
     HistoryWrite update(const std::string& id, const Changer& change, std::optional<double> timeout = {});
     // Removes the entry and its list. What verifications found in its folders stays known.
     HistoryWrite remove(const std::string& id, std::optional<double> timeout = {});
@@ -70,10 +70,10 @@ public:
 
     std::optional<std::vector<SourceFile>> readFileList(const HistoryEntry& entry) const;
 
-    // The first entry that is this card: with a key, an entry whose card has the same serial and capacity; without one
-    // (a folder, or a volume without a serial) an entry without a card and with the same shape. An entry of which the
-    // medium's `identity` is known to be another is passed over, and so is one of a copy that holds nothing, where an
-    // earlier entry is there. Null when there is none.
+    // The first entry that is about this card. With a key, its card has the same serial and capacity. Without one (a
+    // folder, or a volume without a serial) it has no card and the same shape. Passed over are entries whose medium is
+    // known to have another `identity`, and the entry of a copy that holds nothing, unless there is no other. Null when
+    // none is left.
     static const HistoryEntry* findForCard(const std::optional<CardKey>& key, const std::string& shape,
                                            const std::vector<HistoryEntry>& entries,
                                            const std::optional<std::string>& identity = {});

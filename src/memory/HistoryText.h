@@ -32,7 +32,7 @@ bool holdsWholeCard(const HistoryMatch& match);
 // The state of an entry by itself, for a list of entries: "verified", "NOT VERIFIED", "with errors (2 files)",
 // "unfinished".
 Line state(const HistoryEntry& entry);
-// The same of an entry whose folders were looked at: one that is remembered as verified is what they are now.
+// The same for an entry whose folders were looked at: what they are now replaces a remembered "verified".
 std::string stateNow(const HistoryMatch& match);
 
 } // namespace HistoryText

@@ -13,7 +13,7 @@ namespace velmora {
 // backup have not been read again.
 struct HistoryGap {
     std::string path;
-    Timestamp written; // nothing that it held is younger
+    Timestamp written; // nothing that it held is newer than this
     std::string error; // why it cannot be read; empty for a damaged file that was set aside
 
     // "the card history was damaged and set aside as …"
@@ -27,13 +27,13 @@ struct Remembered {
     std::vector<HistoryVerification> verifications; // of card folders, whether an entry names them or not
     std::vector<HistoryGap> gaps;
 
-    // What is known of verifications of a card folder; none when nothing was ever recorded. Of two records that
-    // disagree the newer one counts. A disk is known by its serial where both sides have one, wherever it is mounted.
+    // What verifications of a card folder found; none when nothing was ever recorded. Of two records that disagree the
+    // newer one counts. A disk is recognised by its serial where both sides have one, wherever it is mounted.
     std::optional<HistoryVerification> verificationOf(const std::string& cardPath,
                                                       const std::optional<std::string>& volumeSerial) const;
     // The youngest gap that may hide something of copies which were last read at `lastRead`; null when none does.
     const HistoryGap* hides(const std::optional<Timestamp>& lastRead) const&;
-    const HistoryGap* hides(const std::optional<Timestamp>& lastRead) const&& = delete; // it would be gone at once
+    const HistoryGap* hides(const std::optional<Timestamp>& lastRead) const&& = delete; // the pointer would dangle
 };
 
 // A list of what verifications found, one record a folder.
@@ -42,9 +42,9 @@ namespace Verifications {
 // The record is about this folder.
 bool isOf(const HistoryVerification& record, const std::string& cardPath,
           const std::optional<std::string>& volumeSerial);
-// Takes in the newest word on a folder; `mark.clean` or `mark.failed` is set.
+// Takes in the newest finding about a folder; `mark.clean` or `mark.failed` is set.
 void enter(std::vector<HistoryVerification>& records, const HistoryVerification& mark);
-// Leaves the newest `most`. Folders that were found good go first: without a record they are as good as ever.
+// Keeps the newest `most` records. Records of folders that were found good go first, since losing them denies nothing.
 void bound(std::vector<HistoryVerification>& records, std::size_t most);
 
 } // namespace Verifications

@@ -43,8 +43,8 @@ struct Checked {
 };
 Checked check(const std::vector<std::string>& cardPaths, const FolderStates& folders);
 
-// `findings` runs parallel to the folders. A file that a report calls failed counts as bad too and is written again.
-// One that was never verified is compared with the card and read back, and so is what an interrupted repair has put
+// `findings` runs parallel to the folders. A file that a report calls failed counts as bad too and is written again. A
+// file that was never verified is compared with the card and read back; so is a file that an interrupted repair has put
 // right. A plan without files says that nothing can be mended from this card. On a card that nothing tells from another
 // with the same names, sizes and times, every file of the backup is compared. `progress` gets the bytes read on the
 // card. Throws OffloadError with a code, Cancelled, and the scan's IOError.

@@ -7,7 +7,7 @@
 
 namespace velmora {
 
-// Reads a report from a disk. Whatever lies there is hostile until it is parsed: its size is bounded, and a path that
+// Reads a report from a disk. Its contents are not trusted until they are parsed: the size is bounded, and a path that
 // would leave the card folder makes the whole report unreadable.
 namespace ReportFile {
 

@@ -50,17 +50,17 @@ OffloadError behind(const std::string& cardPath, std::int64_t generation);
 // The highest generation in the chain; 0 without one. Throws OffloadError for a chain that cannot be read: nobody knows
 // what is finished there.
 std::int64_t committed(const std::string& cardPath);
-// The chain holds nothing, though the newest report is final, which a run makes it after the chain. Such a folder has
-// lost its history; no run died there.
+// True when the chain holds nothing although the newest report is final. A run makes its report final after it wrote
+// the chain, so this folder has lost its history; no run died there.
 bool chainLost(FolderState& folder);
 std::string reportPath(const std::string& cardPath, std::int64_t generation);
 
-// What lies under a file's final name on a disk; none when there is no file.
+// The size of what lies under a file's final name on a disk; none when there is no file.
 using SizeOnDisk = std::function<std::optional<std::int64_t>(std::size_t dest, const SourceFile& file)>;
 
-// A file that every disk holds complete and durable, by one and the same record, is known and not read again. One that
-// only some hold is known too: what the others get from the card must be the same. Where records disagree every disk
-// gets the file anew: which of them is right, nobody can say.
+// A file that every disk holds complete and durable, by one and the same record, is known and not read again. A file
+// that only some disks hold is known too: the card must give the others the same bytes. Where records disagree every
+// disk gets the file anew, since nobody can say which of them is right.
 std::vector<FileTask> decide(const Unfinished& unfinished, const std::vector<SourceFile>& files,
                              const SizeOnDisk& sizeOnDisk, bool localTime, std::int64_t blockSize);
 

@@ -30,12 +30,12 @@ struct Unfinished {
     // What the manifest of a disk says of a file, if size and time are those of the card's file.
     const ManifestRecord* fileOf(std::size_t dest, const SourceFile& file, bool localTime) const;
     const PartCheckpoint* partOf(std::size_t dest, const SourceFile& file, bool localTime) const;
-    // A manifest or the report of this generation names the path.
+    // True when a manifest or the report of this generation names the path.
     bool mentions(const std::string& relPath) const;
-    // The run had copied and read back all it could; only its records are not final everywhere. Null when it had not,
-    // or when a disk was never flushed: then the copies have to be read again.
+    // The report of a run that had copied and read back all it could; only its records are not final everywhere. Null
+    // when it had not, or when a disk was never flushed: then the copies have to be read again.
     std::shared_ptr<const OffloadReport> result() const;
-    // A manifest or a report tells of a file: the run has left more than folders.
+    // True when a manifest or a report tells of a file: the run has left more than empty folders.
     bool holdsAnything() const;
     // Every path key that a manifest of this generation names.
     std::unordered_set<std::string> mentioned() const;

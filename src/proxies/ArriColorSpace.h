@@ -7,7 +7,7 @@
 
 namespace velmora {
 
-// What ARRI's cameras write, by what a clip says of itself.
+// The colour space of a clip from an ARRI camera, according to the clip's metadata.
 namespace ArriColorSpace {
 
 // "AWG4/D65/LogC4" or "AWG3/D65/LogC3", as ARRI's tool calls them: by the stated curve, else by the camera.

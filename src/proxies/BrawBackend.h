@@ -23,7 +23,7 @@ public:
                    const IsCancelled& isCancelled) const override;
     FrameSource source(const FrameRequest& request) const override;
 
-    // The word for the smallest decode that has the lines which are wanted; empty for the whole picture.
+    // The decoder's word for the smallest decode that still has the wanted lines; empty for the whole picture.
     static std::string scale(std::int64_t sourceHeight, double wantedHeight);
     static std::int64_t startFrame(double seconds, double fps, std::int64_t frames);
     // What the decoder's failure means to a person. A decoder that tells nothing of the clip has not opened it.

@@ -6,7 +6,7 @@
 
 namespace velmora {
 
-// Blackmagic's library, with which braw-decode reads clips. Whoever has one of the maker's programs has it.
+// Blackmagic's library, which braw-decode needs to read clips. Each of the maker's programs brings it along.
 namespace BrawLibrary {
 
 inline constexpr const char* fileName = "libBlackmagicRawAPI.so";

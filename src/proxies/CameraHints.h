@@ -13,7 +13,7 @@
 
 namespace velmora {
 
-// The camera of a card and its log curve, for a glance before a copy.
+// The camera of a card and its log curve, shown to the user before a copy.
 struct CameraLabel {
     std::optional<std::string> camera;
     std::optional<std::string> curve;
@@ -31,7 +31,7 @@ namespace CameraHints {
 // What reading one clip tells; nothing when it cannot be read.
 using ProbeClip = std::function<std::optional<ClipInfo>(const Clip& clip)>;
 
-// By the first clip of the card that is no camera proxy. A clip that cannot be read still tells the curve where its
+// Takes the first clip of the card that is no camera proxy. Even a clip that cannot be read tells the curve if its
 // format does.
 CameraLabel probe(const std::vector<Clip>& clips, const std::string& cardPath, const ProxySettings& settings,
                   const LutCatalog& catalog, const ProbeClip& probeClip);

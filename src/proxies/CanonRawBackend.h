@@ -4,7 +4,7 @@
 
 namespace velmora {
 
-// Canon Cinema RAW Light: no tool can be asked, so such clips are copied and verified and get no proxy.
+// Canon Cinema RAW Light: no tool can decode it here, so such clips are copied and verified and get no proxy.
 class CanonRawBackend : public RawBackend {
 public:
     ClipFormat format() const override { return ClipFormat::canonRaw; }

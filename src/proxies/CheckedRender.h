@@ -10,12 +10,12 @@
 namespace velmora {
 
 // Makes a proxy and judges the clip by what its decoder said meanwhile. `file` is where the clip lies, also when it is
-// rendered from an address; `tools` are resolved. A proxy of a clip with a defect tells of it from then on. Throws as
+// rendered from an address; `tools` are resolved. A clip's defect is written into its proxy. Throws as
 // ProxyRenderer::render.
 ClipContent renderChecked(ProxyRenderer& renderer, RenderRequest request, const std::string& file,
                           const ExternalTools& tools);
 
-// The defect of which a proxy tells; none for that of a sound clip.
+// The defect that is written into a proxy; none when its clip was sound.
 std::optional<ClipContent> defectToldBy(const std::string& proxy);
 
 } // namespace velmora

@@ -27,8 +27,8 @@ public:
         ProxySettings settings; // the LUT that is asked for
         std::string cardName;   // the reel of clips that name none
         bool thumbnails = false;
-        // Clips at a time; 0: one for each processor. Each has one child, and never are there more than two a
-        // processor.
+        // Clips at a time; 0: one for each processor. Each clip has one child process. There are never more than two
+        // for each processor.
         unsigned atOnce = 0;
     };
 

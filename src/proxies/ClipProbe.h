@@ -12,7 +12,7 @@
 
 namespace velmora {
 
-// Reads clips: with ffprobe and the sidecar what is video, with the maker's tool what is camera RAW. Any thread.
+// Reads clips: video with ffprobe and the sidecar, camera RAW with the maker's tool. Any thread.
 class ClipProbe {
 public:
     using Backends = std::vector<std::unique_ptr<RawBackend>>;

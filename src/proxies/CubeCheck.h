@@ -19,7 +19,7 @@ public:
     enum class Answer { open, valid, invalid };
     using Keep = std::function<void(std::string_view line)>;
 
-    // `keep` hears the lines that make the table: its size, and after it the data. ffmpeg refuses some of the others.
+    // `keep` gets the lines that make up the table: its size, then the data. ffmpeg refuses some other lines.
     explicit CubeCheck(Keep keep = {}) : keep_(std::move(keep)) {}
 
     Answer feed(std::string_view piece); // never again once it has answered

@@ -12,17 +12,17 @@
 
 namespace velmora {
 
-// While a proxy is made, ffmpeg says that something is wrong, but not of which frame: decoders run ahead, encoders hold
-// frames back, and its count comes now and then. So the stretch around is decoded once more by ffprobe, which tells of
-// each frame what its decoder said. That is done for clips with a defect only.
+// While a proxy is made, ffmpeg reports a defect but not its frame: decoders run ahead, encoders hold frames back, and
+// the frame count comes only now and then. So ffprobe decodes the part around the defect once more and tells what the
+// decoder said of each frame. That is done for clips with a defect only.
 namespace DefectLocator {
 
-// Puts the frame of the first defect, and its timecode, into `content`; and that it is the sound, where it is. What
-// cannot be found, or not before a cancel, stays as it was heard.
+// Puts the frame of the first defect and its timecode into `content`, and whether the defect is in the sound. What it
+// cannot find, or not before a cancel, stays as it was.
 void refine(ClipContent& content, const std::string& path, const ClipInfo& info, const ExternalTools& tools,
             const IsCancelled& isCancelled);
 
-// The frame, of ffprobe's answer; none when no decoder complained. `rate` in frames a second.
+// The frame of the first defect by ffprobe's answer; none when no decoder complained. `rate` in frames a second.
 std::optional<std::int64_t> firstDefect(std::string_view answer, double rate);
 
 } // namespace DefectLocator

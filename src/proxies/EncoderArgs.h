@@ -25,7 +25,7 @@ namespace EncoderArgs {
 // The encoders for a codec, best first: hardware before software, which always works.
 std::vector<VideoEncoder> candidates(ProxyCodec codec);
 
-// Whether one of the devices is there at all: where it is not, no program has to be started to find that out.
+// True when one of the devices exists or none is needed. If not, no program has to be started to try the encoder.
 bool mayHave(const std::vector<std::string>& devices);
 
 // What `-vf` must end with for the codec: "yuv420p" or "yuv422p10le".

@@ -12,8 +12,8 @@
 
 namespace velmora {
 
-// Finds out what the hardware of this machine does, by letting ffmpeg encode one frame. Each question is asked once;
-// the outcome stands in the log. Any thread.
+// Finds out what the hardware of this machine can do, by running ffmpeg on a frame of black. An answer is logged and
+// kept for later questions. Any thread.
 class EncoderTrial {
 public:
     struct Decoder {
@@ -24,7 +24,7 @@ public:
 
     EncoderTrial(std::string ffmpeg, Log log, std::vector<Decoder> decoders = hardwareDecoders());
 
-    // The first candidate that has encoded a frame of that height. Throws ToolError, the last one's, when none has.
+    // The first candidate that encodes a frame of that height. When none does, throws the ToolError of the last.
     VideoEncoder encoder(ProxyCodec codec, std::int64_t height, const IsCancelled& isCancelled = {});
     // The value for "-hwaccel"; none when this machine has no hardware that decodes.
     std::optional<std::string> decoder(const IsCancelled& isCancelled = {});

@@ -37,8 +37,8 @@ struct FFmpegRun {
     double stopPatience = 10; // seconds from the polite request to the kill
     Log log = {};
 
-    // Blocks until the end. ToolError ("cancelled" when told to stop; the feeder's where that failed first),
-    // FFmpegStall. No child is left. The output stays as it is.
+    // Blocks until the end. Throws FFmpegStall, and ToolError: "cancelled" when told to stop, the feeder's error where
+    // the feeder failed first. No child process is left. The output file stays as it is.
     void run() const;
 };
 

@@ -17,7 +17,7 @@ namespace FilterGraph {
 // Crop to the frame lines; empty where there are none.
 std::string crop(const ProxySettings& settings);
 
-// To so many lines with square pixels, whatever shape they have in the source.
+// Scales to `height` lines with square pixels, whatever shape they have in the source.
 std::string scale(std::int64_t height);
 
 // The LUT in 16-bit RGB. `lut`: file name of a .cube. Full-range code values are first put where video levels are,
@@ -26,7 +26,7 @@ std::string lut(std::string_view lut, bool needsPreMap);
 // `fullRangeSource`: FrameSource says so.
 bool needsPreMap(const ClipInfo& info, bool fullRangeSource, bool hasLut);
 
-// Frames a second, rounded to 1: at a slower rate there are no timecodes.
+// Frames a second that still round to 1. At a slower rate there are no timecodes.
 constexpr double slowestTimecode = 0.5;
 
 struct BurnIn {
@@ -40,7 +40,7 @@ struct BurnIn {
 // A dark strip at the bottom with the clip's name on the left and the running timecode on the right.
 std::string burnIn(const BurnIn& burnIn, std::int64_t height);
 
-// Whether the file leaves it open how its colours are coded. ffmpeg would take those of standard definition, and every
+// Whether the file does not say how its colours are coded. ffmpeg would then assume standard definition, and every
 // proxy of such a camera would be a shade off.
 bool assumesRec709(const ClipInfo& info);
 
@@ -60,7 +60,7 @@ std::string thumbnail(const std::optional<std::string>& lut, bool needsPreMap = 
 // A clip's name for the burn-in: valid UTF-8 without control characters, cut in the middle to so many letters.
 std::string label(std::string_view clipName, std::size_t most = 64);
 std::size_t letters(std::string_view label);
-// How many letters stand beside the timecode in a picture as narrow as cameras make them.
+// How many letters fit beside the timecode in the narrowest picture that cameras make.
 std::size_t safeLetters(std::int64_t height);
 
 } // namespace FilterGraph

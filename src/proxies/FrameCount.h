@@ -11,7 +11,7 @@
 
 namespace velmora {
 
-// The length of a file of one video track, by its times: MXF files state no number of frames.
+// The number of frames of a file with one video track, by its times: MXF files do not state it.
 namespace FrameCount {
 
 // None when there is no ffprobe, or it does not know. Throws ToolError "cancelled" alone.
@@ -20,8 +20,8 @@ std::optional<std::int64_t> of(const ExternalTools& tools, const std::string& pa
 // ffprobe's answer to that question.
 std::optional<std::int64_t> parse(std::string_view json, double fps);
 
-// A maker's tool that broke off may call it success: throws ToolError of `tool` when the file that it wrote is shorter
-// than the clip.
+// A maker's tool may report success after it broke off. Throws ToolError in the name of `tool` when the file that it
+// wrote is shorter than the clip.
 void check(const ExternalTools& tools, const std::string& path, const ClipInfo& clip, const std::string& tool,
            const IsCancelled& isCancelled);
 

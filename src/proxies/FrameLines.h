@@ -12,7 +12,7 @@ namespace velmora {
 // The part of the picture that the cinematographer framed for.
 namespace FrameLines {
 
-// `frameScale` as it counts: 1 when it is 0.1 or below, which nobody means, and at most 1.
+// The `frameScale` that is used: at most 1, and 1 instead of 0.1 or less, which nobody means.
 double scale(const ProxySettings& settings);
 
 // x, y, width, height: the largest rectangle of the aspect inside the picture, times the scale, with even sides, in the

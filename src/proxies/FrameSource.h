@@ -18,7 +18,7 @@ struct FrameSource {
     bool alreadyCropped = false;                 // the frame-lines crop has been done
     bool fullRange = false;                      // code values fill the whole range
     std::vector<std::string> cleanup;            // files and folders to remove when the render has ended
-    // What the feeder's failure means to a person; empty: the failure itself.
+    // Explains the feeder's failure to a person; empty: the failure is shown as it is.
     std::function<ToolError(const ToolError&)> explainFeederError;
 };
 

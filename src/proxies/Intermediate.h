@@ -41,9 +41,9 @@ public:
     // The file written last; empty when there is none with anything in it.
     std::string newestFile() const;
 
-    // What ProRes 422 HQ takes, at most.
+    // The most bytes that ProRes 422 HQ needs for so many frames.
     static std::int64_t proresBytes(std::int64_t width, std::int64_t height, std::int64_t frames);
-    // How far a tool is that has written so much. What is written is an estimate's part, so the bar keeps a rest.
+    // A tool's progress by the bytes written. `expected` is an estimate: reaching it counts as 0.8 of the work.
     static double progressOf(std::int64_t written, std::int64_t expected);
 
 private:

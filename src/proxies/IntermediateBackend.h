@@ -23,7 +23,7 @@ protected:
         if (!isAvailable(tools))
             throw ToolError(tool_, -1, missingHint());
     }
-    // And RawDecoderError for a single frame, which would take as long as the start of a render.
+    // Also throws RawDecoderError for a single frame: making it would take as long as the start of a render.
     void expectRender(const FrameRequest& request) const {
         expectTool(request.tools);
         if (request.singleFrameAt)

@@ -11,10 +11,10 @@ namespace velmora {
 // and nobody counts on what another one still needs. Any thread.
 namespace IntermediateRoom {
 
-// Sets so many bytes aside for the folder's files, until the folder is gone. Where they are there only when clips that
-// run now have ended, it waits for that. False when there is nothing to wait for, or it was told to stop.
+// Reserves so many bytes for the files of `folder`, until the folder is gone. If the room is there only after running
+// clips have ended, it waits for them. False when no clip is left to wait for, or it was told to stop.
 bool claim(const std::string& folder, std::int64_t bytes, const IsCancelled& isCancelled);
-// So much of what was claimed has yet to be written.
+// Tells how many of the claimed bytes are still to be written.
 void stillNeeds(const std::string& folder, std::int64_t bytes);
 
 } // namespace IntermediateRoom

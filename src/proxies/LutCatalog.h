@@ -32,8 +32,8 @@ struct LutCatalog {
     // Without the files: what a text lists for a folder. Never throws.
     static LutCatalog parse(std::string_view text, const std::string& folder);
 
-    // Of this program. An installed one has its LUTs in share/velmora/luts beside bin; one that stands in a build
-    // folder takes those of its source tree.
+    // The LUT folder of this program. An installed program has it in share/velmora/luts beside bin; one in a build
+    // folder takes that of its source tree.
     static std::optional<std::string> defaultFolder();
     static std::optional<std::string> findFolder(const std::string& program, const std::string& resources);
 
@@ -44,8 +44,8 @@ struct LutCatalog {
 
     // Never throws. The file is read only as far as the answer needs.
     static bool isValidCube(const std::string& path);
-    // A new file with nothing in it but what ffmpeg needs of that table. False when the table is not valid; throws
-    // IOError when the file cannot be written.
+    // Writes a new file with only what ffmpeg needs of that table. False when the table is not valid; throws IOError
+    // when the file cannot be written.
     static bool copyCube(const std::string& path, const std::string& to);
 
     const BuiltinLut* find(std::string_view id) const; // null: there is none

@@ -43,7 +43,7 @@ public:
     // Decides what is to be rendered, and under which name. Throws OffloadError when it cannot begin: the folder cannot
     // be written, another run renders into it, its disk lacks the room.
     void plan(const IsCancelled& isCancelled);
-    // Renders what waits. A clip that fails stays alone with that. Throws Cancelled.
+    // Renders the items that wait. A clip that fails does not affect the others. Throws Cancelled.
     void render(const IsCancelled& isCancelled);
 
     const std::vector<Item>& items() const { return items_; } // not while render() runs

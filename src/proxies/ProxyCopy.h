@@ -17,11 +17,11 @@ public:
     explicit Taken(const std::string& path) : std::runtime_error("the name is taken: " + path) {}
 };
 
-// Throws Taken when `to` is there, IOError("rename") otherwise; both files are what they were then.
+// Throws Taken when `to` exists, IOError("rename") on any other failure; both files are then unchanged.
 void renameNoReplace(const std::string& from, const std::string& to);
 
-// Creates the folders, copies to "{to}.part" and renames. Throws Taken unless `replace`, IOError, Cancelled; the part
-// is gone then. What a killed copy left is written over.
+// Creates the folders, copies to "{to}.part" and renames. Throws Taken if `to` exists, unless `replace`; also IOError
+// and Cancelled. After a throw the part is gone. A part that a killed copy left is overwritten.
 void copyFile(const std::string& from, const std::string& to, bool replace, const IsCancelled& isCancelled = {});
 
 struct Placed {

@@ -27,7 +27,7 @@ struct NoProxy {
 // Why a clip, as it was analysed, gets no proxy; none when one is to be rendered.
 std::optional<NoProxy> whyNot(const ClipEntry& entry, const ProxySettings& settings, const ClipProbe& probe);
 
-// Bytes that the proxies of these clips will need, about.
+// About how many bytes the proxies of these clips will need.
 std::int64_t bytesOf(const std::vector<const ClipEntry*>& clips, ProxySettings settings);
 
 // "decode at 10:00:00:12: Invalid data": what the check of a clip's content has found. Empty for a sound clip.

@@ -20,7 +20,7 @@ std::string text(const Clip& clip, const ClipInfo& info);
 std::optional<std::string> read(const std::string& ffprobe, const std::string& path,
                                 const IsCancelled& isCancelled = {});
 
-// The file is a whole proxy, and that of this clip. Throws ToolError when told to stop.
+// True when the file is a whole proxy of this clip. Throws ToolError when told to stop.
 bool isOf(const std::string& ffprobe, const std::string& path, const Clip& clip, const ClipInfo& info,
           const IsCancelled& isCancelled = {});
 

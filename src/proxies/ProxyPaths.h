@@ -22,7 +22,7 @@ std::string folder(const std::string& cardPath);
 // "_PROXY/{name}": as reports name a proxy.
 std::string relative(std::string_view name);
 
-// How the proxies that a report names lie; `mirror` where none tells.
+// The tree in which the proxies that a report names lie; `mirror` when the report does not show it.
 ProxyTree detect(const std::vector<ClipEntry>& entries);
 
 // The name that an editor relinks by: that of the clip, whatever its container was. Never longer than a disk takes,
@@ -31,8 +31,8 @@ std::string of(const Clip& clip, ProxyTree tree);
 
 // `name` itself for 1, name_2 for 2, and so on.
 std::string numbered(const std::string& name, int number);
-// The first of `name`, name_2, name_3, … that is not in `used` and that `isFree` lets pass; it is in `used` then. Names
-// that one disk could take for each other are one name.
+// The first of `name`, name_2, name_3, … that is not in `used` and that `isFree` accepts; adds it to `used`. Two names
+// count as one when some disk could take them for the same.
 std::string pick(const std::string& name, std::set<std::string>& used,
                  const std::function<bool(const std::string&)>& isFree);
 

@@ -50,7 +50,7 @@ struct RenderRequest {
     std::function<void(std::string_view)> onErrorLine = {};
     std::function<void(std::string_view)> onProgressLine = {};
     std::function<void()> onRestart = {};
-    // The film is whole and gets its name next. What this adds to it, or does before, stands when the name does.
+    // Called when the film is whole, before it gets its name: what this adds to the film is there when the name is.
     std::function<void(const std::string& film)> onWhole = {};
 };
 
@@ -62,11 +62,11 @@ public:
     ProxyRenderer(ProxySettings settings, const ClipProbe& probe, Log log,
                   std::vector<EncoderTrial::Decoder> decoders = EncoderTrial::hardwareDecoders());
 
-    // With hardware first where there is some, then once more without. Throws ToolError ("cancelled" when told to
-    // stop), RenderError, IOError. Every failure leaves neither a part nor anything under the final name.
+    // Tries with hardware first where there is some, then once more without. Throws ToolError ("cancelled" when told to
+    // stop), RenderError, IOError. A failure leaves neither a part file nor a file under the final name.
     void render(const RenderRequest& request);
 
-    // Of ffmpeg, for the video of these proxies. Throws ToolError when none works.
+    // The name of ffmpeg's encoder for the video of these proxies. Throws ToolError when none works.
     std::string encoderName(const IsCancelled& isCancelled) {
         return trial_.encoder(settings_.codec, settings_.height, isCancelled).name;
     }

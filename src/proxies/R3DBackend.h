@@ -20,7 +20,7 @@ public:
                    const IsCancelled& isCancelled) const override;
     FrameSource source(const FrameRequest& request) const override;
 
-    // REDline's number for the smallest decode that has the lines which are wanted: 1, 2, 4, 8 or 16, a part of the
+    // REDline's number for the smallest decode that still has the wanted lines: 1, 2, 4, 8 or 16, the divisor of the
     // whole size.
     static int resolution(std::int64_t sourceHeight, double wantedHeight);
 };

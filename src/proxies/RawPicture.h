@@ -11,7 +11,7 @@ namespace velmora {
 // How much of a RAW picture has to be decoded for a proxy.
 namespace RawPicture {
 
-// Lines of the whole picture with which the part inside the frame lines has as many as the proxy.
+// How many lines the whole picture needs, so that the part inside the frame lines has as many as the proxy.
 double linesWanted(const ClipInfo& info, const ProxySettings& settings);
 
 } // namespace RawPicture

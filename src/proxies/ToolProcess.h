@@ -8,8 +8,8 @@
 
 namespace velmora {
 
-// How the outside programs for pictures are run: with plain arguments, in an environment in which their messages can be
-// read by a program. Who needs more than these takes `options` to ChildProcess itself.
+// Runs the outside programs for pictures: with plain arguments, and in an environment in which a program can read their
+// messages. Callers that need more pass `options` to ChildProcess themselves.
 namespace ToolProcess {
 
 // `folder`: the working folder; empty for ours.

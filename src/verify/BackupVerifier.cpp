@@ -32,7 +32,7 @@ namespace {
 
 constexpr std::int64_t largestList = std::int64_t{1} << 30;
 constexpr std::array<std::string_view, 2> listAlgorithms = {"xxh64", "md5"};
-// A list is a stranger's file. Far more files than a card holds, and no digest of one file more often than tools write.
+// Limits, as anybody may have written a list: more files than a card has, more digests a file than tools write.
 constexpr std::size_t maxListed = 4'000'000;
 constexpr std::size_t maxDigests = 16;
 constexpr std::int64_t maxRefused = 1000;
@@ -88,7 +88,7 @@ std::optional<Open> openGeneration(const CardRecord& record, const FolderStates&
         for (const auto& file : newest->report->files)
             open.files.insert(pathKey(file.path));
     const std::unordered_set<std::string> whole = open.files;
-    for (const std::string& key : whole) // what it had begun to write is its own as well
+    for (const std::string& key : whole) // part files of these files are no strangers either
         open.files.insert(pathKey(DestWriter::partName(key)));
     return open;
 }
@@ -313,7 +313,7 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
         else if (result.unfinished)
             result.basis = "pending";
         else if (!result.chainProblems.empty())
-            throw OffloadError::failed(result.chainProblems.front()); // there is a list, but nothing to be had from it
+            throw OffloadError::failed(result.chainProblems.front()); // there is a list, but it yields no file
         else if (ResumePlanner::chainLost(folder)) {
             result.basis = "report";
             result.chainProblems.emplace_back("The ASC MHL and the checksum lists are gone — the files were compared "

@@ -26,12 +26,12 @@ using Expected = VerifyTask::Expected;
 using Progress = VerifyProgressHook;
 
 // What is wrong with files is data in the result. Throws OffloadError when there is no folder or nothing to compare
-// with, MHLFormatError when a generation cannot be read, IOError when the folder cannot be.
+// with, MHLFormatError when a generation cannot be read, IOError when the folder cannot be read.
 VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Progress& progress,
                     const IsCancelled& isCancelled, PauseGate::Worker* pausing = nullptr);
 
 bool isCardFolder(const std::string& path); // it has a folder "ascmhl"
-// Any record of a backup is there: an ASC MHL, a report, a checksum list, or the manifest of a run that died.
+// True when any record of a backup is there: an ASC MHL, a report, a checksum list, or the manifest of a run that died.
 bool hasRecords(const std::string& path);
 // The folder itself if it has records, else the folders directly inside it that have, sorted.
 std::vector<std::string> cardFolders(const std::string& path);

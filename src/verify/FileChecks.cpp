@@ -34,7 +34,7 @@ public:
             check(file);
             if (result_.cancelled || result_.folderGone)
                 return false;
-            // What was not there to be read is not waited for.
+            // A file shorter than expected shortens the total: nobody waits for bytes that are not there.
             total_ += result_.bytesRead - before - sizes_[index_++];
         }
         return true;

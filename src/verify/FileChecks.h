@@ -15,8 +15,8 @@ using VerifyProgressHook = std::function<void(const VerifyProgress&)>;
 namespace FileChecks {
 
 // Reads the files of a task, one after another, past the page cache, and puts what is wrong with them into `result`.
-// The next bytes are read while those before them are hashed; `memory` bytes are held for that. Ends early when the
-// folder vanished, which `isThere` tells, or the user cancelled, and is false then. `pausing` waits between two files.
+// The next bytes are read while those before them are hashed; `memory` bytes are held for that. Returns false when it
+// ended early: the user cancelled, or the folder vanished, which `isThere` tells. `pausing` waits between two files.
 bool run(VerifyResult& result, const VerifyTask& task, std::size_t memory, const std::function<bool()>& isThere,
          const VerifyProgressHook& progress, const IsCancelled& isCancelled, PauseGate::Worker* pausing);
 

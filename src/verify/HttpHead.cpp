@@ -121,7 +121,7 @@ HttpHead::Answer content(const Request& request, bool isPartial, ByteRange range
     return answer;
 }
 
-// The status of a request that is no good, or 0.
+// The status for a request that must be refused; 0 for a good one.
 int parse(std::string_view head, Request& request) {
     const std::vector<std::string_view> lines = linesOf(head);
     const auto first = lines.empty() ? std::vector<std::string_view>{} : split(lines.front(), ' ', false);
@@ -158,7 +158,7 @@ HttpHead::Answer HttpHead::answer(std::string_view head, const Address& address,
     Request request;
     if (const int status = parse(head, request); status != 0)
         return refusal(status, true, status == methodNotAllowed ? "Allow: GET, HEAD\r\n" : "");
-    // A web page that a browser points at this port brings the name that the browser was given.
+    // A web page may point a browser at this port. Then the Host header holds the name from that page, not 127.0.0.1.
     if (lower(request.header("host").value_or("")) != fmt::format("127.0.0.1:{}", address.port))
         return refusal(badRequest, true);
     const auto id = parseTarget(request.target, address.token);

@@ -31,7 +31,7 @@ private:
     bool broken_ = false;
 };
 
-// Whom requests have to address.
+// The port and the token that every request must name.
 struct Address {
     std::uint16_t port = 0;
     std::string token; // in lower-case hexadecimal digits
@@ -41,14 +41,14 @@ struct Answer {
     int status = 0;
     std::string head;       // ready to be sent
     ByteRange body;         // what follows the head; empty for HEAD and for every refusal
-    bool keepsOpen = false; // the connection, for another request
+    bool keepsOpen = false; // the connection stays open for another request
 };
 
-// Judges one whole head. `lengthOf` is asked at most once, for the length of the source with that id.
+// Judges one whole head. Asks `lengthOf` at most once, for the length of the source that the request names.
 Answer answer(std::string_view head, const Address& address,
               const std::function<std::optional<std::int64_t>(std::string_view id)>& lengthOf);
 
-// The value of a Range header; none when it cannot be satisfied.
+// The bytes that the value of a Range header asks for; none when the request cannot be satisfied.
 std::optional<ByteRange> parseRange(std::string_view value, std::int64_t length);
 // The id in "/{token}/{id}/{name}"; none when it has another shape or another token. The token is compared over all
 // its bytes, so that the time taken tells nothing about it.

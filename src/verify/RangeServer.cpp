@@ -85,7 +85,7 @@ void RangeServer::Service::acceptLoop() {
     }
 }
 
-// Whoever is not admitted is closed when the caller lets go of it.
+// A connection that is not admitted is closed when the caller lets go of it.
 void RangeServer::Service::admit(const Connection& connection) {
     {
         const MutexLock hold(lock_);

@@ -19,7 +19,7 @@ class RangeServer {
 public:
     struct Limits {
         std::chrono::milliseconds headTimeout{30'000};  // for one request to arrive
-        std::chrono::milliseconds sendTimeout{120'000}; // for the other side to take something
+        std::chrono::milliseconds sendTimeout{120'000}; // for the other side to take the next bytes
     };
 
     RangeServer(); // starts listening; throws IOError("socket" or "bind", "127.0.0.1")
@@ -33,7 +33,7 @@ public:
     std::string registerSource(std::shared_ptr<TapSource> source, std::string_view name);
     // No new requests are answered. One that is being answered goes on until its source says stop.
     void unregister(const std::string& url);
-    // A number that grows whenever the disk or the connection of this source moves. None for an unknown address.
+    // A number that grows whenever this source reads from its disk or sends to a client. None for an unknown address.
     std::optional<std::int64_t> activity(const std::string& url) const;
 
     // Ends every connection. Does not wait for one that waits for a disk.

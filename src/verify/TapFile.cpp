@@ -26,7 +26,7 @@ constexpr std::int64_t page = 4096;
 
 } // namespace
 
-// The open file and what of it is in memory. Whoever reads holds it; it goes with the last of them.
+// The open file and its blocks in memory. Each reader shares the ownership; the last one frees it.
 class TapFile::Blocks : public std::enable_shared_from_this<Blocks> {
 public:
     Blocks(UncachedReader file, std::string path, std::int64_t length, std::shared_ptr<BlockVerifier> verifier)
@@ -121,7 +121,7 @@ std::span<const std::byte> TapFile::Blocks::get(std::int64_t number) {
     if (disposed_)
         throw Cancelled();
     if (const auto found = std::ranges::find(cache_, number, &Block::number); found != cache_.end()) {
-        std::rotate(found, found + 1, cache_.end()); // the last one is the one used last
+        std::rotate(found, found + 1, cache_.end()); // the block used last stands last
         return cache_.back().bytes;
     }
     inFlight_.insert(number);
@@ -144,8 +144,8 @@ std::span<const std::byte> TapFile::Blocks::get(std::int64_t number) {
 }
 
 std::span<const std::byte> TapFile::Blocks::insert(Block block) {
-    // The index of a clip often stands at its end: read first, and together with the last pictures once more. So the
-    // last block stays, and the disk is asked for it once.
+    // The index of a clip often stands at its end. It is read first, and again together with the last pictures. So the
+    // last block stays in memory, and is read from the disk only once.
     if (cache_.size() >= cachedBlocks)
         cache_.erase(std::ranges::find_if(cache_, [&](const Block& b) { return b.number != blockCount_ - 1; }));
     cache_.push_back(std::move(block));

@@ -13,8 +13,8 @@ namespace velmora {
 class BlockVerifier;
 class SerialQueue;
 
-// The file is in the system's memory and cannot be driven out, or nobody can tell: a tap would hash memory and not the
-// disk.
+// Thrown when the file cannot be driven out of the system's memory, or nobody can tell: a tap would then hash memory,
+// not the disk.
 class TapRefused : public std::exception {
 public:
     const char* what() const noexcept override { return "the file cannot be driven out of the system's memory"; }
@@ -25,8 +25,8 @@ public:
 // among them once it was read, so a short way back costs no second read; and the next block is fetched while one is
 // handed out.
 //
-// After `dispose` nothing is read any more, and whoever waits here is sent away with Cancelled. Memory and descriptor
-// go when the last reader has left; a disk that hangs keeps them, but nobody waits for it.
+// After `dispose` nothing is read any more, and every call that waits here ends with Cancelled. Memory and descriptor
+// are freed when the last reader has left; a disk that hangs keeps them, but nobody waits for it.
 class TapFile : public TapSource {
 public:
     static constexpr std::size_t cachedBlocks = 6;

@@ -9,13 +9,13 @@ namespace velmora {
 
 class WatchedThread;
 
-// Who may read the primary's disk: while a clip is read for its render, the background threads of that disk hold. Also
-// says to all of them that the session has stopped. Any thread.
+// Decides who may read the primary's disk: while a clip is read for its render, the background threads of that disk
+// wait. Also tells all of them that the session has stopped. Any thread.
 class TapTraffic {
 public:
     void enter() EXCLUDES(lock_);  // a clip begins
     void leave() EXCLUDES(lock_);  // and ends
-    void finish() EXCLUDES(lock_); // no clip holds anybody any more, nor will one
+    void finish() EXCLUDES(lock_); // from now on no clip makes anybody wait
     void stop() EXCLUDES(lock_);
     bool isStopped() const noexcept { return stopped_.isSet(); }
 
@@ -31,7 +31,7 @@ public:
         TapTraffic& traffic_;
     };
 
-    // Holds until no clip is read. False when the thread shall stop.
+    // Waits until no clip is read. False when the thread shall stop.
     bool letPass(WatchedThread& thread) EXCLUDES(lock_);
 
 private:

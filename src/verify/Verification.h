@@ -37,7 +37,7 @@ struct Order {
     std::function<void(const std::string& cardPath)> beforeWrite = {};
     // Called once, when every folder holds its records: says in the report what may be promised now. It must not throw.
     std::function<void(OffloadReport&, const std::vector<Failure>&)> judge = {};
-    // Called when the judged reports stand. False takes what they promise back, on every disk that still takes it.
+    // Called when the judged reports are written. On false every report that can be written gets its mark back.
     std::function<bool()> stands = {};
 };
 

@@ -16,7 +16,7 @@ std::string foundIn(const VerifyResult& result) {
                        result.missing.size(), result.unreadable.size(), result.failedAtCopy.size());
 }
 
-// Paths in an entry may be old, so it may get a mark too many. That does no harm: a mark names its own disk.
+// Paths in an entry may be old, so a mark may reach a wrong entry. That does no harm: the mark names its disk.
 bool holds(const HistoryEntry& entry, const HistoryVerification& mark) {
     return std::ranges::any_of(entry.destinations, [&](const HistoryDestination& destination) {
         return HistoryRecords::samePlace(destination.cardPath, mark.cardPath) ||

@@ -35,31 +35,31 @@ public:
 
     const std::vector<File>& files() const noexcept { return files_; }
     std::size_t destinations() const noexcept { return toVerify_.size(); }
-    // By the very path of the report: two files may differ in case only.
+    // Looks for exactly the path in the report, since two files may differ in case only.
     std::optional<std::size_t> indexOf(const std::string& path) const;
 
     bool isWritten(std::size_t destination, std::size_t file) const EXCLUDES(lock_);
-    // What compares the file there with the source, made on demand; null without a manifest.
+    // The verifier of the file on that destination, made on demand; null when the source gave no block hashes.
     std::shared_ptr<BlockVerifier> verifier(std::size_t destination, std::size_t file) EXCLUDES(lock_);
-    // The same when it was asked for already.
+    // The same if it was made already; else null.
     std::shared_ptr<BlockVerifier> existing(std::size_t destination, std::size_t file) const EXCLUDES(lock_);
-    // Keeps the result of a file that was read, unless `isVoid`, asked under the lock, says that it does not count.
+    // Keeps the result of a file that was read, unless `isVoid`, called under the lock, says that it no longer counts.
     void settle(std::size_t destination, std::size_t file, DestFileResult result, bool throughCache,
                 const std::function<bool()>& isVoid) EXCLUDES(lock_);
-    // Every file that is still written there has failed.
+    // Marks every file of this destination that is still `written` as failed.
     void failWritten(std::size_t destination, std::string_view why) EXCLUDES(lock_);
-    // A read that came late may have overturned what had been verified: that file fails.
+    // A late read may have proved a verified file wrong: judges the verified files again.
     void judgeAgain() EXCLUDES(lock_);
 
     Results results() const EXCLUDES(lock_);
-    // The same, with the files that are read to the last block but not settled yet, and without those of which the end
-    // has a doubt to tell, of the disk or of the way they were read: a run that goes on from here reads them again.
+    // The results for a report in between. A file whose blocks all matched already counts as verified. A file with
+    // unstable blocks, or one that was read through the cache, does not, so that a later run reads it again.
     Results resultsSoFar() const EXCLUDES(lock_);
     std::vector<std::int64_t> cachedReads() const EXCLUDES(lock_);
 
     std::int64_t toVerify(std::size_t destination) const { return toVerify_[destination]; } // bytes, at the beginning
     void addVerified(std::size_t destination, std::int64_t bytes) EXCLUDES(lock_);
-    // Of a file that is tapped, what is verified between these two counts as well, from the first moment on.
+    // Between these two calls `verifiedBytes` also counts what a tap of this file has verified since the first of them.
     void beginTap(std::size_t destination, std::size_t file) EXCLUDES(lock_);
     void endTap(std::size_t destination, std::size_t file) EXCLUDES(lock_);
     std::int64_t verifiedBytes(std::size_t destination) const EXCLUDES(lock_); // never above `toVerify`

@@ -15,7 +15,7 @@ void VerifyShared::checkFolder(std::size_t destination) const {
     try {
         if (check)
             check(cardPaths[destination]);
-    } catch (const std::exception&) { // why it is gone, the job says at its end
+    } catch (const std::exception&) { // the job tells at its end why it is gone
         throw OffloadError::failed(std::string(VIPMsg::cardFolderGone));
     }
 }
@@ -59,7 +59,7 @@ void verifyFile(VerifyShared& shared, WatchedThread& thread, VerifyReading::Work
         return;
     } catch (const OffloadError& gone) {
         result = {FileState::failed, gone.what()};
-    } catch (const std::exception& error) { // no memory included: a file that nobody could look at has failed
+    } catch (const std::exception& error) { // also when memory ran out: a file that nobody could read has failed
         result = {FileState::failed, fmt::format("verify: {}", error.what())};
     }
     shared.files.settle(work.destination, work.file, std::move(result), throughCache,

@@ -27,11 +27,11 @@ struct VerifyShared {
     const std::vector<std::string> cardPaths;
     const Check check;
 
-    // Throws OffloadError with the words for a file of it.
+    // Throws OffloadError with the error text for a file in that folder.
     void checkFolder(std::size_t destination) const;
 };
 
-// The bodies of those threads.
+// What those threads do.
 namespace VerifyReading {
 
 struct Work {
@@ -40,8 +40,8 @@ struct Work {
 };
 using WorkList = std::vector<Work>;
 
-// Verifies the files one after another, behind everybody else who reads that disk. `gated`: it holds before each block
-// while a clip is read for its render. A pause holds it between two files.
+// Verifies the files one after another, at idle priority, behind all other readers of the disk. With `gated` it waits
+// before each block while a clip is read for its render. A pause makes it wait between two files.
 void inBackground(VerifyShared& shared, WatchedThread& thread, const WorkList& work, bool gated);
 
 // Verifies files that a render is about to read. One that cannot be driven out of memory is left for later.

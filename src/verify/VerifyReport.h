@@ -20,7 +20,7 @@ struct Summary {
 // What the files were held against: "ASC MHL, 2 generations, xxHash64".
 std::string basis(const VerifyResult& result);
 Summary summary(const VerifyResult& result);
-// What does not spoil the result but must be told.
+// Findings that do not make the result bad but that the user must know.
 std::vector<std::string> warnings(const VerifyResult& result);
 // One line a file with a problem, the kind first.
 std::vector<std::string> fileLines(const VerifyResult& result);

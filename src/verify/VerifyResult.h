@@ -41,7 +41,7 @@ struct VerifyResult {
     bool folderGone = false;
     bool reportInsideCard = false; // the history ignores _REPORT, so a report may lie there
     bool unfinished = false;       // the newest generation never got to its end
-    bool copyBrokeOff = false;     // and not because its verification did not: its copy, append or repair died
+    bool copyBrokeOff = false;     // its copy, append or repair died; false when only its verification did not end
     bool onOtherDisk = false;      // the serial of the disk is none that the newest report names: a copy of the backup
     std::optional<std::string> volumeSerial = {}; // of the disk
 

@@ -33,7 +33,7 @@ std::vector<std::optional<std::string>> reasonsFor(const VerifySession::Inputs& 
     return why;
 }
 
-// Among those with nothing against them: the wanted one, else the fastest.
+// The destination that the user wants, else the fastest one; only those that a render can verify.
 std::optional<std::size_t> choosePrimary(const VerifySession::Inputs& inputs) {
     const auto why = reasonsFor(inputs);
     const auto rate = [&](std::size_t d) { return d < inputs.rates.size() ? inputs.rates[d] : 0.0; };
@@ -194,7 +194,7 @@ std::shared_ptr<TapFile> VerifySession::Core::openTap(std::size_t file) const {
         Mutex lock;
         std::shared_ptr<TapFile> tap GUARDED_BY(lock);
     };
-    const auto opened = std::make_shared<Opened>(); // one that comes too late goes with it
+    const auto opened = std::make_shared<Opened>(); // a tap that is opened too late is freed with this
     const auto thread = WatchedThread::start(
         "offload.verify.tap", nullptr, [shared = shared, d = *primary, file, opened](WatchedThread&) {
             shared->checkFolder(d);
@@ -295,7 +295,7 @@ void VerifySession::Core::close() {
     }
     if (server)
         server->close();
-    awaitReaders({}); // they know the gate
+    awaitReaders({}); // the threads use the gate: each ends or is given up first
 }
 
 std::vector<std::string> VerifySession::Core::currentFiles() const {
@@ -356,7 +356,7 @@ void VerifySession::record(const Outcome& outcome, OffloadReport& report) const 
             OffloadReport::FileEntry& entry = report.files[file];
             const DestFileResult& result = outcome.results[d].at(file);
             if (result.state == FileState::pending || d >= entry.destinations.size())
-                continue; // nobody has looked: the copy's own word stands
+                continue; // nobody has read it: what the copy said stays
             entry.destinations[d] = name(result.state);
             entry.errors.resize(entry.destinations.size());
             entry.errors[d] = result.error;

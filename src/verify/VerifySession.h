@@ -36,9 +36,9 @@ public:
         std::int64_t blockSize = 0;
         std::vector<double> rates;            // of writing, per destination; the fastest becomes the primary …
         std::optional<std::size_t> preferred; // … unless this one can
-        // Why a destination cannot be verified by what the render reads; none: nothing against it. Per destination.
+        // Per destination: why what the render reads cannot verify it; none when it can.
         std::vector<std::optional<std::string>> classicWhy;
-        // The card once more: the hash of one block, absent when it cannot be read. May be empty. Called by `finish`.
+        // Reads the card again: the hash of one block, absent when it cannot be read. May be empty. Called by `finish`.
         std::function<std::optional<std::uint64_t>(std::size_t file, std::int64_t block)> cardBlock;
         // Throws when a card folder is not there any more, or another one is. May be empty. Called ahead of each file
         // by the threads that read, and one whose disk hangs outlives the session: it must own what it asks.
@@ -58,8 +58,8 @@ public:
 
     void startBackground();
 
-    // What a renderer holds while it reads one clip. The end of it gives the disk back to the background threads. It
-    // may outlive the session. Any thread.
+    // What a renderer holds while it reads one clip. When it ends, the background threads get the disk back. It may
+    // outlive the session. Any thread.
     class Lease {
     public:
         ~Lease();
@@ -93,8 +93,8 @@ public:
     // Reads what is left and waits for everybody. `pausing` is the caller's worker, which does not count as working
     // meanwhile. Cancelled: what was found so far, not `verified` and without notes.
     Outcome finish(PauseGate::Worker* pausing, const IsCancelled& isCancelled);
-    // As things stand, for a report that is written meanwhile: never `verified`. A file whose blocks the render has
-    // read and that matched is verified.
+    // The results up to now, for a report that is written meanwhile; never `verified` as a whole. A file whose blocks
+    // the render has read and found matching is verified.
     Outcome soFar() const;
     // Puts the states of all files into the report that the session was made from. With a `verified` outcome also that,
     // the methods and the notes, and it is not pending any more.

@@ -75,7 +75,7 @@ VerifyTask VerifyTask::fromHistory(const MHLHistory& history, const NestedHistor
     result.basis = "ascmhl";
     result.generations = static_cast<std::int64_t>(history.generations.size());
     result.nestedHistories = static_cast<std::int64_t>(nested.found.size());
-    result.chainProblems = history.chainProblems; // with the paths that lead out of the folder
+    result.chainProblems = history.chainProblems; // also names the paths that lead out of the folder
     result.chainProblems.insert(result.chainProblems.end(), nested.problems.begin(), nested.problems.end());
     result.reportInsideCard = history.ignoresReportFolder();
     std::map<std::string, Expected> expected;

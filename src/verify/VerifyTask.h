@@ -14,7 +14,7 @@
 
 namespace velmora {
 
-// What is to be read in a card folder, by its records, and what they say beside it.
+// The files that are to be read in a card folder according to its records, and what else the records say.
 struct VerifyTask {
     // One file. Every digest must hold.
     struct Expected {
@@ -36,10 +36,10 @@ struct VerifyTask {
     static VerifyTask fromHistory(const MHLHistory& history, const NestedHistories& nested, VerifyResult& result);
     static VerifyTask fromLists(std::vector<Expected> listed, VerifyResult& result);
 
-    // Adds what only the reports record. A copy that was never read back stands in no generation of the ASC MHL, but
-    // its digest stands in the report: without it a backup made without verification would pass with nothing looked at.
-    // Neither does a file that never came off the card stand there: without it a backup that broke off would pass for a
-    // whole one. `open` is the generation that waits for its verification; its files are not judged.
+    // Adds what only the reports record. A copy that was never read back is in no generation of the ASC MHL; without
+    // its digest from the report, a backup made without verification would pass with nothing looked at. A file that
+    // never came off the card is not there either; without it a backup that broke off would pass as whole. `open` is
+    // the generation that waits for its verification; its files are not judged.
     void addFromReports(const CardRecord& record, std::optional<std::int64_t> open, VerifyResult& result);
 
 private:

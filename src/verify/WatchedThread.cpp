@@ -10,7 +10,7 @@ namespace velmora {
 
 namespace {
 
-// What is watched moves on the scale of seconds.
+// Disks make progress, or hang, on the scale of seconds: looking this often is enough.
 constexpr std::chrono::milliseconds round{50};
 
 } // namespace
@@ -25,7 +25,7 @@ std::shared_ptr<WatchedThread> WatchedThread::start(std::string_view name, std::
             work(*self);
         } catch (...) { // whatever was to be told of it is in what the body shares
         }
-        work = nullptr; // what it owns goes before anybody is told
+        work = nullptr; // frees what it owns before others learn of the end
         self->end();
     }).detach();
     return self;

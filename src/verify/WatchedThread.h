@@ -16,9 +16,9 @@
 
 namespace velmora {
 
-// A thread that works on a disk, and may hang there for good. Whoever waits for it sees whether anything moves, and
-// gives it up when nothing does: then it is left to itself, and whatever it still does must not count. So its body owns
-// all that it uses.
+// A thread that works on a disk, and may hang there for good. Whoever waits for it sees whether it makes progress, and
+// gives it up when it makes none. Then it runs on alone, and nothing that it still does may count. So its body owns all
+// that it uses.
 class WatchedThread {
 public:
     using Body = std::function<void(WatchedThread&)>;
@@ -32,7 +32,7 @@ public:
     void moved(std::int64_t by = 1) EXCLUDES(lock_);
     bool isGivenUp() const EXCLUDES(lock_);
     void setCurrent(std::string file) EXCLUDES(lock_);
-    // Waits while the gate of its worker is paused. False when it shall stop.
+    // Waits while the gate of its worker is paused. False when the thread shall stop.
     bool waitWhilePaused(const IsCancelled& isCancelled) EXCLUDES(lock_);
     // While it lives, the thread waits on purpose and is not given up; it has moved afterwards.
     class Waiting {
@@ -62,7 +62,7 @@ private:
     void setWaiting(bool waiting) EXCLUDES(lock_);
     void end() EXCLUDES(lock_);
     bool giveUp() EXCLUDES(lock_);
-    // A number that differs from the last one as long as the thread is not to be blamed.
+    // A number that changes from call to call while the thread makes progress or waits on purpose.
     std::int64_t life() EXCLUDES(lock_);
     void awaitEnd(std::chrono::milliseconds atMost) EXCLUDES(lock_);
 
