@@ -19,10 +19,10 @@ namespace velmora {
 // care who reads, in what order or in what pieces: the file is verified once every block has been seen and matched.
 // Any thread may call anything; the lock is held while a block is hashed, never while a disk is read.
 //
-// A block goes from missing to partial (a piece came) to verified or mismatch (all of it was seen). Pieces never
-// overturn a settled block, a read of the whole block does; a block that has given two different answers is kept in
-// `unstableBlocks` for good. At most `maxPartials` blocks wait in memory for their missing pieces: one more drops the
-// pieces of the block that was touched longest ago, and that block counts as not read.
+// A block goes from missing to partial (a piece came) to verified or mismatch (all of it was seen). Pieces never change
+// a block that is verified or mismatch; a read of the whole block does. A block that matched in one read and not in
+// another is kept in `unstableBlocks` for good. At most `maxPartials` blocks wait in memory for their missing pieces:
+// one more drops the pieces of the block that was touched longest ago, and that block counts as not read.
 class BlockVerifier {
 public:
     enum class State : std::uint8_t { missing, partial, verified, mismatch };

@@ -38,7 +38,7 @@ std::vector<std::int64_t> plusEach(std::vector<std::int64_t> values, std::int64_
     return values;
 }
 
-// What each destination has done of its share of the phase, and that share. A check of part files holds up all.
+// The work of each destination in this phase, done and total. A check of part files counts for all: all wait for it.
 std::vector<std::int64_t> workDone(const JobStatus& status) {
     if (readsCopies(status))
         return status.verifyDoneByDest;

@@ -28,7 +28,7 @@ public:
     double readRate() const noexcept { return readRate_; }
     // How much of the phase is done, 0 … 1: the part that is furthest behind decides. None where nobody can tell.
     std::optional<double> share() const;
-    // The same and the time left, for each destination. What a disk that ran full will not take is not left to do.
+    // The same and the time left, for each destination. What a disk that ran full does not take counts as done.
     std::vector<std::optional<double>> destShares() const;
     std::vector<std::optional<double>> destEtas() const;
     // What each destination takes in, or gives while it is read back.

@@ -74,7 +74,7 @@ HistoryRecords::Verdict forHistory(const Promises::Verdict& verdict) {
     return {verdict.verified, verdict.safeToEject, verdict.safeToFormat};
 }
 
-// A folder that is away is unreadable for whoever looks into it.
+// False for a folder that is away: whoever reads it reports that.
 bool storesLocalTime(const std::string& path) try {
     return FileTimes::storesLocalTime(IO::filesystemType(path));
 } catch (const IOError&) {
@@ -312,7 +312,7 @@ void OffloadJob::concludeNothingNew(std::string_view note, std::string_view othe
         endAs(Phase::done);
 }
 
-// Checks disks and card once more after everything is written, so that the verdict fits what is there now.
+// Checks the disks, and a card that was not released, once more after all is written: the verdict is about now.
 void OffloadJob::addLastLook(Promises::Evidence& evidence) {
     for (const std::string& problem : engine_.held()->problems())
         if (std::ranges::none_of(evidence.problems, [&](const auto& each) { return each.find(problem) != each.npos; }))

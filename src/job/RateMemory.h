@@ -28,10 +28,10 @@ struct RateMemory {
         std::optional<ProxyCodec> proxy; // none: no proxies
     };
 
-    // At the end of a job. Only what `moved` says was read counts, and little of it teaches nothing: what a run costs
-    // beside its bytes would pass for a slow disk. `stage2` is the length of its post stage in seconds, net of pauses,
-    // `done` whether that ended. A repair teaches nothing, nor does a run with failed files: it moved less than its
-    // report counts.
+    // Called at the end of a job. Counts only the bytes that were read according to `moved`. Few bytes teach nothing,
+    // since the fixed costs of a run would pass for a slow disk. `stage2` is the length of its post stage in seconds,
+    // net of pauses, `done` whether that ended. A repair teaches nothing, nor does a run with failed files: it moved
+    // less than its report counts.
     void learn(const OffloadReport& report, const ProgressSnapshot& moved, bool analyze,
                std::optional<ProxyCodec> proxy, std::optional<double> stage2, bool cancelled, bool done);
     // Seconds; none while a rate that the job depends on is not known yet.

@@ -76,8 +76,8 @@ struct CardRecord {
                                                const std::optional<std::string>& serial);
     // The column of this folder in a report of its own, known since loading: for asking file by file.
     std::optional<std::size_t> column(const OffloadReport& report) const;
-    // The status word of a file in this folder. A folder without a column never has more than "written": that its
-    // copies are the card's is not proved.
+    // The status word of a file in this folder. Without a column it is never more than "written": nobody has proved
+    // that the folder's copies are those of the card.
     std::string_view statusOf(const RecordedFile& recorded) const;
     // True when the file was read back and found good on this disk.
     static bool readBack(const RecordedFile& recorded, const std::string& cardPath,

@@ -29,7 +29,7 @@ struct LutCatalog {
     static LutCatalog load(const std::string& folder);
     // The same, with the user's own files in place of built-in ones: what a front end works with.
     static LutCatalog loadForUser();
-    // Without the files: what a text lists for a folder. Never throws.
+    // What the text of a `luts.json` lists for a folder, whether or not the files are there. Never throws.
     static LutCatalog parse(std::string_view text, const std::string& folder);
 
     // The LUT folder of this program. An installed program has it in share/velmora/luts beside bin; one in a build

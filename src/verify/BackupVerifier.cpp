@@ -279,7 +279,7 @@ VerifyResult verify(const std::string& cardPath, std::size_t chunkSize, const Pr
     if (VolumeFacts::awaitsVolume(result.cardPath))
         throw OffloadError::preflight(PreflightCode::destinationNotFound,
                                       "Folder not found: " + result.cardPath + " — is the drive connected?");
-    // Another disk that comes to the same place meanwhile is not the one whose records are held here.
+    // Held open, so that another disk which comes to the same path meanwhile is not taken for this one.
     const HeldFolder held(result.cardPath);
     const auto isThere = [&] {
         try {

@@ -21,8 +21,8 @@ public:
 };
 
 // A copied file that an outside program reads while its blocks are verified: every block that comes off the disk goes
-// through `verifier` once, whoever asked for it and in whatever order. Six blocks stay in memory, the last of the file
-// among them once it was read, so a short way back costs no second read; and the next block is fetched while one is
+// through `verifier` once, whoever asked for it and in whatever order. Six blocks stay in memory, so that a short step
+// back needs no second read; the last block of the file stays once it was read. The next block is fetched while one is
 // handed out.
 //
 // After `dispose` nothing is read any more, and every call that waits here ends with Cancelled. Memory and descriptor

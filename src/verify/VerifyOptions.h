@@ -9,7 +9,7 @@
 namespace velmora::VerifyOptions {
 
 // The destination that the user wants the renderer to read: the fixed choice, counted from 1, else what the setting
-// "verifyPrimary" says. None: whichever was written fastest. Also when there is no such destination.
+// "verifyPrimary" says. None where neither names an existing destination: then the one written fastest is read.
 std::optional<std::size_t> primaryIndex(std::string_view setting, std::optional<std::int64_t> fixed,
                                         std::size_t destinations);
 

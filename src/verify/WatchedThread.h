@@ -34,7 +34,7 @@ public:
     void setCurrent(std::string file) EXCLUDES(lock_);
     // Waits while the gate of its worker is paused. False when the thread shall stop.
     bool waitWhilePaused(const IsCancelled& isCancelled) EXCLUDES(lock_);
-    // While it lives, the thread waits on purpose and is not given up; it has moved afterwards.
+    // While this lives, the thread waits on purpose and is not given up; its end counts as progress.
     class Waiting {
     public:
         explicit Waiting(WatchedThread& thread) : thread_(thread) { thread_.setWaiting(true); }
