@@ -63,3 +63,14 @@ def make_files(folder, count, size, per_folder=1000):
             while left > 0:  # every stretch starts elsewhere in the pool, so no two files are alike
                 offset = int.from_bytes(os.urandom(4), "big") % (4 * MIB)
                 left -= file.write(memoryview(pool)[offset:offset + min(left, len(pool) - 4 * MIB)])
+
+
+def make_clips(folder, count, picture, codec):
+    """Clips of one picture, each with a start of its own."""
+    os.mkdir(folder)
+    one = os.path.join(folder, "one.mov")
+    subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-f", "lavfi", "-i", picture, "-c:v", *codec, one], check=True)
+    for number in range(count):
+        subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-i", one, "-c", "copy", "-timecode",
+                        f"{number:02}:00:00:00", f"{folder}/A001C{number:03}.mov"], check=True)
+    os.unlink(one)

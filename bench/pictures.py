@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import sys
 
-from measure import run
+from measure import make_clips, run
 
 VELMORA = os.environ.get("VELMORA", os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build",
                                                  "release", "bin", "velmora"))
@@ -47,11 +47,7 @@ def clips(bench):
 def proxies(bench):
     count, seconds = (2, 2) if bench.options.quick else (8, 10)
     source, out = os.path.join(bench.work, "clips"), os.path.join(bench.work, "proxies")
-    os.mkdir(source)
-    for number in range(count):
-        subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc2=s=1920x1080:r=25:d={seconds}", "-vf",
-                        f"noise=alls=8:allf=t:all_seed={number}", "-c:v", "prores_ks", "-profile:v", "2", "-timecode",
-                        f"{number:02}:00:00:00", f"{source}/A001C{number:03}.mov"], check=True)
+    make_clips(source, count, f"testsrc2=s=1920x1080:r=25:d={seconds},noise=alls=8:allf=t", ["prores_ks", "-profile:v", "2"])
 
     def velmora(ffmpeg):
         env = dict(bench.env, VELMORA_SETTINGS_DIR=os.path.join(bench.work, "proxy settings"))

@@ -8,17 +8,10 @@ import shutil
 import statistics
 import subprocess
 
-from measure import MIB, run, settle
+from measure import MIB, make_clips, run, settle
 
 THROTTLE = "/sys/fs/cgroup/blkio"
 SPEED = 60_000_000  # bytes a second of each disk
-
-
-def make_clips(folder, count, source, codec):
-    os.mkdir(folder)
-    for number in range(count):
-        subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-f", "lavfi", "-i", source, "-c:v", *codec, "-timecode",
-                        f"{number:02}:00:00:00", f"{folder}/A001C{number:03}.mov"], check=True)
 
 
 def job(bench, command, card, roots, *options):
