@@ -308,7 +308,7 @@ TEST_F(CopyProgramTest, ProgressLineStaysWithinTheTerminal) {
     VELMORA_NEEDS(test::FaultDisk::unavailable());
     test::FaultDisk slow;
     slow.delay(60, {.ops = "write", .times = 0});
-    Program program(copy({}, slow.root()), {.terminalColumns = 50});
+    Program program(copy({"--no-clips"}, slow.root()), {.terminalColumns = 50});
     ASSERT_EQ(program.wait(), 0) << program.err();
     const std::string screen = program.err();
     EXPECT_NE(screen.find("Copying"), std::string::npos) << screen;
