@@ -97,7 +97,7 @@ def throttled(bench, velmora):
     make_clips(card, count, f"testsrc2=s=1920x1080:r=25:d={seconds}", ["v210"])
     try:
         size = sum(os.path.getsize(os.path.join(card, name)) for name in os.listdir(card))
-        with slow_disks(bench, 2, size // MIB + 200) as (roots, group):
+        with slow_disks(bench, 2, size // MIB + 500) as (roots, group):
             command = ["bash", "-c", 'echo $$ > "$0"; exec "$@"', group, velmora]
             ours, theirs = bench.alternate(
                 "slow disks", bench.options.long_rounds,
